@@ -1,0 +1,154 @@
+// The stand-in host: a small host toolkit with all that the module asks of one.
+//
+// A program makes a StandInHost, gives handle() to qzextent and qziop of a loaded module and one
+// of its journals to every operation. The records handed out are plain data: a caller may replace
+// a slot of any of them and put it back. docs/host-contract.md describes every record.
+//
+// One thread at a time may use a host and what it made, except the journals, which lock.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qzhost.h"
+
+namespace qz {
+
+// Statuses of the host's own operations. The file service uses the range 0x80FFE001 to 0x80FFE015,
+// which the module maps to its own codes; the others reach a journal as they are.
+enum HostCode : HostStatus {
+  hostOk = 0,
+  hostNoMemory = 0x80FFE001,
+  hostBadParameters = 0x80FFE002,       // also O_DIRECT where the file system refuses it
+  hostDeviceError = 0x80FFE003,         // EIO
+  hostNoDevice = 0x80FFE004,            // ENODEV, ENXIO: nothing behind the name
+  hostStaleFile = 0x80FFE005,           // ESTALE, ENOTCONN: a file server lost it
+  hostFileNotFound = 0x80FFE006,        // the file, or a folder on the way to it
+  hostAccessRefused = 0x80FFE007,       // EACCES, EPERM
+  hostNoSpace = 0x80FFE008,             // no room for a new file: ENOSPC, EDQUOT
+  hostIsDirectory = 0x80FFE009,         // EISDIR
+  hostBadName = 0x80FFE00A,             // empty, too long, a loop of links, or not representable
+  hostNoDescriptor = 0x80FFE00B,        // EMFILE, ENFILE
+  hostCloseFailed = 0x80FFE00C,         // close(2) reported lost data
+  hostNotRemoved = 0x80FFE00D,          // the file could not be removed
+  hostReadOnlyFileSystem = 0x80FFE00E,  // EROFS
+  hostLocked = 0x80FFE00F,              // locked by another open file; worth waiting for
+  hostProgramRunning = 0x80FFE010,      // ETXTBSY: the file is a running program
+  hostDeviceBusy = 0x80FFE011,          // EBUSY; worth waiting for
+  hostNoLocks = 0x80FFE012,             // ENOLCK: the system has no lock to give
+  hostTryAgain = 0x80FFE013,            // EAGAIN, EINTR; worth waiting for
+  hostOtherFailure = 0x80FFE014,        // any other error number
+  hostUnsupportedFile = 0x80FFE015,     // pipe, socket or character device, or a size too large
+  // Outside the file service's range.
+  hostForeignBlock = 0x80FFE101,     // memFree of a block that the pool has not handed out
+  hostBlocksLive = 0x80FFE102,       // destroy of a pool with blocks still handed out
+  hostTextTooLong = 0x80FFE103,      // a text does not fit its buffer; nothing was stored
+  hostBadText = 0x80FFE104,          // null text, or a length beyond reason
+  hostUnknownOption = 0x80FFE105,    // no such option, or it is not set
+  hostWrongValueType = 0x80FFE106,   // the option has another type or needs more room
+  hostNoSuchExtension = 0x80FFE107,  // extensionLoad of a name other than "qzeavl"
+  hostNoEncoding = 0x80FFE108,       // converterCreate for an encoding that the host lacks
+};
+
+// Bits of the access mode of fileOpen and fileReopen.
+enum AccessMode : std::uint32_t {
+  accessWrite = 0x1,
+  accessRead = 0x2,
+  accessExclusive = 0x4,  // no other open file may hold a lock; needs a file opened for writing
+  accessShared = 0x8,     // others may read too; needs a file opened for reading
+  accessNoLock = 0x20,    // neither, whatever the two bits before say
+};
+
+// UTF-8 of UTF-32 text and back. Bytes that are not UTF-8 become U+DC80 to U+DCFF, one each, and
+// turn into the same bytes again, so that every file name survives; other code points that
+// Unicode does not have become U+FFFD. May throw std::bad_alloc.
+std::string toUtf8(std::u32string_view text);
+std::u32string toUtf32(std::string_view text);
+
+// The message catalogue's text for a module code or host status, as UTF-8, with placeholders
+// ("%s") where it takes inserts; for an unknown status a text with its number. Never empty.
+std::string statusText(std::uint32_t status);
+
+struct JournalEntry {
+  JournalLevel level;
+  std::uint32_t status;  // 0: a message, which is what the module's reports are
+  std::string text;      // UTF-8, inserts filled in
+};
+
+enum class JournalSink {
+  memory,         // entries() has them
+  standardError,  // one line each, "note: ..." or "error: ..."
+};
+
+// A journal with the stand-in host's message catalogue. Safe to use from several threads. Its
+// operations never throw: an entry for which there is no memory is lost with hostNoMemory.
+class StandInJournal : public Journal {
+ public:
+  explicit StandInJournal(JournalSink sink = JournalSink::memory) noexcept;
+  StandInJournal(const StandInJournal&) = delete;
+  StandInJournal& operator=(const StandInJournal&) = delete;
+
+  // Copies of the entries so far, in order; empty for other sinks than memory.
+  std::vector<JournalEntry> entries() const;
+  void clear();
+
+  // Adds an entry. Used by the journal operations once the text stands.
+  HostStatus append(JournalLevel level, std::uint32_t status, std::string text) noexcept;
+
+ private:
+  JournalSink sink_;
+  mutable std::mutex mutex_;
+  std::vector<JournalEntry> entries_;
+};
+
+// What a pool has out, and what went wrong with it.
+struct PoolCounts {
+  std::size_t liveBlocks = 0;    // handed out and not yet given back
+  std::size_t liveBytes = 0;     // bytes asked for in those
+  std::size_t allocations = 0;   // blocks handed out so far
+  std::size_t refusedFrees = 0;  // memFree calls refused with hostForeignBlock
+  std::size_t leakedBlocks = 0;  // still live when the pool was destroyed
+};
+
+struct StandInOptions {
+  std::optional<std::int32_t> hostPageSize;  // the option "host.pagesize", bytes; absent: not set
+  JournalSink defaultJournal = JournalSink::standardError;
+};
+
+// The toolkit. It owns the records that handle() reaches; objects made through them (pools,
+// extensions, converters, trees, host files) are released through their own operations.
+class StandInHost {
+ public:
+  explicit StandInHost(const StandInOptions& options = {});
+  ~StandInHost();
+  StandInHost(const StandInHost&) = delete;
+  StandInHost& operator=(const StandInHost&) = delete;
+
+  QZHandle* handle() noexcept;
+
+  // The journal behind handle()->defaultJournal.
+  StandInJournal& defaultJournal() noexcept;
+
+  // Sets or clears the option "host.pagesize".
+  void setHostPageSize(std::optional<std::int32_t> bytes) noexcept;
+
+  // The newest pool of that name that still exists, or null.
+  MemoryPool* pool(std::string_view name) noexcept;
+
+  // The sum over all pools of that name, destroyed ones included.
+  PoolCounts poolCounts(std::string_view name) const noexcept;
+
+  // The same over all pools that this host ever made.
+  PoolCounts poolCounts() const noexcept;
+
+ private:
+  struct Records;
+  std::unique_ptr<Records> records_;
+};
+
+}  // namespace qz
