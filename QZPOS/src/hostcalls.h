@@ -1,0 +1,60 @@
+// Calls of host slots, by name.
+#pragma once
+
+#include "qzpos.h"
+
+namespace qz {
+
+// memAlloc flags for memory whose contents do not matter.
+inline constexpr std::uint32_t kAsAllocated = 0;
+
+// Of a file that an open creates.
+inline constexpr std::uint32_t kFilePermissions = 0666;
+
+inline void* allocate(MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {
+  return pool->memAlloc(pool, bytes, flags);
+}
+
+inline HostStatus giveBack(MemoryPool* pool, void* block) { return pool->memFree(pool, block); }
+
+inline HostStatus closeHostFile(HostFile* file, OpenParameters* parameters, Journal* journal) {
+  return file->fileMethods->fileClose(file, parameters, journal);
+}
+
+// The page tree over single-page buffers. Its calls are left out on a handle without one, which
+// a reopen whose set-up failed leaves behind.
+
+// The buffer entered under *page, whose address the tree receives as its key.
+inline PageBuffer* findPage(const FileHandle& h, const std::int64_t* page) {
+  if (h.pageTree == nullptr) return nullptr;
+  return static_cast<PageBuffer*>(h.pageTree->treeFind(&h.pageTree->anchor, page));
+}
+
+inline void enterPage(const FileHandle& h, PageBuffer* buffer) {
+  if (h.pageTree != nullptr) h.pageTree->treeInsert(&h.pageTree->anchor, buffer);
+}
+
+// Takes the buffer out of the tree. An empty buffer's number, 0, is no key of the tree.
+inline void dropPage(const FileHandle& h, const PageBuffer& buffer) {
+  if (h.pageTree != nullptr) h.pageTree->treeRemove(&h.pageTree->anchor, &buffer.pageNumber);
+}
+
+// The module's own operations, through the table: the host may have replaced an entry.
+
+inline Status closeThroughTable(FileHandle* h, std::uint32_t flags, Journal* journal) {
+  return h->ops->operations.qzpclose(h, flags, journal);
+}
+
+inline Status infoThroughTable(FileHandle* h, Journal* journal) {
+  return h->ops->operations.qzpinfo(h, journal);
+}
+
+inline Status truncateThroughTable(FileHandle* h, std::int64_t pageCount, Journal* journal) {
+  return h->ops->operations.qzptruncate(h, pageCount, journal);
+}
+
+inline Status flushThroughTable(FileHandle* h, Journal* journal) {
+  return h->ops->operations.qzpflush(h, journal);
+}
+
+}  // namespace qz
