@@ -1,0 +1,16 @@
+// qzpfreememhandle: frees a handle and its file name, unless a file is still attached.
+#include "hostcalls.h"
+#include "outcome.h"
+
+qz::Status qzpfreememhandle(qz::FileHandle* h, qz::Journal* journal) noexcept {
+  using namespace qz;
+  if (h == nullptr) return Status::badArgument;
+  if (h->hostFile != nullptr) {
+    bkperror(h, Status::alreadyOpen, journal);
+    return Status::ok;
+  }
+  MemoryPool* pool = h->module->modulePool;
+  bool freed = h->fileName == nullptr || release(pool, h->fileName, journal);
+  freed = release(pool, h, journal) && freed;
+  return freed ? Status::ok : Status::badArgument;
+}
