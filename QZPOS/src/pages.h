@@ -1,0 +1,109 @@
+// Page and block arithmetic. Pages and blocks are numbered from 1; page 1 begins right after the
+// header. Numbers, counts and offsets are signed 64-bit throughout.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+#include <numeric>
+#include <optional>
+
+#include "qzpos.h"
+
+namespace qz {
+
+constexpr std::int64_t pageOffset(std::int64_t page, std::int32_t pageSize,
+                                  std::int64_t headerSize) {
+  return (page - 1) * pageSize + headerSize;
+}
+static_assert(pageOffset(1, 4096, 100) == 100);
+static_assert(pageOffset(3, 512, 100) == 1124);
+static_assert(pageOffset((std::int64_t{1} << 32) + 1, 512, 0) == std::int64_t{1} << 41);
+
+inline std::int64_t pageOffset(const FileHandle& h, std::int64_t page) {
+  return pageOffset(page, h.pageSize, h.headerSize);
+}
+
+// Bytes of a file of a header and whole pages; nothing when no file can be that long.
+constexpr std::optional<std::int64_t> wholeFileBytes(std::int64_t pageCount, std::int32_t pageSize,
+                                                     std::int64_t headerSize) {
+  std::int64_t bytes = 0;
+  if (__builtin_mul_overflow(pageCount, std::int64_t{pageSize}, &bytes)) return std::nullopt;
+  if (__builtin_add_overflow(bytes, headerSize, &bytes)) return std::nullopt;
+  return bytes;
+}
+static_assert(wholeFileBytes(4, 512, 100) == 2148);
+static_assert(!wholeFileBytes(std::numeric_limits<std::int64_t>::max(), 512, 0));
+
+constexpr std::int64_t blockOfPage(std::int64_t page, std::int32_t pagesPerBlock) {
+  return (page - 1) / pagesPerBlock + 1;
+}
+static_assert(blockOfPage(1, 8) == 1 && blockOfPage(8, 8) == 1 && blockOfPage(9, 8) == 2);
+
+constexpr std::int64_t firstPageOfBlock(std::int64_t blockNumber, std::int32_t pagesPerBlock) {
+  return (blockNumber - 1) * pagesPerBlock + 1;
+}
+static_assert(firstPageOfBlock(1, 8) == 1 && firstPageOfBlock(3, 8) == 17);
+
+// The last page of the block that begins at `firstPage`, in a file of `pageCount` pages.
+constexpr std::int64_t lastPageOfBlock(std::int64_t firstPage, std::int32_t pagesPerBlock,
+                                       std::int64_t pageCount) {
+  return firstPage + std::min<std::int64_t>(pagesPerBlock - 1, pageCount - firstPage);
+}
+static_assert(lastPageOfBlock(9, 8, 20) == 16 && lastPageOfBlock(17, 8, 20) == 20);
+
+// True for a page that a block can begin with.
+constexpr bool beginsBlock(std::int64_t page, std::int32_t pagesPerBlock) {
+  return (page - 1) % pagesPerBlock == 0;
+}
+
+// The pages that a block holds now; never true of an empty block.
+inline bool coversPage(const BlockRecord& block, std::int64_t page) {
+  return block.firstPage <= page && page <= block.lastPage;
+}
+
+// The pages that a block has room for, whether it holds them or not.
+inline bool extentContains(const BlockRecord& block, std::int64_t page,
+                           std::int32_t pagesPerBlock) {
+  return block.firstPage != 0 && block.firstPage <= page && page - block.firstPage < pagesPerBlock;
+}
+
+// Where a page of the block's extent lies in its data.
+inline std::int64_t slotBegin(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
+  return (page - block.firstPage) * pageSize;
+}
+
+inline char* slotOf(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
+  return block.data + static_cast<std::ptrdiff_t>(slotBegin(block, page, pageSize));
+}
+
+// Stale bits: bit i % 8 of byte i / 8 stands for the i-th page of the block's extent.
+constexpr std::uint8_t staleMask(std::int64_t index) {
+  return static_cast<std::uint8_t>(1U << (index % 8));
+}
+
+inline bool isStale(const BlockRecord& block, std::int64_t index) {
+  return (block.staleBits[index / 8] & staleMask(index)) != 0;
+}
+
+inline void markStale(BlockRecord* block, std::int64_t index) {
+  block->staleBits[index / 8] |= staleMask(index);
+}
+
+inline void clearStale(BlockRecord* block, std::int64_t index) {
+  block->staleBits[index / 8] &= static_cast<std::uint8_t>(~staleMask(index));
+}
+
+// Least common multiple of two positive numbers below 2^62 whose product may be larger; nothing
+// when the result does not fit the 31 bits of a size.
+constexpr std::optional<std::int32_t> commonSize(std::int64_t a, std::int64_t b) {
+  std::int64_t multiple = 0;
+  if (a < 1 || b < 1) return std::nullopt;
+  if (__builtin_mul_overflow(a, b / std::gcd(a, b), &multiple)) return std::nullopt;
+  if (multiple > std::numeric_limits<std::int32_t>::max()) return std::nullopt;
+  return static_cast<std::int32_t>(multiple);
+}
+static_assert(commonSize(3000, 262144) == 98304000);
+static_assert(!commonSize(0x40000001, 4));
+
+}  // namespace qz
