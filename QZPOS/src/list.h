@@ -1,0 +1,38 @@
+// Moves on the doubly linked lists of buffer records. No other file assigns `next` or `prev`.
+//
+// Where a record joins decides what is reused first: empty records are pushed at the head,
+// records that keep their pages are appended at the tail.
+#pragma once
+
+#include "qzpos.h"
+
+namespace qz {
+
+template <class Node>
+void pushHead(List<Node>& list, Node* node) {
+  node->next = list.head;
+  node->prev = nullptr;
+  (list.head != nullptr ? list.head->prev : list.tail) = node;
+  list.head = node;
+}
+
+template <class Node>
+void pushTail(List<Node>& list, Node* node) {
+  node->next = nullptr;
+  node->prev = list.tail;
+  (list.tail != nullptr ? list.tail->next : list.head) = node;
+  list.tail = node;
+}
+
+template <class Node>
+void unlink(List<Node>& list, Node* node) {
+  (node->prev != nullptr ? node->prev->next : list.head) = node->next;
+  (node->next != nullptr ? node->next->prev : list.tail) = node->prev;
+}
+
+template <class Node>
+bool isEmpty(const List<Node>& list) {
+  return list.head == nullptr;
+}
+
+}  // namespace qz

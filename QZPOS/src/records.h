@@ -1,0 +1,202 @@
+// Buffer records: how they are made, freed, emptied and moved between the handle's lists.
+//
+// Page mode: every page buffer lies on pageFreeList or pageHeldList, `held` is 1 exactly on the
+// latter, and a buffer stands in the page tree exactly while its `pageNumber` is not 0.
+// Block mode: every block is the write block or lies on one of the three block lists; `holdCount`
+// is 0 exactly on blockFreeList. No record on a free list has anything that the file lacks.
+// Records of the other shape can be left over from before a reopen, on their held lists.
+#pragma once
+
+#include "bkp.h"
+#include "hostcalls.h"
+#include "list.h"
+#include "outcome.h"
+#include "pages.h"
+
+namespace qz {
+
+// A page buffer with its data, on no list and not counted; null without memory.
+inline PageBuffer* makePageBuffer(const FileHandle& h, std::uint32_t recordFlags,
+                                  Journal* journal) {
+  MemoryPool* pool = h.module->modulePool;
+  auto* buffer = static_cast<PageBuffer*>(allocate(pool, sizeof(PageBuffer), recordFlags));
+  if (buffer == nullptr) return nullptr;
+  buffer->data = static_cast<char*>(
+      allocate(h.module->bufferPool, static_cast<std::size_t>(h.pageSize), kAsAllocated));
+  if (buffer->data == nullptr) {
+    release(pool, buffer, journal);
+    return nullptr;
+  }
+  buffer->pageNumber = 0;
+  buffer->validBytes = 0;
+  buffer->held = 0;
+  buffer->extraHolds = 0;
+  return buffer;
+}
+
+// What a block record lacked when it could not be made.
+enum class BlockPart : std::uint8_t { none, record, data, staleBits };
+
+struct NewBlock {
+  BlockRecord* block;  // null: not made
+  BlockPart missing;
+};
+
+// A block record with its data and stale bits, on no list and not counted. Nothing is tried
+// while the handle has no block size.
+inline NewBlock makeBlock(const FileHandle& h, Journal* journal) {
+  if (h.blockBytes < 1) return {nullptr, BlockPart::data};
+  MemoryPool* pool = h.module->modulePool;
+  MemoryPool* dataPool = h.module->bufferPool;
+  auto* block = static_cast<BlockRecord*>(allocate(pool, sizeof(BlockRecord), kZeroFill));
+  if (block == nullptr) return {nullptr, BlockPart::record};
+  block->data =
+      static_cast<char*>(allocate(dataPool, static_cast<std::size_t>(h.blockBytes), kAsAllocated));
+  if (block->data == nullptr) {
+    release(pool, block, journal);
+    return {nullptr, BlockPart::data};
+  }
+  block->staleBits = static_cast<std::uint8_t*>(
+      allocate(pool, static_cast<std::size_t>(h.bitmapBytes), kZeroFill));
+  if (block->staleBits == nullptr) {
+    release(dataPool, block->data, journal);
+    release(pool, block, journal);
+    return {nullptr, BlockPart::staleBits};
+  }
+  return {block, BlockPart::none};
+}
+
+// Frees a page buffer that is on no list. True when every release was made; it is no longer
+// counted either way.
+inline bool freeRecord(FileHandle* h, PageBuffer* buffer, Journal* journal) {
+  const bool dataFreed = release(h->module->bufferPool, buffer->data, journal);
+  const bool recordFreed = release(h->module->modulePool, buffer, journal);
+  --h->pageBuffersAllocated;
+  return dataFreed && recordFreed;
+}
+
+// Frees a block that is on no list, likewise. `lastBlock` does not outlive its block.
+inline bool freeRecord(FileHandle* h, BlockRecord* block, Journal* journal) {
+  if (h->lastBlock == block) h->lastBlock = nullptr;
+  const bool bitsFreed = release(h->module->modulePool, block->staleBits, journal);
+  const bool dataFreed = release(h->module->bufferPool, block->data, journal);
+  const bool recordFreed = release(h->module->modulePool, block, journal);
+  --h->blocksAllocated;
+  return bitsFreed && dataFreed && recordFreed;
+}
+
+// Frees the write block. The pages that it collected must have been written or given up.
+inline bool freeWriteBlock(FileHandle* h, Journal* journal) {
+  BlockRecord* block = h->writeBlock;
+  h->writeBlock = nullptr;
+  return freeRecord(h, block, journal);
+}
+
+// Unhooks every page buffer from the tree at once and gives the tree up.
+inline void tearDownTree(FileHandle* h) {
+  PageTree* tree = h->pageTree;
+  if (tree == nullptr) return;
+  if (tree->guard != nullptr) tree->guard->guardEnter(tree->guard, 1, 1);
+  tree->anchor.root = nullptr;
+  if (tree->guard != nullptr) tree->guard->guardLeave(tree->guard);
+  tree->destroy(tree);
+  h->pageTree = nullptr;
+}
+
+// A page-mode handle without a tree can hand out nothing.
+inline bool lacksTree(const FileHandle& h) { return !inBlockMode(h) && h.pageTree == nullptr; }
+
+// A free page buffer becomes the caller's.
+inline void hold(FileHandle* h, PageBuffer* buffer) {
+  unlink(h->pageFreeList, buffer);
+  pushHead(h->pageHeldList, buffer);
+  buffer->held = 1;
+  ++h->heldCount;
+}
+
+// Another hold of a page buffer that the caller already holds.
+inline void holdAgain(FileHandle* h, PageBuffer* buffer) {
+  ++buffer->extraHolds;
+  ++h->heldCount;
+}
+
+// Ends a hold that is not the buffer's last. False when it is the last one, left as it was.
+inline bool endExtraHold(FileHandle* h, PageBuffer* buffer) {
+  if (buffer->extraHolds == 0) return false;
+  --buffer->extraHolds;
+  --h->heldCount;
+  return true;
+}
+
+// Ends a buffer's last hold, up to the free list that it now joins at the head or the tail.
+inline void unhold(FileHandle* h, PageBuffer* buffer) {
+  unlink(h->pageHeldList, buffer);
+  buffer->held = 0;
+  --h->heldCount;
+}
+
+// Takes the page away from a buffer that holds one.
+inline void forgetPage(const FileHandle& h, PageBuffer* buffer) {
+  dropPage(h, *buffer);
+  buffer->pageNumber = 0;
+}
+
+// Forgets the page of a free buffer, which is then the first in line.
+inline void emptyFreePage(FileHandle* h, PageBuffer* buffer) {
+  forgetPage(*h, buffer);
+  buffer->validBytes = 0;
+  unlink(h->pageFreeList, buffer);
+  pushHead(h->pageFreeList, buffer);
+}
+
+// A block that holds no pages.
+inline void emptyBlock(BlockRecord* block) {
+  block->blockNumber = 0;
+  block->firstPage = 0;
+  block->lastPage = 0;
+  block->validBytes = 0;
+}
+
+// The write block between two collections.
+inline void resetWriteBlock(BlockRecord* block) {
+  block->firstPage = 0;
+  block->lastPage = 0;
+  block->dirtyPages = 0;
+}
+
+inline bool isCollecting(const FileHandle& h) {
+  return h.writeBlock != nullptr && h.writeBlock->firstPage > 0;
+}
+
+// True while there are pages that a write-back would write.
+inline bool hasCollected(const FileHandle& h) {
+  return inBlockMode(h) && h.writeBlock != nullptr && h.writeBlock->dirtyPages != 0;
+}
+
+// True for a page that so far only the write block has.
+inline bool isCollected(const FileHandle& h, std::int64_t page) {
+  return isCollecting(h) && coversPage(*h.writeBlock, page);
+}
+
+// A block that a page is about to be handed out from is on the held list.
+inline void moveToHeld(FileHandle* h, BlockRecord* block) {
+  if (block->holdCount != 0) return;
+  unlink(h->blockFreeList, block);
+  pushHead(h->blockHeldList, block);
+}
+
+// Ends one hand-out of a block; true when it was the last and the block left its list.
+inline bool endHandOut(FileHandle* h, BlockRecord* block, FoundIn foundIn) {
+  --block->holdCount;
+  --h->heldCount;
+  if (block->holdCount != 0) return false;
+  unlink(foundIn == FoundIn::acquiredList ? h->blockAcquiredList : h->blockHeldList, block);
+  return true;
+}
+
+// The place of an address among the pages of the block's data.
+inline std::int64_t slotIndex(const FileHandle& h, const BlockRecord& block, const void* address) {
+  return (static_cast<const char*>(address) - block.data) / h.pageSize;
+}
+
+}  // namespace qz
