@@ -1,0 +1,131 @@
+// bkpbuffersetup: gives an open file its buffers, `bufferCount` + 1 of them. A reopen only tops
+// up what is missing: records live until close, or until a change of shape frees them.
+#include "notes.h"
+#include "outcome.h"
+#include "pages.h"
+#include "records.h"
+
+namespace qz {
+namespace {
+
+constexpr std::int64_t kDefaultBlockBytes = 0x40000;
+
+// The key of the page tree, as the host's trees are told of it.
+constexpr TreeAttributes kTreeAttributes = {1, offsetof(PageBuffer, pageNumber), 6, 1};
+
+std::int64_t requestedBytes(const FileHandle& h) {
+  return h.requestedBlockBytes > 0 ? h.requestedBlockBytes : kDefaultBlockBytes;
+}
+
+// Whole pages and whole requested transfers. Blocks that exist already fix the size: their data
+// areas were made for it. False when no transfer can be that large.
+bool settleBlockSize(FileHandle* h) {
+  if (h->blocksAllocated > 0) return true;
+  const std::int32_t blockBytes = commonSize(h->pageSize, requestedBytes(*h)).value_or(0);
+  h->blockBytes = blockBytes;
+  h->pagesPerBlock = blockBytes == 0 ? 0 : blockBytes / h->pageSize;
+  h->bitmapBytes = (std::int64_t{h->pagesPerBlock} + 7) / 8;
+  return blockBytes != 0;
+}
+
+bool setUpBlocks(FileHandle* h, Journal* journal) {
+  if (!settleBlockSize(h)) return false;
+  const std::int64_t wanted = std::int64_t{h->bufferCount} + 1;
+  while (h->blocksAllocated < wanted) {
+    BlockRecord* block = makeBlock(*h, journal).block;
+    if (block == nullptr) return false;
+    const bool lastWanted = h->blocksAllocated == h->bufferCount;
+    if (lastWanted && h->writeBlock == nullptr) {
+      h->writeBlock = block;
+    } else {
+      pushHead(h->blockFreeList, block);
+    }
+    ++h->blocksAllocated;
+  }
+  return true;
+}
+
+bool setUpPages(FileHandle* h, Journal* journal) {
+  TreeExtension* eavl = h->module->eavl;
+  if (eavl != nullptr && h->pageTree == nullptr) {
+    h->pageTree = eavl->treeCreate(eavl, &kTreeAttributes, journal, "QZIOP PageNumber Tree");
+  }
+  if (h->pageTree == nullptr) return false;
+  while (h->pageBuffersAllocated <= h->bufferCount) {
+    PageBuffer* buffer = makePageBuffer(*h, kAsAllocated, journal);
+    if (buffer == nullptr) return false;
+    pushHead(h->pageFreeList, buffer);
+    ++h->pageBuffersAllocated;
+  }
+  return true;
+}
+
+const char32_t* readAccessText(std::uint32_t readAccess) {
+  switch (readAccess) {
+    case noRead:
+      return U"Read Access: No Read";
+    case readSequential:
+      return U"Read Access: Read Sequential";
+    case readRandom:
+      return U"Read Access: Read Random";
+    case readOrdered:
+      return U"Read Access: Read Ordered";
+    case readMany:
+      return U"Read Access: Read Many";
+    case readHint:
+      return U"Read Access: Read Hint";
+    default:
+      return nullptr;
+  }
+}
+
+const char32_t* writeAccessText(std::uint32_t writeAccess) {
+  switch (writeAccess) {
+    case noWrite:
+      return U"Write Access: No Write";
+    case writeNewPages:
+      return U"Write Access: Write New Pages";
+    case rewritePages:
+      return U"Write Access: Rewrite Pages";
+    default:
+      return nullptr;
+  }
+}
+
+const char32_t* ioTypeText(std::uint32_t ioMode) {
+  if (ioMode == directIo) return U"DIRECT IO";
+  return ioMode == (directIo | blockMode) ? U"LARGE DIRECT IO" : U"VANILLA";
+}
+
+void noteAccess(const FileHandle& h, const char32_t* text, Journal* journal) {
+  if (text == nullptr) return;
+  qzlStatusToJnl(journal, JournalLevel::note, code(Status::accessNote), text, h.fileName);
+}
+
+void noteIoType(const FileHandle& h, Journal* journal) {
+  if (journal == nullptr) return;
+  noteAccess(h, readAccessText(h.readAccess), journal);
+  noteAccess(h, writeAccessText(h.writeAccess), journal);
+  noteAccess(h, ioTypeText(h.directIoMode), journal);
+  constexpr std::u32string_view sizes =
+      U"Page Size: %d  Requested Transfer Size: %d  Actual Transfer Size: %d";
+  static_assert(sizes.size() == 68);
+  // The note's numbers are 32 bits wide.
+  const auto requested = static_cast<std::int32_t>(h.requestedBlockBytes);
+  if (inBlockMode(h)) writeNote(journal, sizes, h.pageSize, requested, h.blockBytes);
+}
+
+}  // namespace
+
+Status bkpbuffersetup(FileHandle* h, OpenKind kind, Journal* journal) {
+  h->nextPage = 1;
+  h->lastPageRead = 0;
+  const bool made = inBlockMode(*h) ? setUpBlocks(h, journal) : setUpPages(h, journal);
+  if (!made) journalStatus(journal, Status::noMemory);
+  if (kind == OpenKind::open) h->heldCount = 0;
+  keep(h, made ? Status::ok : Status::noMemory);
+  if (made && showsIoType()) noteIoType(*h, noteJournal(*h, journal));
+  return h->status;
+}
+
+}  // namespace qz
