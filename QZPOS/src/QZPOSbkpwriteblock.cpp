@@ -1,0 +1,33 @@
+// bkpwriteblock: writes the pages that the write block has collected, with one call. Where that
+// fails the pages are lost, and the file is cut back to what it held before them.
+#include "io.h"
+#include "records.h"
+
+namespace qz {
+namespace {
+
+Status writeCollected(FileHandle* h, Journal* journal) {
+  BlockRecord* block = h->writeBlock;
+  const std::int64_t pages = block->dirtyPages;
+  const auto bytes = static_cast<std::int32_t>(pages * h->pageSize);
+  const Transfer transfer = writeAt(h->fd, block->data, bytes, pageOffset(*h, block->firstPage));
+  if (transfer.failed()) h->lastErrno = transfer.error;
+  const Status status = judgeWrite(transfer, bytes);
+  if (status != Status::ok) {
+    truncateThroughTable(h, block->firstPage - 1, journal);
+    return status;
+  }
+  h->nextPage = block->firstPage + pages;
+  h->fileSize += bytes;
+  resetWriteBlock(block);
+  return Status::ok;
+}
+
+}  // namespace
+
+Status bkpwriteblock(FileHandle* h, Journal* journal) {
+  if (!isOpen(*h)) return fail(h, Status::notOpen, journal);
+  return finish(h, hasCollected(*h) ? writeCollected(h, journal) : Status::ok, journal);
+}
+
+}  // namespace qz
