@@ -1,0 +1,175 @@
+// qzpread: hands out one page, in place. In block mode the page lies in a block that was read
+// whole; in page mode in a buffer of its own, found through the page tree.
+//
+// A page that comes back short closes the file: its contents do not fit the layout that the
+// handle believes in, and nothing that was not read is ever handed out.
+#include <cstring>
+
+#include "io.h"
+#include "records.h"
+
+namespace qz {
+namespace {
+
+bool followsReadOrder(const FileHandle& h, std::int64_t page) {
+  return h.readAccess != readSequential || page == h.lastPageRead + 1 ||
+         page == h.sequentialStartPage;
+}
+
+Status checkRead(const FileHandle& h, std::int64_t page) {
+  if (!isOpen(h)) return Status::notOpen;
+  if (!followsReadOrder(h, page)) return Status::readOutOfSequence;
+  if (page <= 0) return Status::pageOutOfRange;
+  if (page - 1 == h.pageCount) return Status::endOfFile;
+  if (page - 1 > h.pageCount) return Status::pageOutOfRange;
+  if (h.heldCount >= h.bufferCount) return Status::noBuffer;
+  return Status::ok;
+}
+
+BlockRecord* findInList(const List<BlockRecord>& list, std::int64_t page) {
+  BlockRecord* block = list.head;
+  while (block != nullptr && !coversPage(*block, page)) block = block->next;
+  return block;
+}
+
+BlockRecord* findBlock(const FileHandle& h, std::int64_t page) {
+  if (h.lastBlock != nullptr && coversPage(*h.lastBlock, page)) return h.lastBlock;
+  BlockRecord* block = findInList(h.blockFreeList, page);
+  return block != nullptr ? block : findInList(h.blockHeldList, page);
+}
+
+// Reads the page's whole block into a free record; null when there is none.
+BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
+  auto* block = bkpfindfreebuf<BlockRecord>(h);
+  if (block == nullptr) return nullptr;
+  block->blockNumber = blockOfPage(page, h->pagesPerBlock);
+  block->firstPage = firstPageOfBlock(block->blockNumber, h->pagesPerBlock);
+  block->lastPage = lastPageOfBlock(block->firstPage, h->pagesPerBlock, h->pageCount);
+  std::memset(block->staleBits, 0, static_cast<std::size_t>(h->bitmapBytes));
+  const std::int64_t offset = pageOffset(*h, block->firstPage);
+  const Transfer transfer =
+      retryingEintr([&] { return readAt(h->fd, block->data, h->blockBytes, offset); });
+  block->validBytes = transfer.result;
+  if (transfer.failed()) block->readErrno = transfer.error;
+  h->nextPage = block->lastPage + 1;
+  if (h->firstBlockRead == 0) h->firstBlockRead = block->blockNumber;
+  return block;
+}
+
+// Reads one page of a cached block again.
+std::int64_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
+  char* slot = slotOf(*block, page, h->pageSize);
+  const Transfer transfer =
+      retryingEintr([&] { return readAt(h->fd, slot, h->pageSize, pageOffset(*h, page)); });
+  if (transfer.failed()) block->readErrno = transfer.error;
+  h->nextPage = page + 1;
+  clearStale(block, page - block->firstPage);
+  return transfer.result;
+}
+
+// Bytes from the page on that the block read brought: of the block's last page all that came, of
+// the others no more than the page. Negative when the read failed or ended before the page.
+std::int64_t bytesAvailable(const FileHandle& h, const BlockRecord& block, std::int64_t page) {
+  if (block.validBytes < 0) return block.validBytes;
+  const std::int64_t available = block.validBytes - slotBegin(block, page, h.pageSize);
+  return page == block.lastPage ? available : std::min<std::int64_t>(available, h.pageSize);
+}
+
+// Closes the file. The error number of the read outlives the close, which clears it.
+Status closeShort(FileHandle* h, const Transfer& read, Journal* journal) {
+  if (read.failed()) h->lastErrno = read.error;
+  h->status = Status::misfit;
+  closeThroughTable(h, 0, journal);
+  if (read.failed()) h->lastErrno = read.error;
+  return Status::misfit;
+}
+
+void handOut(FileHandle* h, PageRequest* request, char* address) {
+  request->buffer = address;
+  h->lastPageRead = request->pageNumber;
+}
+
+Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
+  const std::int64_t page = request->pageNumber;
+  BlockRecord* block = nullptr;
+  if (isCollected(*h, page)) {
+    const Status written = bkpwriteblock(h, journal);
+    if (written != Status::ok) return written;
+    // Read back from the file, even if an older copy of the block is still about.
+  } else {
+    block = findBlock(*h, page);
+  }
+  const bool stale = block != nullptr && isStale(*block, page - block->firstPage);
+  if (block == nullptr) block = fillBlock(h, page);
+  if (block == nullptr) return Status::noBuffer;
+  const std::int64_t available =
+      stale ? refreshPage(h, block, page) : bytesAvailable(*h, *block, page);
+  h->lastBlock = block;
+  moveToHeld(h, block);
+  if (available < h->pageSize) {
+    return closeShort(h, {.result = available, .error = block->readErrno}, journal);
+  }
+  request->length = static_cast<std::int32_t>(available);
+  handOut(h, request, slotOf(*block, page, h->pageSize));
+  ++h->heldCount;
+  ++block->holdCount;
+  block->lastPageHandedOut = page;
+  return Status::ok;
+}
+
+struct PageRead {
+  PageBuffer* buffer;  // null: none is free
+  std::int32_t error;  // of a read made now
+};
+
+// Reads the page into the buffer released longest ago, and caches whatever came of it. An
+// interrupted read is not repeated.
+PageRead fillPage(FileHandle* h, std::int64_t page) {
+  PageBuffer* buffer = h->pageFreeList.head;
+  if (buffer == nullptr) return {nullptr, 0};
+  if (buffer->pageNumber != 0) dropPage(*h, *buffer);
+  buffer->pageNumber = page;
+  const Transfer transfer = readAt(h->fd, buffer->data, h->pageSize, pageOffset(*h, page));
+  buffer->validBytes = static_cast<std::int32_t>(transfer.result);
+  enterPage(*h, buffer);
+  return {buffer, transfer.error};
+}
+
+Status readFromPage(FileHandle* h, PageRequest* request, Journal* journal) {
+  if (lacksTree(*h)) return Status::noBuffer;
+  PageRead read = {findPage(*h, &request->pageNumber), 0};
+  if (read.buffer == nullptr) read = fillPage(h, request->pageNumber);
+  PageBuffer* buffer = read.buffer;
+  if (buffer == nullptr) return Status::noBuffer;
+  if (buffer->validBytes == 0) return Status::endOfFile;
+  if (buffer->validBytes < 0) {
+    // A failure that was stored earlier has no error number of its own any more.
+    if (read.error != 0) h->lastErrno = read.error;
+    return Status::ioFailed;
+  }
+  if (buffer->validBytes != h->pageSize) {
+    request->length = buffer->validBytes;
+    return closeShort(h, {.result = buffer->validBytes, .error = 0}, journal);
+  }
+  handOut(h, request, buffer->data);
+  if (buffer->held != 0) {
+    holdAgain(h, buffer);
+  } else {
+    hold(h, buffer);
+  }
+  return Status::ok;
+}
+
+}  // namespace
+}  // namespace qz
+
+qz::Status qzpread(qz::FileHandle* h, qz::PageRequest* request, qz::Journal* journal) noexcept {
+  using namespace qz;
+  request->buffer = nullptr;
+  Status status = checkRead(*h, request->pageNumber);
+  if (status == Status::ok) {
+    status =
+        inBlockMode(*h) ? readFromBlock(h, request, journal) : readFromPage(h, request, journal);
+  }
+  return finish(h, status, journal);
+}
