@@ -1,0 +1,84 @@
+// qzptruncate: cuts the file to a page count and brings the cache into line with the new end.
+// What the caller holds is left alone. The walks stop at the first empty record: a cached page
+// beyond the end that they do not reach is never served, since reads end at `pageCount`.
+#include "io.h"
+#include "records.h"
+
+namespace qz {
+namespace {
+
+// Drops or writes what the write block has collected up to the new end. Its failure has been
+// stored and reported.
+Status settleWriteBlock(FileHandle* h, std::int64_t newPageCount, Journal* journal) {
+  if (!inBlockMode(*h) || !isCollecting(*h)) return Status::ok;
+  BlockRecord* block = h->writeBlock;
+  if (newPageCount < block->firstPage) {
+    resetWriteBlock(block);
+    return Status::ok;
+  }
+  if (newPageCount < block->lastPage) {
+    block->lastPage = newPageCount;
+    block->dirtyPages = newPageCount - block->firstPage + 1;
+  }
+  return bkpwriteblock(h, journal);
+}
+
+Status cutFile(FileHandle* h, std::int64_t newPageCount) {
+  // The system refuses an end that no file can have.
+  const std::int64_t end = wholeFileBytes(newPageCount, h->pageSize, h->headerSize).value_or(-1);
+  if (lseek64(h->fd, end, SEEK_SET) == -1 || ftruncate64(h->fd, end) == -1) {
+    h->lastErrno = errno;
+    return Status::notTruncated;
+  }
+  h->fileSize = end;
+  h->pageCount = newPageCount;
+  h->nextPage = newPageCount + 1;
+  return Status::ok;
+}
+
+void cutFreeBlocks(FileHandle* h, std::int64_t newPageCount) {
+  BlockRecord* nearer = nullptr;
+  for (BlockRecord* block = h->blockFreeList.tail; block != nullptr && block->firstPage > 0;
+       block = nearer) {
+    nearer = block->prev;
+    if (block->firstPage > newPageCount) {
+      emptyBlock(block);
+      unlink(h->blockFreeList, block);
+      pushHead(h->blockFreeList, block);
+    } else if (newPageCount < block->lastPage) {
+      block->lastPage = newPageCount;
+      block->validBytes =
+          std::min(block->validBytes, slotBegin(*block, newPageCount + 1, h->pageSize));
+    }
+  }
+}
+
+void cutFreePages(FileHandle* h, std::int64_t newPageCount) {
+  PageBuffer* nearer = nullptr;
+  for (PageBuffer* buffer = h->pageFreeList.tail; buffer != nullptr && buffer->pageNumber > 0;
+       buffer = nearer) {
+    nearer = buffer->prev;
+    if (buffer->pageNumber > newPageCount) emptyFreePage(h, buffer);
+  }
+}
+
+}  // namespace
+}  // namespace qz
+
+qz::Status qzptruncate(qz::FileHandle* h, std::int64_t newPageCount,
+                       qz::Journal* journal) noexcept {
+  using namespace qz;
+  if (newPageCount > h->pageCount || newPageCount < 0) {
+    return fail(h, Status::pageOutOfRange, journal);
+  }
+  const Status settled = settleWriteBlock(h, newPageCount, journal);
+  if (settled != Status::ok) return settled;
+  const Status cut = cutFile(h, newPageCount);
+  if (cut != Status::ok) return fail(h, cut, journal);
+  if (inBlockMode(*h)) {
+    cutFreeBlocks(h, newPageCount);
+  } else {
+    cutFreePages(h, newPageCount);
+  }
+  return keep(h, Status::ok);
+}
