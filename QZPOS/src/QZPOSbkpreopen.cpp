@@ -1,0 +1,66 @@
+// qzpreopen: applies new access hints to an open file. The host reopens the file, the choice of
+// I/O is made anew, and where it changes between single pages and blocks the free records of the
+// old shape are replaced. What the caller holds stays valid and is freed as it comes back.
+#include "records.h"
+
+namespace qz {
+namespace {
+
+void adopt(FileHandle* h, const AccessHints& hints) {
+  h->readAccess = hints.readAccess;
+  h->writeAccess = hints.writeAccess;
+  h->openOptions |= hints.openOptions;
+}
+
+Status leaveBlocks(FileHandle* h, Journal* journal) {
+  FirstFailure result;
+  h->lastBlock = nullptr;
+  result.note(bkpdeletebuffers(h, &h->blockFreeList, journal));
+  if (h->writeBlock != nullptr) result.noteRelease(freeWriteBlock(h, journal));
+  return result.status();
+}
+
+// No record may stand in a tree that is gone; held buffers go on without a page number.
+Status leavePages(FileHandle* h, Journal* journal) {
+  tearDownTree(h);
+  for (PageBuffer* buffer = h->pageHeldList.head; buffer != nullptr; buffer = buffer->next) {
+    buffer->pageNumber = 0;
+  }
+  const Status status = bkpdeletebuffers(h, &h->pageFreeList, journal);
+  if (status != Status::ok && h->blocksAllocated == 0) {
+    // The set-up that settles these will not run: there are no blocks to be had.
+    h->blockBytes = 0;
+    h->pagesPerBlock = 0;
+    h->bitmapBytes = 0;
+  }
+  return status;
+}
+
+Status changeShape(FileHandle* h, bool wasBlockMode, Journal* journal) {
+  if (wasBlockMode == inBlockMode(*h)) return Status::ok;
+  return wasBlockMode ? leaveBlocks(h, journal) : leavePages(h, journal);
+}
+
+}  // namespace
+}  // namespace qz
+
+qz::Status qzpreopen(qz::FileHandle* h, const qz::AccessHints* hints,
+                     qz::Journal* journal) noexcept {
+  using namespace qz;
+  if (!isOpen(*h)) return fail(h, Status::notOpen, journal);
+  const std::uint32_t oldMode = h->directIoMode;
+  const bool wasBlockMode = inBlockMode(*h);
+  if (hasCollected(*h)) {
+    const Status written = bkpwriteblock(h, journal);
+    if (written != Status::ok) return keep(h, written);
+  }
+  if (bkpdoopen(h, OpenKind::reopen, openOrKeep, *hints, journal) != Status::ok) {
+    // The file goes on as it was, with the buffers that fit the old mode.
+    h->directIoMode = oldMode;
+    return keep(h, Status::reopenFailed);
+  }
+  adopt(h, *hints);
+  const Status changed = changeShape(h, wasBlockMode, journal);
+  if (changed != Status::ok) return keep(h, changed);
+  return bkpbuffersetup(h, OpenKind::reopen, journal);
+}
