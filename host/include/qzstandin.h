@@ -4,7 +4,8 @@
 // of its journals to every operation. The records handed out are plain data: a caller may replace
 // a slot of any of them and put it back. docs/host-contract.md describes every record.
 //
-// One thread at a time may use a host and what it made, except the journals, which lock.
+// Pools, journals and the services that make objects may be used from several threads at once; one
+// tree or one host file by one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -120,8 +121,10 @@ struct StandInOptions {
   JournalSink defaultJournal = JournalSink::standardError;
 };
 
-// The toolkit. It owns the records that handle() reaches; objects made through them (pools,
-// extensions, converters, trees, host files) are released through their own operations.
+struct HostRecords;
+
+// The toolkit. Objects made through its handle (pools, extensions, converters, trees, host files)
+// are released through their own operations; those left over go with the toolkit.
 class StandInHost {
  public:
   explicit StandInHost(const StandInOptions& options = {});
@@ -137,6 +140,9 @@ class StandInHost {
   // Sets or clears the option "host.pagesize".
   void setHostPageSize(std::optional<std::int32_t> bytes) noexcept;
 
+  // How many pools, extensions, converters, trees and host files have not been released.
+  std::size_t liveObjects() const noexcept;
+
   // The newest pool of that name that still exists, or null.
   MemoryPool* pool(std::string_view name) noexcept;
 
@@ -147,8 +153,7 @@ class StandInHost {
   PoolCounts poolCounts() const noexcept;
 
  private:
-  struct Records;
-  std::unique_ptr<Records> records_;
+  std::unique_ptr<HostRecords> records_;
 };
 
 }  // namespace qz

@@ -1,0 +1,180 @@
+// Finding and loading the module, and the parts of the C++ way in that are not on the page path.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "qziop.hpp"
+
+namespace qz {
+namespace {
+
+constexpr const char* kModuleName = "libqziop.so";
+constexpr const char* kInstalledName = "libqziop.so.3";  // what the system's loader searches for
+
+// The folder of the running program with a slash at the end; empty when the system does not tell.
+std::string programFolder() {
+  std::vector<char> path(4096);
+  const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+  if (length <= 0) return {};
+  const std::string program(path.data(), static_cast<std::size_t>(length));
+  return program.substr(0, program.rfind('/') + 1);
+}
+
+// The folder of installed modules, first as it lies seen from the program, so that a tree that was
+// installed may move; then the system's own search.
+std::vector<std::string> candidates(const std::string& path) {
+  if (!path.empty()) return {path.find('/') == std::string::npos ? "./" + path : path};
+  std::vector<std::string> result;
+  if (const std::string folder = programFolder(); !folder.empty()) {
+    result.push_back(folder + kModuleName);
+    result.push_back(folder + QZIOP_LIBRARY_FROM_PROGRAM "/" + kInstalledName);
+  }
+  result.emplace_back(kInstalledName);
+  return result;
+}
+
+Error loadError(Status status, std::string text) {
+  Error error;
+  error.status = status;
+  error.text = std::move(text);
+  return error;
+}
+
+bool isFileAbsent(const std::string& path) {
+  return path.find('/') != std::string::npos && access(path.c_str(), F_OK) != 0;
+}
+
+// The first candidate that can be loaded. One that exists but cannot be loaded ends the search.
+Result<void*> loadFirst(const std::vector<std::string>& paths, std::string* loaded) {
+  std::string tried;
+  for (const std::string& path : paths) {
+    *loaded = path;
+    tried += (tried.empty() ? "" : ", ") + path;
+    if (isFileAbsent(path)) continue;
+    if (void* library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL)) return library;
+    const char* reason = dlerror();
+    if (path == kInstalledName) continue;
+    return loadError(Status::unsupportedFile,
+                     std::string("The module could not be loaded: ") + reason);
+  }
+  return loadError(Status::fileNotFound, "The module was not found; tried " + tried);
+}
+
+std::string hex(std::uint32_t value) {
+  char digits[16];
+  std::snprintf(digits, sizeof digits, "0x%08X", value);
+  return digits;
+}
+
+}  // namespace
+
+std::string Error::message() const {
+  std::string line = text;
+  if (!fileName.empty()) line += " [file " + fileName + "]";
+  if (errorNumber != 0) {
+    line += std::string(": ") + std::strerror(errorNumber) + " (errno " +
+            std::to_string(errorNumber) + ")";
+  }
+  return line + ", status " + hex(static_cast<std::uint32_t>(status));
+}
+
+Error errorOf(FileHandle* handle, Status status) {
+  StatusReport report{};
+  handle->ops->operations.qzpgetstatus(handle, &report);
+  Error error;
+  error.status = status;
+  error.text = statusText(static_cast<std::uint32_t>(status));
+  error.errorNumber = report.lastErrno;
+  error.hostDetail1 = report.hostErrorDetail1;
+  error.hostDetail2 = report.hostErrorDetail2;
+  if (handle->fileName != nullptr) error.fileName = toUtf8(handle->fileName);
+  return error;
+}
+
+Result<void> PagedFile::setName(std::string_view utf8Name) {
+  const std::u32string name = toUtf32(utf8Name);
+  return outcome(table().qzpsetfilename(handle_, name.data(),
+                                        static_cast<std::int32_t>(name.size()), journal_));
+}
+
+PagedFile& PagedFile::operator=(PagedFile&& other) noexcept {
+  if (this != &other) {
+    dispose();
+    handle_ = std::exchange(other.handle_, nullptr);
+    journal_ = other.journal_;
+  }
+  return *this;
+}
+
+void PagedFile::dispose() noexcept {
+  FileHandle* handle = std::exchange(handle_, nullptr);
+  if (handle == nullptr) return;
+  const OperationTable& operations = handle->ops->operations;
+  if (handle->hostFile != nullptr) operations.qzpclose(handle, 0, journal_);
+  if (handle->hostFile != nullptr) {
+    // A flush or a removal that failed would fail again: let go of the file without them.
+    handle->openOptions &= ~static_cast<std::uint32_t>(optionFlushAtClose);
+    handle->writeAccess = noWrite;
+    operations.qzpclose(handle, 0, journal_);
+  }
+  operations.qzpfreememhandle(handle, journal_);
+}
+
+Result<Module> Module::load(QZHandle* host, Journal* journal, const std::string& path) {
+  std::string loaded;
+  Result<void*> library = loadFirst(candidates(path), &loaded);
+  if (!library) return library.error();
+  Module module(*library, nullptr, loaded);
+  const auto makeKnown = reinterpret_cast<decltype(&qzextent)>(module.symbol("qzextent"));
+  const auto enter = reinterpret_cast<decltype(&qziop)>(module.symbol("qziop"));
+  if (makeKnown == nullptr || enter == nullptr) {
+    return loadError(Status::unsupportedFile, loaded + " is not this module: it exports no " +
+                                                  (enter == nullptr ? "qziop" : "qzextent"));
+  }
+  makeKnown(host);
+  module.extension_ = enter(host, journal);
+  if (module.extension_ == nullptr) {
+    return loadError(Status::noMemory, "The module did not start: the host refused it a service");
+  }
+  return module;
+}
+
+Module::Module(Module&& other) noexcept
+    : library_(std::exchange(other.library_, nullptr)),
+      extension_(std::exchange(other.extension_, nullptr)),
+      path_(std::move(other.path_)) {}
+
+Module& Module::operator=(Module&& other) noexcept {
+  if (this != &other) {
+    dispose();
+    library_ = std::exchange(other.library_, nullptr);
+    extension_ = std::exchange(other.extension_, nullptr);
+    path_ = std::move(other.path_);
+  }
+  return *this;
+}
+
+void* Module::symbol(const char* name) const noexcept { return dlsym(library_, name); }
+
+Result<PagedFile> Module::newFile(Journal* journal) const {
+  FileHandle* handle = extension_->operations.qzpgetmemhandle(extension_, journal);
+  if (handle == nullptr) {
+    return loadError(Status::noMemory, statusText(static_cast<std::uint32_t>(Status::noMemory)));
+  }
+  return PagedFile(handle, journal);
+}
+
+HostStatus Module::dispose() noexcept {
+  HostStatus status = hostOk;
+  if (extension_ != nullptr) {
+    ExtensionObject* extension = std::exchange(extension_, nullptr);
+    status = extension->qzpdestroy(extension);
+  }
+  if (library_ != nullptr) dlclose(std::exchange(library_, nullptr));
+  return status;
+}
+
+}  // namespace qz

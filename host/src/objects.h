@@ -1,0 +1,150 @@
+// The host's objects, each a record of the host interface with what this host keeps about it.
+// The slots get the record's address and find the rest behind it.
+#pragma once
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "blockstore.h"
+#include "qzstandin.h"
+
+namespace qz {
+
+struct HostRecords;
+
+// All objects of one kind that the host has handed out; it frees those left at its own end.
+template <class Object>
+class Registry {
+ public:
+  // May throw std::bad_alloc.
+  Object* add(std::unique_ptr<Object> object) {
+    const std::lock_guard lock(mutex_);
+    objects_.push_back(std::move(object));
+    return objects_.back().get();
+  }
+  // Ends the object's life.
+  void remove(const Object* object) noexcept {
+    std::unique_ptr<Object> gone;  // ends outside the lock
+    const std::lock_guard lock(mutex_);
+    const auto place = std::find_if(objects_.begin(), objects_.end(),
+                                    [&](const auto& owned) { return owned.get() == object; });
+    if (place == objects_.end()) return;
+    gone = std::move(*place);
+    objects_.erase(place);
+  }
+  std::size_t size() const {
+    const std::lock_guard lock(mutex_);
+    return objects_.size();
+  }
+  // Calls visit(object) for each, the newest last.
+  template <class Visit>
+  void each(Visit visit) const {
+    const std::lock_guard lock(mutex_);
+    for (const auto& object : objects_) visit(*object);
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<std::unique_ptr<Object>> objects_;
+};
+
+// A block of any size from one store, counted. Safe to use from several threads.
+struct Pool : MemoryPool {
+  Pool(HostRecords* host, const char* poolName);
+
+  HostRecords* host;
+  std::string name;
+  mutable std::mutex mutex;  // of what follows
+  BlockStore store;
+  PoolCounts counts;
+};
+
+// A page tree and where its key lies in a node.
+struct Tree : PageTree {
+  Tree(HostRecords* host, std::size_t keyOffset);
+
+  HostRecords* host;
+  std::size_t keyOffset;
+};
+
+struct AvlExtension : TreeExtension {
+  explicit AvlExtension(HostRecords* host);
+
+  HostRecords* host;
+};
+
+struct Utf8Converter : Converter {
+  explicit Utf8Converter(HostRecords* host);
+
+  HostRecords* host;
+};
+
+enum class Lock { none, shared, exclusive };
+
+struct OpenFile : HostFile {
+  OpenFile(HostRecords* host, std::string path);
+  OpenFile(const OpenFile&) = delete;
+  OpenFile& operator=(const OpenFile&) = delete;
+  ~OpenFile();
+
+  HostRecords* host;
+  std::string path;  // as the system takes it
+  FileInfo info = {-1, 0};
+  Lock lock = Lock::none;  // held by the descriptor
+};
+
+struct Files : FileService {
+  explicit Files(HostRecords* host);
+
+  HostRecords* host;
+  FileMethods methods = {};
+};
+
+struct Encodings : EncodingServices {
+  explicit Encodings(HostRecords* host);
+
+  HostRecords* host;
+};
+
+// The toolkit's handle and everything it reaches.
+struct HostRecords : QZHandle {
+  explicit HostRecords(const StandInOptions& options);
+
+  std::optional<std::int32_t> hostPageSize;
+  StandInJournal journal;
+  Task current = {};
+  Task main = {};
+  Files files;
+  Encodings encodings;
+
+  std::mutex retiredMutex;
+  std::map<std::string, PoolCounts, std::less<>> retiredPools;  // counts of destroyed pools
+
+  Registry<Pool> pools;
+  Registry<AvlExtension> extensions;
+  Registry<Tree> trees;
+  Registry<Utf8Converter> converters;
+  Registry<OpenFile> openFiles;
+};
+
+// The encoding identifier of UTF-8: its name in ASCII.
+inline constexpr Word kUtf8Encoding = 0x55544638;
+
+// Journals a status of this host at error level; nothing with a null journal.
+void journalStatus(Journal* journal, HostStatus status, ...) noexcept;
+
+// Journals a failure that names a file and the system's reason; nothing with a null journal.
+void journalFileFailure(Journal* journal, HostStatus status, const std::string& path,
+                        int errorNumber) noexcept;
+
+// The slots of the toolkit's handle that make objects.
+MemoryPool* createPool(QZHandle* host, const PoolAttributes* attributes, Journal* journal,
+                       const char* name) noexcept;
+TreeExtension* loadExtension(QZHandle* host, const char32_t* name, std::uint32_t nameLength,
+                             Journal* journal) noexcept;
+
+}  // namespace qz

@@ -1,0 +1,116 @@
+// Memory pools.
+#include <new>
+#include <utility>
+
+#include "objects.h"
+
+namespace qz {
+namespace {
+
+Pool& poolOf(MemoryPool* pool) { return *static_cast<Pool*>(pool); }
+
+PoolCounts& operator+=(PoolCounts& sum, const PoolCounts& more) {
+  sum.liveBlocks += more.liveBlocks;
+  sum.liveBytes += more.liveBytes;
+  sum.allocations += more.allocations;
+  sum.refusedFrees += more.refusedFrees;
+  sum.leakedBlocks += more.leakedBlocks;
+  return sum;
+}
+
+void* memAlloc(MemoryPool* self, std::size_t bytes, std::uint32_t flags) noexcept {
+  Pool& pool = poolOf(self);
+  const std::lock_guard lock(pool.mutex);
+  void* block = pool.store.allocate(bytes, (flags & kZeroFill) != 0);
+  if (block == nullptr) return nullptr;
+  ++pool.counts.allocations;
+  ++pool.counts.liveBlocks;
+  pool.counts.liveBytes += bytes;
+  return block;
+}
+
+HostStatus memFree(MemoryPool* self, void* block) noexcept {
+  Pool& pool = poolOf(self);
+  const std::lock_guard lock(pool.mutex);
+  const std::optional<std::size_t> bytes = pool.store.release(block);
+  if (!bytes) {
+    ++pool.counts.refusedFrees;
+    return hostForeignBlock;
+  }
+  --pool.counts.liveBlocks;
+  pool.counts.liveBytes -= *bytes;
+  return hostOk;
+}
+
+// Keeps what the pool's counts say beyond its end.
+void retire(const Pool& pool, PoolCounts counts) noexcept try {
+  counts.leakedBlocks = std::exchange(counts.liveBlocks, 0);
+  counts.liveBytes = 0;
+  const std::lock_guard lock(pool.host->retiredMutex);
+  pool.host->retiredPools[pool.name] += counts;
+} catch (const std::bad_alloc&) {
+  return;  // the counts are for whoever looks; the pool goes all the same
+}
+
+HostStatus destroy(MemoryPool* self) noexcept {
+  const Pool& pool = poolOf(self);
+  const PoolCounts counts = pool.counts;
+  retire(pool, counts);
+  pool.host->pools.remove(&pool);
+  return counts.liveBlocks == 0 ? hostOk : hostBlocksLive;
+}
+
+}  // namespace
+
+Pool::Pool(HostRecords* owner, const char* poolName)
+    : MemoryPool{}, host(owner), name(poolName != nullptr ? poolName : "") {
+  MemoryPool::destroy = qz::destroy;
+  MemoryPool::memAlloc = qz::memAlloc;
+  MemoryPool::memFree = qz::memFree;
+}
+
+MemoryPool* createPool(QZHandle* host, const PoolAttributes* /*attributes*/, Journal* journal,
+                       const char* name) noexcept try {
+  auto* records = static_cast<HostRecords*>(host);
+  return records->pools.add(std::make_unique<Pool>(records, name));
+} catch (const std::bad_alloc&) {
+  journalStatus(journal, hostNoMemory);
+  return nullptr;
+}
+
+MemoryPool* StandInHost::pool(std::string_view name) noexcept {
+  MemoryPool* newest = nullptr;
+  records_->pools.each([&](Pool& pool) {
+    if (pool.name == name) newest = &pool;
+  });
+  return newest;
+}
+
+PoolCounts StandInHost::poolCounts(std::string_view name) const noexcept {
+  PoolCounts sum;
+  {
+    const std::lock_guard lock(records_->retiredMutex);
+    const auto retired = records_->retiredPools.find(name);
+    if (retired != records_->retiredPools.end()) sum = retired->second;
+  }
+  records_->pools.each([&](const Pool& pool) {
+    const std::lock_guard lock(pool.mutex);
+    if (pool.name == name) sum += pool.counts;
+  });
+  return sum;
+}
+
+PoolCounts StandInHost::poolCounts() const noexcept {
+  PoolCounts sum;
+  {
+    const std::lock_guard lock(records_->retiredMutex);
+    for (const auto& [name, counts] : records_->retiredPools) sum += counts;
+  }
+  records_->pools.each([&](const Pool& pool) {
+    const std::lock_guard lock(pool.mutex);
+    sum += pool.counts;
+  });
+  return sum;
+}
+
+}  // namespace qz

@@ -1,0 +1,20 @@
+// UTF-8 of one code point at a time, shared by names, the converter and the journal.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace qz {
+
+// Most bytes that one code point takes.
+inline constexpr std::size_t kUtf8Bytes = 4;
+
+// Stores the UTF-8 of one code point and returns its length; 0 when it has none. U+DC80 to U+DCFF
+// stand for the single bytes 0x80 to 0xFF.
+std::size_t encodeUtf8(char32_t point, char (&bytes)[kUtf8Bytes]) noexcept;
+
+// Appends the UTF-8 of `text`; false when a code point has none. May throw std::bad_alloc.
+bool appendUtf8(std::u32string_view text, std::string* output);
+
+}  // namespace qz
