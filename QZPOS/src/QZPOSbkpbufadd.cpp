@@ -27,8 +27,10 @@ std::int32_t addPages(FileHandle* h, std::int32_t requested, Journal* journal) {
   return made;
 }
 
+// `by` can be negative: the limit of a caller who takes ever more away stays at the lowest.
 void raiseBufferCount(FileHandle* h, std::int32_t by) {
-  h->bufferCount = static_cast<std::int32_t>(std::int64_t{h->bufferCount} + by);
+  constexpr std::int64_t lowest = std::numeric_limits<std::int32_t>::min();
+  h->bufferCount = static_cast<std::int32_t>(std::max(std::int64_t{h->bufferCount} + by, lowest));
 }
 
 }  // namespace
@@ -36,10 +38,7 @@ void raiseBufferCount(FileHandle* h, std::int32_t by) {
 
 qz::Status qzpbufadd(qz::FileHandle* h, std::int32_t* countInOut, qz::Journal* journal) noexcept {
   using namespace qz;
-  if (!isOpen(*h)) {
-    bkperror(h, Status::notOpen, journal);
-    return keep(h, Status::notOpen);
-  }
+  if (!isOpen(*h)) return reportThenKeep(h, Status::notOpen, journal);
   const std::int32_t requested = *countInOut;
   const bool blocks = inBlockMode(*h);
   const std::int32_t made =

@@ -28,21 +28,36 @@ bool settleBlockSize(FileHandle* h) {
   return blockBytes != 0;
 }
 
+// Makes `wanted` - `*count` records. They are counted when the set-up ends, however it ends, so
+// that whoever looks meanwhile sees the count that it began with.
+template <class MakeOne>
+bool topUp(std::int64_t* count, std::int64_t wanted, Journal* journal, MakeOne makeOne) {
+  std::int64_t reached = *count;
+  while (reached < wanted && makeOne(reached)) ++reached;
+  const bool made = reached >= wanted;
+  if (!made) journalStatus(journal, Status::noMemory);
+  *count = reached;
+  return made;
+}
+
+bool refuse(Journal* journal) {
+  journalStatus(journal, Status::noMemory);
+  return false;
+}
+
 bool setUpBlocks(FileHandle* h, Journal* journal) {
-  if (!settleBlockSize(h)) return false;
+  if (!settleBlockSize(h)) return refuse(journal);
   const std::int64_t wanted = std::int64_t{h->bufferCount} + 1;
-  while (h->blocksAllocated < wanted) {
+  return topUp(&h->blocksAllocated, wanted, journal, [&](std::int64_t reached) {
     BlockRecord* block = makeBlock(*h, journal).block;
     if (block == nullptr) return false;
-    const bool lastWanted = h->blocksAllocated == h->bufferCount;
-    if (lastWanted && h->writeBlock == nullptr) {
+    if (reached == h->bufferCount && h->writeBlock == nullptr) {
       h->writeBlock = block;
     } else {
       pushHead(h->blockFreeList, block);
     }
-    ++h->blocksAllocated;
-  }
-  return true;
+    return true;
+  });
 }
 
 bool setUpPages(FileHandle* h, Journal* journal) {
@@ -50,14 +65,14 @@ bool setUpPages(FileHandle* h, Journal* journal) {
   if (eavl != nullptr && h->pageTree == nullptr) {
     h->pageTree = eavl->treeCreate(eavl, &kTreeAttributes, journal, "QZIOP PageNumber Tree");
   }
-  if (h->pageTree == nullptr) return false;
-  while (h->pageBuffersAllocated <= h->bufferCount) {
+  if (h->pageTree == nullptr) return refuse(journal);
+  const std::int64_t wanted = std::int64_t{h->bufferCount} + 1;
+  return topUp(&h->pageBuffersAllocated, wanted, journal, [&](std::int64_t) {
     PageBuffer* buffer = makePageBuffer(*h, kAsAllocated, journal);
     if (buffer == nullptr) return false;
     pushHead(h->pageFreeList, buffer);
-    ++h->pageBuffersAllocated;
-  }
-  return true;
+    return true;
+  });
 }
 
 const char32_t* readAccessText(std::uint32_t readAccess) {
@@ -121,7 +136,6 @@ Status bkpbuffersetup(FileHandle* h, OpenKind kind, Journal* journal) {
   h->nextPage = 1;
   h->lastPageRead = 0;
   const bool made = inBlockMode(*h) ? setUpBlocks(h, journal) : setUpPages(h, journal);
-  if (!made) journalStatus(journal, Status::noMemory);
   if (kind == OpenKind::open) h->heldCount = 0;
   keep(h, made ? Status::ok : Status::noMemory);
   if (made && showsIoType()) noteIoType(*h, noteJournal(*h, journal));

@@ -12,7 +12,7 @@ Status removeOne(FileHandle* h, List<Record>* freeList, Journal* journal) {
   if (record == nullptr) return Status::noBuffer;
   unlink(*freeList, record);
   const bool freed = freeRecord(h, record, journal);
-  --h->bufferCount;
+  if (h->bufferCount > std::numeric_limits<std::int32_t>::min()) --h->bufferCount;
   return freed ? Status::ok : Status::ioFailed;
 }
 

@@ -2,6 +2,7 @@
 //
 // The journal formats into our buffer; where a text does not fit, the buffer grows in fixed
 // steps and the text is formatted anew. Nothing here changes the handle.
+#include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
@@ -37,7 +38,7 @@ class ReportText {
       std::uint32_t length = 0;
       const std::uint32_t result =
           qzlStatusToBuf(journal_, code(status), buffer_, capacity(), &length);
-      if (result == 0) length_ = length;
+      if (result == 0) length_ = std::min(length, capacity());
       if (result == 0 || attempt == kRetries) return result;
     }
   }
@@ -49,7 +50,7 @@ class ReportText {
       const std::uint32_t result =
           qzlStatusToBuf(journal_, code(Status::fileNameLine), buffer_ + length_,
                          capacity() - length_, &length, fileName);
-      if (result == 0) length_ += length;
+      if (result == 0) length_ += std::min(length, capacity() - length_);
       if (result == 0 || attempt == kRetries) return result;
       if (!grow()) return code(Status::noMemory);
     }

@@ -9,10 +9,10 @@
 namespace qz {
 namespace {
 
-Status checkPreopen(const FileHandle& h, std::int32_t length) {
+Status checkPreopen(const FileHandle& h, const std::int32_t* length) {
   if (h.hostFile != nullptr) return Status::alreadyOpen;
   if (h.openMode == createOrReplace) return Status::noHeaderYet;
-  if (length < 0) return Status::badArgument;
+  if (*length < 0) return Status::badArgument;
   return Status::ok;
 }
 
@@ -49,8 +49,7 @@ void detach(FileHandle* h, Journal* journal) {
 qz::Status qzppreopen(qz::FileHandle* h, void* buffer, std::int32_t* lengthInOut,
                       qz::Journal* journal) noexcept {
   using namespace qz;
-  const std::int32_t length = *lengthInOut;
-  const Status refused = checkPreopen(*h, length);
+  const Status refused = checkPreopen(*h, lengthInOut);
   if (refused != Status::ok) return fail(h, refused, journal);
 
   const AccessHints hints = {h->readAccess, h->writeAccess, h->openOptions};
@@ -58,6 +57,7 @@ qz::Status qzppreopen(qz::FileHandle* h, void* buffer, std::int32_t* lengthInOut
   if (opened != Status::ok) return keep(h, opened);
   h->stateFlags |= statePreopened;
 
+  const std::int32_t length = *lengthInOut;
   const Transfer header = readHeader(*h, buffer, static_cast<std::size_t>(length));
   if (header.result >= length) return keep(h, Status::ok);
   if (header.failed()) h->lastErrno = header.error;

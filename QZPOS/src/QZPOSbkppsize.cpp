@@ -7,6 +7,8 @@
 namespace qz {
 namespace {
 
+constexpr std::int32_t kSmallestPage = 512;
+
 struct Choice {
   std::int64_t size;
   Status status;
@@ -53,7 +55,7 @@ Choice chooseWithin(const FileHandle& h, Bounds b, std::int64_t granularity) {
   }
   b.high = std::min<std::int64_t>(b.high, h.maxPageSize);
   if (granularity > b.high) return {granularity, Status::inexactPageSize};
-  if (b.high == h.minPageSize) return {h.minPageSize, exactIf(h.minPageSize % granularity == 0)};
+  if (b.high == h.minPageSize) return {kSmallestPage, exactIf(kSmallestPage % granularity == 0)};
   if (b.high <= h.autoPageSizeLimit) {
     const std::int64_t largest = roundDown(b.high, granularity);
     return {largest, exactIf(largest >= b.low)};
@@ -67,7 +69,7 @@ Choice choose(const FileHandle& h, const PageSizeRequest& r) {
     return {h.defaultPageSize, Status::ok};
   }
   std::int32_t granularity = h.hostPageSize;
-  if (r.maximumSize > 0 && r.maximumSize < h.defaultPageSize) granularity = h.minPageSize;
+  if (r.maximumSize > 0 && r.maximumSize < h.defaultPageSize) granularity = kSmallestPage;
   const std::optional<std::int32_t> common =
       commonSize(granularity, r.multiple == 0 ? 1 : r.multiple);
   // No page can be a multiple of what is negative or beyond the sizes there are.
@@ -82,8 +84,9 @@ qz::Status qzppsize(qz::FileHandle* h, const qz::PageSizeRequest* request,
                     qz::Journal* journal) noexcept {
   using namespace qz;
   if (h->fileName == nullptr) {
+    keep(h, Status::noFileName);
     journalStatus(journal, Status::noFileName);
-    return keep(h, Status::noFileName);
+    return Status::noFileName;
   }
   if (h->hostPageSize == 0) {
     h->pageSize = 0;

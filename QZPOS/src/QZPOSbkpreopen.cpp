@@ -47,7 +47,7 @@ Status changeShape(FileHandle* h, bool wasBlockMode, Journal* journal) {
 qz::Status qzpreopen(qz::FileHandle* h, const qz::AccessHints* hints,
                      qz::Journal* journal) noexcept {
   using namespace qz;
-  if (!isOpen(*h)) return fail(h, Status::notOpen, journal);
+  if (!isOpen(*h)) return reportThenKeep(h, Status::notOpen, journal);
   const std::uint32_t oldMode = h->directIoMode;
   const bool wasBlockMode = inBlockMode(*h);
   if (hasCollected(*h)) {

@@ -1,6 +1,7 @@
 // qzpsetfilename: gives a handle the path of its file, in a buffer that grows but never shrinks.
-#include <algorithm>
-#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <utility>
 
 #include "hostcalls.h"
 #include "outcome.h"
@@ -9,9 +10,22 @@ namespace qz {
 namespace {
 
 void storeName(FileHandle* h, const char32_t* name, std::int32_t length) {
-  std::copy_n(name, length, h->fileName);
+  if (length > 0) {
+    // A caller may give a piece of the name that the handle has.
+    std::memmove(h->fileName, name, static_cast<std::size_t>(length) * sizeof(char32_t));
+  }
   h->fileName[length] = 0;
   h->fileNameLength = static_cast<std::uint32_t>(length);
+}
+
+// True when the name has room in the buffer that there is. A name of just its capacity takes a
+// new buffer, unless it lies in the old one, which must then stay.
+bool fitsBuffer(const FileHandle& h, const char32_t* name, std::int32_t length) {
+  if (length < h.fileNameCapacity) return true;
+  const char32_t* begin = h.fileName;
+  const bool inside =
+      std::greater_equal<>{}(name, begin) && std::less_equal<>{}(name, begin + h.fileNameCapacity);
+  return inside && length == h.fileNameCapacity;
 }
 
 bool dropName(FileHandle* h, Journal* journal) {
@@ -23,10 +37,9 @@ bool dropName(FileHandle* h, Journal* journal) {
 
 Status newName(FileHandle* h, const char32_t* name, std::int32_t length, Journal* journal) {
   const std::uint64_t bytes = (static_cast<std::uint64_t>(length) + 1) * sizeof(char32_t);
-  // No block is as large as the longest lengths ask for, on a 32-bit target least of all.
-  const bool expressible = bytes <= static_cast<std::uint64_t>(PTRDIFF_MAX);
   h->fileName = nullptr;
-  if (expressible) {
+  // The longest names need more bytes than a 32-bit target can express.
+  if (std::in_range<std::size_t>(bytes)) {
     h->fileName = static_cast<char32_t*>(
         allocate(h->module->modulePool, static_cast<std::size_t>(bytes), kAsAllocated));
   }
@@ -45,10 +58,10 @@ Status newName(FileHandle* h, const char32_t* name, std::int32_t length, Journal
 qz::Status qzpsetfilename(qz::FileHandle* h, const char32_t* name, std::int32_t length,
                           qz::Journal* journal) noexcept {
   using namespace qz;
-  if (h->hostFile != nullptr) return fail(h, Status::alreadyOpen, journal);
+  if (h->hostFile != nullptr) return reportThenKeep(h, Status::alreadyOpen, journal);
   if (length < 0) return fail(h, Status::badArgument, journal);
   if (h->fileName != nullptr) {
-    if (length < h->fileNameCapacity) {
+    if (fitsBuffer(*h, name, length)) {
       storeName(h, name, length);
       return keep(h, Status::ok);
     }

@@ -9,10 +9,10 @@
 namespace qz {
 namespace {
 
-Status checkWriteHeader(const FileHandle& h, std::int32_t length) {
+Status checkWriteHeader(const FileHandle& h, const std::int32_t* length) {
   if (!isOpen(h)) return Status::notOpen;
   if (h.writeAccess == noWrite) return Status::notWritable;
-  if (length < 0) return Status::badArgument;
+  if (*length < 0) return Status::badArgument;
   return Status::ok;
 }
 
@@ -62,7 +62,7 @@ Status judgeHeader(FileHandle* h, const Transfer& transfer, std::int32_t* length
 
 Status writeHeader(FileHandle* h, const void* header, std::int32_t* length, Journal* journal) {
   h->lastErrno = 0;
-  const Status refused = checkWriteHeader(*h, *length);
+  const Status refused = checkWriteHeader(*h, length);
   if (refused != Status::ok) return refused;
   HeaderWrite write = {Status::ok, {}};
   if (*length < h->headerSize) {

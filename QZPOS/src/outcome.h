@@ -26,6 +26,13 @@ inline Status fail(FileHandle* h, Status status, Journal* journal) {
   return status;
 }
 
+// Reports a failure before it is kept: a journal that looks at the handle still sees the outcome
+// of the operation before.
+inline Status reportThenKeep(FileHandle* h, Status status, Journal* journal) {
+  bkperror(h, status, journal);
+  return keep(h, status);
+}
+
 // Keeps the outcome; reports it unless it is success or the end of the file.
 inline Status finish(FileHandle* h, Status status, Journal* journal) {
   if (status == Status::ok || status == Status::endOfFile) return keep(h, status);

@@ -87,9 +87,9 @@ inline bool freeRecord(FileHandle* h, BlockRecord* block, Journal* journal) {
 
 // Frees the write block. The pages that it collected must have been written or given up.
 inline bool freeWriteBlock(FileHandle* h, Journal* journal) {
-  BlockRecord* block = h->writeBlock;
+  const bool freed = freeRecord(h, h->writeBlock, journal);
   h->writeBlock = nullptr;
-  return freeRecord(h, block, journal);
+  return freed;
 }
 
 // Unhooks every page buffer from the tree at once and gives the tree up.
