@@ -1,0 +1,393 @@
+#include "support/fixture.h"
+
+#include <dlfcn.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "support/hostcalls.h"
+#include "support/invariants.h"
+
+namespace qztest {
+
+// --- The library
+
+const Library& Library::get() {
+  static const Library library = [] {
+    Library loaded{};
+    loaded.handle = dlopen(QZIOP_MODULE, RTLD_NOW | RTLD_LOCAL);
+    if (loaded.handle == nullptr) {
+      fmt::print(stderr, "{}\n", dlerror());
+      std::abort();
+    }
+    loaded.qziop = reinterpret_cast<decltype(loaded.qziop)>(loaded.symbol("qziop"));
+    loaded.qzextent = reinterpret_cast<decltype(loaded.qzextent)>(loaded.symbol("qzextent"));
+    loaded.exportedHandle =
+        static_cast<decltype(loaded.exportedHandle)>(loaded.symbol("Exported_QZHandle"));
+    calls().watch(loaded.symbol("qziop"));
+    return loaded;
+  }();
+  return library;
+}
+
+void* Library::symbol(const char* name) const { return dlsym(handle, name); }
+
+// --- The journal
+
+std::string shortCode(std::uint32_t status) {
+  if (status == 0) {
+    return "ok";
+  }
+  constexpr std::uint32_t kModule = 0x803FC000;
+  return (status & 0xFFFFF000) == kModule ? fmt::format("{:03X}", status & 0xFFF)
+                                          : fmt::format("{:08X}", status);
+}
+
+namespace {
+
+constexpr std::uint32_t kNameLine = 0x803FC825;
+
+std::string nameIn(const char32_t* name, const std::u32string& expected) {
+  if (name == nullptr) {
+    return "null";
+  }
+  return name == expected ? "~" : qz::toUtf8(name);
+}
+
+// How many texts a status takes as its inserts.
+int insertsOf(std::uint32_t status) {
+  switch (status) {
+    case 0x803FC824:
+    case 0x803FCFD4:
+      return 1;
+    case 0x803FC821:
+      return 2;
+    default:
+      return 0;
+  }
+}
+
+ShortJournal& self(qz::Journal* journal) { return *static_cast<ShortJournal*>(journal); }
+
+// Writes the short code of a status, or of the name line the name's, padded to the length asked
+// for.
+qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t* buffer,
+                           std::uint32_t capacity, std::uint32_t* lengthOut,
+                           std::va_list arguments) {
+  ShortJournal& me = self(journal);
+  const bool names = status == kNameLine;
+  std::string text = "!" + shortCode(status);
+  if (names) {
+    const std::string name = nameIn(va_arg(arguments, const char32_t*), me.fileName);
+    text = name == "~" ? "" : "(" + name + ")";
+  }
+  const std::size_t wanted =
+      std::max<std::size_t>(text.size(), names ? me.nameLineLength : me.textLength);
+  me.capacities.push_back(capacity);
+  if (wanted > capacity) {
+    return qz::hostTextTooLong;
+  }
+  std::fill(buffer, buffer + wanted, U' ');
+  std::copy(text.begin(), text.end(), buffer);
+  *lengthOut = static_cast<std::uint32_t>(wanted);
+  return 0;
+}
+
+qz::HostStatus messageToJnl(qz::Journal* journal, qz::JournalLevel level, const char32_t* text,
+                            std::uint32_t textLength, std::va_list arguments) {
+  ShortJournal& me = self(journal);
+  me.lastLength = textLength;
+  if (level == qz::JournalLevel::error && text[0] != U'!') {
+    return 0;  // the host's own words about a file that it could not open
+  }
+  if (level == qz::JournalLevel::error) {
+    std::string entry = qz::toUtf8({text, textLength});
+    entry.erase(std::remove(entry.begin(), entry.end(), ' '), entry.end());
+    me.add(entry);
+  } else {
+    me.add("2:" + me.withInserts({text, textLength}, arguments));
+  }
+  return me.messageResult;
+}
+
+qz::HostStatus statusToJnl(qz::Journal* journal, qz::JournalLevel level, std::uint32_t status,
+                           std::va_list arguments) {
+  ShortJournal& me = self(journal);
+  std::string inserts;
+  for (int i = insertsOf(status); i > 0; --i) {
+    inserts +=
+        (inserts.empty() ? "" : "|") + nameIn(va_arg(arguments, const char32_t*), me.fileName);
+  }
+  me.add(fmt::format("{}:{}{}", static_cast<std::uint32_t>(level), shortCode(status),
+                     inserts.empty() ? "" : "(" + inserts + ")"));
+  return 0;
+}
+
+qz::HostStatus messageToBuf(qz::Journal* journal, qz::Word a1, qz::Word a2, qz::Word a3,
+                            qz::Word a4, qz::Word a5, std::va_list arguments) {
+  self(journal).add(fmt::format("buf{}{}{}{}{}{}", a1, a2, a3, a4, a5, va_arg(arguments, int)));
+  return qz::hostBadText;
+}
+
+}  // namespace
+
+ShortJournal::ShortJournal() : qz::Journal{} {
+  Journal::messageToBuf = qztest::messageToBuf;
+  Journal::messageToJnl = qztest::messageToJnl;
+  Journal::statusToBuf = qztest::statusToBuf;
+  Journal::statusToJnl = qztest::statusToJnl;
+}
+
+std::string ShortJournal::withInserts(std::u32string_view text, std::va_list arguments) const {
+  std::string filled = qz::toUtf8(text);
+  for (std::size_t place = 0; (place = filled.find('%', place)) != std::string::npos;) {
+    const bool number = filled.at(place + 1) == 'd';
+    filled.replace(place, 2,
+                   number ? std::to_string(va_arg(arguments, int))
+                          : nameIn(va_arg(arguments, const char32_t*), fileName));
+  }
+  return filled;
+}
+
+// --- Pages
+
+void stamp(char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version) {
+  for (std::int64_t i = 0; i + 8 <= bytes; i += 8) {
+    const std::uint64_t word = (static_cast<std::uint64_t>(page) << 32) ^
+                               (static_cast<std::uint64_t>(version) << 16) ^
+                               static_cast<std::uint64_t>(i / 8);
+    std::memcpy(data + i, &word, 8);
+  }
+}
+
+bool isStamped(const char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version) {
+  const CallerMemory wanted = callerMemory(bytes);
+  stamp(wanted.get(), bytes, page, version);
+  return data != nullptr && std::memcmp(data, wanted.get(), static_cast<std::size_t>(bytes)) == 0;
+}
+
+CallerMemory callerMemory(std::int64_t bytes) {
+  const std::size_t rounded = (static_cast<std::size_t>(bytes) + 4095) / 4096 * 4096;
+  return CallerMemory(static_cast<char*>(std::aligned_alloc(4096, rounded)));
+}
+
+const char* nameOf(Shape shape) {
+  static const char* const names[] = {"buffered", "direct", "block"};
+  return names[static_cast<int>(shape)];
+}
+
+// --- The world
+
+World::World(const std::string& folder) {
+  const Library& library = Library::get();
+  setDirectIo(DirectIo::simulated);
+  calls().plan({});
+  calls().clear();
+  calls().fileSystemType = 0;
+  recordHostCalls(host);
+  library.qzextent(host.handle());
+  host.handle()->defaultJournal = &recorder;
+  std::string made = (folder.empty() ? std::filesystem::temp_directory_path().string() : folder) +
+                     "/qziop-test-XXXXXX";
+  folder_ = mkdtemp(made.data()) != nullptr ? made : "";
+  path = folder_ + "/file.qzp";
+  module = library.qziop(host.handle(), journal);
+  if (module != nullptr) {
+    h = module->operations.qzpgetmemhandle(module, journal);
+    setName(path);
+  }
+}
+
+World::~World() {
+  std::error_code ignored;
+  std::filesystem::remove_all(folder_, ignored);
+}
+
+void World::setName(const std::string& utf8Name) {
+  path = utf8Name;
+  recorder.fileName = qz::toUtf32(utf8Name);
+  call(&qz::OperationTable::qzpsetfilename, recorder.fileName.data(),
+       static_cast<std::int32_t>(recorder.fileName.size()));
+}
+
+void World::settle(Shape shape, std::int32_t buffers) {
+  h->openMode = qz::openOrKeep;
+  h->readAccess = shape == Shape::block ? qz::readOrdered : qz::readRandom;
+  h->writeAccess = qz::rewritePages;
+  h->openOptions = shape == Shape::buffered ? 0U : qz::optionDirectIo;
+  h->pageSize = kPage;
+  h->headerSize = kHeader;
+  h->pageCount = 0;
+  h->fileSize = 0;
+  h->bufferCount = buffers;
+  h->requestedBlockBytes = std::int64_t{kPage} * kPagesPerBlock;
+}
+
+void World::makeFile(std::int64_t pages, std::int64_t headerBytes) {
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  const std::string header(static_cast<std::size_t>(headerBytes), 'H');
+  file.write(header.data(), static_cast<std::streamsize>(header.size()));
+  const std::int32_t pageSize = h->pageSize > 0 ? h->pageSize : kPage;
+  std::string page(static_cast<std::size_t>(pageSize), 0);
+  for (std::int64_t number = 1; number <= pages; ++number) {
+    stamp(page.data(), pageSize, number, 0);
+    file.write(page.data(), pageSize);
+  }
+}
+
+void World::openWith(Shape shape, std::int64_t pages, std::int32_t buffers) {
+  settle(shape, buffers);
+  makeFile(pages);
+  ASSERT_EQ(did(open()), "ok") << nameOf(shape);
+}
+
+qz::Status World::preopen(void* buffer, std::int32_t bytes) {
+  length = bytes;
+  return call(&qz::OperationTable::qzppreopen, buffer, &length);
+}
+
+qz::Status World::read(std::int64_t page) {
+  request = {};
+  request.pageNumber = page;
+  request.buffer = reinterpret_cast<char*>(&request);  // to be cleared
+  const qz::Status status = call(&qz::OperationTable::qzpread, &request);
+  at = request.buffer;
+  return status;
+}
+
+qz::Status World::write(std::int64_t page, void* from, std::uint32_t flags) {
+  request = {page, static_cast<char*>(from), flags, 0, h->pageSize};
+  return call(&qz::OperationTable::qzpwrite, &request);
+}
+
+qz::Status World::writeOwn(std::int64_t page, std::uint32_t version) {
+  const CallerMemory memory = callerMemory(h->pageSize);
+  stamp(memory.get(), h->pageSize, page, version);
+  return write(page, memory.get(), kOwn);
+}
+
+qz::Status World::rewrite(std::int64_t page, std::uint32_t version) {
+  const qz::Status status = read(page);
+  if (status != qz::Status::ok) {
+    return status;
+  }
+  stamp(at, h->pageSize, page, version);
+  return write(page, at);
+}
+
+qz::Status World::acquire() {
+  void* address = nullptr;
+  const qz::Status status = call(&qz::OperationTable::qzpbufacquire, &address);
+  at = static_cast<char*>(address);
+  return status;
+}
+
+qz::Status World::add(std::int32_t buffers) {
+  length = buffers;
+  return call(&qz::OperationTable::qzpbufadd, &length);
+}
+
+qz::Status World::writeHeader(const void* header, std::int32_t bytes) {
+  length = bytes;
+  return call(&qz::OperationTable::qzpwritehdr, header, &length);
+}
+
+qz::Status World::reopen(std::uint32_t read, std::uint32_t write, std::uint32_t options) {
+  const qz::AccessHints hints{read, write, options};
+  return call(&qz::OperationTable::qzpreopen, &hints);
+}
+
+// The request for direct I/O comes from the handle, whose options a reopen only adds to.
+qz::Status World::reopen(Shape shape, std::uint32_t write) {
+  h->openOptions = shape == Shape::buffered ? h->openOptions & ~qz::optionDirectIo
+                                            : h->openOptions | qz::optionDirectIo;
+  return reopen(shape == Shape::block ? qz::readOrdered : qz::readRandom, write, 0);
+}
+
+qz::Status World::readMany(std::int64_t page, std::int32_t count, std::uint32_t options,
+                           char* area) {
+  const auto entries = static_cast<std::size_t>(std::max(count, 1));
+  std::vector<qz::PageRequest> requests(entries);
+  std::vector<qz::PageRequest*> addresses(entries);
+  for (std::size_t i = 0; i < entries; ++i) {
+    requests[i].buffer = area + i * static_cast<std::size_t>(h->pageSize);
+    addresses[i] = &requests[i];
+  }
+  return call(&qz::OperationTable::qzpreadmany, addresses.data(), page, count, options);
+}
+
+void World::begin() {
+  calls().clear();
+  recorder.entries.clear();
+}
+
+void World::end() {
+  if (!checksInvariants || h == nullptr) {
+    return;
+  }
+  const std::string broken =
+      brokenInvariant(*h, host.poolCounts("qziop pool").liveBlocks,
+                      host.poolCounts("qziop buffer pool").liveBlocks, otherBlocks);
+  EXPECT_EQ(broken, "");
+}
+
+std::string World::did(qz::Status status) const {
+  const std::string io = calls().io();
+  return shortCode(static_cast<std::uint32_t>(status)) + (io.empty() ? "" : " " + io) +
+         (recorder.entries.empty() ? "" : " {" + recorder.entries + "}");
+}
+
+std::int64_t World::bytesOnDisk() const {
+  std::error_code failed;
+  const auto bytes = std::filesystem::file_size(path, failed);
+  return failed ? -1 : static_cast<std::int64_t>(bytes);
+}
+
+bool World::onDisk(std::int64_t page, std::uint32_t version) const {
+  std::ifstream file(path, std::ios::binary);
+  std::string data(static_cast<std::size_t>(h->pageSize), 0);
+  file.seekg(static_cast<std::streamoff>((page - 1) * h->pageSize + h->headerSize));
+  file.read(data.data(), h->pageSize);
+  return file.gcount() == h->pageSize && isStamped(data.data(), h->pageSize, page, version);
+}
+
+namespace {
+
+template <class Node>
+std::size_t lengthOf(const qz::List<Node>& list) {
+  std::size_t length = 0;
+  for (const Node* node = list.head; node != nullptr; node = node->next) {
+    ++length;
+  }
+  return length;
+}
+
+}  // namespace
+
+std::size_t World::listed(const qz::List<qz::PageBuffer>& list) const { return lengthOf(list); }
+std::size_t World::listed(const qz::List<qz::BlockRecord>& list) const { return lengthOf(list); }
+
+void World::finish() {
+  calls().plan({});
+  if (module == nullptr) {
+    return;
+  }
+  if (h != nullptr) {
+    if (h->hostFile != nullptr) {
+      h->openOptions &= ~qz::optionFlushAtClose;
+      EXPECT_EQ(close(), qz::Status::ok);
+    }
+    EXPECT_EQ(module->operations.qzpfreememhandle(h, journal), qz::Status::ok);
+    h = nullptr;
+  }
+  EXPECT_EQ(module->qzpdestroy(module), 0U);
+  module = nullptr;
+  const qz::PoolCounts counts = host.poolCounts();
+  EXPECT_EQ(counts.liveBlocks + counts.leakedBlocks + counts.refusedFrees, 0U);
+}
+
+}  // namespace qztest

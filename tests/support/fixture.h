@@ -1,0 +1,168 @@
+// A host, the real module loaded into this process, one file handle and a file of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "qzpos.h"
+#include "qzstandin.h"
+#include "support/hostcalls.h"
+#include "support/syscalls.h"
+
+namespace qztest {
+
+// The library under test, loaded once per process.
+struct Library {
+  void* handle;
+  decltype(&::qziop) qziop;
+  decltype(&::qzextent) qzextent;
+  qz::QZHandle** exportedHandle;
+
+  static const Library& get();
+  void* symbol(const char* name) const;
+};
+
+// A journal that writes its entries down in short form, separated by blanks:
+//   !80C          a report of 0x803FC80C that names the handle's file
+//   4:802         a status of its own, level 4; 4:80FFE101 one of the host
+//   4:824(~)      with inserts; ~ stands for the file's name
+//   2:text(~)     a note
+class ShortJournal : public qz::Journal {
+ public:
+  ShortJournal();
+
+  std::string entries;
+  std::u32string fileName;                // what ~ stands for
+  std::uint32_t textLength = 0;           // characters that the text of a status needs; 0: as it is
+  std::uint32_t nameLineLength = 0;       // the same for the line that names the file
+  std::vector<std::uint32_t> capacities;  // of the buffers that statusToBuf was given
+  std::uint32_t lastLength = 0;           // of the last message
+  qz::HostStatus messageResult = 0;
+
+  void add(const std::string& entry) { entries += (entries.empty() ? "" : " ") + entry; }
+  std::string withInserts(std::u32string_view text, std::va_list arguments) const;
+};
+
+// The code without the module's prefix: "80C"; a host status whole; "ok" for 0.
+std::string shortCode(std::uint32_t status);
+
+// The shapes of buffers and I/O that a file can be opened in.
+enum class Shape : std::uint8_t { buffered, direct, block };
+inline constexpr Shape kShapes[] = {Shape::buffered, Shape::direct, Shape::block};
+const char* nameOf(Shape shape);
+
+inline constexpr std::int32_t kPage = 4096;
+inline constexpr std::int32_t kPagesPerBlock = 4;
+inline constexpr std::int64_t kHeader = 4096;
+inline constexpr std::uint32_t kOwn = qz::kCallersMemory;
+
+// Fills a page so that every 8 bytes tell its number and version, and tests that.
+void stamp(char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version);
+bool isStamped(const char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version);
+
+// Memory of the caller's, aligned for direct I/O.
+struct FreeMemory {
+  void operator()(char* memory) const { std::free(memory); }
+};
+using CallerMemory = std::unique_ptr<char, FreeMemory>;
+CallerMemory callerMemory(std::int64_t bytes);
+
+// Every operation goes through the table, with the record of calls and the journal begun anew,
+// and with the invariants checked afterwards.
+class World {
+ public:
+  // `folder`: where the file is to lie; empty: a temporary folder.
+  explicit World(const std::string& folder = {});
+  ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  // Caller settings for a shape: existing file, pages may be read and rewritten, kPage bytes,
+  // header of kHeader bytes, blocks of kPagesPerBlock pages, `buffers` buffers.
+  void settle(Shape shape, std::int32_t buffers = 3);
+  // Makes the file by plain calls: a header and pages of version 0.
+  void makeFile(std::int64_t pages, std::int64_t headerBytes = kHeader);
+  // makeFile, settle and open.
+  void openWith(Shape shape, std::int64_t pages, std::int32_t buffers = 3);
+  void setName(const std::string& utf8Name);
+
+  qz::Status open() { return call(&qz::OperationTable::qzpopen); }
+  qz::Status preopen(void* buffer, std::int32_t bytes);
+  qz::Status close(std::uint32_t flags = 0) { return call(&qz::OperationTable::qzpclose, flags); }
+  qz::Status read(std::int64_t page);  // `at` receives the address
+  qz::Status write(std::int64_t page, void* from, std::uint32_t flags = 0);
+  // Writes a page of the given version from the caller's own memory.
+  qz::Status writeOwn(std::int64_t page, std::uint32_t version = 0);
+  // Reads the page, stamps it and writes it back in place.
+  qz::Status rewrite(std::int64_t page, std::uint32_t version);
+  qz::Status acquire();  // `at` receives the address
+  qz::Status giveBack(void* address) { return call(&qz::OperationTable::qzpbufreturn, address); }
+  qz::Status add(std::int32_t buffers);  // `length` receives how many
+  qz::Status remove(std::int32_t buffers) {
+    return call(&qz::OperationTable::qzpbufremove, buffers);
+  }
+  qz::Status truncate(std::int64_t pages) { return call(&qz::OperationTable::qzptruncate, pages); }
+  qz::Status flush() { return call(&qz::OperationTable::qzpflush); }
+  qz::Status writeHeader(const void* header, std::int32_t bytes);  // `length` receives the result
+  qz::Status reopen(std::uint32_t read, std::uint32_t write, std::uint32_t options);
+  qz::Status reopen(Shape shape, std::uint32_t write = qz::rewritePages);
+  qz::Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options, char* area);
+
+  template <class... Parameters, class... Arguments>
+  qz::Status call(qz::Status (*qz::OperationTable::*operation)(qz::FileHandle*, Parameters...),
+                  Arguments... arguments) {
+    begin();
+    const qz::Status status = (module->operations.*operation)(h, arguments..., journal);
+    end();
+    return status;
+  }
+
+  // What an operation came to, for comparison in one line: "80C pread 4096@0!5 {!80C}": its short
+  // code, its system calls and its journal entries, the latter two only when there are any.
+  std::string did(qz::Status status) const;
+
+  // The file's bytes by plain calls; -1 when there is no file.
+  std::int64_t bytesOnDisk() const;
+  // True when the page of the file has that version.
+  bool onDisk(std::int64_t page, std::uint32_t version) const;
+  // True when the memory at `at` has it.
+  bool holdsPage(std::int64_t page, std::uint32_t version) const {
+    return isStamped(at, h->pageSize, page, version);
+  }
+  std::size_t listed(const qz::List<qz::PageBuffer>& list) const;
+  std::size_t listed(const qz::List<qz::BlockRecord>& list) const;
+
+  // Closes what is open, frees the handle and destroys the module; everything must balance.
+  void finish();
+
+  qz::StandInHost host;
+  ShortJournal recorder;
+  qz::Journal* journal = &recorder;
+  qz::ExtensionObject* module = nullptr;
+  qz::FileHandle* h = nullptr;
+  std::string path;
+  char* at = nullptr;
+  qz::PageRequest request{};
+  std::int32_t length = 0;
+  std::size_t otherBlocks = 1;  // of the module pool, beside the handle's: the extension object
+  bool checksInvariants = true;
+
+ private:
+  void begin();
+  void end();
+
+  std::string folder_;
+};
+
+// A test of one file: World with GoogleTest's set-up.
+class FileTest : public ::testing::Test, public World {
+ protected:
+  void TearDown() override { finish(); }
+};
+
+}  // namespace qztest

@@ -1,0 +1,259 @@
+#include "support/hostcalls.h"
+
+#include <string_view>
+
+#include "support/syscalls.h"
+
+namespace qztest {
+
+namespace {
+
+// The stand-in host's own operations. It has one function for each slot, whatever the object.
+struct Originals {
+  decltype(qz::QZHandle::poolCreate) poolCreate;
+  decltype(qz::MemoryPool::memAlloc) memAlloc;
+  decltype(qz::MemoryPool::memFree) memFree;
+  decltype(qz::MemoryPool::destroy) poolDestroy;
+  decltype(qz::QZHandle::extensionLoad) extensionLoad;
+  decltype(qz::TreeExtension::destroy) extensionDestroy;
+  decltype(qz::TreeExtension::treeCreate) treeCreate;
+  decltype(qz::PageTree::destroy) treeDestroy;
+  decltype(qz::EncodingServices::converterCreate) converterCreate;
+  decltype(qz::Converter::destroy) converterDestroy;
+  decltype(qz::FileService::fileOpen) fileOpen;
+  decltype(qz::FileMethods::fileReopen) fileReopen;
+  decltype(qz::FileMethods::fileClose) fileClose;
+};
+Originals originals;
+const qz::MemoryPool* bufferPool = nullptr;
+DirectIo directIo = DirectIo::simulated;
+
+template <class Slot>
+void replace(Slot& slot, Slot& original, Slot replacement) {
+  if (slot != replacement) {
+    original = slot;
+    slot = replacement;
+  }
+}
+
+// Makes an object, or fails as planned; `create` returns it.
+template <class Create>
+auto created(CallRecord record, Create create) -> decltype(create()) {
+  auto* object = calls().next(record.call) != nullptr ? nullptr : create();
+  record.result = object != nullptr ? 1 : 0;
+  calls().record(record);
+  return object;
+}
+
+// Releases an object; a planned fault only takes the place of the result.
+template <class Release>
+qz::HostStatus released(CallRecord record, Release release) {
+  const Fault* fault = calls().next(record.call);
+  qz::HostStatus status = 0;
+  if (fault == nullptr || fault->result != kNotDone) {
+    status = release();
+  }
+  if (fault != nullptr) {
+    status = fault->error;
+  }
+  record.result = status;
+  calls().record(record);
+  return status;
+}
+
+int idOf(const qz::MemoryPool* pool) { return pool == bufferPool ? 'b' : 'm'; }
+
+void* memAlloc(qz::MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {
+  return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags, 0, 0, 0},
+                 [&] { return static_cast<char*>(originals.memAlloc(pool, bytes, flags)); });
+}
+
+qz::HostStatus memFree(qz::MemoryPool* pool, void* block) {
+  return released({Call::memFree, idOf(pool), 0, 0, 0, 0, 0},
+                  [&] { return originals.memFree(pool, block); });
+}
+
+qz::HostStatus poolDestroy(qz::MemoryPool* pool) {
+  return released({Call::destroy, idOf(pool), 0, 0, 0, 0, 0},
+                  [&] { return originals.poolDestroy(pool); });
+}
+
+qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attributes,
+                           qz::Journal* journal, const char* name) {
+  const bool forBuffers = std::string_view(name) == "qziop buffer pool";
+  qz::MemoryPool* pool =
+      created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0], 0, 0, 0},
+              [&] { return originals.poolCreate(host, attributes, journal, name); });
+  if (pool == nullptr) {
+    return nullptr;
+  }
+  if (forBuffers) {
+    bufferPool = pool;
+  } else if (bufferPool == pool) {
+    bufferPool = nullptr;  // the address of an earlier one, used again
+  }
+  replace(pool->memAlloc, originals.memAlloc, memAlloc);
+  replace(pool->memFree, originals.memFree, memFree);
+  replace(pool->destroy, originals.poolDestroy, poolDestroy);
+  return pool;
+}
+
+qz::HostStatus treeDestroy(qz::PageTree* tree) {
+  return released({Call::destroy, 't', 0, tree->anchor.root != nullptr ? 1 : 0, 0, 0, 0},
+                  [&] { return originals.treeDestroy(tree); });
+}
+
+qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes* attributes,
+                         qz::Journal* journal, const char* name) {
+  qz::PageTree* tree = created({Call::treeCreate, 't', attributes->keyOffset, 0, 0, 0, 0}, [&] {
+    return originals.treeCreate(extension, attributes, journal, name);
+  });
+  if (tree != nullptr) {
+    replace(tree->destroy, originals.treeDestroy, treeDestroy);
+  }
+  return tree;
+}
+
+qz::HostStatus extensionDestroy(qz::TreeExtension* extension) {
+  return released({Call::destroy, 'e', 0, 0, 0, 0, 0},
+                  [&] { return originals.extensionDestroy(extension); });
+}
+
+qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::uint32_t length,
+                                 qz::Journal* journal) {
+  qz::TreeExtension* extension = created({Call::extensionLoad, 'e', length, 0, 0, 0, 0}, [&] {
+    return originals.extensionLoad(host, name, length, journal);
+  });
+  if (extension != nullptr) {
+    replace(extension->destroy, originals.extensionDestroy, extensionDestroy);
+    replace(extension->treeCreate, originals.treeCreate, treeCreate);
+  }
+  return extension;
+}
+
+qz::HostStatus converterDestroy(qz::Converter* converter) {
+  return released({Call::destroy, 'c', 0, 0, 0, 0, 0},
+                  [&] { return originals.converterDestroy(converter); });
+}
+
+qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding, qz::Word word,
+                               qz::Journal* journal) {
+  qz::Converter* converter =
+      created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word), 0, 0, 0},
+              [&] { return originals.converterCreate(services, encoding, word, journal); });
+  if (converter != nullptr) {
+    replace(converter->destroy, originals.converterDestroy, converterDestroy);
+  }
+  return converter;
+}
+
+// Opens through `open`, which is not to see O_DIRECT when that is simulated.
+template <class Open>
+auto withoutDirectIo(qz::OpenParameters* parameters, Open open) {
+  const std::uint32_t asked = parameters->openFlags;
+  if (directIo == DirectIo::simulated) {
+    parameters->openFlags &= ~qz::openflag::direct;
+  }
+  const auto result = open();
+  parameters->openFlags = asked;
+  return result;
+}
+
+// Pages that the buffer pool aligns can be held to an alignment; smaller ones cannot.
+void enforceAlignment(const qz::OpenParameters& parameters) {
+  const bool enforced =
+      directIo == DirectIo::simulated && parameters.openFlags & qz::openflag::direct;
+  calls().requireAlignment(enforced ? 512 : 0);
+}
+
+qz::HostStatus fileReopen(qz::HostFile* file, qz::OpenParameters* parameters,
+                          std::uint32_t accessMode, qz::Journal* journal) {
+  CallRecord record{Call::fileReopen, 0, 0, accessMode, 0, 0, parameters->openFlags};
+  const Fault* fault = calls().next(Call::fileReopen);
+  qz::HostStatus status = 0;
+  if (fault != nullptr) {
+    status = fault->error;
+    parameters->systemErrno = static_cast<std::int32_t>(fault->result);
+    parameters->errorDetail1 = 11;
+    parameters->errorDetail2 = 22;
+  } else {
+    status = withoutDirectIo(
+        parameters, [&] { return originals.fileReopen(file, parameters, accessMode, journal); });
+  }
+  record.result = status;
+  calls().record(record);
+  if (status == 0) {
+    enforceAlignment(*parameters);
+  }
+  return status;
+}
+
+qz::HostStatus fileClose(qz::HostFile* file, qz::OpenParameters* parameters, qz::Journal* journal) {
+  CallRecord record{Call::fileClose, 0, 0, 0, 0, 0, parameters->removeAtClose};
+  const Fault* fault = calls().next(Call::fileClose);
+  const qz::HostStatus status =
+      fault != nullptr ? fault->error : originals.fileClose(file, parameters, journal);
+  record.result = status;
+  calls().record(record);
+  return status;
+}
+
+qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters, qz::Word one,
+                       std::uint32_t accessMode, qz::Journal* journal, qz::HostStatus* status) {
+  CallRecord record{Call::fileOpen,
+                    static_cast<int>(parameters->permissions),
+                    static_cast<std::int64_t>(one),
+                    accessMode,
+                    0,
+                    0,
+                    parameters->openFlags};
+  const Fault* fault = calls().next(Call::fileOpen);
+  qz::HostFile* file = nullptr;
+  if (fault != nullptr) {
+    *status = fault->error;
+    parameters->systemErrno = static_cast<std::int32_t>(fault->result);
+    parameters->errorDetail1 = 11;
+    parameters->errorDetail2 = 22;
+  } else {
+    file = withoutDirectIo(parameters, [&] {
+      return originals.fileOpen(service, parameters, one, accessMode, journal, status);
+    });
+  }
+  record.result = *status;
+  calls().record(record);
+  if (file != nullptr) {
+    replace(file->fileMethods->fileReopen, originals.fileReopen, fileReopen);
+    replace(file->fileMethods->fileClose, originals.fileClose, fileClose);
+    enforceAlignment(*parameters);
+  }
+  return file;
+}
+
+// Waits for nothing.
+qz::HostStatus taskWait(qz::Task* /*task*/, qz::Word a1, qz::Word a2, qz::Word a3,
+                        std::uint8_t flag, std::uint32_t waitTime) {
+  const auto words = static_cast<std::int64_t>(a1 | a2 | a3 | flag);
+  calls().record({Call::taskWait, 0, waitTime, words, 0, 0, 0});
+  return 0;
+}
+
+}  // namespace
+
+void recordHostCalls(qz::StandInHost& host) {
+  qz::QZHandle* handle = host.handle();
+  replace(handle->poolCreate, originals.poolCreate, poolCreate);
+  replace(handle->extensionLoad, originals.extensionLoad, extensionLoad);
+  replace(handle->encodingServices->converterCreate, originals.converterCreate, converterCreate);
+  replace(handle->fileService->fileOpen, originals.fileOpen, fileOpen);
+  handle->mainTask->taskWait = taskWait;
+  if (qz::Task* task = handle->currentTask(handle); task != nullptr) {
+    task->taskWait = taskWait;
+  }
+}
+
+void setDirectIo(DirectIo way) {
+  directIo = way;
+  calls().requireAlignment(0);
+}
+
+}  // namespace qztest

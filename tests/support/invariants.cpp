@@ -1,0 +1,184 @@
+#include "support/invariants.h"
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <set>
+
+namespace qztest {
+
+namespace {
+
+class Checker {
+ public:
+  explicit Checker(const qz::FileHandle& handle) : h_(handle) {}
+
+  std::string broken() {
+    checkState();
+    checkPages();
+    checkBlocks();
+    checkTree();
+    checkWriteBlock();
+    require(h_.heldCount == holds_, "heldCount {} for {} holds", h_.heldCount, holds_);
+    return broken_;
+  }
+
+ private:
+  template <class... Arguments>
+  void require(bool holds, fmt::format_string<Arguments...> text, Arguments&&... arguments) {
+    if (!holds && broken_.empty()) {
+      broken_ = fmt::format(text, std::forward<Arguments>(arguments)...);
+    }
+  }
+
+  // Calls visit for each record; true when the list is linked both ways and ends.
+  template <class Node, class Visit>
+  void walk(const char* name, const qz::List<Node>& list, Visit visit) {
+    constexpr int kTooLong = 1 << 20;
+    int length = 0;
+    const Node* previous = nullptr;
+    for (const Node* node = list.head; node != nullptr && length < kTooLong; node = node->next) {
+      ++length;
+      if (node->prev != previous) {
+        require(false, "{}: record {} is not linked back", name, length);
+        return;
+      }
+      visit(*node);
+      previous = node;
+    }
+    require(length < kTooLong, "{} does not end", name);
+    require(list.tail == previous, "{}: the tail is not the last record", name);
+  }
+
+  void checkState() {
+    const bool open = (h_.stateFlags & qz::stateOpen) != 0;
+    require(!open || (h_.hostFile != nullptr && h_.fd >= 0), "open without a file");
+    require(h_.hostFile != nullptr || h_.fd == -1, "fd {} without a file", h_.fd);
+    require(h_.hostFile != nullptr ||
+                (h_.pageTree == nullptr && h_.lastBlock == nullptr && h_.writeBlock == nullptr &&
+                 h_.pageBuffersAllocated == 0 && h_.blocksAllocated == 0 && h_.nextPage == 0),
+            "buffers or cursors without a file");
+  }
+
+  void checkPages() {
+    const auto count = [this](const char* name, const qz::List<qz::PageBuffer>& list, bool held) {
+      walk(name, list, [&, held](const qz::PageBuffer& buffer) {
+        require((buffer.held == 1) == held, "{}: held {}", name, buffer.held);
+        require(held ? buffer.extraHolds >= 0 : buffer.extraHolds == 0, "{}: {} extra holds", name,
+                buffer.extraHolds);
+        holds_ += held ? 1 + buffer.extraHolds : 0;
+        require(pages_.insert(&buffer).second, "{}: on two lists", name);
+      });
+    };
+    count("pageFreeList", h_.pageFreeList, false);
+    count("pageHeldList", h_.pageHeldList, true);
+    require(h_.pageBuffersAllocated == static_cast<std::int64_t>(pages_.size()),
+            "{} page buffers counted, {} on lists", h_.pageBuffersAllocated, pages_.size());
+  }
+
+  void checkBlocks() {
+    const auto count = [this](const char* name, const qz::List<qz::BlockRecord>& list, bool held) {
+      walk(name, list, [&, held](const qz::BlockRecord& block) {
+        require((block.holdCount != 0) == held && block.holdCount >= 0, "{}: holdCount {}", name,
+                block.holdCount);
+        require((block.blockNumber == 0) == (block.firstPage == 0) &&
+                    (block.firstPage == 0) == (block.lastPage == 0) &&
+                    block.firstPage <= block.lastPage,
+                "{}: block {} has pages {} to {}", name, block.blockNumber, block.firstPage,
+                block.lastPage);
+        require(block.dirtyPages == 0, "{}: {} dirty pages", name, block.dirtyPages);
+        holds_ += static_cast<int>(block.holdCount);
+        require(blocks_.insert(&block).second, "{}: on two lists", name);
+      });
+    };
+    count("blockFreeList", h_.blockFreeList, false);
+    count("blockHeldList", h_.blockHeldList, true);
+    count("blockAcquiredList", h_.blockAcquiredList, true);
+    walk("blockAcquiredList", h_.blockAcquiredList, [this](const qz::BlockRecord& block) {
+      require(block.blockNumber == 0, "acquired block {} is not empty", block.blockNumber);
+    });
+    require(h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1, "lastBlock is stray");
+    const auto all = static_cast<std::int64_t>(blocks_.size()) + (h_.writeBlock != nullptr ? 1 : 0);
+    require(h_.blocksAllocated == all, "{} blocks counted, {} there", h_.blocksAllocated, all);
+  }
+
+  // Every buffer with a page stands in the tree under it, and nothing else does.
+  void checkTree() {
+    std::size_t withPage = 0;
+    for (const qz::PageBuffer* buffer : pages_) {
+      if (buffer->pageNumber == 0) {
+        continue;
+      }
+      ++withPage;
+      require(h_.pageTree != nullptr, "page {} in a buffer without a tree", buffer->pageNumber);
+      if (h_.pageTree != nullptr) {
+        require(h_.pageTree->treeFind(&h_.pageTree->anchor, &buffer->pageNumber) == buffer,
+                "the tree has another buffer for page {}", buffer->pageNumber);
+      }
+    }
+    const std::size_t entries = h_.pageTree == nullptr ? 0 : entriesBelow(h_.pageTree->anchor.root);
+    require(entries == withPage, "{} tree entries for {} pages", entries, withPage);
+  }
+
+  // The stand-in host links nodes through their first two words and tags the low bits.
+  std::size_t entriesBelow(void* link) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the tags are taken off as a number
+    const auto* node = reinterpret_cast<qz::PageBuffer*>(reinterpret_cast<std::uintptr_t>(link) &
+                                                         ~std::uintptr_t{3});
+    if (node == nullptr) {
+      return 0;
+    }
+    if (pages_.count(node) == 0) {
+      require(false, "the tree reaches a freed buffer");
+      return 0;
+    }
+    return 1 + entriesBelow(node->treeLinks[0]) + entriesBelow(node->treeLinks[1]);
+  }
+
+  void checkWriteBlock() {
+    if (h_.writeBlock == nullptr) {
+      return;
+    }
+    const qz::BlockRecord& block = *h_.writeBlock;
+    require(blocks_.count(&block) == 0, "the write block is on a list");
+    require(block.holdCount == 0, "the write block is held {} times", block.holdCount);
+    if (block.firstPage == 0) {
+      require(block.lastPage == 0 && block.dirtyPages == 0, "empty write block with pages");
+      return;
+    }
+    require((block.firstPage - 1) % h_.pagesPerBlock == 0, "write block begins at page {}",
+            block.firstPage);
+    require(block.lastPage == h_.pageCount, "write block ends at {} of {}", block.lastPage,
+            h_.pageCount);
+    require(block.dirtyPages == block.lastPage - block.firstPage + 1 && block.dirtyPages > 0 &&
+                block.dirtyPages < h_.pagesPerBlock,
+            "write block {} to {} with {} dirty pages", block.firstPage, block.lastPage,
+            block.dirtyPages);
+  }
+
+  const qz::FileHandle& h_;
+  int holds_ = 0;
+  std::set<const qz::PageBuffer*> pages_;
+  std::set<const qz::BlockRecord*> blocks_;
+  std::string broken_;
+};
+
+}  // namespace
+
+std::string brokenInvariant(const qz::FileHandle& h, std::size_t moduleBlocks,
+                            std::size_t bufferBlocks, std::size_t otherBlocks) {
+  std::string broken = Checker(h).broken();
+  if (!broken.empty()) {
+    return broken;
+  }
+  const auto pages = static_cast<std::size_t>(h.pageBuffersAllocated);
+  const auto blocks = static_cast<std::size_t>(h.blocksAllocated);
+  const std::size_t own = 1 + (h.fileName != nullptr ? 1 : 0) + pages + 2 * blocks;
+  if (moduleBlocks != own + otherBlocks || bufferBlocks != pages + blocks) {
+    return fmt::format("pools have {} and {} blocks out, the handle accounts for {} and {}",
+                       moduleBlocks, bufferBlocks, own + otherBlocks, pages + blocks);
+  }
+  return {};
+}
+
+}  // namespace qztest

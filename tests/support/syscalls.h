@@ -1,0 +1,123 @@
+// The calls that the module makes: recorded in order, and failed on demand.
+//
+// The test program itself defines the file system calls and exports them, so that the real
+// libqziop.so finds these first. Only calls from the module's own code count; all others pass
+// through. Host operations are recorded by tests/support/fixture, which replaces their slots.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace qztest {
+
+enum class Call : std::uint8_t {
+  pread,
+  pwrite,
+  read,
+  readv,
+  lseek,
+  ftruncate,
+  fsync,
+  statfs,
+  lastSystemCall = statfs,
+  environment,
+  poolCreate,
+  extensionLoad,
+  converterCreate,
+  treeCreate,
+  memAlloc,
+  memFree,
+  destroy,
+  fileOpen,
+  fileReopen,
+  fileClose,
+  taskWait,
+  count
+};
+
+struct CallRecord {
+  Call call;
+  // System calls: the descriptor. memAlloc, memFree, destroy: 'm' module pool, 'b' buffer pool,
+  // 'e' tree extension, 'c' converter, 't' tree. fileOpen: permissions.
+  int target;
+  std::int64_t length;  // bytes; readv: entries of the vector; taskWait: time
+  std::int64_t offset;  // file offset; memAlloc: flags; fileOpen, fileReopen: access mode
+  std::int64_t result;  // of the call; host operations: the status, or 1 for what was created
+  int error;            // errno when `result` is -1
+  std::uint32_t flags;  // fileOpen, fileReopen: open flags; fileClose: remove at close
+};
+
+inline constexpr int kEveryLater = std::numeric_limits<int>::max();
+// Result of a transfer that moves only half of its bytes.
+inline constexpr std::int64_t kShort = std::numeric_limits<std::int64_t>::min();
+inline constexpr std::int64_t kNotDone = kShort + 1;
+
+// Calls number `nth` to `nth` + `count` - 1 of a kind do not do their work. A system call returns
+// `result` with errno `error`, or moves half of its bytes (kShort); a host operation that creates
+// something returns null, fileOpen and fileReopen with system error `result` and status `error`;
+// a release returns `error`, having done its work unless `result` is kNotDone.
+struct Fault {
+  Call call;
+  int nth = 1;
+  int count = 1;
+  std::int64_t result = -1;
+  std::uint32_t error = 5;  // EIO
+};
+
+class Calls {
+ public:
+  // The library whose calls count: the one that has this address. Null: none.
+  void watch(const void* address);
+
+  // Under O_DIRECT a real device refuses transfers that are not aligned. While set, transfers of
+  // the module are held to this alignment of memory, offset and length; 0: not at all.
+  void requireAlignment(std::uint64_t bytes) { alignment_ = bytes; }
+
+  // Replaces the planned faults; counting starts again.
+  void plan(std::vector<Fault> faults);
+  // How often a planned fault was met since.
+  int faultsMet() const { return faultsMet_; }
+
+  void clear() { trace_.clear(); }
+  const std::vector<CallRecord>& trace() const { return trace_; }
+  int count(Call call) const;
+  // The call of that kind with that place in the trace, from 0; a record of zeros: there is none.
+  const CallRecord& at(Call call, int place = 0) const;
+
+  // The system calls since clear(), one word each: "pwrite 4096@512", "=100" for a result other
+  // than the one asked for, "!28" for an errno: "pread 512@0=0 fsync!5".
+  std::string io() const;
+  // The host's operations since clear(), one word each with what they were about: "memAlloc:m40"
+  // (bytes; z: zero-filled), "memFree:b", "destroy:t", "fileOpen", "taskWait:1000"; "!" after one
+  // that failed.
+  std::string hostCalls() const;
+
+  // The type that statfs reports instead of the real one; 0: the real one.
+  std::uint32_t fileSystemType = 0;
+  std::string statfsPath;  // of the last call
+
+  // For those who carry calls out. The fault planned for this call, or null; counts it.
+  const Fault* next(Call call);
+  void record(const CallRecord& record) { trace_.push_back(record); }
+  bool isWatched(const void* returnAddress) const {
+    return returnAddress >= begin_ && returnAddress < end_;
+  }
+  bool isMisaligned(const void* memory, std::int64_t length, std::int64_t offset) const;
+
+ private:
+  const void* begin_ = nullptr;
+  const void* end_ = nullptr;
+  std::uint64_t alignment_ = 0;
+  std::vector<Fault> faults_;
+  int made_[static_cast<int>(Call::count)] = {};
+  int faultsMet_ = 0;
+  std::vector<CallRecord> trace_;
+};
+
+Calls& calls();
+
+const char* nameOf(Call call);
+
+}  // namespace qztest
