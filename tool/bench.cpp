@@ -1,0 +1,221 @@
+// qzpfile bench FILE: reading through the module beside bare pread calls, in turns.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <new>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <random>
+#include <utility>
+#include <vector>
+
+#include "commands.hpp"
+#include "json.hpp"
+
+namespace qzpfile {
+namespace {
+
+constexpr int kRounds = 5;
+constexpr std::int64_t kRandomPages = 4096;  // at most, per round
+
+struct Figure {
+  IoChoice mode;
+  bool random;
+  std::int64_t bytes;
+  double moduleSeconds;  // the best round
+  double bareSeconds;
+};
+
+// A descriptor for the yardstick: what a program without the module would do.
+class BareFile {
+ public:
+  BareFile(const std::string& name, bool direct)
+      : fd_(open(name.c_str(), O_RDONLY | O_CLOEXEC | (direct ? O_DIRECT : 0))) {
+    if (fd_ < 0) throw systemFailure(Purpose::input, "cannot open", name, errno);
+  }
+  BareFile(const BareFile&) = delete;
+  BareFile& operator=(const BareFile&) = delete;
+  ~BareFile() { close(fd_); }
+
+  void read(std::span<std::byte> area, std::int64_t offset, const std::string& name) const {
+    if (pread(fd_, area.data(), area.size(), offset) <= 0) {
+      throw systemFailure(Purpose::input, "cannot read", name, errno);
+    }
+  }
+
+ private:
+  int fd_;
+};
+
+// Memory of the kind that the module reads into: huge pages, for one, speed up direct I/O, and
+// the comparison is about calls, not about memory.
+class PoolMemory {
+ public:
+  PoolMemory(qz::MemoryPool* pool, std::size_t bytes)
+      : pool_(pool), data_(static_cast<std::byte*>(pool->memAlloc(pool, bytes, 0))), size_(bytes) {
+    if (data_ == nullptr) throw std::bad_alloc();
+  }
+  PoolMemory(const PoolMemory&) = delete;
+  PoolMemory& operator=(const PoolMemory&) = delete;
+  ~PoolMemory() { pool_->memFree(pool_, data_); }
+
+  std::span<std::byte> bytes() const { return {data_, size_}; }
+
+ private:
+  qz::MemoryPool* pool_;
+  std::byte* data_;
+  std::size_t size_;
+};
+
+template <class Work>
+double secondsOf(Work work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+class Bench {
+ public:
+  Bench(File& file, const Invocation& call, Progress& progress)
+      : file_(file),
+        progress_(progress),
+        bare_(call.first, file.io().mode != IoChoice::buffered),
+        transfer_(file.handle().module->bufferPool,
+                  static_cast<std::size_t>(file.io().mode == IoChoice::block
+                                               ? file.handle().blockBytes
+                                               : file.geometry().pageSize)) {}
+
+  Figure inOrder() {
+    std::vector<std::int64_t> pages(static_cast<std::size_t>(file_.pageCount()));
+    std::iota(pages.begin(), pages.end(), 1);
+    return measure(pages, false);
+  }
+
+  // Each page once, in an order that is the same in every run.
+  Figure atRandom() {
+    std::vector<std::int64_t> pages(static_cast<std::size_t>(file_.pageCount()));
+    std::iota(pages.begin(), pages.end(), 1);
+    std::shuffle(pages.begin(), pages.end(), std::minstd_rand(1));
+    pages.resize(std::min(pages.size(), static_cast<std::size_t>(kRandomPages)));
+    return measure(pages, true);
+  }
+
+ private:
+  Figure measure(const std::vector<std::int64_t>& pages, bool random) {
+    Figure figure{.mode = file_.io().mode,
+                  .random = random,
+                  .bytes = static_cast<std::int64_t>(pages.size()) * file_.geometry().pageSize,
+                  .moduleSeconds = 1e9,
+                  .bareSeconds = 1e9};
+    for (int round = 0; round < kRounds; ++round) {
+      figure.moduleSeconds =
+          std::min(figure.moduleSeconds, secondsOf([&] { readByModule(pages); }));
+      figure.bareSeconds = std::min(figure.bareSeconds, secondsOf([&] { readBare(pages); }));
+      progress_.advance(2 * figure.bytes);
+    }
+    return figure;
+  }
+
+  void readByModule(const std::vector<std::int64_t>& pages) {
+    for (const std::int64_t page : pages) file_.read(page);
+  }
+
+  // One call for as many of the pages, which then follow each other, as a transfer holds.
+  void readBare(const std::vector<std::int64_t>& pages) {
+    const std::size_t step = transfer_.bytes().size() / static_cast<std::size_t>(pageSize());
+    for (std::size_t i = 0; i < pages.size(); i += step) {
+      bare_.read(transfer_.bytes(), file_.geometry().offsetOf(pages[i]), file_.name());
+    }
+  }
+
+  std::int64_t pageSize() const { return file_.geometry().pageSize; }
+
+  File& file_;
+  Progress& progress_;
+  BareFile bare_;
+  PoolMemory transfer_;
+};
+
+double rate(std::int64_t bytes, double seconds) {
+  return static_cast<double>(bytes) / std::max(seconds, 1e-9);
+}
+
+double ratio(const Figure& figure) {
+  return figure.bareSeconds / std::max(figure.moduleSeconds, 1e-9);
+}
+
+void printText(const Source& source, const std::vector<Figure>& figures,
+               const std::vector<IoOutcome>& skipped) {
+  fmt::print("{}: {} of {} bytes, best of {} rounds\n", source.name,
+             counted(source.measured.wholePages, "page"), source.geometry.pageSize, kRounds);
+  fmt::print("{:<9} {:<9} {:>12} {:>12} {:>6}\n", "mode", "order", "module", "pread", "ratio");
+  for (const Figure& figure : figures) {
+    fmt::print("{:<9} {:<9} {:>10}/s {:>10}/s {:>6.2f}\n", ioName(figure.mode),
+               figure.random ? "random" : "in order",
+               readableSize(rate(figure.bytes, figure.moduleSeconds)),
+               readableSize(rate(figure.bytes, figure.bareSeconds)), ratio(figure));
+  }
+  for (const IoOutcome& outcome : skipped) {
+    fmt::print("not in mode {}: {}\n", ioName(outcome.asked), outcome.why);
+  }
+  fmt::print("ratio: the module's rate over that of bare pread calls in the same mode\n");
+}
+
+void printJson(const Source& source, const std::vector<Figure>& figures) {
+  nlohmann::ordered_json document = jsonDocument("bench", Exit::good);
+  document["file"] = source.name;
+  document["pages"] = source.measured.wholePages;
+  document["page_size"] = source.geometry.pageSize;
+  document["rounds"] = kRounds;
+  auto& results = document["results"] = nlohmann::ordered_json::array();
+  for (const Figure& figure : figures) {
+    nlohmann::ordered_json entry;
+    entry["mode"] = ioName(figure.mode);
+    entry["order"] = figure.random ? "random" : "in_order";
+    entry["bytes"] = figure.bytes;
+    entry["module_bytes_per_second"] =
+        static_cast<std::int64_t>(rate(figure.bytes, figure.moduleSeconds));
+    entry["pread_bytes_per_second"] =
+        static_cast<std::int64_t>(rate(figure.bytes, figure.bareSeconds));
+    entry["ratio"] = ratio(figure);
+    results.push_back(std::move(entry));
+  }
+  printJsonDocument(document);
+}
+
+}  // namespace
+
+Exit runBench(const Invocation& call) {
+  Session session(call.modulePath, call.verbose);
+  const Source source = examineWhole(session, call.first, rawGeometry(call));
+  if (source.measured.wholePages == 0) {
+    throw Failure(Exit::badData, "has no pages to read", call.first);
+  }
+  std::vector<Figure> figures;
+  std::vector<IoOutcome> skipped;
+  Progress progress(call.progress, "bench", std::nullopt);
+  for (const IoChoice choice : {IoChoice::buffered, IoChoice::direct, IoChoice::block}) {
+    const IoRequest request{choice, call.io.blockBytes, std::nullopt};
+    IoOutcome refused;
+    std::optional<File> file = File::openInMode(session, source, request, &refused);
+    if (!file) {
+      skipped.push_back(refused);
+      continue;
+    }
+    Bench bench(*file, call, progress);
+    figures.push_back(bench.inOrder());
+    if (choice != IoChoice::block) figures.push_back(bench.atRandom());
+  }
+  if (call.json) {
+    printJson(source, figures);
+  } else {
+    printText(source, figures, skipped);
+  }
+  return Exit::good;
+}
+
+}  // namespace qzpfile

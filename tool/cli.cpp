@@ -1,0 +1,224 @@
+#include "cli.hpp"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <CLI/App.hpp>
+#include <CLI/Config.hpp>
+#include <CLI/Formatter.hpp>
+#include <algorithm>
+#include <limits>
+#include <map>
+#include <utility>
+
+#include "help.hpp"
+#include "terminal.hpp"
+
+namespace qzpfile {
+namespace {
+
+// Adds an option whose text goes through `parse`; what it refuses is an error that says what is
+// wanted.
+template <class Parse, class Store>
+CLI::Option* addParsed(CLI::App& app, const std::string& name, const char* type, const char* wanted,
+                       const char* text, Parse parse, Store store) {
+  const auto take = [name, wanted, parse, store](const std::string& word) {
+    const auto value = parse(word);
+    if (!value) {
+      throw CLI::ValidationError(name, fmt::format("\"{}\" is not {}", word, wanted));
+    }
+    store(*value);
+  };
+  return app.add_option_function<std::string>(name, take, text)->type_name(type);
+}
+
+template <std::int64_t least, std::int64_t most>
+std::optional<std::int64_t> sizeWithin(const std::string& word) {
+  const auto size = parseSize(word);
+  return size && *size >= least && *size <= most ? size : std::nullopt;
+}
+
+template <class Value>
+auto oneOf(std::map<std::string, Value> values) {
+  return [values = std::move(values)](const std::string& word) {
+    const auto found = values.find(word);
+    return found == values.end() ? std::nullopt : std::optional<Value>(found->second);
+  };
+}
+
+constexpr std::int64_t kMaxInt32 = std::numeric_limits<std::int32_t>::max();
+
+void addSizeOptions(CLI::App& app, const Command& command, Invocation& call) {
+  const bool raw = (command.options & optionRaw) != 0;
+  const bool makes = (command.options & optionNewSizes) != 0;
+  if (raw) {
+    app.add_flag("--raw", call.raw,
+                 "take the file as header and pages without looking at its first bytes; sizes "
+                 "come from --page-size and --header-size");
+  }
+  addParsed(app, "--page-size", "SIZE", "a size from 1 byte to 1 GiB, as 4096 or 64K",
+            !makes ? "page size of a --raw file"
+            : raw  ? "page size of the new file, or with --raw of both"
+                   : "page size, 512 to 1G (default: chosen for moving whole files)",
+            sizeWithin<1, kMaxPageSize>, [&call](std::int64_t size) { call.pageSize = size; });
+  addParsed(app, "--header-size", "SIZE", "a size from 0 bytes to 1 GiB, as 4096 or 4K",
+            !makes ? "header size of a --raw file (default: 0)"
+            : raw  ? "header size of the new file, or with --raw of both"
+                   : "where page 1 begins, 64 or more (default: 4096)",
+            sizeWithin<0, kMaxHeaderSize>, [&call](std::int64_t size) { call.headerSize = size; });
+}
+
+void addIoOptions(CLI::App& app, const Command& command, Invocation& call) {
+  if ((command.options & optionIo) != 0) {
+    addParsed(app, "--io", "MODE", "one of auto, buffered, direct, block",
+              "auto, buffered (the system's cache), direct (past the cache, page by page) or "
+              "block (past the cache, in large blocks); auto chooses by the work and the file "
+              "system",
+              oneOf<IoChoice>({{"auto", IoChoice::automatic},
+                               {"buffered", IoChoice::buffered},
+                               {"direct", IoChoice::direct},
+                               {"block", IoChoice::block}}),
+              [&call](IoChoice choice) { call.io.choice = choice; });
+  }
+  if ((command.options & optionBlockSize) != 0) {
+    addParsed(app, "--block-size", "SIZE", "a size from 1 byte to 1 GiB, as 4M",
+              "bytes of a block in block mode (default: 4M)", sizeWithin<1, kMaxPageSize>,
+              [&call](std::int64_t size) { call.io.blockBytes = static_cast<std::int32_t>(size); });
+  }
+  if ((command.options & optionBuffers) != 0) {
+    addParsed(app, "--buffers", "N", "a number from 1 on", "buffers of the module (default: 1)",
+              sizeWithin<1, kMaxInt32 - 1>,
+              [&call](std::int64_t count) { call.io.buffers = static_cast<std::int32_t>(count); });
+  }
+}
+
+void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
+  const auto has = [&command](Option option) { return (command.options & option) != 0; };
+  if (has(optionPages)) {
+    addParsed(app, "--pages", "A-B", "a page or a range of pages, as 7, 3-9, 3- or -9",
+              "only these pages, counted from 1: 7, 3-9, 3- or -9", parsePageRange,
+              [&call](PageRange range) { call.pages = range; });
+  }
+  if (has(optionAppend)) {
+    app.add_flag("--append", call.append, "write behind the last page");
+  }
+  if (has(optionSet)) {
+    app.add_option("--set", call.setFrom,
+                   "replace the header by the bytes of this file, - for "
+                   "standard input")
+        ->type_name("INPUT");
+  }
+  if (has(optionForce)) app.add_flag("-f,--force", call.force, "replace a file that exists");
+  if (has(optionKeepGoing)) {
+    app.add_flag("-k,--keep-going", call.keepGoing, "list every bad page, not only the first");
+  }
+  if (has(optionFormat)) {
+    addParsed(app, "--format", "FORMAT", "text or json", "text or json (default: text)",
+              oneOf<bool>({{"text", false}, {"json", true}}),
+              [&call](bool json) { call.json = json; });
+  }
+  if (has(optionProgress)) {
+    addParsed(app, "--progress", "WHEN", "one of auto, always, never",
+              "auto (on a terminal), always or never (default: auto)",
+              oneOf<ProgressChoice>({{"auto", ProgressChoice::automatic},
+                                     {"always", ProgressChoice::always},
+                                     {"never", ProgressChoice::never}}),
+              [&call](ProgressChoice choice) { call.progress = choice; });
+  }
+}
+
+void addArguments(CLI::App& app, const Command& command, Invocation& call) {
+  app.add_option(command.first.name, call.first, command.first.text)->required();
+  if (command.second.name == nullptr) {
+    return;
+  }
+  std::string name = command.second.name;
+  const bool optional = name.front() == '[';
+  if (optional) name = name.substr(1, name.size() - 2);
+  CLI::Option* const second =
+      name.rfind("PAGE", 0) == 0
+          ? addParsed(app, name, "N", "a page number", command.second.text,
+                      sizeWithin<0, std::numeric_limits<std::int64_t>::max() - 1>,
+                      [&call](std::int64_t page) { call.page = page; })
+          : app.add_option(name, call.second, command.second.text);
+  second->required(!optional);
+}
+
+void addCommand(CLI::App& program, const Command& command, Invocation& call) {
+  CLI::App& app = *program.add_subcommand(command.name);
+  addArguments(app, command, call);
+  if ((command.options & (optionNewSizes | optionRaw)) != 0) addSizeOptions(app, command, call);
+  addIoOptions(app, command, call);
+  addOtherOptions(app, command, call);
+  app.add_option("--module", call.modulePath,
+                 "libqziop.so to load (default: the one beside this "
+                 "program, else the installed one)")
+      ->type_name("PATH");
+  app.add_flag("-v,--verbose", call.verbose, "show the module's journal on standard error");
+  app.set_help_flag("-h,--help", "show this help");
+}
+
+Failure usageFailure(const std::string& what, const std::string& command) {
+  return Failure(Exit::usage, what)
+      .tryThis(fmt::format("qzpfile {}--help", command.empty() ? "" : command + " "));
+}
+
+// What concerns more than one option.
+void checkTogether(const Command& command, const Invocation& call) {
+  const bool makes = (command.options & optionNewSizes) != 0;
+  if (call.raw && !call.pageSize && command.run != runRm) {
+    throw usageFailure("--raw needs --page-size", command.name);
+  }
+  if (!call.raw && !makes && (call.pageSize || call.headerSize)) {
+    throw usageFailure("--page-size and --header-size need --raw: other files tell their own",
+                       command.name);
+  }
+  if (command.run == runPut && call.append == call.page.has_value()) {
+    throw usageFailure("name either a PAGE or --append", command.name);
+  }
+  if (call.page == 0 && command.run == runPut) {
+    throw usageFailure("there is no page 0: pages are counted from 1", command.name);
+  }
+}
+
+}  // namespace
+
+std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std::string>& words) {
+  CLI::App app("Packs files into pages, reads, changes, checks and measures paged files.");
+  app.require_subcommand(1);
+  app.set_help_flag("-h,--help", "show this help");
+  app.set_version_flag("--version", "qzpfile " QZPFILE_VERSION, "show the version");
+  ParsedCommand parsed{};
+  for (const Command& command : commands()) addCommand(app, command, parsed.call);
+  const auto chosen = [&app]() -> const Command* {
+    const auto names = app.get_subcommands();
+    const auto found = std::ranges::find_if(commands(), [&](const Command& c) {
+      return !names.empty() && names[0]->get_name() == c.name;
+    });
+    return found == commands().end() ? nullptr : &*found;
+  };
+  try {
+    app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
+  } catch (const CLI::CallForHelp&) {
+    const Command* const command = chosen();
+    const std::size_t width = terminalWidth(STDOUT_FILENO);
+    return command == nullptr ? programHelp(app, width)
+                              : commandHelp(*command, *app.get_subcommand(command->name), width);
+  } catch (const CLI::CallForVersion& version) {
+    return std::string(version.what()) + "\n";
+  } catch (const CLI::ParseError& error) {
+    const Command* const command = chosen();
+    throw usageFailure(error.what(), command == nullptr ? "" : command->name);
+  }
+  parsed.command = chosen();
+  checkTogether(*parsed.command, parsed.call);
+  return parsed;
+}
+
+bool asksForJson(const std::vector<std::string>& words) {
+  const auto format = std::ranges::find(words, "--format");
+  return (format != words.end() && format + 1 != words.end() && *(format + 1) == "json") ||
+         std::ranges::find(words, "--format=json") != words.end();
+}
+
+}  // namespace qzpfile

@@ -1,0 +1,24 @@
+// The command line: parsed with all that can be checked before a file is touched, and explained.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "commands.hpp"
+
+namespace qzpfile {
+
+struct ParsedCommand {
+  const Command* command;
+  Invocation call;
+};
+
+// The command to run, or the text that --help or --version asked for. Throws Failure (usage).
+std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std::string>& words);
+
+// True when the words ask for JSON, right or wrong as they may be otherwise.
+bool asksForJson(const std::vector<std::string>& words);
+
+}  // namespace qzpfile

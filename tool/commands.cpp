@@ -1,0 +1,169 @@
+#include "commands.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+
+namespace qzpfile {
+namespace {
+
+constexpr Argument kFile = {"FILE",
+                            "a file made by pack, a SQLite database or write-ahead log, or "
+                            "with --raw any paged file"};
+constexpr Argument kNone = {nullptr, nullptr};
+
+constexpr std::array kCommands = {
+    Command{"pack",
+            "pack a file or a pipe into a paged file",
+            "Packs INPUT into the paged file OUTPUT: a header that describes the file, then pages "
+            "of one size. OUTPUT gets its name when it is complete and on disk; a failure leaves "
+            "nothing behind.",
+            "qzpfile pack backup.tar backup.qzp\tpack a file\n"
+            "tar c src | qzpfile pack - src.qzp\tpack what a program writes\n"
+            "qzpfile pack --io block --block-size 16M big.img big.qzp\tpast the cache, in blocks",
+            {"INPUT", "the file to pack, - for standard input"},
+            {"OUTPUT", "the paged file to make"},
+            optionNewSizes | kIoOptions | optionForce | optionProgress,
+            runPack},
+    Command{"unpack",
+            "get back what was packed",
+            "Writes the bytes that were packed into INPUT to OUTPUT and checks them against the "
+            "checksum in the header. OUTPUT gets its name when all is well.",
+            "qzpfile unpack backup.qzp backup.tar\tunpack into a file\n"
+            "qzpfile unpack src.qzp - | tar t\tunpack into a pipe",
+            {"INPUT", "a file made by pack"},
+            {"OUTPUT", "the file to make, - for standard output"},
+            kIoOptions | optionForce | optionProgress,
+            runUnpack},
+    Command{"info", "show sizes, kind and I/O mode of a paged file",
+            "Shows how FILE is divided into header and pages, what it holds, and which I/O mode "
+            "it is read in here.",
+            "qzpfile info backup.qzp\tlook at a file\n"
+            "qzpfile info --io direct places.db\tsee whether direct I/O is to be had\n"
+            "qzpfile info --format json backup.qzp\tfor programs",
+            kFile, kNone, optionRaw | kIoOptions | optionFormat, runInfo},
+    Command{"cat", "write pages to standard output",
+            "Writes the pages of FILE to standard output as they are, padding included.",
+            "qzpfile cat --pages 3-5 backup.qzp > pages.bin\tthree pages\n"
+            "qzpfile cat places.db | sha256sum\tall pages",
+            kFile, kNone, optionRaw | kIoOptions | optionPages | optionProgress, runCat},
+    Command{"dump", "show pages in hexadecimal and text",
+            "Shows the pages of FILE in hexadecimal and as text. Offsets count from the start of "
+            "the file; a line * stands for lines like the one above it.",
+            "qzpfile dump --pages 1 places.db\tthe first page\n"
+            "qzpfile dump --raw --page-size 4K --pages 7- data.bin\tfrom page 7 on",
+            kFile, kNone, optionRaw | kIoOptions | optionPages, runDump},
+    Command{"put",
+            "write pages from standard input",
+            "Writes whole pages from standard input into FILE, from PAGE on or behind the last "
+            "page. In a file made by pack the payload grows as far as the pages written reach, "
+            "the last page may be short there, and the header is kept up to date.",
+            "qzpfile put backup.qzp 3 < page.bin\treplace page 3 and, if there is more, the next "
+            "ones\n"
+            "qzpfile put --append --raw --page-size 4K data.bin < pages.bin\tadd pages",
+            kFile,
+            {"[PAGE]", "the first page to write, counted from 1"},
+            optionRaw | kIoOptions | optionAppend | optionProgress,
+            runPut},
+    Command{"truncate",
+            "cut a paged file to a number of pages",
+            "Cuts FILE to its first PAGES pages. In a file made by pack the header is kept up to "
+            "date.",
+            "qzpfile truncate backup.qzp 100\tkeep the first 100 pages",
+            kFile,
+            {"PAGES", "pages to keep"},
+            optionRaw | kIoOptions,
+            runTruncate},
+    Command{"header", "read or replace the header",
+            "Writes the bytes before page 1 to standard output; on a terminal in hexadecimal. "
+            "With --set replaces them, padded with zeros. A file made by pack only takes a header "
+            "that fits it.",
+            "qzpfile header backup.qzp > header.bin\tsave the header\n"
+            "qzpfile header --set header.bin backup.qzp\tput it back",
+            kFile, kNone, optionRaw | optionSet, runHeader},
+    Command{"copy",
+            "copy a paged file page by page",
+            "Copies SRC to DST through the module. A file made by pack is checked on the way and "
+            "can be given other page and header sizes; other files keep theirs. DST gets its name "
+            "when it is complete and on disk.",
+            "qzpfile copy --page-size 16K backup.qzp wide.qzp\tother pages, same payload\n"
+            "qzpfile copy places.db places-copy.db\ta SQLite database that nobody is writing\n"
+            "qzpfile copy --raw --page-size 4K --header-size 512 a.dat b.dat\tany paged file",
+            {"SRC", kFile.text},
+            {"DST", "the file to make"},
+            optionNewSizes | optionRaw | kIoOptions | optionForce | optionProgress,
+            runCopy},
+    Command{"compare",
+            "compare two paged files page by page",
+            "Compares the pages of A and B and says which is the first that differs. Exit status "
+            "1: they differ.",
+            "qzpfile compare backup.qzp copy.qzp\tthe first difference\n"
+            "qzpfile compare --keep-going --format json a.db b.db\tall of them, for programs",
+            {"A", kFile.text},
+            {"B", "the file to compare it with"},
+            optionRaw | kIoOptions | optionKeepGoing | optionFormat | optionProgress,
+            runCompare},
+    Command{"verify", "check a paged file",
+            "Checks that FILE is header plus whole pages, that its payload fits the checksum, and "
+            "that every page reads the same in every I/O mode that the file system allows. Exit "
+            "status 1: it is damaged.",
+            "qzpfile verify backup.qzp\tcheck a file\n"
+            "qzpfile verify --keep-going --format json backup.qzp\tlist all that is wrong",
+            kFile, kNone,
+            optionRaw | optionBlockSize | optionKeepGoing | optionFormat | optionProgress,
+            runVerify},
+    Command{"bench", "measure reading a paged file",
+            "Reads FILE in every I/O mode that the file system allows, in order and at random, "
+            "beside a loop of bare pread calls of the same size in the same mode, in turns. Shows "
+            "the rates and their ratio.",
+            "qzpfile bench backup.qzp\tthis file on this disk\n"
+            "qzpfile bench --block-size 1M --format json backup.qzp\tsmaller blocks, for programs",
+            kFile, kNone, optionRaw | optionBlockSize | optionFormat | optionProgress, runBench},
+    Command{"rm", "remove a paged file",
+            "Removes FILE, if it is a paged file. With --raw it is not looked at first.",
+            "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw, runRm},
+};
+
+}  // namespace
+
+std::span<const Command> commands() { return kCommands; }
+
+std::optional<RawGeometry> rawGeometry(const Invocation& call) {
+  if (!call.raw) {
+    return std::nullopt;
+  }
+  return RawGeometry{.pageSize = static_cast<std::int32_t>(call.pageSize.value_or(1)),
+                     .headerSize = call.headerSize.value_or(0)};
+}
+
+PageRange pagesOf(const Invocation& call, const File& file) {
+  const std::int64_t count = file.pageCount();
+  if (call.pages.first > std::max<std::int64_t>(count, 1)) {
+    throw Failure(Exit::usage,
+                  fmt::format("page {} is behind the last page, {}", call.pages.first, count),
+                  file.name());
+  }
+  return {.first = call.pages.first, .last = std::min(call.pages.last, count)};
+}
+
+Geometry ownGeometry(std::int64_t pageSize, std::int64_t headerSize, const std::string& file) {
+  if (pageSize < kMinPageSize || pageSize > kMaxPageSize) {
+    throw Failure(
+        Exit::usage,
+        fmt::format("a page size of {} bytes is outside {} bytes to 1 GiB", pageSize, kMinPageSize),
+        file);
+  }
+  if (headerSize < static_cast<std::int64_t>(kHeaderBytes)) {
+    throw Failure(Exit::usage,
+                  fmt::format("a header size of {} bytes has no room for the header of {} bytes",
+                              headerSize, kHeaderBytes),
+                  file);
+  }
+  return Geometry{.kind = FileKind::own,
+                  .pageSize = static_cast<std::int32_t>(pageSize),
+                  .headerSize = headerSize,
+                  .header = std::nullopt};
+}
+
+}  // namespace qzpfile

@@ -1,0 +1,96 @@
+// The commands: what each takes on the command line and the function that runs it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "failure.hpp"
+#include "iomode.hpp"
+#include "paged.hpp"
+#include "progress.hpp"
+#include "sizes.hpp"
+
+namespace qzpfile {
+
+// A command line, understood.
+struct Invocation {
+  std::string first;   // the first file: INPUT, SRC, A or FILE
+  std::string second;  // the second: OUTPUT, DST or B
+  std::string modulePath;
+  bool verbose = false;
+  bool json = false;
+  bool force = false;
+  bool raw = false;
+  bool append = false;
+  bool keepGoing = false;
+  std::optional<std::int64_t> pageSize;
+  std::optional<std::int64_t> headerSize;
+  std::optional<std::int64_t> page;    // put: the first page to write; truncate: pages to keep
+  std::optional<std::string> setFrom;  // header: where the new header comes from
+  PageRange pages;
+  IoRequest io;
+  ProgressChoice progress = ProgressChoice::automatic;
+};
+
+// Options that a command can have, besides --help, --module and --verbose, which all have.
+enum Option : unsigned {
+  optionNewSizes = 0x1,  // --page-size, --header-size of a file to be made
+  optionRaw = 0x2,       // --raw with the same two
+  optionIo = 0x4,        // --io
+  optionBlockSize = 0x8,
+  optionBuffers = 0x10,
+  optionForce = 0x20,
+  optionProgress = 0x40,
+  optionFormat = 0x80,
+  optionKeepGoing = 0x100,
+  optionPages = 0x200,
+  optionAppend = 0x400,
+  optionSet = 0x800,
+};
+inline constexpr unsigned kIoOptions = optionIo | optionBlockSize | optionBuffers;
+
+// An argument without dashes.
+struct Argument {
+  const char* name;  // "INPUT", or "[PAGE]" for one that may be left out; null: none
+  const char* text;
+};
+
+struct Command {
+  const char* name;
+  const char* summary;   // one line for the list of commands
+  const char* text;      // what it does, for its own help
+  const char* examples;  // lines "command<tab>what it does"
+  Argument first;
+  Argument second;  // a file, except for the page numbers of put and truncate
+  unsigned options;
+  Exit (*run)(const Invocation&);
+};
+
+std::span<const Command> commands();
+
+// The geometry that --raw, --page-size and --header-size give; nothing without --raw.
+std::optional<RawGeometry> rawGeometry(const Invocation& call);
+
+// The pages of --pages that `file` has. Refuses a range that begins behind its last page.
+PageRange pagesOf(const Invocation& call, const File& file);
+
+// Checks sizes for a file of the tool's own.
+Geometry ownGeometry(std::int64_t pageSize, std::int64_t headerSize, const std::string& file);
+
+Exit runBench(const Invocation& call);
+Exit runCat(const Invocation& call);
+Exit runCompare(const Invocation& call);
+Exit runCopy(const Invocation& call);
+Exit runDump(const Invocation& call);
+Exit runHeader(const Invocation& call);
+Exit runInfo(const Invocation& call);
+Exit runPack(const Invocation& call);
+Exit runPut(const Invocation& call);
+Exit runRm(const Invocation& call);
+Exit runTruncate(const Invocation& call);
+Exit runUnpack(const Invocation& call);
+Exit runVerify(const Invocation& call);
+
+}  // namespace qzpfile

@@ -1,0 +1,152 @@
+// qzpfile compare A B: where two paged files differ.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "commands.hpp"
+#include "json.hpp"
+
+namespace qzpfile {
+namespace {
+
+struct Difference {
+  std::string what;  // "page", or the name of a size: "page_count", ...
+  std::string text;
+  std::int64_t a = 0;  // the two sizes, or for bytes the file offsets
+  std::int64_t b = 0;
+  std::int64_t page = 0;  // pages only
+};
+
+class Comparison {
+ public:
+  Comparison(const Source& a, const Source& b, bool keepGoing)
+      : a_(a), b_(b), keepGoing_(keepGoing) {}
+
+  const std::vector<Difference>& differences() const { return differences_; }
+  bool isDecided() const { return !differences_.empty() && !keepGoing_; }
+
+  void sizes(const char* what, const char* inWords, std::int64_t a, std::int64_t b) {
+    if (a == b || isDecided()) return;
+    differences_.push_back(
+        {.what = what, .text = fmt::format("{}: {} and {}", inWords, a, b), .a = a, .b = b});
+  }
+
+  void header(std::span<const std::byte> a, std::span<const std::byte> b) {
+    const auto at = firstDifference(a, b);
+    if (at == a.size() || isDecided()) return;
+    const auto offset = static_cast<std::int64_t>(at);
+    differences_.push_back({.what = "header",
+                            .text = fmt::format("header: byte {}", offset),
+                            .a = offset,
+                            .b = offset});
+  }
+
+  void page(std::int64_t page, std::span<const std::byte> a, std::span<const std::byte> b) {
+    const auto at = static_cast<std::int64_t>(firstDifference(a, b));
+    if (at == static_cast<std::int64_t>(a.size())) return;
+    const std::int64_t offsetA = a_.geometry.offsetOf(page) + at;
+    const std::int64_t offsetB = b_.geometry.offsetOf(page) + at;
+    differences_.push_back({.what = "page",
+                            .text = fmt::format("page {}: byte {} (file offsets {} and {})", page,
+                                                at, offsetA, offsetB),
+                            .a = offsetA,
+                            .b = offsetB,
+                            .page = page});
+  }
+
+ private:
+  static std::size_t firstDifference(std::span<const std::byte> a, std::span<const std::byte> b) {
+    return static_cast<std::size_t>(std::ranges::mismatch(a, b).in1 - a.begin());
+  }
+
+  const Source& a_;
+  const Source& b_;
+  bool keepGoing_;
+  std::vector<Difference> differences_;
+};
+
+void compareHeaders(Session& session, const Source& a, const Source& b, Comparison& comparison) {
+  const Geometry& one = a.geometry;
+  const Geometry& other = b.geometry;
+  if (one.header && other.header) {
+    comparison.sizes("payload_size", "payload bytes", one.header->payloadBytes,
+                     other.header->payloadBytes);
+  } else {
+    comparison.sizes("header_size", "header bytes", one.headerSize, other.headerSize);
+    if (one.headerSize == other.headerSize && one.headerSize > 0) {
+      comparison.header(readHeader(session, a), readHeader(session, b));
+    }
+  }
+}
+
+void comparePages(Session& session, const Invocation& call, const Source& a, const Source& b,
+                  Comparison& comparison) {
+  File fileA = File::openToRead(session, a, call.io, Use::wholeFile);
+  File fileB = File::openToRead(session, b, call.io, Use::wholeFile);
+  const std::int64_t pages = std::min(fileA.pageCount(), fileB.pageCount());
+  Progress progress(call.progress, "compare", pages * a.geometry.pageSize);
+  for (std::int64_t page = 1; page <= pages && !comparison.isDecided(); ++page) {
+    const qz::PageHold holdA = fileA.read(page);
+    const qz::PageHold holdB = fileB.read(page);
+    comparison.page(page, bytesOf(holdA), bytesOf(holdB));
+    progress.advance(a.geometry.pageSize);
+  }
+}
+
+void printText(const Invocation& call, const Source& a, const Comparison& comparison) {
+  if (comparison.differences().empty()) {
+    fmt::print("{} and {}: same, {} of {} bytes\n", call.first, call.second,
+               counted(a.measured.wholePages, "page"), a.geometry.pageSize);
+    return;
+  }
+  fmt::print("{} and {} differ:\n", call.first, call.second);
+  for (const Difference& difference : comparison.differences()) {
+    fmt::print("  {}\n", difference.text);
+  }
+}
+
+void printJson(const Invocation& call, Exit exit, const Comparison& comparison) {
+  nlohmann::ordered_json document = jsonDocument("compare", exit);
+  document["a"] = call.first;
+  document["b"] = call.second;
+  document["same"] = comparison.differences().empty();
+  auto& list = document["differences"] = nlohmann::ordered_json::array();
+  for (const Difference& difference : comparison.differences()) {
+    nlohmann::ordered_json entry;
+    entry["what"] = difference.what;
+    if (difference.page != 0) entry["page"] = difference.page;
+    const bool bytes = difference.page != 0 || difference.what == "header";
+    entry[bytes ? "offset_a" : "a"] = difference.a;
+    entry[bytes ? "offset_b" : "b"] = difference.b;
+    list.push_back(std::move(entry));
+  }
+  printJsonDocument(document);
+}
+
+}  // namespace
+
+Exit runCompare(const Invocation& call) {
+  Session session(call.modulePath, call.verbose);
+  const Source a = examineWhole(session, call.first, rawGeometry(call));
+  const Source b = examineWhole(session, call.second, rawGeometry(call));
+  Comparison comparison(a, b, call.keepGoing);
+  comparison.sizes("page_size", "page size", a.geometry.pageSize, b.geometry.pageSize);
+  if (a.geometry.pageSize == b.geometry.pageSize) {
+    // The first page that differs says more than a size that follows from it.
+    comparePages(session, call, a, b, comparison);
+    comparison.sizes("page_count", "pages", a.measured.wholePages, b.measured.wholePages);
+    compareHeaders(session, a, b, comparison);
+  }
+  const Exit exit = comparison.differences().empty() ? Exit::good : Exit::different;
+  if (call.json) {
+    printJson(call, exit, comparison);
+  } else {
+    printText(call, a, comparison);
+  }
+  return exit;
+}
+
+}  // namespace qzpfile

@@ -1,0 +1,188 @@
+#include "failure.hpp"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "json.hpp"
+
+namespace qzpfile {
+namespace {
+
+std::string reasonOf(int errorNumber) { return std::generic_category().message(errorNumber); }
+
+Exit exitForErrno(Purpose purpose, int errorNumber) {
+  switch (errorNumber) {
+    case EACCES:
+    case EPERM:
+      return Exit::noPermission;
+    case ENOENT:
+    case ENOTDIR:
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+      return purpose == Purpose::input ? Exit::noInput : Exit::cannotCreate;
+    case EROFS:
+    case EEXIST:
+      return Exit::cannotCreate;
+    default:
+      return Exit::ioError;
+  }
+}
+
+Exit exitForStatus(Purpose purpose, const qz::Error& error) {
+  switch (error.status) {
+    case qz::Status::accessRefused:
+      return Exit::noPermission;
+    case qz::Status::fileNotFound:
+    case qz::Status::isDirectory:
+    case qz::Status::noFileName:
+    case qz::Status::unsupportedFile:
+      return purpose == Purpose::input ? Exit::noInput : Exit::cannotCreate;
+    case qz::Status::readOnlyFileSystem:
+      return Exit::cannotCreate;
+    case qz::Status::misfit:
+      return error.errorNumber == 0 ? Exit::badData : Exit::ioError;
+    case qz::Status::endOfFile:
+    case qz::Status::shorterThanHeader:
+      return Exit::badData;
+    default:
+      return exitForErrno(purpose, error.errorNumber);
+  }
+}
+
+const char* hintForErrno(Purpose purpose, int errorNumber) {
+  switch (errorNumber) {
+    case ENOENT:
+    case ENOTDIR:
+      return purpose == Purpose::input ? "check the name and the folder it is in"
+                                       : "make the folder first";
+    case EACCES:
+    case EPERM:
+      return "look at the permissions of the file and of its folder (ls -l)";
+    case EISDIR:
+      return "name a file, not a folder";
+    case ENOSPC:
+    case EDQUOT:
+      return "make room on that file system, or write to another one";
+    case EFBIG:
+      return "raise the file size limit (ulimit -f), or write to a file system with larger files";
+    case EINVAL:
+      return "this file system does not take this kind of direct I/O: use --io buffered or auto";
+    case EIO:
+      return "the disk may be failing: look at the system log, and copy what can still be read";
+    case EMFILE:
+    case ENFILE:
+      return "close other files, or raise the limit (ulimit -n)";
+    default:
+      return "";
+  }
+}
+
+const char* hintForStatus(Purpose purpose, const qz::Error& error) {
+  switch (error.status) {
+    case qz::Status::unsupportedFile:
+      return "name a regular file: pages need a file with positions, not a pipe or a device";
+    case qz::Status::busy:
+      return "another program has the file open: try again when it is done";
+    case qz::Status::noMemory:
+    case qz::Status::noBuffer:
+      return "use smaller pages, a smaller --block-size or fewer --buffers";
+    case qz::Status::misfit:
+    case qz::Status::endOfFile:
+    case qz::Status::shorterThanHeader:
+      if (error.errorNumber == 0) return "the file changed while it was in use: try again";
+      break;
+    default:
+      break;
+  }
+  return hintForErrno(purpose, error.errorNumber);
+}
+
+}  // namespace
+
+Failure& Failure::at(std::int64_t page, std::int64_t offset) {
+  page_ = page;
+  offset_ = offset;
+  return *this;
+}
+
+Failure& Failure::because(int errorNumber) {
+  errorNumber_ = errorNumber;
+  return *this;
+}
+
+Failure& Failure::fromModule(const qz::Error& error) {
+  errorNumber_ = error.errorNumber;
+  status_ = static_cast<std::uint32_t>(error.status);
+  statusText_ = error.text;
+  return *this;
+}
+
+Failure& Failure::note(std::string text) {
+  note_ = std::move(text);
+  return *this;
+}
+
+Failure& Failure::tryThis(std::string hint) {
+  hint_ = std::move(hint);
+  return *this;
+}
+
+std::string Failure::reason() const {
+  std::string out = what_;
+  if (errorNumber_ != 0) out += ": " + reasonOf(errorNumber_);
+  if (status_) out += fmt::format(" (status 0x{:08X})", *status_);
+  return out;
+}
+
+std::string Failure::text(bool colour) const {
+  std::string out = colour ? "\x1b[1;31mqzpfile:\x1b[0m " : "qzpfile: ";
+  out += what_;
+  if (!file_.empty()) out += ": " + file_;
+  if (errorNumber_ != 0) out += ": " + reasonOf(errorNumber_);
+  out += '\n';
+  if (page_) out += fmt::format("  where:  page {}, file offset {}\n", *page_, *offset_);
+  if (status_) out += fmt::format("  module: {} (status 0x{:08X})\n", statusText_, *status_);
+  if (!note_.empty()) out += fmt::format("  note:   {}\n", note_);
+  if (!hint_.empty()) out += fmt::format("  try:    {}\n", hint_);
+  return out;
+}
+
+void Failure::printJson() const {
+  nlohmann::ordered_json error;
+  error["what"] = what_;
+  if (!file_.empty()) error["file"] = file_;
+  if (page_) error["page"] = *page_;
+  if (offset_) error["offset"] = *offset_;
+  if (errorNumber_ != 0) {
+    error["errno"] = errorNumber_;
+    error["reason"] = reasonOf(errorNumber_);
+  }
+  if (status_) {
+    error["status"] = *status_;
+    error["status_text"] = statusText_;
+  }
+  if (!note_.empty()) error["note"] = note_;
+  if (!hint_.empty()) error["hint"] = hint_;
+  nlohmann::ordered_json document = jsonDocument("error", exit_);
+  document["error"] = std::move(error);
+  printJsonDocument(document);
+}
+
+Failure systemFailure(Purpose purpose, std::string what, std::string file, int errorNumber) {
+  Failure failure(exitForErrno(purpose, errorNumber), std::move(what), std::move(file));
+  failure.because(errorNumber).tryThis(hintForErrno(purpose, errorNumber));
+  return failure;
+}
+
+Failure moduleFailure(Purpose purpose, std::string what, std::string file, const qz::Error& error) {
+  Failure failure(exitForStatus(purpose, error), std::move(what), std::move(file));
+  failure.fromModule(error).tryThis(hintForStatus(purpose, error));
+  return failure;
+}
+
+}  // namespace qzpfile

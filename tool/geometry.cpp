@@ -1,0 +1,138 @@
+#include "geometry.hpp"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <bit>
+#include <string_view>
+
+#include "sizes.hpp"
+
+namespace qzpfile {
+namespace {
+
+std::uint32_t bigEndian(std::span<const std::byte> bytes) {
+  std::uint32_t value = 0;
+  for (const std::byte byte : bytes) value = value << 8 | std::to_integer<std::uint32_t>(byte);
+  return value;
+}
+
+bool isSqlitePageSize(std::uint32_t size) {
+  return size >= 512 && size <= 65536 && std::has_single_bit(size);
+}
+
+std::optional<Geometry> recogniseDatabase(std::span<const std::byte> bytes) {
+  constexpr std::string_view kMagic("SQLite format 3\0", 16);
+  if (bytes.size() < kMagic.size() + 2 ||
+      !std::equal(kMagic.begin(), kMagic.end(), bytes.begin(),
+                  [](char m, std::byte b) { return std::byte(m) == b; })) {
+    return std::nullopt;
+  }
+  const std::uint32_t stored = bigEndian(bytes.subspan(16, 2));
+  const std::uint32_t pageSize = stored == 1 ? 65536 : stored;
+  if (!isSqlitePageSize(pageSize)) {
+    return std::nullopt;
+  }
+  return Geometry{.kind = FileKind::sqliteDatabase,
+                  .pageSize = static_cast<std::int32_t>(pageSize),
+                  .headerSize = 0,
+                  .header = std::nullopt};
+}
+
+std::optional<Geometry> recogniseWal(std::span<const std::byte> bytes) {
+  constexpr std::size_t kWalHeaderBytes = 32;
+  constexpr std::uint32_t kFrameHeaderBytes = 24;
+  constexpr std::uint32_t kMagic = 0x377F0682;  // the lowest bit tells the checksums' byte order
+  if (bytes.size() < kWalHeaderBytes || (bigEndian(bytes.first(4)) & ~1U) != kMagic) {
+    return std::nullopt;
+  }
+  const std::uint32_t pageSize = bigEndian(bytes.subspan(8, 4));
+  if (!isSqlitePageSize(pageSize)) {
+    return std::nullopt;
+  }
+  return Geometry{.kind = FileKind::sqliteWal,
+                  .pageSize = static_cast<std::int32_t>(kFrameHeaderBytes + pageSize),
+                  .headerSize = kWalHeaderBytes,
+                  .header = std::nullopt};
+}
+
+const char* faultText(HeaderFault fault) {
+  switch (fault) {
+    case HeaderFault::foreign:
+      return "is no kind of paged file that this program knows";
+    case HeaderFault::cut:
+      return "ends inside its header";
+    case HeaderFault::version:
+      return "was written in a later version of the file format";
+    case HeaderFault::checksum:
+      return "has a damaged header: its checksum does not fit";
+    case HeaderFault::values:
+      return "has a header with impossible sizes";
+  }
+  return "";
+}
+
+}  // namespace
+
+std::variant<Geometry, std::string> recognise(std::span<const std::byte> firstBytes) {
+  if (firstBytes.empty()) {
+    return std::string("is empty");
+  }
+  if (const auto database = recogniseDatabase(firstBytes)) return *database;
+  if (const auto wal = recogniseWal(firstBytes)) return *wal;
+  const std::variant<Header, HeaderFault> own = decodeHeader(firstBytes);
+  if (const auto* fault = std::get_if<HeaderFault>(&own)) {
+    return std::string(faultText(*fault));
+  }
+  const auto& header = std::get<Header>(own);
+  return Geometry{.kind = FileKind::own,
+                  .pageSize = header.pageSize,
+                  .headerSize = header.headerSize,
+                  .header = header};
+}
+
+const char* kindName(FileKind kind) {
+  switch (kind) {
+    case FileKind::own:
+      return "qzpfile";
+    case FileKind::sqliteDatabase:
+      return "SQLite database";
+    case FileKind::sqliteWal:
+      return "SQLite write-ahead log";
+    case FileKind::raw:
+      return "raw";
+  }
+  return "";
+}
+
+Measure measure(const Geometry& geometry, std::int64_t fileBytes) {
+  Measure result{.found = fileBytes, .inHeader = fileBytes < geometry.headerSize};
+  const std::int64_t afterHeader = std::max<std::int64_t>(fileBytes - geometry.headerSize, 0);
+  result.wholePages = afterHeader / geometry.pageSize;
+  result.leftOver = afterHeader % geometry.pageSize;
+  result.expected = geometry.header ? geometry.header->fileBytes()
+                                    : geometry.headerSize + result.wholePages * geometry.pageSize;
+  return result;
+}
+
+std::string describe(const Measure& measured, const Geometry& geometry) {
+  const std::string found =
+      measured.inHeader
+          ? fmt::format("found {}, which ends inside the header of {}",
+                        counted(measured.found, "byte"), counted(geometry.headerSize, "byte"))
+          : fmt::format("found {}: a header of {}, {} of {} and {}",
+                        counted(measured.found, "byte"), geometry.headerSize,
+                        counted(measured.wholePages, "whole page"), geometry.pageSize,
+                        counted(measured.leftOver, "left-over byte"));
+  if (geometry.header) {
+    return fmt::format("expected {} ({}), {}", counted(measured.expected, "byte"),
+                       counted(geometry.header->pageCount(), "page"), found);
+  }
+  if (measured.inHeader) {
+    return found;
+  }
+  return fmt::format("expected {} or {} bytes, {}", measured.expected,
+                     measured.expected + geometry.pageSize, found);
+}
+
+}  // namespace qzpfile

@@ -1,0 +1,102 @@
+#include "header.hpp"
+
+#define XXH_INLINE_ALL
+#include <xxhash.h>
+
+#include <algorithm>
+#include <concepts>
+#include <limits>
+
+namespace qzpfile {
+namespace {
+
+// The 0x1A ends the text for programs that take the file for one.
+constexpr std::array<unsigned char, 8> kMagic = {'Q', 'Z', 'P', 'F', 'I', 'L', 'E', 0x1A};
+constexpr std::uint32_t kVersion = 1;
+constexpr std::uint32_t kChanging = 0x1;
+
+// Offsets of the fields, little-endian.
+constexpr std::size_t kVersionAt = 8;
+constexpr std::size_t kFlagsAt = 12;
+constexpr std::size_t kPageSizeAt = 16;
+constexpr std::size_t kHeaderSizeAt = 20;
+constexpr std::size_t kPayloadBytesAt = 24;
+constexpr std::size_t kPayloadChecksumAt = 32;
+constexpr std::size_t kHeaderChecksumAt = 56;  // over all bytes before it
+
+template <std::unsigned_integral T>
+void store(std::span<std::byte> bytes, std::size_t at, T value) {
+  for (std::size_t i = 0; i < sizeof(T); ++i) {
+    bytes[at + i] = static_cast<std::byte>(value >> (8 * i));
+  }
+}
+
+template <std::unsigned_integral T>
+T load(std::span<const std::byte> bytes, std::size_t at) {
+  T value = 0;
+  for (std::size_t i = 0; i < sizeof(T); ++i) {
+    value |= static_cast<T>(static_cast<T>(bytes[at + i]) << (8 * i));
+  }
+  return value;
+}
+
+std::uint64_t headerChecksum(std::span<const std::byte> bytes) {
+  return XXH3_64bits(bytes.data(), kHeaderChecksumAt);
+}
+
+bool beginsWithMagic(std::span<const std::byte> bytes) {
+  return bytes.size() >= kMagic.size() &&
+         std::equal(kMagic.begin(), kMagic.end(), bytes.begin(),
+                    [](unsigned char m, std::byte b) { return std::byte{m} == b; });
+}
+
+bool within(std::uint64_t value, std::int64_t least, std::int64_t most) {
+  return value >= static_cast<std::uint64_t>(least) && value <= static_cast<std::uint64_t>(most);
+}
+
+}  // namespace
+
+std::array<std::byte, kHeaderBytes> encodeHeader(const Header& header) {
+  std::array<std::byte, kHeaderBytes> bytes{};
+  std::transform(kMagic.begin(), kMagic.end(), bytes.begin(),
+                 [](unsigned char m) { return std::byte{m}; });
+  store(bytes, kVersionAt, kVersion);
+  store(bytes, kFlagsAt, header.changing ? kChanging : std::uint32_t{0});
+  store(bytes, kPageSizeAt, static_cast<std::uint32_t>(header.pageSize));
+  store(bytes, kHeaderSizeAt, static_cast<std::uint32_t>(header.headerSize));
+  store(bytes, kPayloadBytesAt, static_cast<std::uint64_t>(header.payloadBytes));
+  store(bytes, kPayloadChecksumAt, header.payloadChecksum);
+  store(bytes, kHeaderChecksumAt, headerChecksum(bytes));
+  return bytes;
+}
+
+std::variant<Header, HeaderFault> decodeHeader(std::span<const std::byte> bytes) {
+  if (!beginsWithMagic(bytes)) return HeaderFault::foreign;
+  if (bytes.size() < kHeaderBytes) return HeaderFault::cut;
+  if (load<std::uint32_t>(bytes, kVersionAt) != kVersion) return HeaderFault::version;
+  if (load<std::uint64_t>(bytes, kHeaderChecksumAt) != headerChecksum(bytes)) {
+    return HeaderFault::checksum;
+  }
+  const auto flags = load<std::uint32_t>(bytes, kFlagsAt);
+  const auto pageSize = load<std::uint32_t>(bytes, kPageSizeAt);
+  const auto headerSize = load<std::uint32_t>(bytes, kHeaderSizeAt);
+  const auto payloadBytes = load<std::uint64_t>(bytes, kPayloadBytesAt);
+  // Room for the padding of the last page and for the header itself.
+  constexpr std::int64_t kMaxPayload =
+      std::numeric_limits<std::int64_t>::max() - kMaxPageSize - kMaxHeaderSize;
+  if ((flags & ~kChanging) != 0 || !within(pageSize, kMinPageSize, kMaxPageSize) ||
+      !within(headerSize, kHeaderBytes, kMaxHeaderSize) || !within(payloadBytes, 0, kMaxPayload)) {
+    return HeaderFault::values;
+  }
+  return Header{.pageSize = static_cast<std::int32_t>(pageSize),
+                .headerSize = static_cast<std::int32_t>(headerSize),
+                .changing = (flags & kChanging) != 0,
+                .payloadBytes = static_cast<std::int64_t>(payloadBytes),
+                .payloadChecksum = load<std::uint64_t>(bytes, kPayloadChecksumAt)};
+}
+
+std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNumber) {
+  return XXH3_64bits_withSeed(page.data(), page.size(), static_cast<XXH64_hash_t>(pageNumber));
+}
+
+}  // namespace qzpfile

@@ -1,0 +1,21 @@
+// The JSON documents of --format json: one per run, alone on standard output. Sizes are integers,
+// checksums strings of hexadecimal digits.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+#include "failure.hpp"
+#include "iomode.hpp"
+
+namespace qzpfile {
+
+// Begins the document of the schema "qzpfile/NAME".
+nlohmann::ordered_json jsonDocument(const std::string& name, Exit exit);
+
+nlohmann::ordered_json jsonIo(const IoOutcome& outcome);
+
+// File names need not be UTF-8: bytes that are not show as U+FFFD.
+void printJsonDocument(const nlohmann::ordered_json& document);
+
+}  // namespace qzpfile

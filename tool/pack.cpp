@@ -1,0 +1,53 @@
+// qzpfile pack INPUT OUTPUT: a file or pipe becomes a paged file.
+#include <fmt/format.h>
+
+#include <cstdio>
+
+#include "commands.hpp"
+#include "newfile.hpp"
+#include "payload.hpp"
+#include "streams.hpp"
+
+namespace qzpfile {
+namespace {
+
+// Keeps pages aligned for direct I/O.
+constexpr std::int64_t kDefaultHeaderSize = kDirectAlignment;
+
+// The largest size that the module picks of its own accord: good for moving whole files.
+std::int64_t defaultPageSize(Session& session, const std::string& name) {
+  qz::PagedFile file = session.newFile(name, Purpose::output);
+  qz::PageSizeRequest request{};
+  request.minimumSize = kDirectAlignment;
+  if (const auto chosen = file.choosePageSize(request); !chosen) {
+    throw moduleFailure(Purpose::output, "cannot choose a page size for", name, chosen.error());
+  }
+  return file.settings().pageSize;
+}
+
+}  // namespace
+
+Exit runPack(const Invocation& call) {
+  Session session(call.modulePath, call.verbose);
+  Input input(call.first);
+  const std::int64_t pageSize =
+      call.pageSize ? *call.pageSize : defaultPageSize(session, call.second);
+  const Geometry geometry =
+      ownGeometry(pageSize, call.headerSize.value_or(kDefaultHeaderSize), call.second);
+  const std::optional<std::int64_t> total = input.size();
+  Progress progress(call.progress, "pack", total);
+
+  NewFile target(call.second, call.force);
+  File file = File::create(session, target.temporaryName(), call.second, geometry, call.io, total);
+  PayloadWriter writer(file, progress);
+  while (const std::size_t bytes = input.read(writer.room(), progress)) writer.filled(bytes);
+  const Header header = writer.finish({});
+  target.commit();
+
+  fmt::print("{}: {} of {} bytes, {} of payload, I/O {}\n", call.second,
+             counted(header.pageCount(), "page"), header.pageSize,
+             counted(header.payloadBytes, "byte"), file.describeIo());
+  return Exit::good;
+}
+
+}  // namespace qzpfile

@@ -1,0 +1,195 @@
+// qzpfile verify FILE: whole pages, checksum, and the same bytes in every I/O mode.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <utility>
+#include <vector>
+
+#include "commands.hpp"
+#include "json.hpp"
+
+namespace qzpfile {
+namespace {
+
+struct Finding {
+  std::string what;  // "not_whole", "changing", "checksum", "unreadable", "differs"
+  std::string text;
+  std::int64_t page = 0;    // 0: not about a page
+  std::int64_t offset = 0;  // of the page in the file
+  std::string mode = {};
+};
+
+class Verification {
+ public:
+  Verification(Session& session, const Invocation& call, const Source& source)
+      : session_(session), call_(call), source_(source) {}
+
+  void run();
+
+  const std::vector<Finding>& findings() const { return findings_; }
+  const std::vector<File>& files() const { return files_; }
+  const std::vector<IoOutcome>& skipped() const { return skipped_; }
+  std::int64_t pagesRead() const { return pagesRead_; }
+
+ private:
+  bool isDecided() const { return !findings_.empty() && !call_.keepGoing; }
+  IoRequest request(IoChoice choice) const { return {choice, call_.io.blockBytes, std::nullopt}; }
+  void openInEveryMode();
+  std::optional<qz::PageHold> readOrNote(File& file, std::int64_t page);
+  void verifyPage(std::int64_t page);
+  void note(std::int64_t page, const IoOutcome& io, const char* what, std::string text);
+
+  Session& session_;
+  const Invocation& call_;
+  const Source& source_;
+  std::vector<File> files_;  // one for every mode that was obtained
+  std::vector<IoOutcome> skipped_;
+  std::vector<Finding> findings_;
+  std::int64_t pagesRead_ = 0;
+  std::uint64_t checksum_ = 0;
+  bool allRead_ = true;
+};
+
+void Verification::run() {
+  const std::optional<Header>& header = source_.geometry.header;
+  if (!source_.measured.isWhole()) {
+    findings_.push_back({.what = "not_whole",
+                         .text = "is not whole: " + describe(source_.measured, source_.geometry)});
+  }
+  if (header && header->changing) {
+    findings_.push_back(
+        {.what = "changing", .text = "was left in the middle of a change of its pages"});
+  }
+  // The module takes whole pages only.
+  if (isDecided() || source_.measured.leftOver != 0 || source_.measured.inHeader) return;
+  openInEveryMode();
+  const std::int64_t pages = source_.measured.wholePages;
+  Progress progress(call_.progress, "verify", pages * source_.geometry.pageSize);
+  for (std::int64_t page = 1; page <= pages && !isDecided(); ++page) {
+    verifyPage(page);
+    progress.advance(source_.geometry.pageSize);
+    ++pagesRead_;
+  }
+  if (header && !header->changing && source_.measured.isWhole() && allRead_ && !isDecided() &&
+      checksum_ != header->payloadChecksum) {
+    findings_.push_back(
+        {.what = "checksum",
+         .text = fmt::format("the header promises the checksum {:016x}, the pages have {:016x}",
+                             header->payloadChecksum, checksum_)});
+  }
+}
+
+void Verification::openInEveryMode() {
+  for (const IoChoice choice : {IoChoice::buffered, IoChoice::direct, IoChoice::block}) {
+    IoOutcome refused;
+    if (auto file = File::openInMode(session_, source_, request(choice), &refused)) {
+      files_.push_back(*std::move(file));
+    } else {
+      skipped_.push_back(refused);
+    }
+  }
+}
+
+// The module closes a file whose page came back short: it is opened again for the next page.
+std::optional<qz::PageHold> Verification::readOrNote(File& file, std::int64_t page) {
+  try {
+    return file.read(page);
+  } catch (const Failure& failure) {
+    note(page, file.io(), "unreadable", failure.reason());
+    if (!file.isOpen()) {
+      file = File::openToRead(session_, source_, request(file.io().mode), Use::wholeFile);
+    }
+    return std::nullopt;
+  }
+}
+
+void Verification::verifyPage(std::int64_t page) {
+  const std::optional<qz::PageHold> first = readOrNote(files_.front(), page);
+  allRead_ = allRead_ && first;
+  if (first) checksum_ += pageChecksum(bytesOf(*first), page);
+  for (auto file = files_.begin() + 1; file != files_.end() && !isDecided(); ++file) {
+    const std::optional<qz::PageHold> other = readOrNote(*file, page);
+    if (first && other && !std::ranges::equal(bytesOf(*first), bytesOf(*other))) {
+      note(page, file->io(), "differs",
+           fmt::format("other bytes than in mode {}", ioName(files_.front().io().mode)));
+    }
+  }
+}
+
+void Verification::note(std::int64_t page, const IoOutcome& io, const char* what,
+                        std::string text) {
+  const std::int64_t offset = source_.geometry.offsetOf(page);
+  findings_.push_back({.what = what,
+                       .text = fmt::format("page {} (file offset {}) in mode {}: {}", page, offset,
+                                           ioName(io.mode), text),
+                       .page = page,
+                       .offset = offset,
+                       .mode = ioName(io.mode)});
+}
+
+void printText(const Source& source, const Verification& verification) {
+  fmt::print("{}: {}\n", source.name, verification.findings().empty() ? "good" : "damaged");
+  for (const Finding& finding : verification.findings()) fmt::print("  {}\n", finding.text);
+  if (verification.files().empty()) return;
+  std::string modes;
+  for (const File& file : verification.files()) {
+    modes += fmt::format("{}{}", modes.empty() ? "" : ", ", ioName(file.io().mode));
+  }
+  fmt::print("  {} of {} bytes read, in mode {}\n", counted(verification.pagesRead(), "page"),
+             source.geometry.pageSize, modes);
+  for (const IoOutcome& outcome : verification.skipped()) {
+    fmt::print("  not in mode {}: {}\n", ioName(outcome.asked), outcome.why);
+  }
+  if (!source.geometry.header)
+    fmt::print("  no checksum: a {} has none\n",
+               source.geometry.kind == FileKind::raw ? "raw file" : kindName(source.geometry.kind));
+}
+
+void printJson(const Source& source, Exit exit, const Verification& verification) {
+  nlohmann::ordered_json document = jsonDocument("verify", exit);
+  document["file"] = source.name;
+  document["kind"] = kindName(source.geometry.kind);
+  document["good"] = verification.findings().empty();
+  document["pages_read"] = verification.pagesRead();
+  document["page_size"] = source.geometry.pageSize;
+  document["bytes_expected"] = source.measured.expected;
+  document["bytes_found"] = source.measured.found;
+  document["whole_pages"] = source.measured.wholePages;
+  document["left_over_bytes"] = source.measured.leftOver;
+  auto& modes = document["modes"] = nlohmann::ordered_json::array();
+  for (const File& file : verification.files()) modes.push_back(ioName(file.io().mode));
+  auto& findings = document["findings"] = nlohmann::ordered_json::array();
+  for (const Finding& finding : verification.findings()) {
+    nlohmann::ordered_json entry;
+    entry["what"] = finding.what;
+    if (finding.page != 0) {
+      entry["page"] = finding.page;
+      entry["offset"] = finding.offset;
+      entry["mode"] = finding.mode;
+    }
+    entry["text"] = finding.text;
+    findings.push_back(std::move(entry));
+  }
+  printJsonDocument(document);
+}
+
+}  // namespace
+
+Exit runVerify(const Invocation& call) {
+  Session session(call.modulePath, call.verbose);
+  const Source source = examine(session, call.first, rawGeometry(call));
+  Verification verification(session, call, source);
+  verification.run();
+  const Exit exit = verification.findings().empty() ? Exit::good : Exit::different;
+  if (call.json) {
+    printJson(source, exit, verification);
+  } else {
+    printText(source, verification);
+  }
+  return exit;
+}
+
+}  // namespace qzpfile
