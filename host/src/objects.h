@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -63,12 +64,35 @@ struct Pool : MemoryPool {
   PoolCounts counts;
 };
 
+// A link of a page tree and the keys that may lie behind it.
+struct FingerLevel {
+  void** link;
+  std::int64_t low = std::numeric_limits<std::int64_t>::min();
+  std::int64_t high = std::numeric_limits<std::int64_t>::max();
+
+  bool holds(std::int64_t key) const { return key >= low && key <= high; }
+};
+
+// The links from a tree's root down to where a search ended.
+struct Finger {
+  // An AVL tree of this height has more nodes than an address space.
+  static constexpr std::size_t kMostLevels = 64;
+
+  const FingerLevel& last() const { return levels[depth - 1]; }
+  void enter(void** link) { levels[depth++].link = link; }
+
+  std::size_t depth = 1;
+  FingerLevel levels[kMostLevels];
+};
+
 // A page tree and where its key lies in a node.
 struct Tree : PageTree {
   Tree(HostRecords* host, std::size_t keyOffset);
 
   HostRecords* host;
   std::size_t keyOffset;
+  Finger search;   // of treeFind and treeInsert
+  Finger removal;  // of treeRemove
 };
 
 struct AvlExtension : TreeExtension {

@@ -2,9 +2,14 @@
 //
 // A node's words are its left and right link. Bit 0 of a link tells that this side is the taller
 // one, by one level; the addresses of nodes are even. A node that is in no tree may have anything
-// in them. No operation allocates, and nothing is kept but the root, so that a root set to null
-// empties the tree.
-#include <array>
+// in them. No operation allocates. A root set to null from outside empties the tree.
+//
+// Pages are mostly used in runs, so a search begins where the last one ended if its key belongs
+// there: a finger keeps the links from the root down, each with the range of keys behind it. There
+// is one for finding and inserting and one for removing, as a cache that makes room removes its
+// oldest page between a find and the insert that follows it. Whoever changes what lies behind a
+// link cuts the other finger off there.
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -13,8 +18,8 @@
 namespace qz {
 namespace {
 
-// Enough for any tree that fits an address space: an AVL tree of this height has 2^44 nodes.
-constexpr std::size_t kMostLevels = 64;
+// Levels up from where the last search ended that the next one tries before the root.
+constexpr std::size_t kLevelsTried = 4;
 
 enum Side : std::size_t { left = 0, right = 1 };
 
@@ -40,9 +45,14 @@ void lead(void** link, const Node* node) {
 
 std::size_t other(std::size_t side) { return side ^ 1U; }
 
-Tree& treeOf(TreeAnchor* anchor) {
+// The side of a node that a link of it is.
+std::size_t sideOf(const Node* node, void* const* link) {
+  return link == &node->links[right] ? right : left;
+}
+
+Tree* treeOf(TreeAnchor* anchor) {
   auto* tree = reinterpret_cast<char*>(anchor) - offsetof(PageTree, anchor);
-  return *static_cast<Tree*>(reinterpret_cast<PageTree*>(tree));
+  return static_cast<Tree*>(reinterpret_cast<PageTree*>(tree));
 }
 
 std::int64_t keyAt(const void* place) {
@@ -93,116 +103,128 @@ bool rebalance(void** link, std::size_t side) {
   return shortens;
 }
 
-void treeInsert(TreeAnchor* anchor, void* record) noexcept {
-  const std::size_t keyOffset = treeOf(anchor).keyOffset;
-  auto* added = static_cast<Node*>(record);
-  const std::int64_t key = keyOf(added, keyOffset);
-  void** link = &anchor->root;
-  void** growing = link;  // to the last node on the way that is not balanced, else to the root
-  while (Node* node = target(*link)) {
-    const std::int64_t nodeKey = keyOf(node, keyOffset);
-    if (nodeKey == key) return;
-    if (((bits(node->links[left]) | bits(node->links[right])) & 1U) != 0) growing = link;
-    link = &node->links[key > nodeKey ? right : left];
+// Whether the first words of the tree changed hands, as when a close clears the root.
+void forgetIfCleared(Tree* tree) {
+  if (tree->anchor.root != nullptr) return;
+  tree->search.depth = 1;
+  tree->removal.depth = 1;
+}
+
+// Leads the finger to the link where the key is or would be, and returns the node there or null.
+Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
+  forgetIfCleared(tree);
+  for (std::size_t tried = 0; !finger->last().holds(key); ++tried) {
+    finger->depth = tried == kLevelsTried ? 1 : finger->depth - 1;
   }
+  FingerLevel at = finger->last();
+  Node* node = target(*at.link);
+  while (node != nullptr) {
+    const std::int64_t nodeKey = keyOf(node, tree->keyOffset);
+    if (nodeKey == key) break;
+    // Both links are loaded beside the key: the choice need not wait for a further load.
+    void* const below = node->links[left];
+    void* const above = node->links[right];
+    const bool isAbove = key > nodeKey;
+    at.low = isAbove ? nodeKey + 1 : at.low;
+    at.high = isAbove ? at.high : nodeKey - 1;
+    at.link = &node->links[isAbove ? right : left];
+    finger->levels[finger->depth++] = at;
+    node = target(isAbove ? above : below);
+  }
+  return node;
+}
+
+// What lies behind the finger's link `level` was rearranged: neither finger may go on further.
+void cutBelow(Finger* changed, Finger* bystander, std::size_t level) {
+  changed->depth = level + 1;
+  if (bystander->depth > level && bystander->levels[level].link == changed->levels[level].link) {
+    bystander->depth = level + 1;
+  }
+}
+
+void treeInsert(TreeAnchor* anchor, void* record) noexcept {
+  Tree* tree = treeOf(anchor);
+  Finger& finger = tree->search;
+  auto* added = static_cast<Node*>(record);
+  const std::int64_t key = keyOf(added, tree->keyOffset);
+  if (seek(tree, &finger, key) != nullptr) return;
   added->links[left] = nullptr;
   added->links[right] = nullptr;
-  *link = added;  // no side that ended here was the taller one
-  Node* top = target(*growing);
-  if (top == added) return;
-  const std::size_t side = key > keyOf(top, keyOffset) ? right : left;
-  for (Node* node = target(top->links[side]); node != added;) {
-    const std::size_t grown = key > keyOf(node, keyOffset) ? right : left;
-    setTaller(node, grown, true);
-    node = target(node->links[grown]);
-  }
-  if (isTaller(top, other(side))) {
-    setTaller(top, other(side), false);
-  } else if (!isTaller(top, side)) {
-    setTaller(top, side, true);
-  } else {
-    rebalance(growing, side);
+  *finger.last().link = added;  // no side that ended here was the taller one
+  // Every node upwards grows by a level on its side, up to the first that was not balanced.
+  for (std::size_t level = finger.depth - 1; level > 0; --level) {
+    Node* node = target(*finger.levels[level - 1].link);
+    const std::size_t side = sideOf(node, finger.levels[level].link);
+    if (isTaller(node, other(side))) {
+      setTaller(node, other(side), false);
+      return;
+    }
+    if (isTaller(node, side)) {
+      rebalance(finger.levels[level - 1].link, side);
+      cutBelow(&finger, &tree->removal, level - 1);
+      return;
+    }
+    setTaller(node, side, true);
   }
 }
 
 void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
-  const std::size_t keyOffset = treeOf(anchor).keyOffset;
-  const std::int64_t wanted = keyAt(key);
-  Node* node = target(anchor->root);
-  while (node != nullptr) {
-    const std::int64_t nodeKey = keyOf(node, keyOffset);
-    if (nodeKey == wanted) return node;
-    // Both links are loaded beside the key: the choice need not wait for a further load.
-    void* const below = node->links[left];
-    void* const above = node->links[right];
-    node = target(wanted > nodeKey ? above : below);
-  }
-  return nullptr;
+  Tree* tree = treeOf(anchor);
+  return seek(tree, &tree->search, keyAt(key));
 }
 
-// The links from the root down to a node that is to go.
-struct Path {
-  std::array<void**, kMostLevels> links;
-  std::size_t depth = 0;
-
-  void enter(void** link) { links[depth++] = link; }
-  void** last() const { return links[depth - 1]; }
-};
-
-// Puts the next larger node in the place of a node with two children, so that the path ends at a
-// node with at most one.
-void replaceBySuccessor(Path* path, Node* node) {
-  const std::size_t place = path->depth;
+// Puts the next larger node in the place of a node with two children, which the finger is at, and
+// leads the finger to the link that this leaves shorter.
+void replaceBySuccessor(Finger* finger, Node* node) {
+  void** const place = finger->last().link;
+  const std::size_t below = finger->depth;
   Node* successor = target(node->links[right]);
-  path->enter(&node->links[right]);
+  finger->enter(&node->links[right]);
   while (Node* smaller = target(successor->links[left])) {
-    path->enter(&successor->links[left]);
+    finger->enter(&successor->links[left]);
     successor = smaller;
   }
-  lead(path->last(), target(successor->links[right]));
-  lead(path->links[place - 1], successor);
+  lead(finger->last().link, target(successor->links[right]));
+  lead(place, successor);
   successor->links[left] = node->links[left];
   successor->links[right] = node->links[right];
-  path->links[place] = &successor->links[right];
+  finger->levels[below].link = &successor->links[right];
 }
 
-// Rebalances upwards after the side behind the path's last link has become one level shorter.
-void shorten(const Path& path) {
-  for (std::size_t level = path.depth - 1; level > 0; --level) {
-    Node* node = target(*path.links[level - 1]);
-    const std::size_t side = path.links[level] == &node->links[right] ? right : left;
+// Rebalances upwards after the side behind the finger's last link has become one level shorter.
+// Returns the uppermost level whose link leads to another node now, if it is above `level`.
+std::size_t shorten(const Finger& finger, std::size_t changed) {
+  for (std::size_t level = finger.depth - 1; level > 0; --level) {
+    void** link = finger.levels[level - 1].link;
+    Node* node = target(*link);
+    const std::size_t side = sideOf(node, finger.levels[level].link);
     if (isTaller(node, side)) {
       setTaller(node, side, false);
     } else if (!isTaller(node, other(side))) {
       setTaller(node, other(side), true);
-      return;
-    } else if (!rebalance(path.links[level - 1], other(side))) {
-      return;
+      break;
+    } else {
+      changed = std::min(changed, level - 1);
+      if (!rebalance(link, other(side))) break;
     }
   }
+  return changed;
 }
 
 void treeRemove(TreeAnchor* anchor, const std::int64_t* key) noexcept {
-  const std::size_t keyOffset = treeOf(anchor).keyOffset;
-  const std::int64_t wanted = keyAt(key);
-  Path path;
-  path.enter(&anchor->root);
-  Node* node = target(anchor->root);
-  while (node != nullptr) {
-    const std::int64_t nodeKey = keyOf(node, keyOffset);
-    if (nodeKey == wanted) break;
-    path.enter(&node->links[wanted > nodeKey ? right : left]);
-    node = target(*path.last());
-  }
+  Tree* tree = treeOf(anchor);
+  Finger& finger = tree->removal;
+  Node* node = seek(tree, &finger, keyAt(key));
   if (node == nullptr) return;
+  const std::size_t place = finger.depth - 1;
   Node* below = target(node->links[left]);
   Node* above = target(node->links[right]);
   if (below != nullptr && above != nullptr) {
-    replaceBySuccessor(&path, node);
+    replaceBySuccessor(&finger, node);
   } else {
-    lead(path.last(), below != nullptr ? below : above);
+    lead(finger.last().link, below != nullptr ? below : above);
   }
-  shorten(path);
+  cutBelow(&finger, &tree->search, shorten(finger, place));
 }
 
 HostStatus destroyTree(PageTree* self) noexcept {
@@ -234,6 +256,8 @@ PageTree* createTree(TreeExtension* self, const TreeAttributes* attributes, Jour
 }  // namespace
 
 Tree::Tree(HostRecords* owner, std::size_t offset) : PageTree{}, host(owner), keyOffset(offset) {
+  search.levels[0].link = &anchor.root;
+  removal.levels[0].link = &anchor.root;
   PageTree::destroy = destroyTree;
   PageTree::treeInsert = qz::treeInsert;
   PageTree::treeFind = qz::treeFind;
