@@ -29,7 +29,7 @@ namespace qz {
 struct Error {
   Status status = Status::ok;     // the module's code, or the host's where one passed through
   std::string text;               // of the message catalogue, or the loader's own words
-  std::int32_t errorNumber = 0;   // errno of the last system call that failed on the handle
+  std::int32_t errorNumber = 0;   // errno behind the failure; 0 where no system call is
   std::uint32_t hostDetail1 = 0;  // the host's two words about a failed open
   std::uint32_t hostDetail2 = 0;
   std::string fileName;  // UTF-8; empty: the handle has no name, or there is no handle
@@ -143,9 +143,9 @@ class PagedFile {
   Result<void> setName(std::string_view utf8Name);
 
   // *length: header bytes wanted; after shorterThanHeader those that the file has.
-  Result<void> preopen(void* header, std::int32_t* length) {
-    return outcome(table().qzppreopen(handle_, header, length, journal_));
-  }
+  Result<void> preopen(void* header, std::int32_t* length);
+  // createOrReplace sets headerSize to 0: set it again after the open, and write the header before
+  // the first page.
   Result<void> open() { return outcome(table().qzpopen(handle_, journal_)); }
   Result<void> close(std::uint32_t flags = 0) {
     return outcome(table().qzpclose(handle_, flags, journal_));

@@ -63,6 +63,31 @@ Result<void*> loadFirst(const std::vector<std::string>& paths, std::string* load
   return loadError(Status::fileNotFound, "The module was not found; tried " + tried);
 }
 
+// The handle keeps its last error number through operations that make no system call. These are
+// the outcomes that one stands behind, a host's own statuses included.
+bool hasSystemReason(Status status) {
+  switch (status) {
+    case Status::badArgument:
+    case Status::noHeaderYet:
+    case Status::inexactPageSize:
+    case Status::endOfFile:
+    case Status::pageOutOfRange:
+    case Status::noBuffer:
+    case Status::notWritable:
+    case Status::buffersMissing:
+    case Status::readOutOfSequence:
+    case Status::notHeld:
+    case Status::writeOutOfSequence:
+    case Status::wrongLength:
+    case Status::notOpen:
+    case Status::alreadyOpen:
+    case Status::deleteWhileOpen:
+      return false;
+    default:
+      return true;
+  }
+}
+
 std::string hex(std::uint32_t value) {
   char digits[16];
   std::snprintf(digits, sizeof digits, "0x%08X", value);
@@ -82,14 +107,16 @@ std::string Error::message() const {
 }
 
 Error errorOf(FileHandle* handle, Status status) {
-  StatusReport report{};
-  handle->ops->operations.qzpgetstatus(handle, &report);
   Error error;
   error.status = status;
   error.text = statusText(static_cast<std::uint32_t>(status));
-  error.errorNumber = report.lastErrno;
-  error.hostDetail1 = report.hostErrorDetail1;
-  error.hostDetail2 = report.hostErrorDetail2;
+  if (hasSystemReason(status)) {
+    StatusReport report{};
+    handle->ops->operations.qzpgetstatus(handle, &report);
+    error.errorNumber = report.lastErrno;
+    error.hostDetail1 = report.hostErrorDetail1;
+    error.hostDetail2 = report.hostErrorDetail2;
+  }
   if (handle->fileName != nullptr) error.fileName = toUtf8(handle->fileName);
   return error;
 }
@@ -98,6 +125,14 @@ Result<void> PagedFile::setName(std::string_view utf8Name) {
   const std::u32string name = toUtf32(utf8Name);
   return outcome(table().qzpsetfilename(handle_, name.data(),
                                         static_cast<std::int32_t>(name.size()), journal_));
+}
+
+Result<void> PagedFile::preopen(void* header, std::int32_t* length) {
+  const Status status = table().qzppreopen(handle_, header, length, journal_);
+  if (status == Status::ok) return {};
+  Error error = errorOf(handle_, status);
+  if (status == Status::shorterThanHeader && *length >= 0) error.errorNumber = 0;  // just short
+  return error;
 }
 
 PagedFile& PagedFile::operator=(PagedFile&& other) noexcept {
