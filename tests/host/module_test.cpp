@@ -1,0 +1,152 @@
+// The C++ way into the module.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "qziop.hpp"
+
+namespace {
+
+using qz::Status;
+
+struct WayInTest : testing::Test {
+  void SetUp() override {
+    auto loaded = qz::Module::load(host.handle(), nullptr, QZIOP_MODULE);
+    ASSERT_TRUE(loaded) << loaded.error().message();
+    module.emplace(std::move(*loaded));
+    name = std::filesystem::temp_directory_path() / ("qzway\u00EF" + std::to_string(getpid()));
+  }
+  void TearDown() override {
+    std::filesystem::remove(name);
+    EXPECT_EQ(module->dispose(), 0U);
+    EXPECT_EQ(host.liveObjects(), 0U);
+    EXPECT_EQ(host.poolCounts().leakedBlocks, 0U);
+  }
+  qz::PagedFile newFile(qz::OpenMode mode, std::uint32_t options = 0) {
+    auto file = module->newFile(&journal);
+    EXPECT_TRUE(file);
+    qz::FileHandle& settings = file->settings();
+    settings.pageSize = 512;
+    settings.headerSize = 16;
+    settings.bufferCount = 2;
+    settings.openMode = mode;
+    settings.openOptions = options;
+    settings.readAccess = qz::readRandom;
+    settings.writeAccess = qz::rewritePages;
+    EXPECT_TRUE(file->setName(name.string()));
+    return std::move(*file);
+  }
+
+  qz::StandInHost host;
+  qz::StandInJournal journal;
+  std::optional<qz::Module> module;
+  std::filesystem::path name;
+};
+
+TEST_F(WayInTest, WritesAndReadsBackInPlace) {
+  {
+    qz::PagedFile file = newFile(qz::createOrReplace);
+    ASSERT_TRUE(file.open());
+    file.settings().headerSize = 16;  // a new file begins without a header
+    std::int32_t length = 6;
+    ASSERT_TRUE(file.writeHeader("header", &length));
+    EXPECT_EQ(length, 16);
+    for (int page = 1; page <= 4; ++page) {
+      auto hold = file.acquire();
+      ASSERT_TRUE(hold);
+      EXPECT_EQ(hold->bytes(), 512);
+      std::memset(hold->data(), page, 512);
+      ASSERT_TRUE(file.write(*hold, page));
+      EXPECT_FALSE(*hold);
+    }
+    char own[512];
+    std::memset(own, 9, sizeof own);
+    ASSERT_TRUE(file.write(own, 2));
+    ASSERT_TRUE(file.truncate(3));
+    ASSERT_TRUE(file.flush());
+  }
+  EXPECT_EQ(std::filesystem::file_size(name), 16U + 3 * 512);
+  qz::PagedFile file = newFile(qz::openOrKeep);
+  char header[16];
+  std::int32_t length = sizeof header;
+  ASSERT_TRUE(file.preopen(header, &length));
+  EXPECT_STREQ(header, "header");
+  ASSERT_TRUE(file.open());
+  {
+    auto first = file.read(2);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->data()[511], 9);
+    EXPECT_EQ(file.settings().heldCount, 1);
+    auto second = file.read(1);
+    EXPECT_EQ(file.read(3).status(), Status::noBuffer);
+    qz::PageHold moved = std::move(*second);
+    moved = std::move(*first);  // ends the hold of page 1
+    EXPECT_EQ(file.settings().heldCount, 1);
+    EXPECT_EQ(file.write(moved, 17).status(), Status::writeOutOfSequence);
+    EXPECT_TRUE(moved) << "the failed write kept the hold";
+    EXPECT_EQ(moved.giveBack(), Status::ok);
+    EXPECT_EQ(file.settings().heldCount, 0);
+  }
+  char pages[3 * 512];
+  ASSERT_TRUE(file.readMany(1, 3, pages));
+  EXPECT_EQ(pages[0] + pages[512] + pages[1024], 1 + 9 + 3);
+  ASSERT_TRUE(file.reopen({qz::readSequential, qz::noWrite, 0}));
+  EXPECT_EQ(file.flush().status(), Status::notWritable);
+  std::int32_t more = 3;
+  EXPECT_TRUE(file.addBuffers(&more));
+  EXPECT_TRUE(file.removeBuffers(1));
+  ASSERT_TRUE(file.close());
+  ASSERT_TRUE(file.remove());
+  EXPECT_FALSE(std::filesystem::exists(name));
+}
+
+TEST_F(WayInTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
+  qz::PagedFile file = newFile(qz::openOrKeep);
+  auto absent = file.open();
+  ASSERT_FALSE(absent);
+  EXPECT_EQ(absent.error().status, Status::fileNotFound);
+  EXPECT_EQ(absent.error().errorNumber, ENOENT);
+  EXPECT_EQ(absent.error().hostDetail1, 2U);
+  EXPECT_EQ(absent.error().fileName, name.string());
+  EXPECT_EQ(absent.error().message(),
+            "The file or a folder on the way to it does not exist [file " + name.string() +
+                "]: No such file or directory (errno 2), status 0x803FC801");
+  const auto notOpen = file.read(1);
+  EXPECT_EQ(notOpen.status(), Status::notOpen);
+  EXPECT_EQ(notOpen.error().errorNumber, 0);
+  EXPECT_EQ(journal.entries().size(), 1U);
+}
+
+// A flush that is refused leaves the file attached; the end of the scope lets go of it all the
+// same, which the tear-down sees.
+TEST_F(WayInTest, AFileThatDoesNotFlushIsLetGo) {
+  qz::PagedFile file = newFile(qz::createOrReplace, qz::optionFlushAtClose);
+  ASSERT_TRUE(file.open());
+  const auto flush = module->table().qzpflush;
+  module->table().qzpflush = [](qz::FileHandle*, qz::Journal*) { return Status::ioFailed; };
+  EXPECT_EQ(file.close().status(), Status::ioFailed);
+  { const qz::PagedFile ended = std::move(file); }
+  module->table().qzpflush = flush;
+  EXPECT_EQ(host.liveObjects(), 4U) << "two pools, the extension, the converter";
+}
+
+TEST(ModuleTest, SaysWhatWasTriedAndWhy) {
+  qz::StandInHost host;
+  const auto absent = qz::Module::load(host.handle(), nullptr, "/nowhere/libqziop.so");
+  ASSERT_FALSE(absent);
+  EXPECT_EQ(absent.status(), Status::fileNotFound);
+  EXPECT_NE(absent.error().text.find("/nowhere/libqziop.so"), std::string::npos);
+  EXPECT_EQ(qz::Module::load(host.handle(), nullptr, "/proc/version").status(),
+            Status::unsupportedFile);
+  host.handle()->encodingServices->systemEncoding = 0;
+  EXPECT_EQ(qz::Module::load(host.handle(), nullptr, QZIOP_MODULE).status(), Status::noMemory);
+  EXPECT_EQ(host.liveObjects(), 0U);
+}
+
+}  // namespace
