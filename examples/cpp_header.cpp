@@ -1,0 +1,60 @@
+// Keeps notes through the C++ header: opens FILE, or creates it, appends NOTE as its last page
+// and shows them all. The file is a header that names its kind, then one page a note.
+#include <cstdio>
+#include <cstring>
+#include <qziop.hpp>
+
+static constexpr char kKind[64] = "notes, one a page of 512 bytes";
+
+static int failed(const qz::Error& error) {
+  std::fprintf(stderr, "notes: %s\n", error.message().c_str());
+  return 1;
+}
+
+// Opens an existing file by its header, or begins a new one.
+static qz::Result<void> open(qz::PagedFile& file) {
+  char kind[sizeof kKind];
+  std::int32_t length = sizeof kKind;
+  file.settings().pageSize = 512;
+  file.settings().headerSize = length;
+  file.settings().readAccess = qz::readRandom;
+  file.settings().writeAccess = qz::rewritePages;
+  file.settings().openMode = qz::openOrKeep;
+  if (const auto found = file.preopen(kind, &length)) {
+    if (std::memcmp(kind, kKind, sizeof kKind) == 0) return file.open();
+    file.settings().writeAccess = qz::noWrite;  // else its close removes what looks empty
+    return qz::Error{qz::Status::misfit, "This is not a file of notes", 0, 0, 0, {}};
+  } else if (found.status() != qz::Status::fileNotFound) {
+    return found;
+  }
+  file.settings().openMode = qz::createOrReplace;
+  if (auto created = file.open(); !created) return created;
+  file.settings().headerSize = length;  // a new file begins without one
+  return file.writeHeader(kKind, &length);
+}
+
+int main(int argc, char** argv) {
+  if (argc != 3) return std::fputs("usage: cpp_header FILE NOTE\n", stderr), 64;
+  qz::StandInHost host;
+  const auto module = qz::Module::load(host.handle());
+  if (!module) return failed(module.error());
+  auto file = module->newFile();
+  if (!file) return failed(file.error());
+  if (const auto named = file->setName(argv[1]); !named) return failed(named.error());
+  if (const auto opened = open(*file); !opened) return failed(opened.error());
+
+  auto note = file->acquire();  // the module's own memory, given back at the end of its scope
+  if (!note) return failed(note.error());
+  std::strncpy(note->data(), argv[2], std::size_t(note->bytes()));
+  const auto written = file->write(*note, file->settings().pageCount + 1);
+  if (!written) return failed(written.error());
+  if (const auto flushed = file->flush(); !flushed) return failed(flushed.error());
+
+  for (std::int64_t page = 1; page <= file->settings().pageCount; ++page) {
+    const auto read = file->read(page);
+    if (!read) return failed(read.error());
+    std::printf("%d. %.*s\n", int(page), read->bytes(), read->data());
+  }
+  const auto closed = file->close();
+  return closed ? 0 : failed(closed.error());
+}
