@@ -1,0 +1,42 @@
+# What `cmake --install` lays down: the module, the stand-in host, the headers, the tool and
+# the package files that let other projects find them. Everything is found relative to where it
+# lies, so an installed tree can be moved as a whole.
+include(CMakePackageConfigHelpers)
+
+set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/qziop)
+set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qziop)
+
+set_target_properties(qziop_headers PROPERTIES EXPORT_NAME headers)
+set_target_properties(qzstandin PROPERTIES EXPORT_NAME standin)
+install(TARGETS qziop qziop_headers qzstandin EXPORT qziopTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+        INCLUDES DESTINATION ${headers_dir})
+foreach(part IN ITEMS QZPOS qzp host)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${part}/include/ DESTINATION ${headers_dir}
+          FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
+endforeach()
+
+install(TARGETS qzpfile RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+install(EXPORT qziopTargets NAMESPACE qziop:: DESTINATION ${config_dir})
+configure_package_config_file(cmake/qziopConfig.cmake.in ${PROJECT_BINARY_DIR}/qziopConfig.cmake
+                              INSTALL_DESTINATION ${config_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/qziopConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/qziopConfig.cmake ${PROJECT_BINARY_DIR}/qziopConfigVersion.cmake
+        DESTINATION ${config_dir})
+
+# The prefix as seen from the folder of the .pc file.
+file(RELATIVE_PATH prefix_from_pc
+     ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
+configure_file(cmake/qziop.pc.in ${PROJECT_BINARY_DIR}/qziop.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/qziop.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(FILES README.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} FILES_MATCHING PATTERN "*.cpp")
+
+include(cmake/deb.cmake)
