@@ -20,13 +20,13 @@ static qz::Result<void> open(qz::PagedFile& file) {
   file.settings().readAccess = qz::readRandom;
   file.settings().writeAccess = qz::rewritePages;
   file.settings().openMode = qz::openOrKeep;
-  if (const auto found = file.preopen(kind, &length)) {
-    if (std::memcmp(kind, kKind, sizeof kKind) == 0) return file.open();
+  auto found = file.preopen(kind, &length);
+  if (found && std::memcmp(kind, kKind, sizeof kKind) == 0) return file.open();
+  if (found) {
     file.settings().writeAccess = qz::noWrite;  // else its close removes what looks empty
     return qz::Error{qz::Status::misfit, "This is not a file of notes", 0, 0, 0, {}};
-  } else if (found.status() != qz::Status::fileNotFound) {
-    return found;
   }
+  if (found.status() != qz::Status::fileNotFound) return found;
   file.settings().openMode = qz::createOrReplace;
   if (auto created = file.open(); !created) return created;
   file.settings().headerSize = length;  // a new file begins without one
