@@ -259,6 +259,7 @@ TEST_F(OpenTest, GeometryIsSettledOrRefused) {
       {0, 100, 0, 0, 0, "818 {!818}", 512, 1},
       {100, 700, 512, 0, 0, "818 {!818}", 512, 1},   // fraction of a page below the header
       {100, 2000, 512, 0, 0, "818 {!818}", 512, 1},  // less than no pages
+      {88, 600, 512, 0, 0, "818 {!818}", 512, 1},    // a whole page less
       {100, 100, 512, 0, 0, "ok", 512, 0},
       {8192, 4096, 4096, 2, 0, "818 {!818}", 4096, 3},
       {8192, 4096, 4096, 2, 12288, "ok", 4096, 2},  // the caller's word is taken

@@ -151,7 +151,7 @@ qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding
 template <class Open>
 auto withoutDirectIo(qz::OpenParameters* parameters, Open open) {
   const std::uint32_t asked = parameters->openFlags;
-  if (directIo == DirectIo::simulated) {
+  if (directIo != DirectIo::real) {
     parameters->openFlags &= ~qz::openflag::direct;
   }
   const auto result = open();

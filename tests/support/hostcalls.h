@@ -11,6 +11,7 @@ void recordHostCalls(qz::StandInHost& host);
 // How files are opened that are to be open with O_DIRECT.
 enum class DirectIo : std::uint8_t {
   simulated,  // without it; the module's transfers are held to the alignment that it asks for
+  unaligned,  // without it and without that
   real
 };
 void setDirectIo(DirectIo way);

@@ -1,0 +1,810 @@
+#include "model/driver.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+namespace qztest {
+
+using qz::Status;
+using Table = qz::OperationTable;
+
+namespace {
+
+bool isFull(std::uint32_t error) { return error == EFBIG || error == ENOSPC || error == EDQUOT; }
+
+// What a write of so many bytes came to.
+template <class Outcome>
+Status judged(const Outcome& outcome, std::size_t wanted) {
+  if (outcome.result < 0) {
+    return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
+  }
+  if (outcome.result == 0) {
+    return Status::ioFailed;
+  }
+  return static_cast<std::size_t>(outcome.result) < wanted ? Status::noSpace : Status::ok;
+}
+
+// Host statuses of an open that the faults use.
+Status mapped(std::uint32_t hostStatus) {
+  switch (hostStatus) {
+    case qz::hostFileNotFound:
+      return Status::fileNotFound;
+    case qz::hostNoDescriptor:
+      return Status::noDescriptor;
+    case qz::hostLocked:
+      return Status::busy;
+    default:
+      return Status::ioFailed;
+  }
+}
+
+bool isLargeModuleBlock(const CallRecord& record) {
+  return record.call == Call::memAlloc && record.target == 'm' && record.length >= 4096;
+}
+
+}  // namespace
+
+Driver::Driver(World& world, const Geometry& geometry)
+    : world_(world),
+      pageSize_(geometry.pageSize),
+      headerBytes_(geometry.headerBytes),
+      buffers_(geometry.buffers) {
+  world_.h->requestedBlockBytes = std::int64_t{geometry.pageSize} * geometry.pagesPerBlock;
+  std::ifstream file(world_.path, std::ios::binary);
+  exists_ = file.is_open();
+  disk_.assign((std::istreambuf_iterator<char>(file)), {});
+}
+
+// --- What the model knows of a call
+
+bool Driver::lackedMemory() {
+  const auto& trace = calls().trace();
+  return std::any_of(trace.begin(), trace.end(), [](const CallRecord& record) {
+    return (record.call == Call::memAlloc || record.call == Call::treeCreate) &&
+           record.result == 0 && !isLargeModuleBlock(record);
+  });
+}
+
+// A release that failed, but for those of report texts.
+bool Driver::releaseFailed() {
+  const CallRecord* before = nullptr;
+  for (const CallRecord& record : calls().trace()) {
+    if (record.call == Call::memFree && record.result != 0 &&
+        (before == nullptr || !isLargeModuleBlock(*before))) {
+      return true;
+    }
+    before = &record;
+  }
+  return false;
+}
+
+std::string_view Driver::onDisk(std::int64_t page) const {
+  const auto size = static_cast<std::int64_t>(disk_.size());
+  const std::int64_t begin = std::min(offsetOf(page), size);
+  return std::string_view(disk_).substr(static_cast<std::size_t>(begin),
+                                        static_cast<std::size_t>(pageSize_));
+}
+
+bool Driver::isAdrift() const {
+  const std::int64_t stored = pageCount_ - static_cast<std::int64_t>(collected_.size());
+  return attached_ && open_ && static_cast<std::int64_t>(disk_.size()) < offsetOf(stored + 1);
+}
+
+const Fault* Driver::planned(Call call) {
+  const int number = ++made_[call];
+  for (const Fault& fault : faults_) {
+    if (fault.call == call && number >= fault.nth && number - fault.nth < fault.count) {
+      return &fault;
+    }
+  }
+  return nullptr;
+}
+
+Driver::Outcome Driver::expect(Call call, std::int64_t length) {
+  const Fault* fault = planned(call);
+  if (fault != nullptr && fault->result != kShort) {
+    return {fault->result, fault->error};
+  }
+  if (!attached_) {
+    return {-1, EBADF};
+  }
+  if (!writable_ && (call == Call::pwrite || call == Call::ftruncate)) {
+    return {-1, static_cast<std::uint32_t>(call == Call::pwrite ? EBADF : EINVAL)};
+  }
+  const bool reads = call == Call::pread || call == Call::read || call == Call::readv;
+  if (reads && writable_ && readAccess_ == 0) {
+    return {-1, EBADF};
+  }
+  return {fault != nullptr ? (length + 1) / 2 : length, 0};
+}
+
+// --- The file
+
+Driver::Outcome Driver::store(std::int64_t offset, const std::string& bytes) {
+  const Outcome outcome = expect(Call::pwrite, static_cast<std::int64_t>(bytes.size()));
+  if (outcome.result > 0) {
+    const auto end = static_cast<std::size_t>(offset + outcome.result);
+    disk_.resize(std::max(disk_.size(), end));
+    bytes.copy(disk_.data() + offset, static_cast<std::size_t>(outcome.result));
+  }
+  return outcome;
+}
+
+Status Driver::writeBack() {
+  if (collected_.empty()) {
+    return Status::ok;
+  }
+  std::string bytes;
+  for (const std::string& page : collected_) {
+    bytes += page;
+  }
+  const Status status = judged(store(offsetOf(firstCollected_), bytes), bytes.size());
+  if (status != Status::ok) {
+    cut(firstCollected_ - 1);
+    return status;
+  }
+  nextPage_ = lastCollected() + 1;
+  fileSize_ += static_cast<std::int64_t>(bytes.size());
+  collected_.clear();
+  return Status::ok;
+}
+
+Status Driver::cut(std::int64_t pages) {
+  if (pages < 0 || pages > pageCount_) {
+    return Status::pageOutOfRange;
+  }
+  if (!collected_.empty() && pages < firstCollected_) {
+    collected_.clear();
+  } else if (!collected_.empty()) {
+    collected_.resize(static_cast<std::size_t>(pages - firstCollected_ + 1));
+    const Status status = writeBack();
+    if (status != Status::ok) {
+      return status;
+    }
+  }
+  const std::int64_t bytes = offsetOf(pages + 1);
+  if (expect(Call::lseek, 0).result < 0 || expect(Call::ftruncate, 0).result < 0) {
+    return Status::notTruncated;
+  }
+  disk_.resize(static_cast<std::size_t>(bytes));
+  fileSize_ = bytes;
+  pageCount_ = pages;
+  nextPage_ = pages + 1;
+  torn_.erase(torn_.upper_bound(pages), torn_.end());
+  return Status::ok;
+}
+
+Status Driver::sync() {
+  for (int timeouts = 0;;) {
+    const Outcome outcome = expect(Call::fsync, 0);
+    if (outcome.result >= 0) {
+      return Status::ok;
+    }
+    if (outcome.error == EINTR || (outcome.error == ETIMEDOUT && timeouts++ == 0)) {
+      continue;
+    }
+    return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
+  }
+}
+
+void Driver::compareFile() const {
+  std::ifstream file(world_.path, std::ios::binary);
+  ASSERT_EQ(file.is_open(), exists_);
+  const std::string bytes((std::istreambuf_iterator<char>(file)), {});
+  ASSERT_EQ(bytes.size(), exists_ ? disk_.size() : 0);
+  const auto [mine, theirs] = std::mismatch(disk_.begin(), disk_.end(), bytes.begin());
+  ASSERT_TRUE(!exists_ || mine == disk_.end())
+      << "the file differs at byte " << mine - disk_.begin() << ", page "
+      << (mine - disk_.begin() - header_) / pageSize_ + 1;
+}
+
+void Driver::repair() {
+  if (!exists_) {
+    return;
+  }
+  const auto size = static_cast<std::int64_t>(disk_.size());
+  disk_.resize(static_cast<std::size_t>(
+      std::max(headerBytes_, size - std::max<std::int64_t>(size - headerBytes_, 0) % pageSize_)));
+  std::filesystem::resize_file(world_.path, disk_.size());
+}
+
+// --- Comparison
+
+void Driver::begin() {
+  made_.clear();
+  calls().plan(faults_);
+}
+
+void Driver::expectWritesInPlace() const {
+  for (const CallRecord& record : calls().trace()) {
+    if (record.call == Call::pwrite && record.length > 0) {
+      const bool header = record.offset == 0 && record.length == world_.length;
+      const bool pages = record.offset >= header_ && (record.offset - header_) % pageSize_ == 0 &&
+                         record.length % pageSize_ == 0;
+      EXPECT_TRUE(header || pages) << record.length << " bytes at " << record.offset;
+    }
+  }
+}
+
+Status Driver::check(const std::string& what, Status actual, Status wanted, Reports reports) {
+  const qz::FileHandle& h = *world_.h;
+  const std::string did = world_.did(actual);
+  const std::string code = shortCode(static_cast<std::uint32_t>(actual));
+  SCOPED_TRACE(fmt::format("{}: {} [{}]", what, did, calls().hostCalls()));
+  EXPECT_EQ(code, shortCode(static_cast<std::uint32_t>(wanted)));
+  EXPECT_TRUE(reports == Reports::notEvenKept || h.status == actual);
+  const bool reported = world_.recorder.entries.find("!" + code) != std::string::npos;
+  if (actual == Status::ok || actual == Status::endOfFile) {
+    EXPECT_FALSE(reported);
+  } else if (reports == Reports::all && !releaseFailed()) {
+    const auto& trace = calls().trace();
+    EXPECT_TRUE(reported || std::any_of(trace.begin(), trace.end(), [](const CallRecord& record) {
+                  return isLargeModuleBlock(record) && record.result == 0;
+                }));
+  }
+  EXPECT_EQ(h.heldCount, static_cast<int>(holds_.size()));
+  EXPECT_EQ(h.pageCount, pageCount_);
+  EXPECT_EQ(h.fileSize, fileSize_);
+  EXPECT_EQ(h.nextPage, nextPage_);
+  EXPECT_EQ(h.lastPageRead, lastPageRead_);
+  EXPECT_EQ((h.stateFlags & qz::stateOpen) != 0, open_);
+  EXPECT_EQ((h.stateFlags & qz::statePreopened) != 0, preopened_);
+  EXPECT_EQ(h.hostFile != nullptr, attached_);
+  expectWritesInPlace();
+  for (const unsigned char byte : what + did + calls().hostCalls()) {
+    digest_ = (digest_ ^ byte) * 1099511628211ULL;
+  }
+  calls().plan({});
+  faults_.clear();
+  return actual;
+}
+
+// --- Opening and closing
+
+Status Driver::physicalOpen(std::uint32_t mode) {
+  if (mode == qz::createOrReplace) {
+    pageCount_ = fileSize_ = 0;
+  }
+  const bool direct = (world_.h->openOptions & qz::optionDirectIo) != 0;
+  const Fault* fault = planned(Call::fileOpen);
+  if (fault != nullptr && fault->result == EINVAL && direct) {
+    fault = planned(Call::fileOpen);
+  }
+  if (fault != nullptr) {
+    return mapped(fault->error);
+  }
+  if (!exists_ && mode != qz::createOrReplace) {
+    return Status::fileNotFound;
+  }
+  exists_ = true;
+  attached_ = true;
+  writable_ = writeAccess_ != 0;
+  return Status::ok;
+}
+
+// The part of an open after the physical open; a failure closes again.
+Status Driver::settling(std::uint32_t mode) {
+  if (mode == qz::createOrReplace) {
+    if (expect(Call::ftruncate, 0).result < 0) {
+      closing(qz::kRemoveFile);
+      return Status::notTruncated;
+    }
+    disk_.clear();
+    header_ = fileSize_ = 0;
+  } else {
+    fileSize_ = static_cast<std::int64_t>(disk_.size());
+    pageCount_ = (fileSize_ - header_) / pageSize_;
+    if (pageCount_ < 0 || pageCount_ * pageSize_ + header_ != fileSize_) {
+      pageCount_ = std::max<std::int64_t>(pageCount_ + 1, 1);
+      closing(0);
+      return Status::misfit;
+    }
+  }
+  nextPage_ = 1;
+  lastPageRead_ = 0;
+  if (lackedMemory()) {
+    closing(mode == qz::openOrKeep ? 0 : qz::kRemoveFile);
+    return Status::noMemory;
+  }
+  open_ = true;
+  return Status::ok;
+}
+
+Status Driver::opening(std::uint32_t mode) {
+  if (open_ || (attached_ && !preopened_)) {
+    return Status::alreadyOpen;
+  }
+  if (!preopened_) {
+    const Status status = physicalOpen(mode);
+    if (status != Status::ok) {
+      return status;
+    }
+  }
+  return settling(mode);
+}
+
+Status Driver::open(std::uint32_t mode, std::uint32_t options, std::uint32_t read,
+                    std::uint32_t write) {
+  qz::FileHandle& h = *world_.h;
+  if (!attached_) {  // a host leaves these of an attached file alone
+    h.openMode = mode;
+    h.openOptions = options;
+    readAccess_ = h.readAccess = read;
+    writeAccess_ = h.writeAccess = write;
+  }
+  if (!attached_ || preopened_) {
+    h.pageSize = pageSize_;
+    h.bufferCount = buffers_;
+    h.pageCount = h.fileSize = pageCount_ = fileSize_ = 0;
+    header_ = h.headerSize = headerBytes_;
+  }
+  begin();
+  const Status actual = world_.open();
+  const Status wanted = opening(h.openMode);
+  check(fmt::format("open {} {:x} {} {}", mode, options, read, write), actual, wanted,
+        Reports::some);
+  if (actual == Status::ok && h.openMode == qz::createOrReplace) {
+    header_ = h.headerSize = headerBytes_;
+  }
+  return actual;
+}
+
+Status Driver::preopen(std::int32_t bytes) {
+  qz::FileHandle& h = *world_.h;
+  const CallerMemory memory = callerMemory(bytes + 1);
+  begin();
+  const Status actual = world_.preopen(memory.get() + 1, bytes);
+  Status wanted = attached_                           ? Status::alreadyOpen
+                  : h.openMode == qz::createOrReplace ? Status::noHeaderYet
+                                                      : physicalOpen(h.openMode);
+  if (wanted == Status::ok) {
+    const bool bounced = (h.directIoMode & qz::directIo) != 0;
+    Outcome outcome{-1, 0};
+    if (!(bounced && lackedMemory())) {
+      outcome = expect(Call::read, bytes);
+      outcome.result = std::min(outcome.result, static_cast<std::int64_t>(disk_.size()));
+    }
+    preopened_ = outcome.result >= bytes;
+    attached_ = preopened_;
+    wanted = preopened_ ? Status::ok : Status::shorterThanHeader;
+    EXPECT_TRUE(!preopened_ || disk_.compare(0, static_cast<std::size_t>(bytes), memory.get() + 1,
+                                             static_cast<std::size_t>(bytes)) == 0);
+  }
+  return check(fmt::format("preopen {}", bytes), actual, wanted, Reports::some);
+}
+
+Status Driver::closing(std::uint32_t flags) {
+  const bool wasOpen = open_;
+  open_ = preopened_ = false;
+  if (!attached_) {
+    return Status::notOpen;
+  }
+  const bool removed =
+      (flags & qz::kRemoveFile) != 0 || (pageCount_ == 0 && fileSize_ == 0 && writeAccess_ != 0);
+  Status result = writeBack();
+  if ((world_.h->openOptions & qz::optionFlushAtClose) != 0) {
+    const Status flushed = !wasOpen            ? Status::notOpen
+                           : writeAccess_ == 0 ? Status::notWritable
+                                               : sync();
+    if (flushed != Status::ok) {
+      result = result == Status::ok && releaseFailed() ? Status::ioFailed : result;
+      return result != Status::ok ? result : flushed;
+    }
+  }
+  if (const Fault* fault = planned(Call::fileClose); fault != nullptr) {
+    return fault->error == qz::hostNotRemoved ? Status::notRemoved : Status::ioFailed;
+  }
+  attached_ = false;
+  if (removed) {
+    exists_ = false;
+    disk_.clear();
+  }
+  pageCount_ = (flags & qz::kRemoveFile) != 0 ? 0 : pageCount_;
+  nextPage_ = 0;
+  shortOfBuffers_ = false;
+  holds_.clear();
+  torn_.clear();
+  failedReads_.clear();
+  shortBlocks_.clear();
+  return result == Status::ok && releaseFailed() ? Status::ioFailed : result;
+}
+
+Status Driver::close(std::uint32_t flags) {
+  begin();
+  const Status actual = world_.close(flags);
+  return check(fmt::format("close {}", flags), actual, closing(flags), Reports::some);
+}
+
+Status Driver::erase() {
+  begin();
+  const Status actual = world_.call(&Table::qzpdelete);
+  Status wanted = Status::deleteWhileOpen;
+  if (!attached_ && (planned(Call::fileOpen) != nullptr || !exists_)) {
+    wanted = Status::notRemoved;
+  } else if (!attached_) {
+    wanted = Status::ok;
+    exists_ = false;
+    disk_.clear();
+    pageCount_ = fileSize_ = 0;
+  }
+  return check("delete", actual, wanted, Reports::notEvenKept);
+}
+
+Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
+  qz::FileHandle& h = *world_.h;
+  h.openOptions = (h.openOptions & ~qz::optionDirectIo) | (direct ? qz::optionDirectIo : 0U);
+  const bool wasInBlocks = inBlocks();
+  begin();
+  const Status actual = world_.reopen(read, write, 0);
+  Status wanted = open_ ? writeBack() : Status::notOpen;
+  if (wanted == Status::ok) {
+    const Fault* fault = planned(Call::fileReopen);
+    if (fault != nullptr && fault->result == EINVAL && direct) {
+      fault = planned(Call::fileReopen);
+    }
+    wanted = fault != nullptr ? Status::reopenFailed : Status::ok;
+  }
+  if (open_ && wanted == Status::ok) {
+    readAccess_ = read;
+    writeAccess_ = write;
+    writable_ = write != 0;
+    if (wasInBlocks != inBlocks() && releaseFailed()) {
+      wanted = Status::ioFailed;
+      shortOfBuffers_ = true;
+    } else {
+      nextPage_ = 1;
+      lastPageRead_ = 0;
+      wanted = lackedMemory() ? Status::noMemory : Status::ok;
+      shortOfBuffers_ = wanted != Status::ok;
+    }
+    if (wasInBlocks != inBlocks()) {
+      failedReads_.clear();
+      shortBlocks_.clear();
+    }
+  }
+  return check(fmt::format("reopen {} {} {}", direct, read, write), actual, wanted, Reports::some);
+}
+
+// --- Reading
+
+Status Driver::readChecks(std::int64_t page) const {
+  if (!open_) {
+    return Status::notOpen;
+  }
+  if (readAccess_ == qz::readSequential && page != lastPageRead_ + 1 &&
+      page != world_.h->sequentialStartPage) {
+    return Status::readOutOfSequence;
+  }
+  if (page <= 0 || page > pageCount_ + 1) {
+    return Status::pageOutOfRange;
+  }
+  if (page == pageCount_ + 1) {
+    return Status::endOfFile;
+  }
+  return static_cast<int>(holds_.size()) >= world_.h->bufferCount ? Status::noBuffer : Status::ok;
+}
+
+// What a read that made its last transfer with `call` must come to.
+Status Driver::transferred(const CallRecord& call, std::int64_t page) {
+  const std::int64_t left = static_cast<std::int64_t>(disk_.size()) - call.offset;
+  EXPECT_TRUE(call.result < 0 || call.result <= std::max<std::int64_t>(left, 0));
+  if (!inBlocks()) {
+    failedReads_.erase(page);
+    if (call.result == pageSize_) {
+      return Status::ok;
+    }
+    if (call.result > 0) {
+      return Status::misfit;
+    }
+    return failedReads_[page] = call.result == 0 ? Status::endOfFile : Status::ioFailed;
+  }
+  const std::int64_t first = (call.offset - header_) / pageSize_ + 1;
+  nextPage_ = page + 1;
+  const std::int64_t pagesPerBlock = world_.h->requestedBlockBytes / pageSize_;
+  if (call.length > pageSize_ || pagesPerBlock == 1) {
+    nextPage_ = std::min(first + pagesPerBlock - 1, pageCount_) + 1;
+    const std::int64_t whole = std::min(call.length, left);
+    shortBlocks_.erase(first);
+    if (call.result < whole) {
+      shortBlocks_.insert(first);
+    }
+  }
+  return call.result < (page - first + 1) * pageSize_ ? Status::misfit : Status::ok;
+}
+
+bool Driver::isModified(const char* at) const {
+  return std::any_of(holds_.begin(), holds_.end(),
+                     [at](const Hold& hold) { return hold.at == at && hold.modified; });
+}
+
+void Driver::expectHeldBytes(std::int64_t page) const {
+  const std::string_view bytes(world_.at, static_cast<std::size_t>(pageSize_));
+  const auto [first, last] = torn_.equal_range(page);
+  EXPECT_TRUE(isModified(world_.at) || bytes == onDisk(page) ||
+              std::any_of(first, last, [bytes](const auto& torn) { return torn.second == bytes; }))
+      << "other bytes than page " << page << " has";
+}
+
+Status Driver::read(std::int64_t page) {
+  begin();
+  const Status actual = world_.read(page);
+  Status wanted = readChecks(page);
+  const int transfers = calls().count(Call::pread);
+  if (wanted != Status::ok) {
+    EXPECT_EQ(calls().io(), "");
+  } else if (isCollected(page)) {
+    wanted = writeBack();
+  }
+  if (wanted == Status::ok && actual == Status::noBuffer && shortOfBuffers_) {
+    wanted = actual;
+  } else if (wanted == Status::ok && transfers > 0) {
+    wanted = transferred(calls().at(Call::pread, transfers - 1), page);
+  } else if (wanted == Status::ok && !inBlocks() && failedReads_.count(page) != 0) {
+    wanted = failedReads_[page];
+  } else if (wanted == Status::ok && inBlocks() && actual == Status::misfit) {
+    const std::int64_t pagesPerBlock = world_.h->requestedBlockBytes / pageSize_;
+    const bool isShort = shortBlocks_.count((page - 1) / pagesPerBlock * pagesPerBlock + 1) != 0;
+    wanted = isShort ? actual : wanted;
+  }
+  if (wanted == Status::misfit) {
+    closing(0);
+  } else if (wanted == Status::ok && actual == Status::ok) {
+    lastPageRead_ = page;
+    expectHeldBytes(page);
+    holds_.push_back({world_.at, page, inBlocks(), isModified(world_.at)});
+  }
+  return check(fmt::format("read {}", page), actual, wanted);
+}
+
+Status Driver::readMany(std::int64_t page, std::int32_t count, std::uint32_t options) {
+  const std::int64_t bytes = std::int64_t{pageSize_} * std::max(count, 1);
+  const CallerMemory memory = callerMemory(bytes);
+  begin();
+  const Status actual = world_.readMany(page, count, options, memory.get());
+  Status wanted = Status::ok;
+  if (!open_) {
+    wanted = Status::notOpen;
+  } else if (page <= 0 || page > pageCount_ + 1) {
+    wanted = Status::pageOutOfRange;
+  } else if (page == pageCount_ + 1) {
+    wanted = Status::endOfFile;
+  } else if (count <= 0) {
+    wanted = Status::pageOutOfRange;
+  } else {
+    const bool whole = (options & qz::kContiguous) != 0;
+    const bool sought = whole || expect(Call::lseek, 0).result >= 0;
+    nextPage_ = sought && !whole ? page : nextPage_;
+    const std::int64_t left = static_cast<std::int64_t>(disk_.size()) - offsetOf(page);
+    Outcome outcome = expect(whole ? Call::pread : Call::readv, whole ? bytes : count);
+    outcome.result *= whole || outcome.result < 0 ? 1 : pageSize_;
+    outcome.result = sought ? outcome.result : -1;
+    outcome.result = std::min(outcome.result, std::max<std::int64_t>(left, 0));
+    wanted = outcome.result < 0    ? Status::ioFailed
+             : outcome.result == 0 ? Status::endOfFile
+                                   : Status::ok;
+    if (wanted == Status::ok) {
+      nextPage_ = page + count;
+      EXPECT_EQ(disk_.compare(static_cast<std::size_t>(offsetOf(page)),
+                              static_cast<std::size_t>(outcome.result), memory.get(),
+                              static_cast<std::size_t>(outcome.result)),
+                0);
+    }
+  }
+  return check(fmt::format("readmany {} {} {}", page, count, options), actual, wanted);
+}
+
+// --- Writing
+
+Status Driver::writeChecks(std::int64_t page) const {
+  if (!open_) {
+    return Status::notOpen;
+  }
+  if (page <= 0) {
+    return Status::pageOutOfRange;
+  }
+  if (page > pageCount_ + 1) {
+    return Status::writeOutOfSequence;
+  }
+  if (fileSize_ < header_) {
+    return Status::shorterThanHeader;
+  }
+  return writeAccess_ != qz::rewritePages && page != pageCount_ + 1 ? Status::writeOutOfSequence
+                                                                    : Status::ok;
+}
+
+Status Driver::writing(std::int64_t page, const std::string& data, bool* holdEnds) {
+  const bool appends = page > pageCount_;
+  const std::int64_t pagesPerBlock = world_.h->requestedBlockBytes / pageSize_;
+  if (isCollected(page)) {
+    collected_[static_cast<std::size_t>(page - firstCollected_)] = data;
+    return Status::ok;
+  }
+  if (appends && inBlocks() && world_.h->writeBlock != nullptr &&
+      (!collected_.empty() || (page - 1) % pagesPerBlock == 0)) {
+    firstCollected_ = collected_.empty() ? page : firstCollected_;
+    collected_.push_back(data);
+    pageCount_ = page;
+    return static_cast<std::int64_t>(collected_.size()) == pagesPerBlock ? writeBack() : Status::ok;
+  }
+  *holdEnds = false;
+  if (lackedMemory()) {
+    return Status::noMemory;
+  }
+  const std::string before(appends ? std::string_view() : onDisk(page));
+  const Status status = judged(store(offsetOf(page), data), data.size());
+  if (status != Status::ok) {
+    if (!appends && onDisk(page) != before) {
+      torn_.emplace(page, before);
+    }
+    cut(pageCount_);
+    return status;
+  }
+  *holdEnds = true;
+  nextPage_ = page + 1;
+  if (appends) {
+    pageCount_ = page;
+    fileSize_ += pageSize_;
+  }
+  torn_.erase(page);
+  failedReads_.erase(page);
+  return Status::ok;
+}
+
+Status Driver::write(std::int64_t page, int hold, int shift, bool asItIs) {
+  const CallerMemory own = callerMemory(pageSize_ + shift);
+  char* const from = hold < 0 ? own.get() + shift : holds_[static_cast<std::size_t>(hold)].at;
+  if (!asItIs || hold < 0) {
+    stamp(from, pageSize_, page, ++version_);
+    for (Hold& other : holds_) {
+      other.modified = other.modified || other.at == from;
+    }
+  }
+  const std::string data(from, static_cast<std::size_t>(pageSize_));
+  begin();
+  const Status actual = world_.write(page, from, hold < 0 ? kOwn : 0);
+  Status wanted = writeChecks(page);
+  if (wanted == Status::ok) {
+    bool holdEnds = true;
+    wanted = writing(page, data, &holdEnds);
+    for (Hold& other : holds_) {  // a copy elsewhere may stay as it was
+      if (wanted == Status::ok && (other.at == from || other.page == page)) {
+        other.modified = other.page != page || other.at != from;
+      }
+    }
+    if (hold >= 0 && holdEnds) {
+      holds_.erase(holds_.begin() + hold);
+    }
+  }
+  return check(fmt::format("write {} {} {}", page, hold, shift), actual, wanted);
+}
+
+Status Driver::writeSized(std::int64_t page, std::int32_t bytes) {
+  begin();
+  world_.request = {page, reinterpret_cast<char*>(&world_), kOwn, 0, bytes};
+  const Status actual = world_.call(&Table::qzpwrite, &world_.request);
+  return check("write sized", actual, open_ ? Status::wrongLength : Status::notOpen);
+}
+
+Status Driver::truncate(std::int64_t pages) {
+  begin();
+  const Status actual = world_.truncate(pages);
+  return check(fmt::format("truncate {}", pages), actual, cut(pages));
+}
+
+Status Driver::flush() {
+  begin();
+  const Status actual = world_.flush();
+  Status wanted = !open_ ? Status::notOpen : writeAccess_ == 0 ? Status::notWritable : Status::ok;
+  if (wanted == Status::ok) {
+    wanted = writeBack();
+    const Status synced = sync();
+    wanted = synced != Status::ok ? synced : wanted;
+  }
+  return check("flush", actual, wanted);
+}
+
+Status Driver::writeHeader(std::int32_t bytes) {
+  const std::int64_t whole = std::max<std::int64_t>(bytes, header_);
+  const CallerMemory memory = callerMemory(whole + 1);
+  std::string header(static_cast<std::size_t>(whole), '\0');
+  std::fill_n(header.begin(), std::max(bytes, 0), static_cast<char>('a' + ++version_ % 26));
+  header.copy(memory.get(), header.size());
+  begin();
+  const Status actual = world_.writeHeader(memory.get(), bytes);
+  Status wanted = Status::ok;
+  if (!open_) {
+    wanted = Status::notOpen;
+  } else if (writeAccess_ == 0) {
+    wanted = Status::notWritable;
+  } else if (bytes < 0) {
+    wanted = Status::badArgument;
+  } else if (bytes < header_ && lackedMemory()) {
+    wanted = Status::noMemory;
+  } else {
+    const Outcome outcome = store(0, header);
+    wanted = judged(outcome, header.size());
+    if (wanted == Status::noSpace && outcome.result < 0) {
+      cut(0);
+    } else if (wanted == Status::ok) {
+      fileSize_ = std::max(fileSize_, whole);
+      nextPage_ = 1;
+    }
+  }
+  world_.length = static_cast<std::int32_t>(whole);
+  return check(fmt::format("header {}", bytes), actual, wanted);
+}
+
+// --- Buffers
+
+Status Driver::acquire() {
+  begin();
+  const Status actual = world_.acquire();
+  Status wanted = !open_                                                     ? Status::notOpen
+                  : static_cast<int>(holds_.size()) >= world_.h->bufferCount ? Status::noBuffer
+                                                                             : Status::ok;
+  if (wanted == Status::ok && actual == Status::noBuffer && (shortOfBuffers_ || lackedMemory())) {
+    wanted = actual;
+  }
+  if (actual == Status::ok) {
+    holds_.push_back({world_.at, 0, inBlocks(), true});
+  }
+  return check("acquire", actual, wanted);
+}
+
+Status Driver::giveBack(int hold) {
+  const Hold given = holds_[static_cast<std::size_t>(hold)];
+  begin();
+  const Status actual = world_.giveBack(given.at);
+  Status wanted = open_ ? Status::ok : Status::notOpen;
+  const bool leftOver = given.ofBlock != inBlocks();
+  if (open_) {
+    holds_.erase(holds_.begin() + hold);
+    wanted = leftOver && releaseFailed() ? Status::ioFailed : Status::ok;
+  }
+  return check(fmt::format("return {}", hold), actual, wanted,
+               leftOver ? Reports::notEvenKept : Reports::all);
+}
+
+Status Driver::giveBackForeign(void* address) {
+  begin();
+  const Status actual = world_.giveBack(address);
+  return check("return foreign", actual, open_ ? Status::notHeld : Status::notOpen);
+}
+
+Status Driver::add(std::int32_t count) {
+  const std::int32_t before = world_.h->bufferCount;
+  begin();
+  const Status actual = world_.add(count);
+  const bool lacked = lackedMemory() || shortOfBuffers_;
+  Status wanted = open_ ? Status::ok : Status::notOpen;
+  if (wanted == Status::ok && lacked && actual == Status::buffersMissing) {
+    wanted = actual;
+  }
+  shortOfBuffers_ = shortOfBuffers_ || (open_ && lacked);
+  const std::int32_t grown = actual == Status::ok && (count > 0 || inBlocks()) ? count : 0;
+  EXPECT_TRUE(actual == Status::buffersMissing || world_.h->bufferCount == before + grown);
+  return check(fmt::format("add {}", count), actual, wanted);
+}
+
+Status Driver::remove(std::int32_t count) {
+  const std::int32_t before = world_.h->bufferCount;
+  begin();
+  const Status actual = world_.remove(count);
+  const std::int32_t removed = before - world_.h->bufferCount;
+  const std::size_t free =
+      inBlocks() ? world_.listed(world_.h->blockFreeList) : world_.listed(world_.h->pageFreeList);
+  Status wanted = open_ ? Status::ok : Status::notOpen;
+  if (open_ && removed < count) {
+    wanted = releaseFailed() && !inBlocks() ? Status::ioFailed : Status::noBuffer;
+    EXPECT_TRUE(free == 0 || wanted == Status::ioFailed);
+  } else if (open_ && count > 0 && releaseFailed()) {
+    wanted = Status::ioFailed;
+  }
+  return check(fmt::format("remove {}", count), actual, wanted);
+}
+
+}  // namespace qztest

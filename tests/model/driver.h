@@ -1,0 +1,152 @@
+// The module against a model: every call is made on both, and everything that the model knows is
+// compared: status, counts, cursors, holds, the bytes of the file.
+//
+// The model has no cache. Where a result depends on what is cached, it goes by the system calls
+// that the module was seen to make: a page that no call brought must have been there already, and
+// its bytes are compared like any other.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/fixture.h"
+
+namespace qztest {
+
+struct Geometry {
+  std::int32_t pageSize;
+  std::int32_t pagesPerBlock;
+  std::int64_t headerBytes;
+  std::int32_t buffers;
+};
+
+class Driver {
+ public:
+  // The file that is there already, if any, becomes the model's.
+  Driver(World& world, const Geometry& geometry);
+
+  // Faults for the next operation only.
+  void plan(std::vector<Fault> faults) { faults_ = std::move(faults); }
+
+  qz::Status preopen(std::int32_t bytes);
+  qz::Status open(std::uint32_t mode, std::uint32_t options, std::uint32_t read,
+                  std::uint32_t write);
+  qz::Status close(std::uint32_t flags);
+  qz::Status erase();
+  qz::Status reopen(bool direct, std::uint32_t read, std::uint32_t write);
+  qz::Status read(std::int64_t page);
+  qz::Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options);
+  // From hold number `hold`, whose bytes are stamped first unless `asItIs`; -1: from the caller's
+  // own memory, `shift` bytes off its alignment.
+  qz::Status write(std::int64_t page, int hold, int shift = 0, bool asItIs = false);
+  qz::Status writeSized(std::int64_t page, std::int32_t bytes);
+  qz::Status acquire();
+  qz::Status giveBack(int hold);
+  qz::Status giveBackForeign(void* address);
+  qz::Status add(std::int32_t count);
+  qz::Status remove(std::int32_t count);
+  qz::Status truncate(std::int64_t pages);
+  qz::Status flush();
+  qz::Status writeHeader(std::int32_t bytes);
+
+  // The file on disk and the model's, byte for byte.
+  void compareFile() const;
+  // What a host does about a file that a failure left with a part of a page: cuts it.
+  void repair();
+
+  bool isOpen() const { return open_; }
+  bool isAttached() const { return attached_; }
+  bool isPreopened() const { return preopened_; }
+  // After a cut that failed the handle may count pages that the file lacks: the host should close.
+  bool isAdrift() const;
+  bool exists() const { return exists_; }
+  std::int64_t pages() const { return pageCount_; }
+  int holds() const { return static_cast<int>(holds_.size()); }
+  // A digest of all calls and statuses so far.
+  std::uint64_t digest() const { return digest_; }
+
+ private:
+  struct Outcome {
+    std::int64_t result;
+    std::uint32_t error;
+  };
+  struct Hold {
+    char* at;
+    std::int64_t page;  // 0: acquired
+    bool ofBlock;       // of a block record, whatever the shape now
+    bool modified;      // its bytes need not be the file's
+  };
+
+  bool inBlocks() const { return (world_.h->directIoMode & qz::blockMode) != 0; }
+  std::int64_t offsetOf(std::int64_t page) const { return (page - 1) * pageSize_ + header_; }
+  std::int64_t lastCollected() const {
+    return firstCollected_ + static_cast<std::int64_t>(collected_.size()) - 1;
+  }
+  bool isCollected(std::int64_t page) const {
+    return !collected_.empty() && page >= firstCollected_ && page <= lastCollected();
+  }
+  std::string_view onDisk(std::int64_t page) const;
+
+  // Which operations report their failures themselves, and which keep them in the handle.
+  enum class Reports : std::uint8_t { all, some, notEvenKept };
+
+  // The fault that the next call of a kind meets, or null.
+  const Fault* planned(Call call);
+  // The outcome that a system call of that length must have had.
+  Outcome expect(Call call, std::int64_t length);
+  Outcome store(std::int64_t offset, const std::string& bytes);
+  qz::Status writeBack();
+  qz::Status cut(std::int64_t pages);
+  qz::Status sync();
+  qz::Status closing(std::uint32_t flags);
+  qz::Status opening(std::uint32_t mode);
+  qz::Status physicalOpen(std::uint32_t mode);
+  qz::Status settling(std::uint32_t mode);
+  qz::Status transferred(const CallRecord& call, std::int64_t page);
+  qz::Status readChecks(std::int64_t page) const;
+  qz::Status writeChecks(std::int64_t page) const;
+  qz::Status writing(std::int64_t page, const std::string& data, bool* holdEnds);
+  bool isModified(const char* at) const;
+  void expectHeldBytes(std::int64_t page) const;
+  static bool lackedMemory();
+  static bool releaseFailed();
+
+  void begin();
+  qz::Status check(const std::string& what, qz::Status actual, qz::Status wanted,
+                   Reports reports = Reports::all);
+  void expectWritesInPlace() const;
+
+  World& world_;
+  std::int32_t pageSize_;
+  std::int64_t headerBytes_;
+  std::int32_t buffers_;
+  std::vector<Fault> faults_;
+  std::map<Call, int> made_;
+  std::uint32_t version_ = 0;
+  std::uint64_t digest_ = 14695981039346656037ULL;
+
+  bool exists_ = false;
+  std::string disk_;
+  bool attached_ = false;
+  bool open_ = false;
+  bool preopened_ = false;
+  bool writable_ = false;
+  bool shortOfBuffers_ = false;  // after a set-up or an add that lacked memory
+  std::int64_t header_ = 0;
+  std::int64_t pageCount_ = 0;
+  std::int64_t fileSize_ = 0;
+  std::int64_t nextPage_ = 0;
+  std::int64_t lastPageRead_ = 0;
+  std::uint32_t readAccess_ = 0;
+  std::uint32_t writeAccess_ = 0;
+  std::int64_t firstCollected_ = 0;
+  std::vector<std::string> collected_;
+  std::vector<Hold> holds_;
+  std::multimap<std::int64_t, std::string> torn_;   // what a cache may have of half written pages
+  std::map<std::int64_t, qz::Status> failedReads_;  // page mode keeps the result of a failed read
+  std::set<std::int64_t> shortBlocks_;              // block mode keeps a block that came short
+};
+
+}  // namespace qztest

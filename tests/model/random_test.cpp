@@ -1,0 +1,270 @@
+// Random operations and faults, valid and not, on the module and the model. A seed replays to the
+// same trace. QZIOP_SEEDS and QZIOP_FIRST_SEED choose other seeds.
+#include <random>
+
+#include "model/driver.h"
+
+namespace qztest {
+namespace {
+
+using qz::Status;
+
+class Walk {
+ public:
+  Walk(std::uint64_t seed, const std::string& folder)
+      : random_(seed), world_(folder), driver_(world_, prepare()) {}
+
+  std::uint64_t run() {
+    const int steps = pick(20, 500);
+    for (int step = 0; step < steps && !::testing::Test::HasFailure(); ++step) {
+      SCOPED_TRACE("step " + std::to_string(step));
+      if (chance(12)) {
+        faults_ = {fault()};
+        if (chance(20)) {
+          faults_.push_back(fault());
+        }
+      }
+      if (driver_.isAdrift()) {
+        faults_.clear();
+        driver_.close(0);
+        driver_.repair();
+      } else if (driver_.isOpen()) {
+        useOpen();
+      } else {
+        useClosed();
+      }
+      if (step % 25 == 0 || !faults_.empty()) {
+        driver_.compareFile();
+      }
+      faults_.clear();
+    }
+    if (driver_.isAttached()) {
+      world_.h->openOptions &= ~qz::optionFlushAtClose;
+      driver_.close(0);
+    }
+    driver_.compareFile();
+    world_.finish();
+    return driver_.digest();
+  }
+
+ private:
+  int pick(int low, int high) { return std::uniform_int_distribution<int>(low, high)(random_); }
+  bool chance(int percent) { return pick(1, 100) <= percent; }
+  template <class T, std::size_t n>
+  T one(const T (&choices)[n]) {
+    return choices[pick(0, n - 1)];
+  }
+
+  Geometry prepare() {
+    const bool aligned = chance(50);
+    setDirectIo(aligned ? DirectIo::simulated : DirectIo::unaligned);
+    geometry_ = {aligned ? 4096 : 512, pick(1, 5), 0, pick(1, 4)};
+    geometry_.headerBytes = aligned ? one({0, 512, 4096}) : one({0, 1, 100, 512});
+    world_.h->pageSize = geometry_.pageSize;
+    if (chance(70)) {
+      world_.makeFile(pick(0, 20), geometry_.headerBytes);
+    }
+    return geometry_;
+  }
+
+  Fault fault() {
+    Fault made{
+        one({Call::pwrite, Call::pwrite, Call::pwrite, Call::pread, Call::pread, Call::read,
+             Call::readv, Call::lseek, Call::ftruncate, Call::fsync, Call::memAlloc, Call::memFree,
+             Call::treeCreate, Call::destroy, Call::fileOpen, Call::fileReopen, Call::fileClose}),
+        pick(1, 3), pick(1, 2), -1, EIO};
+    switch (made.call) {
+      case Call::pwrite:
+        made.error = one({EIO, ENOSPC, EFBIG, EDQUOT, EINTR});
+        made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
+        made.count = chance(20) ? kEveryLater : made.count;
+        break;
+      case Call::pread:
+      case Call::read:
+      case Call::readv:
+        made.error = one({EIO, EINTR});
+        made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
+        break;
+      case Call::fsync:
+        made.error = one({EIO, EINTR, ETIMEDOUT, ENOSPC});
+        break;
+      case Call::memAlloc:
+        made.nth = pick(1, 8);
+        made.count = chance(30) ? kEveryLater : 1;
+        break;
+      case Call::fileOpen:
+      case Call::fileReopen:
+        made.result = one({EIO, EINVAL});
+        made.error =
+            one({qz::hostFileNotFound, qz::hostNoDescriptor, qz::hostLocked, qz::hostOtherFailure});
+        made.nth = 1;
+        break;
+      default:
+        made.error = one({qz::hostNotRemoved, qz::hostForeignBlock});
+    }
+    return made;
+  }
+
+  // Faults that the operation can meet and the model follows.
+  void plan(bool fileCloses = false) {
+    if (!fileCloses) {
+      faults_.erase(std::remove_if(faults_.begin(), faults_.end(),
+                                   [](const Fault& f) { return f.call == Call::fileClose; }),
+                    faults_.end());
+    }
+    driver_.plan(faults_);
+  }
+
+  std::int64_t somePage() {
+    if (chance(4)) {
+      return one({std::int64_t{0}, std::int64_t{-1}, driver_.pages() + 2, INT64_MAX, INT64_MIN});
+    }
+    return pick(1, static_cast<int>(driver_.pages()) + 1);
+  }
+
+  std::uint32_t someRead() { return one({0U, 1U, 2U, 2U, 4U, 4U, 4U, 8U, 16U}); }
+  std::uint32_t someWrite() { return one({0U, 1U, 2U, 2U, 2U, 2U}); }
+
+  void useClosed() {
+    const bool left = driver_.isAttached() && !driver_.isPreopened();
+    if (left) {
+      world_.h->openOptions &= ~qz::optionFlushAtClose;
+    }
+    const int choice = pick(1, 100);
+    if (left && choice <= 70) {
+      plan(true);
+      driver_.close(chance(5) ? qz::kRemoveFile : 0);
+    } else if (choice <= 80) {
+      plan(true);
+      const std::uint32_t options =
+          (chance(65) ? qz::optionDirectIo : 0U) | (chance(5) ? qz::optionFlushAtClose : 0U);
+      const auto mode = driver_.exists() && chance(93) ? one({qz::openOrKeep, qz::openOrRemove})
+                                                       : qz::createOrReplace;
+      if (driver_.open(mode, options, someRead(), someWrite()) == Status::misfit) {
+        driver_.repair();
+      } else if (driver_.isOpen() && mode == qz::createOrReplace && chance(90)) {
+        driver_.writeHeader(static_cast<std::int32_t>(geometry_.headerBytes));
+      }
+    } else if (choice <= 86) {
+      plan();
+      driver_.preopen(pick(0, 600));
+    } else if (choice <= 88) {
+      plan();
+      driver_.erase();
+    } else {
+      useWrongly();
+    }
+  }
+
+  // What a closed handle, or an open one, refuses.
+  void useWrongly() {
+    plan();
+    switch (pick(1, 9)) {
+      case 1:
+        driver_.writeSized(1, one({0, -1, geometry_.pageSize - 1, geometry_.pageSize + 1}));
+        break;
+      case 2:
+        driver_.giveBackForeign(chance(50) || world_.h->writeBlock == nullptr
+                                    ? static_cast<void*>(&world_)
+                                    : world_.h->writeBlock->data);
+        break;
+      case 3:
+        driver_.erase();
+        break;
+      case 4:
+        driver_.preopen(8);
+        break;
+      case 5:
+        driver_.writeHeader(-1);
+        break;
+      case 6:
+        driver_.truncate(one({std::int64_t{-1}, driver_.pages() + 1}));
+        break;
+      case 7:
+        driver_.readMany(somePage(), one({0, -1}), 0);
+        break;
+      case 8:
+        driver_.write(somePage() + 1, -1);
+        break;
+      default:
+        driver_.read(one({std::int64_t{0}, driver_.pages() + 1, driver_.pages() + 2}));
+    }
+  }
+
+  void useOpen() {
+    const int choice = pick(1, 100);
+    plan(choice > 97);
+    const int hold = driver_.holds() > 0 ? pick(0, driver_.holds() - 1) : -1;
+    if (choice <= 28) {
+      driver_.read(somePage());
+    } else if (choice <= 58) {
+      writeSomething(hold);
+    } else if (choice <= 73 && hold >= 0) {
+      driver_.giveBack(hold);
+    } else if (choice <= 79) {
+      driver_.acquire();
+    } else if (choice <= 83) {
+      driver_.readMany(somePage(), pick(1, 6), one({0U, qz::kContiguous}));
+    } else if (choice <= 86) {
+      driver_.truncate(pick(0, static_cast<int>(driver_.pages())));
+    } else if (choice <= 88) {
+      driver_.flush();
+    } else if (choice <= 89) {
+      driver_.writeHeader(pick(0, static_cast<int>(geometry_.headerBytes)));
+    } else if (choice <= 91) {
+      driver_.add(pick(-1, 2));
+    } else if (choice <= 92) {
+      driver_.remove(pick(0, 2));
+    } else if (choice <= 95) {
+      driver_.reopen(chance(65), someRead(), someWrite());
+    } else if (choice <= 97) {
+      useWrongly();
+    } else {
+      driver_.close(chance(10) ? qz::kRemoveFile : 0);
+    }
+  }
+
+  void writeSomething(int hold) {
+    constexpr int kMostPages = 50;
+    if (driver_.pages() > kMostPages) {
+      driver_.truncate(pick(0, kMostPages));
+      return;
+    }
+    const std::int64_t page = chance(55) ? driver_.pages() + 1 : somePage();
+    driver_.write(page, chance(60) ? hold : -1, chance(30) ? 8 : 0, chance(20));
+  }
+
+  std::mt19937_64 random_;
+  World world_;
+  Geometry geometry_{};
+  Driver driver_;
+  std::vector<Fault> faults_;
+};
+
+std::uint64_t numberOf(const char* variable, std::uint64_t otherwise) {
+  const char* text = std::getenv(variable);
+  return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
+}
+
+// Memory, where there is a file system of it.
+std::string fastFolder() { return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
+
+TEST(RandomModel, Seeds) {
+#ifdef __SANITIZE_ADDRESS__
+  constexpr std::uint64_t kUsual = 300;
+#else
+  constexpr std::uint64_t kUsual = sizeof(void*) == 4 ? 300 : 2000;
+#endif
+  const std::uint64_t first = numberOf("QZIOP_FIRST_SEED", 1);
+  const std::uint64_t last = first + numberOf("QZIOP_SEEDS", kUsual);
+  for (std::uint64_t seed = first; seed < last && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    const std::uint64_t digest = Walk(seed, fastFolder()).run();
+    if (seed % 100 == 0) {
+      EXPECT_EQ(Walk(seed, fastFolder()).run(), digest) << "the seed does not replay";
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qztest
