@@ -5,6 +5,7 @@
 // sign that came in with an insert is therefore doubled there, else a file name could act as a
 // format.
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <new>
 #include <utility>
@@ -86,11 +87,11 @@ HostStatus store(const std::u32string& text, char32_t* buffer, std::size_t capac
 
 HostStatus messageToBuf(Journal* /*journal*/, Word text, Word textLength, Word buffer,
                         Word capacity, Word lengthOut, std::va_list arguments) noexcept try {
-  const auto* characters = reinterpret_cast<const char32_t*>(text);
+  const auto* characters = std::bit_cast<const char32_t*>(text);
   if (!isText(characters, textLength)) return hostBadText;
   return store(format({characters, textLength}, arguments, Percent::doubled),
-               reinterpret_cast<char32_t*>(buffer), capacity,
-               reinterpret_cast<std::uint32_t*>(lengthOut));
+               std::bit_cast<char32_t*>(buffer), capacity,
+               std::bit_cast<std::uint32_t*>(lengthOut));
 } catch (const std::bad_alloc&) {
   return hostNoMemory;
 }

@@ -10,6 +10,7 @@
 // oldest page between a find and the insert that follows it. Whoever changes what lies behind a
 // link cuts the other finger off there.
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <new>
 
@@ -29,18 +30,18 @@ struct Node {
 
 std::uintptr_t bits(const void* link) { return reinterpret_cast<std::uintptr_t>(link); }
 
-Node* target(void* link) { return reinterpret_cast<Node*>(bits(link) & ~std::uintptr_t{1}); }
+Node* target(void* link) { return std::bit_cast<Node*>(bits(link) & ~std::uintptr_t{1}); }
 
 bool isTaller(const Node* node, std::size_t side) { return (bits(node->links[side]) & 1U) != 0; }
 
 void setTaller(Node* node, std::size_t side, bool taller) {
   node->links[side] =
-      reinterpret_cast<void*>((bits(node->links[side]) & ~std::uintptr_t{1}) | (taller ? 1U : 0U));
+      std::bit_cast<void*>((bits(node->links[side]) & ~std::uintptr_t{1}) | (taller ? 1U : 0U));
 }
 
 // Lets a link lead to another node; its side stays as tall as it was.
 void lead(void** link, const Node* node) {
-  *link = reinterpret_cast<void*>(bits(node) | (bits(*link) & 1U));
+  *link = std::bit_cast<void*>(bits(node) | (bits(*link) & 1U));
 }
 
 std::size_t other(std::size_t side) { return side ^ 1U; }

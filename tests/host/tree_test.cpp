@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -19,7 +20,7 @@ using qz::PageBuffer;
 
 // A link without the bit in which the tree keeps its balance.
 PageBuffer* target(void* link) {
-  return reinterpret_cast<PageBuffer*>(reinterpret_cast<std::uintptr_t>(link) & ~std::uintptr_t{1});
+  return std::bit_cast<PageBuffer*>(std::bit_cast<std::uintptr_t>(link) & ~std::uintptr_t{1});
 }
 
 struct TreeTest : testing::Test {
