@@ -177,6 +177,7 @@ static_assert(atContractOffset(offsetof(BlockRecord, readErrno), 68));
 static_assert(atContractOffset(offsetof(BlockRecord, staleBits), 72));
 
 struct ExtensionObject;
+class RecordIndex;
 
 // The record of one file. The host writes the caller settings before pre-open or open and reads
 // outcomes through qzpgetstatus; every other field belongs to the module. One caller at a time.
@@ -235,9 +236,13 @@ struct FileHandle {
   std::uint32_t hostErrorDetail1;
   std::uint32_t hostErrorDetail2;
   char fsTypeName[8];  // "linux" or "nfs"; empty: not tested
+
+  // The module's own, behind what the contract gives.
+  RecordIndex* index;            // null: few records, or no memory for it
+  std::int64_t emptyFreePages;   // records without a page on pageFreeList
+  std::int64_t emptyFreeBlocks;  // records without pages on blockFreeList
 };
 static_assert(std::is_standard_layout_v<FileHandle>);
-static_assert(atContractOffset(sizeof(FileHandle), 296));
 static_assert(atContractOffset(offsetof(FileHandle, eyecatcher), 0));
 static_assert(atContractOffset(offsetof(FileHandle, objectName), 4));
 static_assert(atContractOffset(offsetof(FileHandle, headerWord), 8));
@@ -292,6 +297,7 @@ static_assert(atContractOffset(offsetof(FileHandle, lastErrno), 276));
 static_assert(atContractOffset(offsetof(FileHandle, hostErrorDetail1), 280));
 static_assert(atContractOffset(offsetof(FileHandle, hostErrorDetail2), 284));
 static_assert(atContractOffset(offsetof(FileHandle, fsTypeName), 288));
+static_assert(atContractOffset(offsetof(FileHandle, index), 296));
 
 // One page read or write. The first field is also the key given to the page tree.
 struct PageRequest {

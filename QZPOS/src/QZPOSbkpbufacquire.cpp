@@ -4,22 +4,25 @@
 namespace qz {
 namespace {
 
-// A free block, or a new one where all are in use.
-BlockRecord* takeBlock(FileHandle* h, Journal* journal) {
-  if (auto* block = bkpfindfreebuf<BlockRecord>(h)) {
-    unlink(h->blockFreeList, block);
-    return block;
-  }
+BlockRecord* newBlock(FileHandle* h, Journal* journal) {
   const NewBlock made = makeBlock(*h, journal);
   if (made.missing == BlockPart::staleBits) journalStatus(journal, Status::noBuffer);
   if (made.block != nullptr) ++h->blocksAllocated;
   return made.block;
 }
 
+// A free block, or a new one where all are in use.
 Status acquireBlock(FileHandle* h, void** bufferOut, Journal* journal) {
-  BlockRecord* block = takeBlock(h, journal);
-  if (block == nullptr) return Status::noBuffer;
+  auto* block = bkpfindfreebuf<BlockRecord>(h);
+  const bool allInUse = block == nullptr;
+  if (allInUse) {
+    block = newBlock(h, journal);
+    if (block == nullptr) return Status::noBuffer;
+  } else {
+    leaveFree(h, block);
+  }
   pushHead(h->blockAcquiredList, block);
+  if (allInUse) indexNewRecord(h, block);
   *bufferOut = block->data;
   ++block->holdCount;
   ++h->heldCount;

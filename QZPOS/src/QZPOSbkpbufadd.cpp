@@ -10,8 +10,9 @@ std::int32_t addBlocks(FileHandle* h, std::int32_t requested, Journal* journal) 
     const NewBlock added = makeBlock(*h, journal);
     if (added.missing == BlockPart::staleBits) journalStatus(journal, Status::buffersMissing);
     if (added.block == nullptr) break;
-    pushHead(h->blockFreeList, added.block);
+    joinFreeHead(h, added.block);
     ++h->blocksAllocated;
+    indexNewRecord(h, added.block);
   }
   return made;
 }
@@ -21,8 +22,9 @@ std::int32_t addPages(FileHandle* h, std::int32_t requested, Journal* journal) {
   for (; made < requested; ++made) {
     PageBuffer* buffer = makePageBuffer(*h, kZeroFill, journal);
     if (buffer == nullptr) break;
-    pushHead(h->pageFreeList, buffer);
+    joinFreeHead(h, buffer);
     ++h->pageBuffersAllocated;
+    indexNewRecord(h, buffer);
   }
   return made;
 }

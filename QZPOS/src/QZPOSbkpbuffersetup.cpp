@@ -54,7 +54,7 @@ bool setUpBlocks(FileHandle* h, Journal* journal) {
     if (reached == h->bufferCount && h->writeBlock == nullptr) {
       h->writeBlock = block;
     } else {
-      pushHead(h->blockFreeList, block);
+      joinFreeHead(h, block);
     }
     return true;
   });
@@ -70,7 +70,7 @@ bool setUpPages(FileHandle* h, Journal* journal) {
   return topUp(&h->pageBuffersAllocated, wanted, journal, [&](std::int64_t) {
     PageBuffer* buffer = makePageBuffer(*h, kAsAllocated, journal);
     if (buffer == nullptr) return false;
-    pushHead(h->pageFreeList, buffer);
+    joinFreeHead(h, buffer);
     return true;
   });
 }
@@ -136,6 +136,7 @@ Status bkpbuffersetup(FileHandle* h, OpenKind kind, Journal* journal) {
   h->nextPage = 1;
   h->lastPageRead = 0;
   const bool made = inBlockMode(*h) ? setUpBlocks(h, journal) : setUpPages(h, journal);
+  indexRecords(h);
   if (kind == OpenKind::open) h->heldCount = 0;
   keep(h, made ? Status::ok : Status::noMemory);
   if (made && showsIoType()) noteIoType(*h, noteJournal(*h, journal));

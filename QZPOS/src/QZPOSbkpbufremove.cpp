@@ -7,10 +7,10 @@ namespace {
 // Takes the free record to use next out of the cache and frees it. ioFailed: a release was
 // refused; noBuffer: there is none.
 template <class Record>
-Status removeOne(FileHandle* h, List<Record>* freeList, Journal* journal) {
+Status removeOne(FileHandle* h, Journal* journal) {
   auto* record = bkpfindfreebuf<Record>(h);
   if (record == nullptr) return Status::noBuffer;
-  unlink(*freeList, record);
+  leaveFree(h, record);
   const bool freed = freeRecord(h, record, journal);
   if (h->bufferCount > std::numeric_limits<std::int32_t>::min()) --h->bufferCount;
   return freed ? Status::ok : Status::ioFailed;
@@ -22,7 +22,7 @@ Status removeMany(FileHandle* h, std::int32_t count, Journal* journal) {
   for (std::int32_t removed = 0; removed < count; ++removed) {
     const bool blocks = inBlockMode(*h);
     const Status status =
-        blocks ? removeOne(h, &h->blockFreeList, journal) : removeOne(h, &h->pageFreeList, journal);
+        blocks ? removeOne<BlockRecord>(h, journal) : removeOne<PageBuffer>(h, journal);
     if (status == Status::noBuffer) return status;
     if (status != Status::ok && !blocks) return status;
     result.note(status);

@@ -30,7 +30,7 @@ Status returnBlock(FileHandle* h, const Match& match, const void* address, Journ
   BlockRecord* block = match.block;
   const bool leftover = !inBlockMode(*h);
   const bool freed = endHandOut(h, block, match.foundIn);
-  if (freed) pushTail(h->blockFreeList, block);
+  if (freed) joinFreeTail(h, block);
   if (freed && leftover) return bkpdeletebuffers(h, &h->blockFreeList, journal);
   markStale(block, slotIndex(*h, *block, address));
   return keep(h, Status::ok);
@@ -39,9 +39,9 @@ Status returnBlock(FileHandle* h, const Match& match, const void* address, Journ
 Status returnPage(FileHandle* h, PageBuffer* buffer, Journal* journal) {
   if (endExtraHold(h, buffer)) return keep(h, Status::ok);
   unhold(h, buffer);
-  pushHead(h->pageFreeList, buffer);
+  joinFreeHead(h, buffer);
   if (inBlockMode(*h)) return bkpdeletebuffers(h, &h->pageFreeList, journal);
-  forgetPage(*h, buffer);
+  forgetPage(h, buffer);
   return keep(h, Status::ok);
 }
 

@@ -8,7 +8,11 @@ Status bkpdeletebuffers(FileHandle* h, List<Record>* list, Journal* journal) {
   FirstFailure result;
   while (!isEmpty(*list)) {
     Record* record = list->head;
-    unlink(*list, record);
+    if (list == &freeList(h, record)) {
+      leaveFree(h, record);
+    } else {
+      unlink(*list, record);
+    }
     result.noteRelease(freeRecord(h, record, journal));
   }
   return result.status();

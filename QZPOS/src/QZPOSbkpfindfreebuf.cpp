@@ -3,15 +3,24 @@
 #include "records.h"
 
 namespace qz {
+namespace {
+
+// The first empty record from the head, else the tail.
+template <class Record>
+Record* choose(const List<Record>& list, std::int64_t emptyRecords) {
+  if (emptyRecords == 0) return list.tail;
+  Record* record = list.head;
+  while (!isEmptyRecord(*record)) record = record->next;
+  return record;
+}
+
+}  // namespace
 
 template <>
 BlockRecord* bkpfindfreebuf(FileHandle* h) {
-  BlockRecord* choice = h->blockFreeList.head;
-  while (choice != nullptr && choice->blockNumber != 0 && choice->next != nullptr) {
-    choice = choice->next;
-  }
+  BlockRecord* choice = choose(h->blockFreeList, h->emptyFreeBlocks);
   if (choice == nullptr) return nullptr;
-  choice->blockNumber = 0;
+  if (!isEmptyRecord(*choice)) setBlockNumber(h, choice, 0);
   choice->firstPage = 0;
   choice->lastPage = 0;
   return choice;
@@ -19,12 +28,9 @@ BlockRecord* bkpfindfreebuf(FileHandle* h) {
 
 template <>
 PageBuffer* bkpfindfreebuf(FileHandle* h) {
-  PageBuffer* choice = h->pageFreeList.head;
-  while (choice != nullptr && choice->pageNumber != 0 && choice->next != nullptr) {
-    choice = choice->next;
-  }
+  PageBuffer* choice = choose(h->pageFreeList, h->emptyFreePages);
   if (choice == nullptr) return nullptr;
-  if (choice->pageNumber != 0) forgetPage(*h, choice);
+  if (!isEmptyRecord(*choice)) forgetPage(h, choice);
   choice->validBytes = 0;
   return choice;
 }

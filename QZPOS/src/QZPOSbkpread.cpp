@@ -12,7 +12,7 @@ namespace qz {
 namespace {
 
 bool followsReadOrder(const FileHandle& h, std::int64_t page) {
-  return h.readAccess != readSequential || page == h.lastPageRead + 1 ||
+  return h.readAccess != readSequential || page == pageAfter(h.lastPageRead) ||
          page == h.sequentialStartPage;
 }
 
@@ -26,15 +26,32 @@ Status checkRead(const FileHandle& h, std::int64_t page) {
   return Status::ok;
 }
 
+// The first block of a list that holds the page.
 BlockRecord* findInList(const List<BlockRecord>& list, std::int64_t page) {
   BlockRecord* block = list.head;
   while (block != nullptr && !coversPage(*block, page)) block = block->next;
   return block;
 }
 
+// What the lists have, when it is no more than one block. False: there are several copies, and
+// the order of the lists decides between them.
+bool findIndexed(const FileHandle& h, std::int64_t page, BlockRecord** found) {
+  int copies = 0;
+  h.index->visitBlocks(blockOfPage(page, h.pagesPerBlock), [&](BlockRecord* block) {
+    if (!coversPage(*block, page)) return;
+    *found = block;
+    ++copies;
+  });
+  return copies < 2;
+}
+
 BlockRecord* findBlock(const FileHandle& h, std::int64_t page) {
   if (h.lastBlock != nullptr && coversPage(*h.lastBlock, page)) return h.lastBlock;
-  BlockRecord* block = findInList(h.blockFreeList, page);
+  // Only blocks fix a block size: without them there may be none to divide by.
+  if (h.blocksAllocated == 0) return nullptr;
+  BlockRecord* block = nullptr;
+  if (h.index != nullptr && findIndexed(h, page, &block)) return block;
+  block = findInList(h.blockFreeList, page);
   return block != nullptr ? block : findInList(h.blockHeldList, page);
 }
 
@@ -42,7 +59,7 @@ BlockRecord* findBlock(const FileHandle& h, std::int64_t page) {
 BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
   auto* block = bkpfindfreebuf<BlockRecord>(h);
   if (block == nullptr) return nullptr;
-  block->blockNumber = blockOfPage(page, h->pagesPerBlock);
+  setBlockNumber(h, block, blockOfPage(page, h->pagesPerBlock));
   block->firstPage = firstPageOfBlock(block->blockNumber, h->pagesPerBlock);
   block->lastPage = lastPageOfBlock(block->firstPage, h->pagesPerBlock, h->pageCount);
   std::memset(block->staleBits, 0, static_cast<std::size_t>(h->bitmapBytes));
@@ -51,7 +68,7 @@ BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
       retryingEintr([&] { return readAt(h->fd, block->data, h->blockBytes, offset); });
   block->validBytes = transfer.result;
   if (transfer.failed()) block->readErrno = transfer.error;
-  h->nextPage = block->lastPage + 1;
+  h->nextPage = pageAfter(block->lastPage);
   if (h->firstBlockRead == 0) h->firstBlockRead = block->blockNumber;
   return block;
 }
@@ -62,7 +79,7 @@ std::int64_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
   const Transfer transfer =
       retryingEintr([&] { return readAt(h->fd, slot, h->pageSize, pageOffset(*h, page)); });
   if (transfer.failed()) block->readErrno = transfer.error;
-  h->nextPage = page + 1;
+  h->nextPage = pageAfter(page);
   clearStale(block, page - block->firstPage);
   return transfer.result;
 }
@@ -89,6 +106,14 @@ void handOut(FileHandle* h, PageRequest* request, char* address) {
   h->lastPageRead = request->pageNumber;
 }
 
+// The host has put something in the place of the close that left the file open: nothing was
+// handed out, so the block goes back to the free ones, and what it has is not judged again.
+void takeBack(FileHandle* h, BlockRecord* block) {
+  unlink(h->blockHeldList, block);
+  joinFreeHead(h, block);
+  emptyFreeBlock(h, block);
+}
+
 Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   const std::int64_t page = request->pageNumber;
   BlockRecord* block = nullptr;
@@ -107,7 +132,9 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   h->lastBlock = block;
   moveToHeld(h, block);
   if (available < h->pageSize) {
-    return closeShort(h, {.result = available, .error = block->readErrno}, journal);
+    const Status status = closeShort(h, {.result = available, .error = block->readErrno}, journal);
+    if (isOpen(*h) && block->holdCount == 0) takeBack(h, block);
+    return status;
   }
   request->length = static_cast<std::int32_t>(available);
   handOut(h, request, slotOf(*block, page, h->pageSize));
@@ -128,7 +155,7 @@ PageRead fillPage(FileHandle* h, std::int64_t page) {
   PageBuffer* buffer = h->pageFreeList.head;
   if (buffer == nullptr) return {nullptr, 0};
   if (buffer->pageNumber != 0) dropPage(*h, *buffer);
-  buffer->pageNumber = page;
+  setPageNumber(h, buffer, page);
   const Transfer transfer = readAt(h->fd, buffer->data, h->pageSize, pageOffset(*h, page));
   buffer->validBytes = static_cast<std::int32_t>(transfer.result);
   enterPage(*h, buffer);

@@ -42,9 +42,8 @@ void cutFreeBlocks(FileHandle* h, std::int64_t newPageCount) {
        block = nearer) {
     nearer = block->prev;
     if (block->firstPage > newPageCount) {
-      emptyBlock(block);
-      unlink(h->blockFreeList, block);
-      pushHead(h->blockFreeList, block);
+      emptyFreeBlock(h, block);
+      moveToHead(h->blockFreeList, block);
     } else if (newPageCount < block->lastPage) {
       block->lastPage = newPageCount;
       block->validBytes =

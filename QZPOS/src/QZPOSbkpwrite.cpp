@@ -53,12 +53,14 @@ Status findSource(const FileHandle& h, const PageRequest& r, Source* source) {
 }
 
 // The write block takes rewrites of its own pages, and appended pages once it has begun; it
-// begins with a page at a block boundary.
+// begins with a page at a block boundary. It can still be full when the cut-back after a failed
+// write-back was left to a host that did nothing.
 bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
   if (!inBlockMode(h) || h.writeBlock == nullptr) return false;
   if (isCollected(h, page)) return true;
   if (page <= h.pageCount) return false;
-  return isCollecting(h) || beginsBlock(page, h.pagesPerBlock);
+  if (isCollecting(h)) return extentContains(*h.writeBlock, page, h.pagesPerBlock);
+  return beginsBlock(page, h.pagesPerBlock);
 }
 
 Status collect(FileHandle* h, const PageRequest& r, Journal* journal) {
@@ -93,7 +95,7 @@ Status judgeDirectWrite(FileHandle* h, const PageRequest& r, const Transfer& tra
     truncateThroughTable(h, h->pageCount, journal);
     return status;
   }
-  h->nextPage = r.pageNumber + 1;
+  h->nextPage = pageAfter(r.pageNumber);
   if (r.pageNumber > h->pageCount) {
     h->pageCount = r.pageNumber;
     h->fileSize += r.length;
@@ -125,12 +127,29 @@ void updateHeldBlock(const FileHandle& h, BlockRecord* block, const PageRequest&
 
 // More than one block can have room for the page: a truncate leaves held blocks as they are, and
 // the pages behind the cut may be read into another one later.
-void updateBlocks(FileHandle* h, const PageRequest& r) {
+void updateListed(FileHandle* h, const PageRequest& r) {
   for (BlockRecord* b = h->blockFreeList.tail; b != nullptr; b = b->prev) {
-    if (extentContains(*b, r.pageNumber, h->pagesPerBlock)) emptyBlock(b);
+    if (extentContains(*b, r.pageNumber, h->pagesPerBlock)) emptyFreeBlock(h, b);
   }
   for (BlockRecord* b = h->blockHeldList.tail; b != nullptr; b = b->prev) {
     if (extentContains(*b, r.pageNumber, h->pagesPerBlock)) updateHeldBlock(*h, b, r);
+  }
+}
+
+// The same blocks, by their number. A block that is emptied loses its number, so each of them is
+// looked up afresh.
+void updateIndexed(FileHandle* h, const PageRequest& r) {
+  const std::int64_t blockNumber = blockOfPage(r.pageNumber, h->pagesPerBlock);
+  while (BlockRecord* block = h->index->freeBlock(blockNumber)) emptyFreeBlock(h, block);
+  h->index->visitBlocks(blockNumber, [&](BlockRecord* block) { updateHeldBlock(*h, block, r); });
+}
+
+void updateBlocks(FileHandle* h, const PageRequest& r) {
+  if (h->blocksAllocated == 0) return;
+  if (h->index != nullptr) {
+    updateIndexed(h, r);
+  } else {
+    updateListed(h, r);
   }
 }
 
@@ -139,7 +158,7 @@ void updateBlocks(FileHandle* h, const PageRequest& r) {
 void cacheWritten(FileHandle* h, PageBuffer* buffer, const PageRequest& r) {
   if (buffer->extraHolds != 0) return;
   if (buffer->pageNumber != 0 && buffer->pageNumber != r.pageNumber) dropPage(*h, *buffer);
-  buffer->pageNumber = r.pageNumber;
+  setPageNumber(h, buffer, r.pageNumber);
   buffer->validBytes = r.length;
   enterPage(*h, buffer);
 }
@@ -151,7 +170,7 @@ void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written) {
     if (cached->held == 0) {
       emptyFreePage(h, cached);
     } else if (written != nullptr) {
-      forgetPage(*h, cached);
+      forgetPage(h, cached);
     }
   }
   if (written != nullptr) cacheWritten(h, written, r);
@@ -160,8 +179,8 @@ void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written) {
 void endBlockHold(FileHandle* h, const Source& source, const PageRequest& r) {
   BlockRecord* block = source.block;
   if (endHandOut(h, block, source.foundIn)) {
-    emptyBlock(block);
-    pushHead(h->blockFreeList, block);
+    joinFreeHead(h, block);
+    emptyFreeBlock(h, block);
     return;
   }
   // Written as another page than its own, a slot has bytes that are not its page's.
@@ -172,7 +191,7 @@ void endBlockHold(FileHandle* h, const Source& source, const PageRequest& r) {
 void endPageHold(FileHandle* h, PageBuffer* buffer) {
   if (endExtraHold(h, buffer)) return;
   unhold(h, buffer);
-  pushTail(h->pageFreeList, buffer);
+  joinFreeTail(h, buffer);
 }
 
 Status store(FileHandle* h, const PageRequest& r, Journal* journal) {

@@ -31,6 +31,12 @@ void unlink(List<Node>& list, Node* node) {
 }
 
 template <class Node>
+void moveToHead(List<Node>& list, Node* node) {
+  unlink(list, node);
+  pushHead(list, node);
+}
+
+template <class Node>
 bool isEmpty(const List<Node>& list) {
   return list.head == nullptr;
 }

@@ -35,6 +35,11 @@ constexpr std::optional<std::int64_t> wholeFileBytes(std::int64_t pageCount, std
 static_assert(wholeFileBytes(4, 512, 100) == 2148);
 static_assert(!wholeFileBytes(std::numeric_limits<std::int64_t>::max(), 512, 0));
 
+// The last page that can be numbered has none after it.
+constexpr std::int64_t pageAfter(std::int64_t page) {
+  return page == std::numeric_limits<std::int64_t>::max() ? page : page + 1;
+}
+
 constexpr std::int64_t blockOfPage(std::int64_t page, std::int32_t pagesPerBlock) {
   return (page - 1) / pagesPerBlock + 1;
 }

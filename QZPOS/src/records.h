@@ -9,11 +9,67 @@
 
 #include "bkp.h"
 #include "hostcalls.h"
+#include "index.h"
 #include "list.h"
 #include "outcome.h"
 #include "pages.h"
 
 namespace qz {
+
+// Free records. How many of them are empty is counted, so that the choice of the one to use next
+// does not walk a list that has none.
+
+inline List<PageBuffer>& freeList(FileHandle* h, const PageBuffer* /*shape*/) {
+  return h->pageFreeList;
+}
+inline List<BlockRecord>& freeList(FileHandle* h, const BlockRecord* /*shape*/) {
+  return h->blockFreeList;
+}
+
+inline std::int64_t& emptyFree(FileHandle* h, const PageBuffer* /*shape*/) {
+  return h->emptyFreePages;
+}
+inline std::int64_t& emptyFree(FileHandle* h, const BlockRecord* /*shape*/) {
+  return h->emptyFreeBlocks;
+}
+
+inline bool isEmptyRecord(const PageBuffer& buffer) { return buffer.pageNumber == 0; }
+inline bool isEmptyRecord(const BlockRecord& block) { return block.blockNumber == 0; }
+
+template <class Record>
+void joinFreeHead(FileHandle* h, Record* record) {
+  pushHead(freeList(h, record), record);
+  emptyFree(h, record) += isEmptyRecord(*record) ? 1 : 0;
+}
+
+template <class Record>
+void joinFreeTail(FileHandle* h, Record* record) {
+  pushTail(freeList(h, record), record);
+  emptyFree(h, record) += isEmptyRecord(*record) ? 1 : 0;
+}
+
+template <class Record>
+void leaveFree(FileHandle* h, Record* record) {
+  unlink(freeList(h, record), record);
+  emptyFree(h, record) -= isEmptyRecord(*record) ? 1 : 0;
+}
+
+// Gives a page buffer its page number; 0 takes it away. The tree is the caller's concern.
+inline void setPageNumber(FileHandle* h, PageBuffer* buffer, std::int64_t page) {
+  if (buffer->held == 0) {
+    h->emptyFreePages += (page == 0 ? 1 : 0) - (isEmptyRecord(*buffer) ? 1 : 0);
+  }
+  buffer->pageNumber = page;
+}
+
+// Gives a block of the cache its number; 0 takes it away.
+inline void setBlockNumber(FileHandle* h, BlockRecord* block, std::int64_t blockNumber) {
+  if (block->holdCount == 0) {
+    h->emptyFreeBlocks += (blockNumber == 0 ? 1 : 0) - (isEmptyRecord(*block) ? 1 : 0);
+  }
+  if (h->index != nullptr) h->index->renumber(block, blockNumber);
+  block->blockNumber = blockNumber;
+}
 
 // A page buffer with its data, on no list and not counted; null without memory.
 inline PageBuffer* makePageBuffer(const FileHandle& h, std::uint32_t recordFlags,
@@ -69,6 +125,7 @@ inline NewBlock makeBlock(const FileHandle& h, Journal* journal) {
 // Frees a page buffer that is on no list. True when every release was made; it is no longer
 // counted either way.
 inline bool freeRecord(FileHandle* h, PageBuffer* buffer, Journal* journal) {
+  if (h->index != nullptr) h->index->remove(buffer);
   const bool dataFreed = release(h->module->bufferPool, buffer->data, journal);
   const bool recordFreed = release(h->module->modulePool, buffer, journal);
   --h->pageBuffersAllocated;
@@ -78,6 +135,7 @@ inline bool freeRecord(FileHandle* h, PageBuffer* buffer, Journal* journal) {
 // Frees a block that is on no list, likewise. `lastBlock` does not outlive its block.
 inline bool freeRecord(FileHandle* h, BlockRecord* block, Journal* journal) {
   if (h->lastBlock == block) h->lastBlock = nullptr;
+  if (h->index != nullptr) h->index->remove(block);
   const bool bitsFreed = release(h->module->modulePool, block->staleBits, journal);
   const bool dataFreed = release(h->module->bufferPool, block->data, journal);
   const bool recordFreed = release(h->module->modulePool, block, journal);
@@ -108,7 +166,7 @@ inline bool lacksTree(const FileHandle& h) { return !inBlockMode(h) && h.pageTre
 
 // A free page buffer becomes the caller's.
 inline void hold(FileHandle* h, PageBuffer* buffer) {
-  unlink(h->pageFreeList, buffer);
+  leaveFree(h, buffer);
   pushHead(h->pageHeldList, buffer);
   buffer->held = 1;
   ++h->heldCount;
@@ -135,23 +193,22 @@ inline void unhold(FileHandle* h, PageBuffer* buffer) {
   --h->heldCount;
 }
 
-// Takes the page away from a buffer that holds one.
-inline void forgetPage(const FileHandle& h, PageBuffer* buffer) {
-  dropPage(h, *buffer);
-  buffer->pageNumber = 0;
+// Takes a buffer's page away from it and out of the tree.
+inline void forgetPage(FileHandle* h, PageBuffer* buffer) {
+  dropPage(*h, *buffer);
+  setPageNumber(h, buffer, 0);
 }
 
 // Forgets the page of a free buffer, which is then the first in line.
 inline void emptyFreePage(FileHandle* h, PageBuffer* buffer) {
-  forgetPage(*h, buffer);
+  forgetPage(h, buffer);
   buffer->validBytes = 0;
-  unlink(h->pageFreeList, buffer);
-  pushHead(h->pageFreeList, buffer);
+  moveToHead(h->pageFreeList, buffer);
 }
 
-// A block that holds no pages.
-inline void emptyBlock(BlockRecord* block) {
-  block->blockNumber = 0;
+// Takes a free block's pages away from it.
+inline void emptyFreeBlock(FileHandle* h, BlockRecord* block) {
+  setBlockNumber(h, block, 0);
   block->firstPage = 0;
   block->lastPage = 0;
   block->validBytes = 0;
@@ -181,7 +238,7 @@ inline bool isCollected(const FileHandle& h, std::int64_t page) {
 // A block that a page is about to be handed out from is on the held list.
 inline void moveToHeld(FileHandle* h, BlockRecord* block) {
   if (block->holdCount != 0) return;
-  unlink(h->blockFreeList, block);
+  leaveFree(h, block);
   pushHead(h->blockHeldList, block);
 }
 

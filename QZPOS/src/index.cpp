@@ -1,0 +1,141 @@
+// The index of buffer records: see index.h.
+#include "index.h"
+
+#include <bit>
+#include <cstdlib>
+#include <new>
+#include <utility>
+
+namespace qz {
+namespace {
+
+// Below this many records of a shape a walk is as quick as a lookup.
+constexpr std::int64_t kFewRecords = 16;
+
+template <class Record>
+void addAll(RecordIndex* index, const List<Record>& list) {
+  for (Record* record = list.head; record != nullptr; record = record->next) index->add(record);
+}
+
+}  // namespace
+
+RecordMap::~RecordMap() { std::free(slots_); }
+
+bool RecordMap::reserve(std::size_t entries) {
+  const std::size_t wanted = std::bit_ceil(entries * 2);
+  if (wanted <= slotCount_) return true;
+  auto* larger = static_cast<Slot*>(std::calloc(wanted, sizeof(Slot)));
+  if (larger == nullptr) return false;
+  Slot* old = std::exchange(slots_, larger);
+  const std::size_t oldCount = std::exchange(slotCount_, wanted);
+  homeShift_ = 64 - std::countr_zero(wanted);
+  used_ = 0;
+  for (std::size_t i = 0; i < oldCount; ++i) {
+    if (old[i].record != nullptr) insert(old[i].key, old[i].record);
+  }
+  std::free(old);
+  return true;
+}
+
+void RecordMap::insert(std::uint64_t key, void* record) {
+  std::size_t i = home(key);
+  while (slots_[i].record != nullptr) i = next(i);
+  slots_[i] = {key, record};
+  ++used_;
+}
+
+void RecordMap::erase(std::uint64_t key, const void* record) {
+  std::size_t gap = home(key);
+  while (slots_[gap].key != key || slots_[gap].record != record) gap = next(gap);
+  // An entry behind the gap moves into it when a search that starts at its home passes the gap.
+  for (std::size_t i = next(gap); slots_[i].record != nullptr; i = next(i)) {
+    const std::size_t fromHome = (i - home(slots_[i].key)) & (slotCount_ - 1);
+    const std::size_t fromGap = (i - gap) & (slotCount_ - 1);
+    if (fromHome >= fromGap) slots_[std::exchange(gap, i)] = slots_[i];
+  }
+  slots_[gap].record = nullptr;
+  --used_;
+}
+
+bool RecordIndex::reserve(std::int64_t pageBuffers, std::int64_t blocks, std::int32_t blockBytes) {
+  const auto bufferEntries = static_cast<std::size_t>(pageBuffers);
+  const auto blockEntries = static_cast<std::size_t>(blocks);
+  granuleShift_ = std::bit_width(static_cast<std::uint32_t>(blockBytes));
+  return buffersByAddress_.reserve(bufferEntries) &&
+         blocksByAddress_.reserve(blockEntries * kGranulesOfBlock) &&
+         blocksByNumber_.reserve(blockEntries);
+}
+
+bool RecordIndex::hasRoom() const {
+  return buffersByAddress_.hasRoom(1) && blocksByAddress_.hasRoom(kGranulesOfBlock) &&
+         blocksByNumber_.hasRoom(1);
+}
+
+void RecordIndex::add(PageBuffer* buffer) { buffersByAddress_.insert(keyOf(buffer->data), buffer); }
+
+void RecordIndex::remove(PageBuffer* buffer) {
+  buffersByAddress_.erase(keyOf(buffer->data), buffer);
+}
+
+void RecordIndex::add(BlockRecord* block) {
+  const std::uint64_t granule = granuleOf(block->data);
+  for (std::uint64_t i = 0; i < kGranulesOfBlock; ++i) blocksByAddress_.insert(granule + i, block);
+  if (block->blockNumber != 0) blocksByNumber_.insert(keyOf(block->blockNumber), block);
+}
+
+void RecordIndex::remove(BlockRecord* block) {
+  const std::uint64_t granule = granuleOf(block->data);
+  for (std::uint64_t i = 0; i < kGranulesOfBlock; ++i) blocksByAddress_.erase(granule + i, block);
+  if (block->blockNumber != 0) blocksByNumber_.erase(keyOf(block->blockNumber), block);
+}
+
+void RecordIndex::renumber(BlockRecord* block, std::int64_t blockNumber) {
+  if (block->blockNumber != 0) blocksByNumber_.erase(keyOf(block->blockNumber), block);
+  if (blockNumber != 0) blocksByNumber_.insert(keyOf(blockNumber), block);
+}
+
+PageBuffer* RecordIndex::bufferAt(const void* address) const {
+  PageBuffer* found = nullptr;
+  buffersByAddress_.visit(keyOf(address),
+                          [&](void* record) { found = static_cast<PageBuffer*>(record); });
+  return found;
+}
+
+BlockRecord* RecordIndex::freeBlock(std::int64_t blockNumber) const {
+  BlockRecord* found = nullptr;
+  visitBlocks(blockNumber, [&](BlockRecord* block) {
+    if (block->holdCount == 0) found = block;
+  });
+  return found;
+}
+
+void indexRecords(FileHandle* h) {
+  dropIndex(h);
+  const std::int64_t records = h->pageBuffersAllocated + h->blocksAllocated;
+  if (records <= kFewRecords) return;
+  void* memory = std::malloc(sizeof(RecordIndex));
+  if (memory == nullptr) return;
+  auto* index = new (memory) RecordIndex;
+  h->index = index;
+  // With room to grow, so that adding records one by one does not make the index anew each time.
+  const std::int64_t growth = records / 2;
+  if (!index->reserve(h->pageBuffersAllocated + growth, h->blocksAllocated + growth,
+                      h->blockBytes)) {
+    dropIndex(h);
+    return;
+  }
+  addAll(index, h->pageFreeList);
+  addAll(index, h->pageHeldList);
+  addAll(index, h->blockFreeList);
+  addAll(index, h->blockHeldList);
+  addAll(index, h->blockAcquiredList);
+  if (h->writeBlock != nullptr) index->add(h->writeBlock);
+}
+
+void dropIndex(FileHandle* h) {
+  if (h->index == nullptr) return;
+  h->index->~RecordIndex();
+  std::free(std::exchange(h->index, nullptr));
+}
+
+}  // namespace qz

@@ -1,0 +1,134 @@
+// Finds buffer records by address and by page without walking their lists.
+//
+// The lists decide what happens; the index only answers what a walk would have found, so that a
+// handle with tens of thousands of buffers is as quick as one with four. A handle with few
+// records goes without: a short walk costs less than a lookup. So does one whose index finds no
+// memory: it is slower, not wrong. The index is the module's own memory, not the host's, and is
+// allocated only where records are made.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "qzpos.h"
+
+namespace qz {
+
+// Records under 64-bit keys; a key can have several. Open addressing, at most half full.
+class RecordMap {
+ public:
+  RecordMap() = default;
+  RecordMap(const RecordMap&) = delete;
+  RecordMap& operator=(const RecordMap&) = delete;
+  ~RecordMap();
+
+  // Makes room for this many entries in all. False: no memory, and nothing has changed.
+  bool reserve(std::size_t entries);
+
+  [[nodiscard]] bool hasRoom(std::size_t entries) const {
+    return (used_ + entries) * 2 <= slotCount_;
+  }
+
+  // There must be room.
+  void insert(std::uint64_t key, void* record);
+  // The record must be there, under that key.
+  void erase(std::uint64_t key, const void* record);
+
+  // Calls visit(record) for every record under the key.
+  template <class Visit>
+  void visit(std::uint64_t key, Visit visit) const {
+    if (slotCount_ == 0) return;
+    for (std::size_t i = home(key); slots_[i].record != nullptr; i = next(i)) {
+      if (slots_[i].key == key) visit(slots_[i].record);
+    }
+  }
+
+ private:
+  struct Slot {
+    std::uint64_t key;
+    void* record;  // null: free
+  };
+
+  [[nodiscard]] std::size_t home(std::uint64_t key) const {
+    return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15U) >> homeShift_);
+  }
+  [[nodiscard]] std::size_t next(std::size_t i) const { return (i + 1) & (slotCount_ - 1); }
+
+  Slot* slots_ = nullptr;
+  std::size_t slotCount_ = 0;  // 0 or a power of two
+  std::size_t used_ = 0;
+  int homeShift_ = 0;
+};
+
+class RecordIndex {
+ public:
+  // Makes room for so many records of each shape. False: no memory.
+  bool reserve(std::int64_t pageBuffers, std::int64_t blocks, std::int32_t blockBytes);
+
+  // Room for one more record of either shape.
+  [[nodiscard]] bool hasRoom() const;
+
+  void add(PageBuffer* buffer);
+  void add(BlockRecord* block);
+  void remove(PageBuffer* buffer);
+  void remove(BlockRecord* block);
+
+  // The block's number is about to become another one; 0 is under no number.
+  void renumber(BlockRecord* block, std::int64_t blockNumber);
+
+  // The page buffer, held or free, whose data begins at the address; or null.
+  [[nodiscard]] PageBuffer* bufferAt(const void* address) const;
+
+  // Calls visit(block) for every block that may have the address in its data.
+  template <class Visit>
+  void visitNear(const void* address, Visit visit) const {
+    blocksByAddress_.visit(granuleOf(address),
+                           [&](void* record) { visit(static_cast<BlockRecord*>(record)); });
+  }
+
+  // A block of that number that nobody holds, or null.
+  [[nodiscard]] BlockRecord* freeBlock(std::int64_t blockNumber) const;
+
+  // Calls visit(block), which must not renumber it, for every block of that number.
+  template <class Visit>
+  void visitBlocks(std::int64_t blockNumber, Visit visit) const {
+    blocksByNumber_.visit(keyOf(blockNumber),
+                          [&](void* record) { visit(static_cast<BlockRecord*>(record)); });
+  }
+
+ private:
+  // Stretches of the address space longer than a block, which therefore lies in two at the most.
+  static constexpr std::size_t kGranulesOfBlock = 2;
+
+  static std::uint64_t keyOf(const void* address) {
+    return reinterpret_cast<std::uintptr_t>(address);
+  }
+  static std::uint64_t keyOf(std::int64_t blockNumber) {
+    return static_cast<std::uint64_t>(blockNumber);
+  }
+  [[nodiscard]] std::uint64_t granuleOf(const void* address) const {
+    return keyOf(address) >> granuleShift_;
+  }
+
+  RecordMap buffersByAddress_;
+  RecordMap blocksByAddress_;
+  RecordMap blocksByNumber_;
+  int granuleShift_ = 0;
+};
+
+// Makes the handle's index anew from its lists, if it has enough records to want one.
+void indexRecords(FileHandle* h);
+
+// Enters a record that has just been made and stands on its list.
+template <class Record>
+void indexNewRecord(FileHandle* h, Record* record) {
+  if (h->index != nullptr && h->index->hasRoom()) {
+    h->index->add(record);
+  } else {
+    indexRecords(h);
+  }
+}
+
+void dropIndex(FileHandle* h);
+
+}  // namespace qz
