@@ -1,0 +1,40 @@
+// Buffers for the bare loops.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+
+namespace qzbench {
+
+enum class MemoryKind {
+  ordinary,  // pages of 4 KiB
+  huge,      // 2 MiB-aligned and advised for huge pages, as the stand-in host's large blocks are
+};
+
+struct Unmap {
+  std::size_t mapped;
+  void operator()(char* area) const noexcept;
+};
+
+// `count` buffers of `bytes` in turn, page-aligned. All of it is in memory from the start.
+class Ring {
+ public:
+  Ring(std::size_t count, std::size_t bytes, MemoryKind kind = MemoryKind::ordinary);
+
+  char* at(std::size_t index) const { return area_.get() + index * step_; }
+  std::size_t count() const { return count_; }
+
+  // The buffer after the one that was given last.
+  char* next() {
+    next_ = next_ + 1 == count_ ? 0 : next_ + 1;
+    return at(next_);
+  }
+
+ private:
+  std::size_t count_;
+  std::size_t step_;
+  std::size_t next_;
+  std::unique_ptr<char[], Unmap> area_;
+};
+
+}  // namespace qzbench

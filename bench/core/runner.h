@@ -1,0 +1,83 @@
+// What the contests of a run share: settings, folders, the module and the outcomes.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "contest.h"
+#include "files.h"
+#include "qziop.hpp"
+
+namespace qzbench {
+
+struct Settings {
+  std::string diskFolder = "/var/tmp";
+  std::string memoryFolder = "/dev/shm";
+  std::string module;             // path of the library; empty: beside the program
+  std::vector<std::string> work;  // names of what is run; empty: everything
+  std::vector<std::int32_t> pageSizes = {4096, 512, 65536};
+  std::vector<std::int32_t> bufferCounts = {4, 64, 1024, 65536};
+  int rounds = 11;
+  std::int64_t warmBytes = std::int64_t{64} << 20U;
+  std::int64_t directBytes = std::int64_t{2} << 30U;
+  std::int64_t randomReads = 1000;  // of single pages from the disk, a pass
+};
+
+// A new file handle with its caller settings, named and open.
+struct OpenSettings {
+  std::string path;
+  std::int32_t pageSize;
+  std::uint32_t readAccess;
+  std::uint32_t writeAccess = qz::noWrite;
+  std::uint32_t openMode = qz::openOrKeep;
+  std::uint32_t openOptions = 0;
+  std::int32_t bufferCount = 4;
+  std::int32_t blockBytes = 0;
+};
+qz::PagedFile openFile(const OpenSettings& settings);
+
+// The loaded module; Failure before Runner has loaded it.
+const qz::Module& module();
+
+class Runner {
+ public:
+  using Report = std::function<void(const Outcome&)>;
+
+  Runner(const Settings& settings, Report report);
+  Runner(const Runner&) = delete;
+  Runner& operator=(const Runner&) = delete;
+  ~Runner();
+
+  const Settings& settings() const { return settings_; }
+  Folder& disk() { return disk_; }
+  Folder& memory() { return memory_; }
+
+  // Holds a contest over the settings' rounds, or `rounds` if those are fewer, and keeps and
+  // reports its outcome.
+  void hold(const Contest& contest, int rounds = 0);
+
+  const std::vector<Outcome>& outcomes() const { return outcomes_; }
+
+ private:
+  Settings settings_;
+  Report report_;
+  Folder disk_;
+  Folder memory_;
+  std::vector<Outcome> outcomes_;
+};
+
+// Turns an outcome of the module that is not a success into Failure.
+template <class T>
+T&& value(qz::Result<T>&& result) {
+  if (!result) throw Failure(result.error().message());
+  return std::move(*result);
+}
+inline void require(const qz::Result<void>& result) {
+  if (!result) throw Failure(result.error().message());
+}
+inline void require(qz::Status status, qz::FileHandle* handle) {
+  if (status != qz::Status::ok) throw Failure(qz::errorOf(handle, status).message());
+}
+
+}  // namespace qzbench

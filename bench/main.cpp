@@ -1,0 +1,96 @@
+// qzpbench: times the module beside the bare calls and other ways to keep pages in a file.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+
+#include "core/report.h"
+#include "work/work.h"
+
+namespace qzbench {
+namespace {
+
+struct Work {
+  const char* name;
+  void (*run)(Runner&);
+};
+
+constexpr Work kWork[] = {
+    {"read-pages", readPages},       {"read-blocks", readBlocks},
+    {"hit-blocks", hitBlocks},       {"direct-pages", readDirectPages},
+    {"append-pages", appendPages},   {"append-blocks", appendBlocks},
+    {"rewrite-pages", rewritePages}, {"read-many", readMany},
+    {"open-close", openAndClose},    {"grow-reads", growReads},
+    {"grow-appends", growAppends},
+};
+
+void saveText(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text;
+  if (!file.flush()) throw Failure(path + ": cannot be written");
+}
+
+int run(const Settings& settings, const RunFacts& facts, const std::string& output) {
+  std::string text = textOf(facts);
+  std::fputs(text.c_str(), stdout);
+  Runner runner(settings, [&text](const Outcome& outcome) {
+    const std::string rows = textOf(outcome);
+    std::fputs(rows.c_str(), stdout);
+    std::fflush(stdout);
+    text += rows;
+  });
+  for (const Work& work : kWork) {
+    const auto& wanted = settings.work;
+    if (!wanted.empty() && std::find(wanted.begin(), wanted.end(), work.name) == wanted.end()) {
+      continue;
+    }
+    work.run(runner);
+  }
+  const std::string summary = goalSummary(runner.outcomes());
+  std::fputs(summary.c_str(), stdout);
+  if (output.empty()) return 0;
+  saveText(output + ".txt", text + summary);
+  saveText(output + ".json", jsonOf(facts, runner.outcomes()));
+  return 0;
+}
+
+}  // namespace
+}  // namespace qzbench
+
+int main(int argc, char** argv) {
+  using namespace qzbench;
+  Settings settings;
+  std::string output;
+  CLI::App app("Times qziop beside the bare calls and other ways to keep pages in a file.");
+  std::vector<std::string> names;
+  for (const Work& work : kWork) names.emplace_back(work.name);
+  app.add_option("work", settings.work, "what to run; all of it unless named")
+      ->check(CLI::IsMember(names));
+  app.add_option("--dir", settings.diskFolder, "folder on the disk for the files")
+      ->capture_default_str();
+  app.add_option("--memory-dir", settings.memoryFolder, "folder in memory that takes O_DIRECT")
+      ->capture_default_str();
+  app.add_option("--module", settings.module, "the library; the one beside this program if absent");
+  app.add_option("--page-sizes", settings.pageSizes, "bytes")
+      ->delimiter(',')
+      ->capture_default_str();
+  app.add_option("--buffers", settings.bufferCounts, "buffer counts of the growth rows, rising")
+      ->delimiter(',')
+      ->capture_default_str();
+  app.add_option("--rounds", settings.rounds, "rounds of a contest")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  app.add_option("--warm-bytes", settings.warmBytes, "size of files in the page cache")
+      ->transform(CLI::AsSizeValue(false))
+      ->capture_default_str();
+  app.add_option("--direct-bytes", settings.directBytes, "size of files read from the disk")
+      ->transform(CLI::AsSizeValue(false))
+      ->capture_default_str();
+  app.add_option("--output", output, "also write OUTPUT.txt and OUTPUT.json");
+  CLI11_PARSE(app, argc, argv);
+  try {
+    return run(settings, runFacts(argc, argv), output);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "qzpbench: %s\n", error.what());
+    return 1;
+  }
+}

@@ -1,0 +1,54 @@
+// SQLite: one blob a page in a table, its row number the page's, without a journal and without
+// flushes to the disk. Blobs are copied out of the database's cache and into it.
+#pragma once
+
+#include <sqlite3.h>
+
+#include "../core/memory.h"
+#include "../core/passes.h"
+
+namespace qzbench {
+
+class SqlitePages {
+ public:
+  static constexpr bool kRawPages = false;
+
+  explicit SqlitePages(const Task& task);
+  SqlitePages(const SqlitePages&) = delete;
+  SqlitePages& operator=(const SqlitePages&) = delete;
+  ~SqlitePages();
+
+  const char* read(std::int64_t page) { return readToChange(page); }
+  void giveBack() {}
+  char* readToChange(std::int64_t page) {
+    check(sqlite3_blob_reopen(blob_, page));
+    check(sqlite3_blob_read(blob_, page_.at(0), pageSize_, 0));
+    return page_.at(0);
+  }
+  char* fresh(std::int64_t) { return page_.at(0); }
+  void write(std::int64_t page) {
+    if (insert_ == nullptr) return check(sqlite3_blob_write(blob_, page_.at(0), pageSize_, 0));
+    check(sqlite3_bind_int64(insert_, 1, page));
+    check(sqlite3_bind_blob(insert_, 2, page_.at(0), pageSize_, SQLITE_STATIC));
+    if (sqlite3_step(insert_) != SQLITE_DONE) check(SQLITE_ERROR);
+    check(sqlite3_reset(insert_));
+  }
+  void finish();
+
+ private:
+  void check(int result) {
+    if (result != SQLITE_OK) throw Failure(std::string("SQLite: ") + sqlite3_errmsg(database_));
+  }
+  void run(const char* statements) {
+    check(sqlite3_exec(database_, statements, nullptr, nullptr, nullptr));
+  }
+
+  sqlite3* database_ = nullptr;
+  sqlite3_blob* blob_ = nullptr;
+  sqlite3_stmt* insert_ = nullptr;
+  std::int32_t pageSize_;
+  bool writes_;
+  Ring page_;
+};
+
+}  // namespace qzbench

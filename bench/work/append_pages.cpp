@@ -1,0 +1,26 @@
+// Append pages to a new file: fill a buffer, then write it.
+#include "../peers/bare.h"
+#include "../peers/module.h"
+#include "../peers/peers.h"
+#include "work.h"
+
+namespace qzbench {
+
+void appendPages(Runner& run) {
+  for (const std::int32_t pageSize : run.settings().pageSizes) {
+    const Geometry geometry = {pageSize, run.settings().warmBytes / pageSize};
+    const Task task{Access::append, geometry, run.disk().file("appended"), true};
+    Contest contest;
+    contest.work = "page mode, acquire + fill + write";
+    contest.variant = fmt::format("{} B pages, appended", pageSize);
+    contest.participants = {appender<BarePages>("pwrite", task),
+                            appender<ModulePages>("qziop", task)};
+    contest.goals = {{Quantity::wall, "qziop", "pwrite", 1.05}};
+    eachWriter([&]<class Store>(const char* name) {
+      contest.participants.push_back(appender<Store>(name, task));
+    });
+    run.hold(contest, 7);
+  }
+}
+
+}  // namespace qzbench

@@ -1,0 +1,61 @@
+// Open a file for reading and close it again.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
+#include <unistd.h>
+
+#include "../core/passes.h"
+#include "work.h"
+
+namespace qzbench {
+namespace {
+
+constexpr std::size_t kOpens = 500;  // of a pass
+
+// The system calls that an open cannot do without.
+Sample barePass(const std::string& path, const std::string& folder, int flags) {
+  return timed(kOpens, [&] {
+    for (std::size_t i = 0; i < kOpens; ++i) {
+      struct statfs system = {};
+      struct stat facts = {};
+      if (statfs(folder.c_str(), &system) != 0) failWithErrno(folder);
+      const int fd = open(path.c_str(), flags | O_CLOEXEC);
+      if (fd == -1 || fstat(fd, &facts) != 0 || close(fd) != 0) failWithErrno(path);
+    }
+  });
+}
+
+Sample modulePass(const std::string& path, std::int32_t pageSize, std::uint32_t options) {
+  return timed(kOpens, [&] {
+    for (std::size_t i = 0; i < kOpens; ++i) {
+      qz::PagedFile file = openFile({.path = path,
+                                     .pageSize = pageSize,
+                                     .readAccess = qz::readSequential,
+                                     .openOptions = options});
+      require(file.close());
+    }
+  });
+}
+
+}  // namespace
+
+void openAndClose(Runner& run) {
+  constexpr std::int32_t kPageSize = 4096;
+  const std::string path = run.disk().stamped({kPageSize, run.settings().warmBytes / kPageSize});
+  for (const bool block : {false, true}) {
+    Contest contest;
+    contest.work = "open + close";
+    contest.variant = fmt::format("4 buffers, {} mode", block ? "block" : "page");
+    const int flags = block ? O_RDONLY | O_DIRECT : O_RDONLY;
+    const std::uint32_t options = block ? qz::optionDirectIo : 0U;
+    contest.participants = {
+        {"statfs, open, fstat, close",
+         [path, folder = run.disk().path(), flags] { return barePass(path, folder, flags); }},
+        {"qziop", [path, options] { return modulePass(path, kPageSize, options); }}};
+    contest.goals = {{Quantity::wall, "qziop", contest.participants[0].name, 2.0}};
+    run.hold(contest);
+  }
+}
+
+}  // namespace qzbench
