@@ -19,12 +19,8 @@ bool isFull(std::uint32_t error) { return error == EFBIG || error == ENOSPC || e
 // What a write of so many bytes came to.
 template <class Outcome>
 Status judged(const Outcome& outcome, std::size_t wanted) {
-  if (outcome.result < 0) {
-    return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
-  }
-  if (outcome.result == 0) {
-    return Status::ioFailed;
-  }
+  if (outcome.result < 0) return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
+  if (outcome.result == 0) return Status::ioFailed;
   return static_cast<std::size_t>(outcome.result) < wanted ? Status::noSpace : Status::ok;
 }
 
@@ -74,9 +70,8 @@ bool Driver::releaseFailed() {
   const CallRecord* before = nullptr;
   for (const CallRecord& record : calls().trace()) {
     if (record.call == Call::memFree && record.result != 0 &&
-        (before == nullptr || !isLargeModuleBlock(*before))) {
+        (before == nullptr || !isLargeModuleBlock(*before)))
       return true;
-    }
     before = &record;
   }
   return false;
@@ -96,11 +91,9 @@ bool Driver::isAdrift() const {
 
 const Fault* Driver::planned(Call call) {
   const int number = ++made_[call];
-  for (const Fault& fault : faults_) {
-    if (fault.call == call && number >= fault.nth && number - fault.nth < fault.count) {
+  for (const Fault& fault : faults_)
+    if (fault.call == call && number >= fault.nth && number - fault.nth < fault.count)
       return &fault;
-    }
-  }
   return nullptr;
 }
 
@@ -135,13 +128,9 @@ Driver::Outcome Driver::store(std::int64_t offset, const std::string& bytes) {
 }
 
 Status Driver::writeBack() {
-  if (collected_.empty()) {
-    return Status::ok;
-  }
+  if (collected_.empty()) return Status::ok;
   std::string bytes;
-  for (const std::string& page : collected_) {
-    bytes += page;
-  }
+  for (const std::string& page : collected_) bytes += page;
   const Status status = judged(store(offsetOf(firstCollected_), bytes), bytes.size());
   if (status != Status::ok) {
     cut(firstCollected_ - 1);
@@ -154,22 +143,17 @@ Status Driver::writeBack() {
 }
 
 Status Driver::cut(std::int64_t pages) {
-  if (pages < 0 || pages > pageCount_) {
-    return Status::pageOutOfRange;
-  }
+  if (pages < 0 || pages > pageCount_) return Status::pageOutOfRange;
   if (!collected_.empty() && pages < firstCollected_) {
     collected_.clear();
   } else if (!collected_.empty()) {
     collected_.resize(static_cast<std::size_t>(pages - firstCollected_ + 1));
     const Status status = writeBack();
-    if (status != Status::ok) {
-      return status;
-    }
+    if (status != Status::ok) return status;
   }
   const std::int64_t bytes = offsetOf(pages + 1);
-  if (expect(Call::lseek, 0).result < 0 || expect(Call::ftruncate, 0).result < 0) {
+  if (expect(Call::lseek, 0).result < 0 || expect(Call::ftruncate, 0).result < 0)
     return Status::notTruncated;
-  }
   disk_.resize(static_cast<std::size_t>(bytes));
   fileSize_ = bytes;
   pageCount_ = pages;
@@ -181,12 +165,8 @@ Status Driver::cut(std::int64_t pages) {
 Status Driver::sync() {
   for (int timeouts = 0;;) {
     const Outcome outcome = expect(Call::fsync, 0);
-    if (outcome.result >= 0) {
-      return Status::ok;
-    }
-    if (outcome.error == EINTR || (outcome.error == ETIMEDOUT && timeouts++ == 0)) {
-      continue;
-    }
+    if (outcome.result >= 0) return Status::ok;
+    if (outcome.error == EINTR || (outcome.error == ETIMEDOUT && timeouts++ == 0)) continue;
     return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
   }
 }
@@ -203,9 +183,7 @@ void Driver::compareFile() const {
 }
 
 void Driver::repair() {
-  if (!exists_) {
-    return;
-  }
+  if (!exists_) return;
   const auto size = static_cast<std::int64_t>(disk_.size());
   disk_.resize(static_cast<std::size_t>(
       std::max(headerBytes_, size - std::max<std::int64_t>(size - headerBytes_, 0) % pageSize_)));
@@ -255,9 +233,8 @@ Status Driver::check(const std::string& what, Status actual, Status wanted, Repo
   EXPECT_EQ((h.stateFlags & qz::statePreopened) != 0, preopened_);
   EXPECT_EQ(h.hostFile != nullptr, attached_);
   expectWritesInPlace();
-  for (const unsigned char byte : what + did + calls().hostCalls()) {
+  for (const unsigned char byte : what + did + calls().hostCalls())
     digest_ = (digest_ ^ byte) * 1099511628211ULL;
-  }
   calls().plan({});
   faults_.clear();
   return actual;
@@ -266,20 +243,12 @@ Status Driver::check(const std::string& what, Status actual, Status wanted, Repo
 // --- Opening and closing
 
 Status Driver::physicalOpen(std::uint32_t mode) {
-  if (mode == qz::createOrReplace) {
-    pageCount_ = fileSize_ = 0;
-  }
+  if (mode == qz::createOrReplace) pageCount_ = fileSize_ = 0;
   const bool direct = (world_.h->openOptions & qz::optionDirectIo) != 0;
   const Fault* fault = planned(Call::fileOpen);
-  if (fault != nullptr && fault->result == EINVAL && direct) {
-    fault = planned(Call::fileOpen);
-  }
-  if (fault != nullptr) {
-    return mapped(fault->error);
-  }
-  if (!exists_ && mode != qz::createOrReplace) {
-    return Status::fileNotFound;
-  }
+  if (fault != nullptr && fault->result == EINVAL && direct) fault = planned(Call::fileOpen);
+  if (fault != nullptr) return mapped(fault->error);
+  if (!exists_ && mode != qz::createOrReplace) return Status::fileNotFound;
   exists_ = true;
   attached_ = true;
   writable_ = writeAccess_ != 0;
@@ -315,14 +284,10 @@ Status Driver::settling(std::uint32_t mode) {
 }
 
 Status Driver::opening(std::uint32_t mode) {
-  if (open_ || (attached_ && !preopened_)) {
-    return Status::alreadyOpen;
-  }
+  if (open_ || (attached_ && !preopened_)) return Status::alreadyOpen;
   if (!preopened_) {
     const Status status = physicalOpen(mode);
-    if (status != Status::ok) {
-      return status;
-    }
+    if (status != Status::ok) return status;
   }
   return settling(mode);
 }
@@ -347,9 +312,8 @@ Status Driver::open(std::uint32_t mode, std::uint32_t options, std::uint32_t rea
   const Status wanted = opening(h.openMode);
   check(fmt::format("open {} {:x} {} {}", mode, options, read, write), actual, wanted,
         Reports::some);
-  if (actual == Status::ok && h.openMode == qz::createOrReplace) {
+  if (actual == Status::ok && h.openMode == qz::createOrReplace)
     header_ = h.headerSize = headerBytes_;
-  }
   return actual;
 }
 
@@ -380,9 +344,7 @@ Status Driver::preopen(std::int32_t bytes) {
 Status Driver::closing(std::uint32_t flags) {
   const bool wasOpen = open_;
   open_ = preopened_ = false;
-  if (!attached_) {
-    return Status::notOpen;
-  }
+  if (!attached_) return Status::notOpen;
   const bool removed =
       (flags & qz::kRemoveFile) != 0 || (pageCount_ == 0 && fileSize_ == 0 && writeAccess_ != 0);
   Status result = writeBack();
@@ -395,9 +357,8 @@ Status Driver::closing(std::uint32_t flags) {
       return result != Status::ok ? result : flushed;
     }
   }
-  if (const Fault* fault = planned(Call::fileClose); fault != nullptr) {
+  if (const Fault* fault = planned(Call::fileClose); fault != nullptr)
     return fault->error == qz::hostNotRemoved ? Status::notRemoved : Status::ioFailed;
-  }
   attached_ = false;
   if (removed) {
     exists_ = false;
@@ -443,9 +404,7 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
   Status wanted = open_ ? writeBack() : Status::notOpen;
   if (wanted == Status::ok) {
     const Fault* fault = planned(Call::fileReopen);
-    if (fault != nullptr && fault->result == EINVAL && direct) {
-      fault = planned(Call::fileReopen);
-    }
+    if (fault != nullptr && fault->result == EINVAL && direct) fault = planned(Call::fileReopen);
     wanted = fault != nullptr ? Status::reopenFailed : Status::ok;
   }
   if (open_ && wanted == Status::ok) {
@@ -472,19 +431,12 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
 // --- Reading
 
 Status Driver::readChecks(std::int64_t page) const {
-  if (!open_) {
-    return Status::notOpen;
-  }
+  if (!open_) return Status::notOpen;
   if (readAccess_ == qz::readSequential && page != lastPageRead_ + 1 &&
-      page != world_.h->sequentialStartPage) {
+      page != world_.h->sequentialStartPage)
     return Status::readOutOfSequence;
-  }
-  if (page <= 0 || page > pageCount_ + 1) {
-    return Status::pageOutOfRange;
-  }
-  if (page == pageCount_ + 1) {
-    return Status::endOfFile;
-  }
+  if (page <= 0 || page > pageCount_ + 1) return Status::pageOutOfRange;
+  if (page == pageCount_ + 1) return Status::endOfFile;
   return static_cast<int>(holds_.size()) >= world_.h->bufferCount ? Status::noBuffer : Status::ok;
 }
 
@@ -494,12 +446,8 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   EXPECT_TRUE(call.result < 0 || call.result <= std::max<std::int64_t>(left, 0));
   if (!inBlocks()) {
     failedReads_.erase(page);
-    if (call.result == pageSize_) {
-      return Status::ok;
-    }
-    if (call.result > 0) {
-      return Status::misfit;
-    }
+    if (call.result == pageSize_) return Status::ok;
+    if (call.result > 0) return Status::misfit;
     return failedReads_[page] = call.result == 0 ? Status::endOfFile : Status::ioFailed;
   }
   const std::int64_t first = (call.offset - header_) / pageSize_ + 1;
@@ -509,9 +457,7 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
     nextPage_ = std::min(first + pagesPerBlock - 1, pageCount_) + 1;
     const std::int64_t whole = std::min(call.length, left);
     shortBlocks_.erase(first);
-    if (call.result < whole) {
-      shortBlocks_.insert(first);
-    }
+    if (call.result < whole) shortBlocks_.insert(first);
   }
   return call.result < (page - first + 1) * pageSize_ ? Status::misfit : Status::ok;
 }
@@ -600,18 +546,10 @@ Status Driver::readMany(std::int64_t page, std::int32_t count, std::uint32_t opt
 // --- Writing
 
 Status Driver::writeChecks(std::int64_t page) const {
-  if (!open_) {
-    return Status::notOpen;
-  }
-  if (page <= 0) {
-    return Status::pageOutOfRange;
-  }
-  if (page > pageCount_ + 1) {
-    return Status::writeOutOfSequence;
-  }
-  if (fileSize_ < header_) {
-    return Status::shorterThanHeader;
-  }
+  if (!open_) return Status::notOpen;
+  if (page <= 0) return Status::pageOutOfRange;
+  if (page > pageCount_ + 1) return Status::writeOutOfSequence;
+  if (fileSize_ < header_) return Status::shorterThanHeader;
   return writeAccess_ != qz::rewritePages && page != pageCount_ + 1 ? Status::writeOutOfSequence
                                                                     : Status::ok;
 }
@@ -631,15 +569,11 @@ Status Driver::writing(std::int64_t page, const std::string& data, bool* holdEnd
     return static_cast<std::int64_t>(collected_.size()) == pagesPerBlock ? writeBack() : Status::ok;
   }
   *holdEnds = false;
-  if (lackedMemory()) {
-    return Status::noMemory;
-  }
+  if (lackedMemory()) return Status::noMemory;
   const std::string before(appends ? std::string_view() : onDisk(page));
   const Status status = judged(store(offsetOf(page), data), data.size());
   if (status != Status::ok) {
-    if (!appends && onDisk(page) != before) {
-      torn_.emplace(page, before);
-    }
+    if (!appends && onDisk(page) != before) torn_.emplace(page, before);
     cut(pageCount_);
     return status;
   }
@@ -659,9 +593,7 @@ Status Driver::write(std::int64_t page, int hold, int shift, bool asItIs) {
   char* const from = hold < 0 ? own.get() + shift : holds_[static_cast<std::size_t>(hold)].at;
   if (!asItIs || hold < 0) {
     stamp(from, pageSize_, page, ++version_);
-    for (Hold& other : holds_) {
-      other.modified = other.modified || other.at == from;
-    }
+    for (Hold& other : holds_) other.modified = other.modified || other.at == from;
   }
   const std::string data(from, static_cast<std::size_t>(pageSize_));
   begin();
@@ -671,13 +603,10 @@ Status Driver::write(std::int64_t page, int hold, int shift, bool asItIs) {
     bool holdEnds = true;
     wanted = writing(page, data, &holdEnds);
     for (Hold& other : holds_) {  // a copy elsewhere may stay as it was
-      if (wanted == Status::ok && (other.at == from || other.page == page)) {
+      if (wanted == Status::ok && (other.at == from || other.page == page))
         other.modified = other.page != page || other.at != from;
-      }
     }
-    if (hold >= 0 && holdEnds) {
-      holds_.erase(holds_.begin() + hold);
-    }
+    if (hold >= 0 && holdEnds) holds_.erase(holds_.begin() + hold);
   }
   return check(fmt::format("write {} {} {}", page, hold, shift), actual, wanted);
 }
@@ -746,9 +675,8 @@ Status Driver::acquire() {
   Status wanted = !open_                                                     ? Status::notOpen
                   : static_cast<int>(holds_.size()) >= world_.h->bufferCount ? Status::noBuffer
                                                                              : Status::ok;
-  if (wanted == Status::ok && actual == Status::noBuffer && (shortOfBuffers_ || lackedMemory())) {
+  if (wanted == Status::ok && actual == Status::noBuffer && (shortOfBuffers_ || lackedMemory()))
     wanted = actual;
-  }
   if (actual == Status::ok) {
     holds_.push_back({world_.at, 0, inBlocks(), true});
   }
@@ -781,9 +709,7 @@ Status Driver::add(std::int32_t count) {
   const Status actual = world_.add(count);
   const bool lacked = lackedMemory() || shortOfBuffers_;
   Status wanted = open_ ? Status::ok : Status::notOpen;
-  if (wanted == Status::ok && lacked && actual == Status::buffersMissing) {
-    wanted = actual;
-  }
+  if (wanted == Status::ok && lacked && actual == Status::buffersMissing) wanted = actual;
   shortOfBuffers_ = shortOfBuffers_ || (open_ && lacked);
   const std::int32_t grown = actual == Status::ok && (count > 0 || inBlocks()) ? count : 0;
   EXPECT_TRUE(actual == Status::buffersMissing || world_.h->bufferCount == before + grown);

@@ -20,9 +20,7 @@ class Walk {
       SCOPED_TRACE("step " + std::to_string(step));
       if (chance(12)) {
         faults_ = {fault()};
-        if (chance(20)) {
-          faults_.push_back(fault());
-        }
+        if (chance(20)) faults_.push_back(fault());
       }
       if (driver_.isAdrift()) {
         faults_.clear();
@@ -33,9 +31,7 @@ class Walk {
       } else {
         useClosed();
       }
-      if (step % 25 == 0 || !faults_.empty()) {
-        driver_.compareFile();
-      }
+      if (step % 25 == 0 || !faults_.empty()) driver_.compareFile();
       faults_.clear();
     }
     if (driver_.isAttached()) {
@@ -61,9 +57,7 @@ class Walk {
     geometry_ = {aligned ? 4096 : 512, pick(1, 5), 0, pick(1, 4)};
     geometry_.headerBytes = aligned ? one({0, 512, 4096}) : one({0, 1, 100, 512});
     world_.h->pageSize = geometry_.pageSize;
-    if (chance(70)) {
-      world_.makeFile(pick(0, 20), geometry_.headerBytes);
-    }
+    if (chance(70)) world_.makeFile(pick(0, 20), geometry_.headerBytes);
     return geometry_;
   }
 
@@ -127,9 +121,7 @@ class Walk {
 
   void useClosed() {
     const bool left = driver_.isAttached() && !driver_.isPreopened();
-    if (left) {
-      world_.h->openOptions &= ~qz::optionFlushAtClose;
-    }
+    if (left) world_.h->openOptions &= ~qz::optionFlushAtClose;
     const int choice = pick(1, 100);
     if (left && choice <= 70) {
       plan(true);

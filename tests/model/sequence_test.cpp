@@ -28,9 +28,8 @@ class SequenceTest : public ::testing::TestWithParam<std::tuple<Shape, DirectIo>
 
   void SetUp() override {
     setDirectIo(std::get<1>(GetParam()));
-    if (std::get<1>(GetParam()) == DirectIo::real && !takesDirectIo(world.path)) {
+    if (std::get<1>(GetParam()) == DirectIo::real && !takesDirectIo(world.path))
       GTEST_SKIP() << "no O_DIRECT on the file system of " << world.path;
-    }
   }
   void TearDown() override { world.finish(); }
 
@@ -50,21 +49,15 @@ class SequenceTest : public ::testing::TestWithParam<std::tuple<Shape, DirectIo>
   void append(std::int64_t until) {
     while (driver.pages() < until) {
       const std::int64_t page = driver.pages() + 1;
-      if (page % 3 == 0) {
-        driver.acquire();
-      }
+      if (page % 3 == 0) driver.acquire();
       driver.write(page, page % 3 == 0 ? driver.holds() - 1 : -1, page % 2 == 0 ? 8 : 0);
     }
   }
   // Reads all pages in order or shuffled; rewrites some, returns the others.
   void readAll(bool shuffled) {
     std::vector<std::int64_t> pages(static_cast<std::size_t>(driver.pages()));
-    for (std::size_t i = 0; i < pages.size(); ++i) {
-      pages[i] = static_cast<std::int64_t>(i) + 1;
-    }
-    if (shuffled) {
-      std::shuffle(pages.begin(), pages.end(), random);
-    }
+    for (std::size_t i = 0; i < pages.size(); ++i) pages[i] = static_cast<std::int64_t>(i) + 1;
+    if (shuffled) std::shuffle(pages.begin(), pages.end(), random);
     for (const std::int64_t page : pages) {
       EXPECT_EQ(driver.read(page), Status::ok);
       const int hold = driver.holds() - 1;

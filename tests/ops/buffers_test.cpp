@@ -116,9 +116,12 @@ TEST_F(BuffersTest, BlocksAreChosenEmptyFirstElseReleasedLast) {
   giveBack(acquired->data + kPage);
   EXPECT_EQ(h->blockFreeList.tail, acquired);
   EXPECT_EQ(did(read(1)), "ok pread 16384@4096");
+  char* const one = at;
   EXPECT_EQ(h->blockHeldList.head, acquired) << "empty, so before the block of page 5";
-  giveBack(nine);
+  EXPECT_EQ(did(read(2)), "ok") << "what was stale before is not any more";
   giveBack(at);
+  giveBack(nine);
+  giveBack(one);
 }
 
 TEST_F(BuffersTest, AcquireMakesABlockWhenNoneIsFree) {

@@ -24,9 +24,8 @@ std::string outputOf(const std::string& command) {
   std::string output;
   FILE* pipe = popen(command.c_str(), "r");
   std::array<char, 4096> chunk{};
-  while (std::size_t got = std::fread(chunk.data(), 1, chunk.size(), pipe)) {
+  while (std::size_t got = std::fread(chunk.data(), 1, chunk.size(), pipe))
     output.append(chunk.data(), got);
-  }
   EXPECT_EQ(pclose(pipe), 0) << command;
   return output;
 }
@@ -38,12 +37,9 @@ TEST(Library, ExportsItsNamesAndImportsNoAllocatorNorFormatter) {
   for (std::string line; std::getline(lines, line);) {
     std::array<std::string, 8> field;  // number, value, size, type, binding, visibility, section
     std::istringstream words(line);
-    for (std::string& word : field) {
-      words >> word;
-    }
-    if (field[4] == "GLOBAL" || field[4] == "WEAK") {
+    for (std::string& word : field) words >> word;
+    if (field[4] == "GLOBAL" || field[4] == "WEAK")
       (field[6] == "UND" ? imported : exported).insert(field[7].substr(0, field[7].find('@')));
-    }
   }
   std::set<std::string> expected(kOperations.begin(), kOperations.end());
   expected.insert({"Exported_QZHandle", "qziop", "qzextent", "qzWait", "qzlMessageToBuf",
@@ -84,9 +80,8 @@ TEST_F(EntryTest, ExtensionObject) {
   EXPECT_EQ(module->bufferPool, host.pool("qziop buffer pool"));
   void* slots[21];
   std::memcpy(slots, &module->operations, sizeof slots);
-  for (std::size_t i = 0; i < kOperations.size(); ++i) {
+  for (std::size_t i = 0; i < kOperations.size(); ++i)
     EXPECT_EQ(slots[i], Library::get().symbol(kOperations.at(i))) << kOperations.at(i);
-  }
   EXPECT_EQ(reinterpret_cast<void*>(module->qzpdestroy), Library::get().symbol("qzpdestroy"));
   std::uint32_t v[3];
   EXPECT_EQ(module->qzpgetreqversion(nullptr, &v[0], &v[1], &v[2]), Status::ok);
@@ -248,15 +243,12 @@ TEST_F(FileTest, ReportsGrowTheirBuffer) {
     calls().plan(row.faults);
     EXPECT_EQ(flush(), Status::notOpen);
     std::string capacities;
-    for (const std::uint32_t capacity : recorder.capacities) {
+    for (const std::uint32_t capacity : recorder.capacities)
       capacities += (capacities.empty() ? "" : " ") + std::to_string(capacity);
-    }
     EXPECT_EQ(capacities, row.capacities);
     EXPECT_EQ(calls().hostCalls(), row.hostCalls);
     EXPECT_EQ(recorder.entries, row.entries);
-    if (!row.entries.empty()) {
-      EXPECT_EQ(recorder.lastLength, std::max(4U, row.text) + row.nameLine);
-    }
+    if (!row.entries.empty()) EXPECT_EQ(recorder.lastLength, std::max(4U, row.text) + row.nameLine);
   }
 }
 

@@ -246,9 +246,7 @@ TEST_F(WholeFileTest, CloseKeepsItsFirstFailure) {
     calls().plan({{Call::memFree, 1, kEveryLater, -1, 0x80FFE101}});
     const Status status = close();
     std::string entries = "4:80FFE101";
-    for (int i = 1; i < (shape == Shape::block ? 9 : 6); ++i) {
-      entries += " 4:80FFE101";
-    }
+    for (int i = 1; i < (shape == Shape::block ? 9 : 6); ++i) entries += " 4:80FFE101";
     EXPECT_EQ(did(status), "808 {" + entries + "}");
     EXPECT_EQ(h->hostFile, nullptr);
   }

@@ -129,14 +129,11 @@ TEST_F(OpenTest, BusyFilesAreWaitedFor) {
     calls().plan({{Call::fileOpen, 1, row.busyCalls, EAGAIN, row.status}});
     EXPECT_EQ(did(open()), row.result);
     std::string wanted = row.busyCalls > 0 ? "fileOpen!" : "fileOpen";
-    for (int i = 1; i <= row.waits; ++i) {
+    for (int i = 1; i <= row.waits; ++i)
       wanted += i < row.busyCalls ? " taskWait:1000 fileOpen!" : " taskWait:1000 fileOpen";
-    }
     EXPECT_EQ(calls().hostCalls().substr(0, wanted.size()), wanted);
     EXPECT_EQ(calls().count(Call::taskWait), row.waits);
-    if (h->hostFile != nullptr) {
-      EXPECT_EQ(did(close()), "ok");
-    }
+    if (h->hostFile != nullptr) EXPECT_EQ(did(close()), "ok");
   }
   // The wait ends with the first answer that is not busy; without a host handle there is none.
   h->openRetryCount = 5;
@@ -278,9 +275,7 @@ TEST_F(OpenTest, GeometryIsSettledOrRefused) {
       EXPECT_EQ(h->pageSize, row.settledPage);
       EXPECT_TRUE(row.settledPages == -1 || h->pageCount == row.settledPages) << h->pageCount;
       EXPECT_EQ(bytesOnDisk(), row.fileBytes) << "the file stays";
-      if (h->hostFile != nullptr) {
-        EXPECT_EQ(did(close()), "ok");
-      }
+      if (h->hostFile != nullptr) EXPECT_EQ(did(close()), "ok");
     }
   }
 }

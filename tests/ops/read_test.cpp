@@ -97,6 +97,9 @@ TEST_F(ReadTest, HeldPagesAreSharedInPageMode) {
   stamp(held, kPage, 2, 1);
   EXPECT_EQ(did(write(2, held)), "ok pwrite 4096@8192");
   EXPECT_TRUE(h->heldCount == 1 && h->pageHeldList.head == buffer && buffer->pageNumber == 2);
+  read(2);
+  EXPECT_EQ(did(write(3, held)), "ok pwrite 4096@12288");
+  EXPECT_TRUE(h->heldCount == 1 && buffer->pageNumber == 2) << "the other hold is of page 2";
   EXPECT_EQ(did(giveBack(held)), "ok");
   EXPECT_EQ(did(giveBack(held)), "814 {!814}");
   EXPECT_EQ(did(read(2)), "ok pread 4096@8192");
@@ -166,6 +169,17 @@ TEST_F(ReadTest, BlockModeTellsShortAndFailedBlocks) {
   openWith(Shape::block, 7);
   calls().plan({{Call::pread, 1, 2, -1, EINTR}});
   EXPECT_EQ(did(read(7)), "ok pread 16384@20480!4 pread 16384@20480!4 pread 16384@20480=12288");
+}
+
+// Writing the page after it does not make a block whole that came short.
+TEST_F(ReadTest, ShortBlocksDoNotGrow) {
+  openWith(Shape::block, 6);
+  cutTo(6 * kPage);
+  EXPECT_EQ(did(read(5)), "ok pread 16384@20480=4096");
+  EXPECT_EQ(did(writeOwn(7, 1)), "ok pwrite 4096@28672");
+  EXPECT_EQ(h->blockHeldList.head->lastPage, 6);
+  EXPECT_EQ(did(read(7)), "ok pread 16384@20480=12288");
+  EXPECT_TRUE(holdsPage(7, 1));
 }
 
 TEST_F(ReadTest, StalePagesAreReadAgainAlone) {

@@ -39,9 +39,7 @@ void* Library::symbol(const char* name) const { return dlsym(handle, name); }
 // --- The journal
 
 std::string shortCode(std::uint32_t status) {
-  if (status == 0) {
-    return "ok";
-  }
+  if (status == 0) return "ok";
   constexpr std::uint32_t kModule = 0x803FC000;
   return (status & 0xFFFFF000) == kModule ? fmt::format("{:03X}", status & 0xFFF)
                                           : fmt::format("{:08X}", status);
@@ -52,9 +50,7 @@ namespace {
 constexpr std::uint32_t kNameLine = 0x803FC825;
 
 std::string nameIn(const char32_t* name, const std::u32string& expected) {
-  if (name == nullptr) {
-    return "null";
-  }
+  if (name == nullptr) return "null";
   return name == expected ? "~" : qz::toUtf8(name);
 }
 
@@ -88,9 +84,7 @@ qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t*
   const std::size_t wanted =
       std::max<std::size_t>(text.size(), names ? me.nameLineLength : me.textLength);
   me.capacities.push_back(capacity);
-  if (wanted > capacity) {
-    return qz::hostTextTooLong;
-  }
+  if (wanted > capacity) return qz::hostTextTooLong;
   std::fill(buffer, buffer + wanted, U' ');
   std::copy(text.begin(), text.end(), buffer);
   *lengthOut = static_cast<std::uint32_t>(wanted);
@@ -272,9 +266,7 @@ qz::Status World::writeOwn(std::int64_t page, std::uint32_t version) {
 
 qz::Status World::rewrite(std::int64_t page, std::uint32_t version) {
   const qz::Status status = read(page);
-  if (status != qz::Status::ok) {
-    return status;
-  }
+  if (status != qz::Status::ok) return status;
   stamp(at, h->pageSize, page, version);
   return write(page, at);
 }
@@ -326,9 +318,7 @@ void World::begin() {
 }
 
 void World::end() {
-  if (!checksInvariants || h == nullptr) {
-    return;
-  }
+  if (!checksInvariants || h == nullptr) return;
   const std::string broken =
       brokenInvariant(*h, host.poolCounts("qziop pool").liveBlocks,
                       host.poolCounts("qziop buffer pool").liveBlocks, otherBlocks);
@@ -360,9 +350,7 @@ namespace {
 template <class Node>
 std::size_t lengthOf(const qz::List<Node>& list) {
   std::size_t length = 0;
-  for (const Node* node = list.head; node != nullptr; node = node->next) {
-    ++length;
-  }
+  for (const Node* node = list.head; node != nullptr; node = node->next) ++length;
   return length;
 }
 
@@ -373,9 +361,7 @@ std::size_t World::listed(const qz::List<qz::BlockRecord>& list) const { return 
 
 void World::finish() {
   calls().plan({});
-  if (module == nullptr) {
-    return;
-  }
+  if (module == nullptr) return;
   if (h != nullptr) {
     if (h->hostFile != nullptr) {
       h->openOptions &= ~qz::optionFlushAtClose;

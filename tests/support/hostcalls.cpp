@@ -13,13 +13,9 @@ struct Originals {
   decltype(qz::QZHandle::poolCreate) poolCreate;
   decltype(qz::MemoryPool::memAlloc) memAlloc;
   decltype(qz::MemoryPool::memFree) memFree;
-  decltype(qz::MemoryPool::destroy) poolDestroy;
   decltype(qz::QZHandle::extensionLoad) extensionLoad;
-  decltype(qz::TreeExtension::destroy) extensionDestroy;
   decltype(qz::TreeExtension::treeCreate) treeCreate;
-  decltype(qz::PageTree::destroy) treeDestroy;
   decltype(qz::EncodingServices::converterCreate) converterCreate;
-  decltype(qz::Converter::destroy) converterDestroy;
   decltype(qz::FileService::fileOpen) fileOpen;
   decltype(qz::FileMethods::fileReopen) fileReopen;
   decltype(qz::FileMethods::fileClose) fileClose;
@@ -50,18 +46,31 @@ template <class Release>
 qz::HostStatus released(CallRecord record, Release release) {
   const Fault* fault = calls().next(record.call);
   qz::HostStatus status = 0;
-  if (fault == nullptr || fault->result != kNotDone) {
-    status = release();
-  }
-  if (fault != nullptr) {
-    status = fault->error;
-  }
+  if (fault == nullptr || fault->result != kNotDone) status = release();
+  if (fault != nullptr) status = fault->error;
   record.result = status;
   calls().record(record);
   return status;
 }
 
 int idOf(const qz::MemoryPool* pool) { return pool == bufferPool ? 'b' : 'm'; }
+int idOf(const qz::TreeExtension* /*extension*/) { return 'e'; }
+int idOf(const qz::Converter* /*converter*/) { return 'c'; }
+int idOf(const qz::PageTree* /*tree*/) { return 't'; }
+
+template <class Object>
+decltype(Object::destroy) originalDestroy;
+
+template <class Object>
+qz::HostStatus destroy(Object* object) {
+  return released({Call::destroy, idOf(object), 0, 0, 0, 0, 0},
+                  [&] { return originalDestroy<Object>(object); });
+}
+
+template <class Object>
+void replaceDestroy(Object* object) {
+  replace(object->destroy, originalDestroy<Object>, destroy<Object>);
+}
 
 void* memAlloc(qz::MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {
   return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags, 0, 0, 0},
@@ -73,20 +82,13 @@ qz::HostStatus memFree(qz::MemoryPool* pool, void* block) {
                   [&] { return originals.memFree(pool, block); });
 }
 
-qz::HostStatus poolDestroy(qz::MemoryPool* pool) {
-  return released({Call::destroy, idOf(pool), 0, 0, 0, 0, 0},
-                  [&] { return originals.poolDestroy(pool); });
-}
-
 qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attributes,
                            qz::Journal* journal, const char* name) {
   const bool forBuffers = std::string_view(name) == "qziop buffer pool";
   qz::MemoryPool* pool =
       created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0], 0, 0, 0},
               [&] { return originals.poolCreate(host, attributes, journal, name); });
-  if (pool == nullptr) {
-    return nullptr;
-  }
+  if (pool == nullptr) return nullptr;
   if (forBuffers) {
     bufferPool = pool;
   } else if (bufferPool == pool) {
@@ -94,13 +96,8 @@ qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attribu
   }
   replace(pool->memAlloc, originals.memAlloc, memAlloc);
   replace(pool->memFree, originals.memFree, memFree);
-  replace(pool->destroy, originals.poolDestroy, poolDestroy);
+  replaceDestroy(pool);
   return pool;
-}
-
-qz::HostStatus treeDestroy(qz::PageTree* tree) {
-  return released({Call::destroy, 't', 0, tree->anchor.root != nullptr ? 1 : 0, 0, 0, 0},
-                  [&] { return originals.treeDestroy(tree); });
 }
 
 qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes* attributes,
@@ -108,15 +105,8 @@ qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes*
   qz::PageTree* tree = created({Call::treeCreate, 't', attributes->keyOffset, 0, 0, 0, 0}, [&] {
     return originals.treeCreate(extension, attributes, journal, name);
   });
-  if (tree != nullptr) {
-    replace(tree->destroy, originals.treeDestroy, treeDestroy);
-  }
+  if (tree != nullptr) replaceDestroy(tree);
   return tree;
-}
-
-qz::HostStatus extensionDestroy(qz::TreeExtension* extension) {
-  return released({Call::destroy, 'e', 0, 0, 0, 0, 0},
-                  [&] { return originals.extensionDestroy(extension); });
 }
 
 qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::uint32_t length,
@@ -125,15 +115,10 @@ qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::
     return originals.extensionLoad(host, name, length, journal);
   });
   if (extension != nullptr) {
-    replace(extension->destroy, originals.extensionDestroy, extensionDestroy);
+    replaceDestroy(extension);
     replace(extension->treeCreate, originals.treeCreate, treeCreate);
   }
   return extension;
-}
-
-qz::HostStatus converterDestroy(qz::Converter* converter) {
-  return released({Call::destroy, 'c', 0, 0, 0, 0, 0},
-                  [&] { return originals.converterDestroy(converter); });
 }
 
 qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding, qz::Word word,
@@ -141,19 +126,23 @@ qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding
   qz::Converter* converter =
       created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word), 0, 0, 0},
               [&] { return originals.converterCreate(services, encoding, word, journal); });
-  if (converter != nullptr) {
-    replace(converter->destroy, originals.converterDestroy, converterDestroy);
-  }
+  if (converter != nullptr) replaceDestroy(converter);
   return converter;
+}
+
+// What a planned failure of an open tells.
+qz::HostStatus refused(const Fault& fault, qz::OpenParameters* parameters) {
+  parameters->systemErrno = static_cast<std::int32_t>(fault.result);
+  parameters->errorDetail1 = 11;
+  parameters->errorDetail2 = 22;
+  return fault.error;
 }
 
 // Opens through `open`, which is not to see O_DIRECT when that is simulated.
 template <class Open>
 auto withoutDirectIo(qz::OpenParameters* parameters, Open open) {
   const std::uint32_t asked = parameters->openFlags;
-  if (directIo != DirectIo::real) {
-    parameters->openFlags &= ~qz::openflag::direct;
-  }
+  if (directIo != DirectIo::real) parameters->openFlags &= ~qz::openflag::direct;
   const auto result = open();
   parameters->openFlags = asked;
   return result;
@@ -172,19 +161,14 @@ qz::HostStatus fileReopen(qz::HostFile* file, qz::OpenParameters* parameters,
   const Fault* fault = calls().next(Call::fileReopen);
   qz::HostStatus status = 0;
   if (fault != nullptr) {
-    status = fault->error;
-    parameters->systemErrno = static_cast<std::int32_t>(fault->result);
-    parameters->errorDetail1 = 11;
-    parameters->errorDetail2 = 22;
+    status = refused(*fault, parameters);
   } else {
     status = withoutDirectIo(
         parameters, [&] { return originals.fileReopen(file, parameters, accessMode, journal); });
   }
   record.result = status;
   calls().record(record);
-  if (status == 0) {
-    enforceAlignment(*parameters);
-  }
+  if (status == 0) enforceAlignment(*parameters);
   return status;
 }
 
@@ -210,10 +194,7 @@ qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters,
   const Fault* fault = calls().next(Call::fileOpen);
   qz::HostFile* file = nullptr;
   if (fault != nullptr) {
-    *status = fault->error;
-    parameters->systemErrno = static_cast<std::int32_t>(fault->result);
-    parameters->errorDetail1 = 11;
-    parameters->errorDetail2 = 22;
+    *status = refused(*fault, parameters);
   } else {
     file = withoutDirectIo(parameters, [&] {
       return originals.fileOpen(service, parameters, one, accessMode, journal, status);
@@ -246,9 +227,7 @@ void recordHostCalls(qz::StandInHost& host) {
   replace(handle->encodingServices->converterCreate, originals.converterCreate, converterCreate);
   replace(handle->fileService->fileOpen, originals.fileOpen, fileOpen);
   handle->mainTask->taskWait = taskWait;
-  if (qz::Task* task = handle->currentTask(handle); task != nullptr) {
-    task->taskWait = taskWait;
-  }
+  if (qz::Task* task = handle->currentTask(handle); task != nullptr) task->taskWait = taskWait;
 }
 
 void setDirectIo(DirectIo way) {

@@ -26,9 +26,8 @@ class Checker {
  private:
   template <class... Arguments>
   void require(bool holds, fmt::format_string<Arguments...> text, Arguments&&... arguments) {
-    if (!holds && broken_.empty()) {
+    if (!holds && broken_.empty())
       broken_ = fmt::format(text, std::forward<Arguments>(arguments)...);
-    }
   }
 
   // Calls visit for each record; true when the list is linked both ways and ends.
@@ -109,9 +108,7 @@ class Checker {
   void checkTree() {
     std::size_t withPage = 0;
     for (const qz::PageBuffer* buffer : pages_) {
-      if (buffer->pageNumber == 0) {
-        continue;
-      }
+      if (buffer->pageNumber == 0) continue;
       ++withPage;
       require(h_.pageTree != nullptr, "page {} in a buffer without a tree", buffer->pageNumber);
       if (h_.pageTree != nullptr) {
@@ -128,9 +125,7 @@ class Checker {
     // NOLINTNEXTLINE(performance-no-int-to-ptr): the tags are taken off as a number
     const auto* node = reinterpret_cast<qz::PageBuffer*>(reinterpret_cast<std::uintptr_t>(link) &
                                                          ~std::uintptr_t{3});
-    if (node == nullptr) {
-      return 0;
-    }
+    if (node == nullptr) return 0;
     if (pages_.count(node) == 0) {
       require(false, "the tree reaches a freed buffer");
       return 0;
@@ -139,9 +134,7 @@ class Checker {
   }
 
   void checkWriteBlock() {
-    if (h_.writeBlock == nullptr) {
-      return;
-    }
+    if (h_.writeBlock == nullptr) return;
     const qz::BlockRecord& block = *h_.writeBlock;
     require(blocks_.count(&block) == 0, "the write block is on a list");
     require(block.holdCount == 0, "the write block is held {} times", block.holdCount);
@@ -171,9 +164,7 @@ class Checker {
 std::string brokenInvariant(const qz::FileHandle& h, std::size_t moduleBlocks,
                             std::size_t bufferBlocks, std::size_t otherBlocks) {
   std::string broken = Checker(h).broken();
-  if (!broken.empty()) {
-    return broken;
-  }
+  if (!broken.empty()) return broken;
   const auto pages = static_cast<std::size_t>(h.pageBuffersAllocated);
   const auto blocks = static_cast<std::size_t>(h.blocksAllocated);
   const std::size_t own = 1 + (h.fileName != nullptr ? 1 : 0) + pages + 2 * blocks;

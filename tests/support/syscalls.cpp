@@ -23,9 +23,7 @@ int findLibrary(dl_phdr_info* info, std::size_t /*size*/, void* data) {
   auto* range = static_cast<Range*>(data);
   for (int i = 0; i < info->dlpi_phnum; ++i) {
     const auto& header = info->dlpi_phdr[i];
-    if (header.p_type != PT_LOAD || (header.p_flags & PF_X) == 0) {
-      continue;
-    }
+    if (header.p_type != PT_LOAD || (header.p_flags & PF_X) == 0) continue;
     // NOLINTNEXTLINE(performance-no-int-to-ptr): load addresses come as numbers
     const auto* begin = reinterpret_cast<const char*>(info->dlpi_addr + header.p_vaddr);
     if (range->address >= begin && range->address < begin + header.p_memsz) {
@@ -86,9 +84,7 @@ const char* nameOf(Call call) {
 
 void Calls::watch(const void* address) {
   Range range{address, nullptr, nullptr};
-  if (address != nullptr) {
-    dl_iterate_phdr(findLibrary, &range);
-  }
+  if (address != nullptr) dl_iterate_phdr(findLibrary, &range);
   begin_ = range.begin;
   end_ = range.end;
 }
@@ -100,9 +96,7 @@ void Calls::plan(std::vector<Fault> faults) {
 }
 
 const Fault* Calls::next(Call call) {
-  if (faults_.empty()) {
-    return nullptr;
-  }
+  if (faults_.empty()) return nullptr;
   const int number = ++made_[static_cast<int>(call)];
   for (const Fault& fault : faults_) {
     if (fault.call == call && number >= fault.nth && number - fault.nth < fault.count) {
@@ -120,11 +114,8 @@ int Calls::count(Call call) const {
 
 const CallRecord& Calls::at(Call call, int place) const {
   static const CallRecord none{};
-  for (const CallRecord& record : trace_) {
-    if (record.call == call && place-- == 0) {
-      return record;
-    }
-  }
+  for (const CallRecord& record : trace_)
+    if (record.call == call && place-- == 0) return record;
   return none;
 }
 
@@ -139,19 +130,13 @@ bool Calls::isMisaligned(const void* memory, std::int64_t length, std::int64_t o
 std::string Calls::io() const {
   std::string text;
   for (const CallRecord& record : trace_) {
-    if (record.call > Call::lastSystemCall) {
-      continue;
-    }
+    if (record.call > Call::lastSystemCall) continue;
     const bool transfers = record.call <= Call::readv;
     const bool positioned = record.call != Call::fsync && record.call != Call::statfs &&
                             record.call != Call::read && record.call != Call::readv;
     text += (text.empty() ? "" : " ") + std::string(nameOf(record.call));
-    if (transfers) {
-      text += " " + std::to_string(record.length);
-    }
-    if (positioned) {
-      text += (transfers ? "@" : " ") + std::to_string(record.offset);
-    }
+    if (transfers) text += " " + std::to_string(record.length);
+    if (positioned) text += (transfers ? "@" : " ") + std::to_string(record.offset);
     if (record.result == -1) {
       text += "!" + std::to_string(record.error);
     } else if (transfers && record.call != Call::readv && record.result != record.length) {
@@ -164,14 +149,11 @@ std::string Calls::io() const {
 std::string Calls::hostCalls() const {
   std::string text;
   for (const CallRecord& record : trace_) {
-    if (record.call <= Call::environment) {
-      continue;
-    }
+    if (record.call <= Call::environment) continue;
     const bool creates = record.call >= Call::poolCreate && record.call <= Call::memAlloc;
     text += (text.empty() ? "" : " ") + std::string(nameOf(record.call));
-    if (creates || record.call == Call::memFree || record.call == Call::destroy) {
+    if (creates || record.call == Call::memFree || record.call == Call::destroy)
       text += std::string(":") + static_cast<char>(record.target);
-    }
     if (record.call == Call::memAlloc) {
       text += std::to_string(record.length) + (record.offset != 0 ? "z" : "");
     } else if (record.call == Call::taskWait) {
