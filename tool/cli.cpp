@@ -163,6 +163,19 @@ Failure usageFailure(const std::string& what, const std::string& command) {
       .tryThis(fmt::format("qzpfile {}--help", command.empty() ? "" : command + " "));
 }
 
+// A line that does not begin with a command or an option of the program itself.
+void requireCommand(const std::vector<std::string>& words) {
+  if (words.empty()) {
+    throw usageFailure("name a command", "");
+  }
+  const bool known = std::ranges::any_of(
+      commands(), [&words](const Command& command) { return words.front() == command.name; });
+  if (!known && words.front() != "--help" && words.front() != "-h" &&
+      words.front() != "--version") {
+    throw usageFailure(fmt::format("there is no command \"{}\"", words.front()), "");
+  }
+}
+
 // What concerns more than one option.
 void checkTogether(const Command& command, const Invocation& call) {
   const bool makes = (command.options & optionNewSizes) != 0;
@@ -185,7 +198,7 @@ void checkTogether(const Command& command, const Invocation& call) {
 
 std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std::string>& words) {
   CLI::App app("Packs files into pages, reads, changes, checks and measures paged files.");
-  app.require_subcommand(1);
+  requireCommand(words);
   app.set_help_flag("-h,--help", "show this help");
   app.set_version_flag("--version", "qzpfile " QZPFILE_VERSION, "show the version");
   ParsedCommand parsed{};

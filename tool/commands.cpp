@@ -121,7 +121,7 @@ constexpr std::array kCommands = {
             "qzpfile bench --block-size 1M --format json backup.qzp\tsmaller blocks, for programs",
             kFile, kNone, optionRaw | optionBlockSize | optionFormat | optionProgress, runBench},
     Command{"rm", "remove a paged file",
-            "Removes FILE, if it is a paged file. With --raw it is not looked at first.",
+            "Removes FILE, if it is a paged file. With --raw it may be any file.",
             "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw, runRm},
 };
 

@@ -91,6 +91,11 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
     case qz::Status::noMemory:
     case qz::Status::noBuffer:
       return "use smaller pages, a smaller --block-size or fewer --buffers";
+    case qz::Status::noSpace:
+      if (error.errorNumber == 0) {  // a part was written, and that is no error to the system
+        return "make room on that file system, or raise the file size limit (ulimit -f)";
+      }
+      break;
     case qz::Status::misfit:
     case qz::Status::endOfFile:
     case qz::Status::shorterThanHeader:
@@ -141,8 +146,8 @@ std::string Failure::reason() const {
 
 std::string Failure::text(bool colour) const {
   std::string out = colour ? "\x1b[1;31mqzpfile:\x1b[0m " : "qzpfile: ";
+  if (!file_.empty()) out += file_ + ": ";
   out += what_;
-  if (!file_.empty()) out += ": " + file_;
   if (errorNumber_ != 0) out += ": " + reasonOf(errorNumber_);
   out += '\n';
   if (page_) out += fmt::format("  where:  page {}, file offset {}\n", *page_, *offset_);

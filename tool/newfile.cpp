@@ -20,11 +20,6 @@ std::string resolved(const std::string& name) {
   return real ? std::string(real.get()) : name;
 }
 
-std::string folderOf(const std::string& name) {
-  const std::size_t slash = name.rfind('/');
-  return slash == std::string::npos ? "." : name.substr(0, slash + 1);
-}
-
 unsigned defaultMode() {
   const mode_t mask = umask(0);
   umask(mask);
@@ -38,6 +33,11 @@ Failure exists(const std::string& target) {
 }
 
 }  // namespace
+
+std::string folderOf(const std::string& name) {
+  const std::size_t slash = name.rfind('/');
+  return slash == std::string::npos ? "." : name.substr(0, slash + 1);
+}
 
 NewFile::NewFile(const std::string& target, bool force)
     : shown_(target),

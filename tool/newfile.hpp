@@ -6,6 +6,9 @@
 
 namespace qzpfile {
 
+// The folder that a name is in; "." for a name alone.
+std::string folderOf(const std::string& name);
+
 class NewFile {
  public:
   // Refuses a target that exists, unless `force`; and one that is no regular file in any case. A

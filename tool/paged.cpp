@@ -85,7 +85,7 @@ void requireWhole(const Source& source) {
   if (!source.measured.isWhole()) {
     throw Failure(Exit::badData, "is not whole: " + describe(source.measured, source.geometry),
                   source.name)
-        .tryThis("get a whole copy of the file; cut files keep the pages before the cut");
+        .tryThis("get a whole copy of the file");
   }
 }
 

@@ -1,0 +1,43 @@
+# Completion of qzpfile for bash.
+_qzpfile() {
+  local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}
+  local raw='--raw --page-size --header-size' io='--io --block-size --buffers' options
+  COMPREPLY=()
+  case $prev in
+    --io) mapfile -t COMPREPLY < <(compgen -W 'auto buffered direct block' -- "$cur"); return ;;
+    --format) mapfile -t COMPREPLY < <(compgen -W 'text json' -- "$cur"); return ;;
+    --progress) mapfile -t COMPREPLY < <(compgen -W 'auto always never' -- "$cur"); return ;;
+    --page-size | --header-size | --block-size)
+      mapfile -t COMPREPLY < <(compgen -W '512 4K 16K 64K 1M 4M' -- "$cur"); return ;;
+    --buffers | --pages) return ;;
+  esac
+  if [ "$COMP_CWORD" -eq 1 ]; then
+    mapfile -t COMPREPLY < <(compgen -W 'pack unpack info cat dump put truncate header copy compare
+      verify bench rm --help --version' -- "$cur")
+    return
+  fi
+  case $command in
+    pack) options="--page-size --header-size $io --force --progress" ;;
+    unpack) options="$io --force --progress" ;;
+    info) options="$raw $io --format" ;;
+    cat) options="$raw $io --pages --progress" ;;
+    dump) options="$raw $io --pages" ;;
+    put) options="$raw $io --append --progress" ;;
+    truncate) options="$raw $io" ;;
+    header) options="$raw --set" ;;
+    copy) options="$raw $io --force --progress" ;;
+    compare) options="$raw $io --keep-going --format --progress" ;;
+    verify) options="$raw --block-size --keep-going --format --progress" ;;
+    bench) options="$raw --block-size --format --progress" ;;
+    rm) options="$raw" ;;
+    *) return ;;
+  esac
+  case $cur in
+    -*) mapfile -t COMPREPLY < <(compgen -W "$options --module --verbose --help" -- "$cur") ;;
+    *)
+      compopt -o filenames
+      mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+      ;;
+  esac
+}
+complete -F _qzpfile qzpfile
