@@ -1,0 +1,145 @@
+// What each command makes of files that are not what they should be: exit statuses first, since
+// scripts go by them, then the words.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <string>
+
+#include "tool/shell.h"
+
+namespace qztest {
+namespace {
+
+constexpr std::array kLines = {
+    "$Q info x",
+    "$Q cat x >y",
+    "$Q unpack x y",
+    "$Q copy x y",
+    "$Q verify x",
+    "$Q compare good x",
+    "head -c 4096 in | $Q put x 1",
+    "$Q bench x",
+};
+
+struct Damage {
+  const char* name;
+  const char* make;  // makes x
+  std::array<int, kLines.size()> statuses;
+  const char* text;  // in what verify says
+};
+
+const Damage kDamages[] = {
+    {"none", "cp good x", {0, 0, 0, 0, 0, 0, 0, 0}, "x: good"},
+    {"cut by a page",
+     "cp good x; truncate -s -4096 x",
+     {65, 65, 65, 65, 1, 65, 65, 65},
+     "expected 49152 bytes (11 pages), found 45056 bytes: a header of 4096, 10 whole pages of "
+     "4096 and 0 left-over bytes"},
+    {"cut by 100 bytes",
+     "cp good x; truncate -s -100 x",
+     {65, 65, 65, 65, 1, 65, 65, 65},
+     "10 whole pages of 4096 and 3996 left-over bytes"},
+    {"cut in the header",
+     "head -c 2000 good >x",
+     {65, 65, 65, 65, 1, 65, 65, 65},
+     "found 2000 bytes, which ends inside the header of 4096 bytes"},
+    {"cut to ten bytes",
+     "head -c 10 good >x",
+     {65, 65, 65, 65, 65, 65, 65, 65},
+     "x: ends inside its header"},
+    {"a page too many",
+     "(cat good; head -c 4096 in) >x",
+     {65, 65, 65, 65, 1, 65, 65, 65},
+     "12 whole pages"},
+    {"swapped pages",
+     "(head -c 8192 good; tail -c +12289 good | head -c 4096; tail -c +8193 good | head -c 4096; "
+     "tail -c +16385 good) >x",
+     {0, 0, 65, 65, 1, 1, 0, 0},
+     "the header promises the checksum"},
+    {"flipped bit in the payload",
+     "cp good x; printf 'Y' | dd of=x bs=1 seek=20000 conv=notrunc status=none",
+     {0, 0, 65, 65, 1, 1, 0, 0},
+     "the header promises the checksum"},
+    {"flipped bit in the padding",
+     "cp good x; printf '\\001' | dd of=x bs=1 seek=49000 conv=notrunc status=none",
+     {0, 0, 65, 65, 1, 1, 0, 0},
+     "the header promises the checksum"},
+    {"flipped bit in the header",
+     "cp good x; printf '\\001' | dd of=x bs=1 seek=30 conv=notrunc status=none",
+     {65, 65, 65, 65, 65, 65, 65, 65},
+     "x: has a damaged header"},
+    {"a later version",
+     "cp good x; printf '\\002' | dd of=x bs=1 seek=8 conv=notrunc status=none",
+     {65, 65, 65, 65, 65, 65, 65, 65},
+     "a later version of the file format"},
+    {"left half changed",
+     "cp good x; mkfifo f; sh -c \"exec $Q put x --append\" <f & p=$!; exec 3>f; "
+     "seq 1000000 | head -c 1100000 >&3; sleep 0.5; kill -KILL $p; exec 3>&-; wait $p || true; rm "
+     "f",
+     {65, 65, 65, 65, 1, 65, 65, 65},
+     "in the middle of a change"},
+    {"foreign", "cp in x", {65, 65, 65, 65, 65, 65, 65, 65}, "describe it: --raw"},
+    {"empty", ": >x", {65, 65, 65, 65, 65, 65, 65, 65}, "x: is empty"},
+    {"a directory", "mkdir x", {66, 66, 66, 66, 66, 66, 66, 66}, "try:    name a file"},
+    {"missing", "true", {66, 66, 66, 66, 66, 66, 66, 66}, "No such file"},
+    {"a pipe", "mkfifo x", {66, 66, 66, 66, 66, 66, 66, 66}, "name a regular file"},
+};
+
+class Damaged : public testing::TestWithParam<Damage> {};
+
+TEST_P(Damaged, IsToldByEveryCommand) {
+  const Damage& damage = GetParam();
+  const Shell shell;
+  shell.prepare(damage.make);
+  for (std::size_t i = 0; i < kLines.size(); ++i) {
+    SCOPED_TRACE(kLines.at(i));
+    const Outcome outcome = shell.run(std::string("rm -f y; ") + kLines.at(i));
+    EXPECT_EQ(outcome.status, damage.statuses.at(i)) << outcome.out << outcome.err;
+    if (std::string(kLines.at(i)) == "$Q verify x") {
+      EXPECT_NE((outcome.out + outcome.err).find(damage.text), std::string::npos)
+          << outcome.out << outcome.err;
+    }
+    // What failed leaves no file under the name that it was to make.
+    if (outcome.status != 0 && i != 1) {
+      EXPECT_EQ(shell.run("test ! -e y").status, 0);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, Damaged, testing::ValuesIn(kDamages), [](const auto& test) {
+  std::string name = test.param.name;
+  for (char& c : name) c = c == ' ' ? '_' : c;
+  return name;
+});
+
+// A change does not make earlier damage look sound.
+TEST(Damage, StaysVisibleAfterAChange) {
+  runCases({{"flipped, then changed",
+             "printf 'Y' | dd of=good bs=1 seek=20000 conv=notrunc status=none; "
+             "head -c 4096 in | $Q put good 2; $Q truncate good 8",
+             "$Q verify good", 1, "good: damaged", nullptr}});
+}
+
+TEST(Damage, ComparisonSaysWhere) {
+  runCases({
+      {"first", "cp good x; printf 'Y' | dd of=x bs=1 seek=20000 conv=notrunc status=none",
+       "$Q compare good x", 1, "page 4: byte 3616 (file offsets 20000 and 20000)", nullptr},
+      {"all",
+       "cp good x; for at in 5000 20000; do printf 'Y' | dd of=x bs=1 seek=$at conv=notrunc "
+       "status=none; done",
+       "$Q compare -k good x | grep -c 'page [14]:'", 0, "2", nullptr},
+      {"length", "head -c 20000 in | $Q pack --page-size 4K - x", "$Q compare -k good x", 1,
+       "page 5: byte 3616 (file offsets 24096 and 24096)\n  pages: 11 and 5\n  payload bytes: "
+       "43008 and 20000",
+       nullptr},
+      {"page size", "$Q pack --page-size 8K in x", "$Q compare good x", 1,
+       "page size: 4096 and 8192", nullptr},
+      {"raw header", "cp good x; printf 'Y' | dd of=x bs=1 seek=99 conv=notrunc status=none",
+       "$Q compare --raw --page-size 4K --header-size 4K good x", 1, "header: byte 99", nullptr},
+      {"other header size is no difference", "$Q copy --header-size 12K good x",
+       "$Q compare good x", 0, "same, 11 pages of 4096 bytes", nullptr},
+  });
+}
+
+}  // namespace
+}  // namespace qztest
