@@ -13,7 +13,7 @@ namespace qz {
 
 inline constexpr std::size_t kStorePage = 4096;
 inline constexpr std::size_t kRegionBytes = std::size_t{2} << 20U;  // also a huge page
-// A larger request is taken for a mistake.
+// A larger request is taken for a mistake: 4 GiB, where an address has 32 bits 2 GiB.
 inline constexpr std::size_t kLargestBlock =
     sizeof(void*) == 8 ? std::size_t{1} << (sizeof(void*) * 4) : std::size_t{1} << 31U;
 
