@@ -248,7 +248,9 @@ TEST_F(FileTest, ReportsGrowTheirBuffer) {
     EXPECT_EQ(capacities, row.capacities);
     EXPECT_EQ(calls().hostCalls(), row.hostCalls);
     EXPECT_EQ(recorder.entries, row.entries);
-    if (!row.entries.empty()) EXPECT_EQ(recorder.lastLength, std::max(4U, row.text) + row.nameLine);
+    if (!row.entries.empty()) {
+      EXPECT_EQ(recorder.lastLength, std::max(4U, row.text) + row.nameLine);
+    }
   }
 }
 

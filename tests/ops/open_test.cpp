@@ -133,7 +133,9 @@ TEST_F(OpenTest, BusyFilesAreWaitedFor) {
       wanted += i < row.busyCalls ? " taskWait:1000 fileOpen!" : " taskWait:1000 fileOpen";
     EXPECT_EQ(calls().hostCalls().substr(0, wanted.size()), wanted);
     EXPECT_EQ(calls().count(Call::taskWait), row.waits);
-    if (h->hostFile != nullptr) EXPECT_EQ(did(close()), "ok");
+    if (h->hostFile != nullptr) {
+      EXPECT_EQ(did(close()), "ok");
+    }
   }
   // The wait ends with the first answer that is not busy; without a host handle there is none.
   h->openRetryCount = 5;
@@ -275,7 +277,9 @@ TEST_F(OpenTest, GeometryIsSettledOrRefused) {
       EXPECT_EQ(h->pageSize, row.settledPage);
       EXPECT_TRUE(row.settledPages == -1 || h->pageCount == row.settledPages) << h->pageCount;
       EXPECT_EQ(bytesOnDisk(), row.fileBytes) << "the file stays";
-      if (h->hostFile != nullptr) EXPECT_EQ(did(close()), "ok");
+      if (h->hostFile != nullptr) {
+        EXPECT_EQ(did(close()), "ok");
+      }
     }
   }
 }
