@@ -176,7 +176,7 @@ class Walk {
         driver_.readMany(somePage(), one({0, -1}), 0);
         break;
       case 8:
-        driver_.write(somePage() + 1, -1);
+        driver_.write(driver_.pages() + 2, -1);
         break;
       default:
         driver_.read(one({std::int64_t{0}, driver_.pages() + 1, driver_.pages() + 2}));
