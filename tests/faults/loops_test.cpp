@@ -1,0 +1,455 @@
+// Fault loops: scripts of operations in which every host call and system call is failed in turn,
+// alone, with all later ones of its kind, and in pairs. The model says what each operation must
+// come to and what the file must hold. A failing case names its script, call and fault;
+// QZIOP_FAULTS_THIN takes only every n-th pair.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <sstream>
+
+#include "model/driver.h"
+
+namespace qztest {
+namespace {
+
+using qz::Status;
+using Table = qz::OperationTable;
+
+// --- What calls are made to do
+
+struct Result {
+  std::int64_t result;
+  std::uint32_t error;
+  int count;  // of calls in a row; kEveryLater: as many as come would never end
+};
+
+using Results = std::vector<Result>;
+
+const Results& resultsOf(Call call) {
+  static const Results reads = {
+      {-1, EIO, 1}, {-1, EINTR, 1}, {-1, EINTR, 3}, {kShort, 0, 1}, {0, 0, 1}};
+  static const Results opens = {{EINVAL, qz::hostBadParameters, 1},
+                                {ENOENT, qz::hostFileNotFound, 1},
+                                {EMFILE, qz::hostNoDescriptor, 1},
+                                {EAGAIN, qz::hostLocked, 1},
+                                {EIO, qz::hostDeviceError, 1}};
+  static const std::map<Call, Results> results = {
+      {Call::pwrite,
+       {{-1, ENOSPC, 1},
+        {-1, EFBIG, 1},
+        {-1, EDQUOT, 1},
+        {-1, EIO, 1},
+        {-1, EINTR, 1},
+        {kShort, 0, 1},
+        {0, 0, 1}}},
+      {Call::pread, reads},
+      {Call::read, reads},
+      {Call::readv, reads},
+      {Call::fsync,
+       {{-1, EINTR, 5}, {-1, ETIMEDOUT, 1}, {-1, ETIMEDOUT, 2}, {-1, EIO, 1}, {-1, ENOSPC, 1}}},
+      {Call::lseek, {{-1, EIO, 1}}},
+      {Call::ftruncate, {{-1, EIO, 1}}},
+      {Call::statfs, {{-1, EIO, 1}}},
+      {Call::memAlloc, {{0, 0, 1}}},
+      {Call::treeCreate, {{0, 0, 1}}},
+      {Call::memFree, {{-1, qz::hostForeignBlock, 1}}},
+      {Call::destroy, {{-1, qz::hostForeignBlock, 1}}},
+      {Call::fileClose, {{-1, qz::hostNotRemoved, 1}, {-1, qz::hostCloseFailed, 1}}},
+      {Call::fileOpen, opens},
+      {Call::fileReopen, opens}};
+  static const Results none;
+  const auto found = results.find(call);
+  return found == results.end() ? none : found->second;
+}
+
+// Reads and flushes that are always interrupted are made again for ever.
+bool mayLast(Call call, const Result& result) {
+  return result.count == 1 && (call == Call::pwrite || result.error != EINTR);
+}
+
+// --- Scripts
+
+struct Script {
+  const char* name;
+  const char* before;  // the file's making, without faults
+  const char* steps;
+  bool pairs;
+};
+
+constexpr const char* kNine = "create;header 100;append 9;close;open;close";
+constexpr const char* kEight = "create;header 100;append 8;close;open;close";
+
+const Script kScripts[] = {
+    {"Create", "", "name;info;psize;create;header 4096;next;next;next;next;next;flush;close",
+     false},
+    {"Acquired", "", "create;header 10;acquire;put 1;acquire;acquire;give;put 2;close", true},
+    {"Preopen", kNine, "preopen 4096;open;read 1;give;read 2;read 9;read 10;give;status;close",
+     false},
+    {"Rewrite", kNine, "open;read 3;put 3;read 3;give;write 8;read 8;put 9;close", false},
+    {"ReadMany", kNine, "open;many 1 5 0;many 2 6 8;many 9 4 0;many 10 1 0;close", false},
+    {"Truncate", kNine, "open;read 9;give;read 2;give;cut 6;write 7;cut 5;cut 0;write 1;close",
+     false},
+    {"Buffers", kNine, "open;add 2;read 1;read 5;read 9;acquire;give;drop 1;give;give;drop 2;close",
+     false},
+    {"Reopen", kNine,
+     "open;read 1;reopen 1;read 6;write 10;reopen 2;give;write 11;give;reopen 3;read 3;close",
+     false},
+    {"FlushAtClose", kNine, "openflush;write 10;write 11;close", true},
+    {"Header", kNine, "open;header 4096;write 10;header 7;header 8192;flush;close", true},
+    {"Delete", kNine, "open;write 10;close;delete;handle;create;header 1;write 1;remove", false},
+    {"AppendOnly", "",
+     "createonly;header 4096;next;next;next;next;next;next;flush;write 2;next;close", false},
+    {"Collect", kEight, "open;write 9;write 10;read 9;write 10;put 11;cut 10;close", true},
+    {"InOrder", kNine, "openseq;read 1;give;read 2;give;read 4;read 3;give;read 1;close", false},
+};
+
+struct Point {
+  std::size_t step;
+  Call call;
+  int nth;  // of its kind in the step
+};
+struct Planned {
+  Point point;
+  Result result;
+};
+
+class Play {
+ public:
+  Play(const Script& script, Shape shape, std::vector<Planned> faults)
+      : script_(script), shape_(shape), faults_(std::move(faults)), world_(folder()) {
+    world_.settle(shape);
+  }
+
+  // Plays the script with its faults, then without any on the same handle, which must go as
+  // `clean` did. Returns the calls after the last fault.
+  std::vector<Point> run(std::vector<Status>* clean) {
+    SCOPED_TRACE(described());
+    perform(script_.before, false);
+    perform(script_.steps, true);
+    for (const Planned& fault : faults_) EXPECT_TRUE(wasMet(fault)) << "the fault was not met";
+    recover();
+    statuses_.clear();
+    perform(script_.before, false);
+    perform(script_.steps, false);
+    if (faults_.empty()) {
+      for (const Status status : statuses_) {
+        EXPECT_TRUE(status == Status::ok || status == Status::endOfFile ||
+                    status == Status::readOutOfSequence || status == Status::writeOutOfSequence);
+      }
+      *clean = statuses_;
+    }
+    EXPECT_EQ(statuses_, *clean) << "another outcome of the run after the faults";
+    driver_.compareFile();
+    EXPECT_TRUE(!driver_.isAttached() || driver_.close(0) == Status::ok);
+    world_.finish();
+    return {points_.begin() + static_cast<std::ptrdiff_t>(afterFaults_), points_.end()};
+  }
+
+ private:
+  static std::string folder() { return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
+
+  std::string described() const {
+    std::string text = fmt::format("{} {}", script_.name, nameOf(shape_));
+    for (const auto& [point, result] : faults_) {
+      text += fmt::format(", step {} {} {}: result {} error {} x{}", point.step + 1,
+                          nameOf(point.call), point.nth, result.result, result.error, result.count);
+    }
+    return text;
+  }
+
+  // The faults that lie in a step.
+  std::vector<Fault> faultsOf(std::size_t step, bool isName) const {
+    std::vector<Fault> faults;
+    for (const auto& [point, result] : faults_) {
+      const bool lasts = result.count == kEveryLater && point.step < step;
+      if (point.step != step && !lasts) continue;
+      const int nth = lasts ? 1 : point.nth;
+      // A name that could not be given back is still in use.
+      const bool kept = isName && point.call == Call::memFree && nth == 1;
+      faults.push_back({point.call, nth, kept ? 1 : result.count, kept ? kNotDone : result.result,
+                        result.error});
+    }
+    return faults;
+  }
+
+  bool wasMet(const Planned& fault) const {
+    for (const Point& point : points_) {
+      if (point.step == fault.point.step && point.call == fault.point.call &&
+          point.nth == fault.point.nth)
+        return true;
+    }
+    return false;
+  }
+
+  void perform(const std::string& steps, bool faulty) {
+    std::istringstream list(steps);
+    std::string step;
+    for (std::size_t number = 0; std::getline(list, step, ';'); ++number) {
+      // A new file is without its header first; else a host closes a file that lacks something.
+      if ((driver_.isAdrift() && step.find("header") != 0) || ::testing::Test::HasFailure()) return;
+      SCOPED_TRACE(step);
+      std::istringstream words(step);
+      std::string word;
+      std::int64_t a[3] = {};
+      words >> word >> a[0] >> a[1] >> a[2];
+      const auto faults = faulty ? faultsOf(number, word == "name") : std::vector<Fault>();
+      driver_.plan(faults);
+      calls().plan(faults);
+      const Status status = act(word, a);
+      calls().plan({});
+      driver_.plan({});
+      statuses_.push_back(status);
+      checkJournal(word, status, faults);
+      if (!faults.empty()) driver_.compareFile();
+      if (faulty) collect(word, number);
+      EXPECT_TRUE(word != "name" || status == Status::ok || name() == Status::ok);
+    }
+  }
+
+  // Takes down the calls that the step made.
+  void collect(const std::string& word, std::size_t step) {
+    int made[static_cast<int>(Call::count)] = {};
+    for (const CallRecord& record : calls().trace()) {
+      const int nth = ++made[static_cast<int>(record.call)];
+      // What the host is left with by a delete that it could not end is looked at on its own.
+      if (resultsOf(record.call).empty() || (word == "delete" && record.call == Call::fileClose))
+        continue;
+      points_.push_back({step, record.call, nth});
+      for (const auto& [point, result] : faults_) {
+        if (point.step == step && point.call == record.call && nth >= point.nth &&
+            nth - point.nth < result.count)
+          afterFaults_ = points_.size();
+      }
+    }
+  }
+
+  // Every failure has its entry, and end of file has none.
+  void checkJournal(const std::string& word, Status status, const std::vector<Fault>& faults) {
+    const std::string& entries = world_.recorder.entries;
+    const auto& trace = calls().trace();
+    bool ownMemory = false;  // the report itself lacked memory, or the host reports
+    bool released = true;
+    for (const CallRecord& record : trace) {
+      const bool fails = (record.call == Call::memAlloc) == (record.result == 0);
+      ownMemory |= fails && (record.call == Call::memAlloc || record.call == Call::fileOpen ||
+                             record.call == Call::fileReopen || record.call == Call::fileClose);
+      released &= !fails || record.call != Call::memFree;
+    }
+    const std::string shown = fmt::format("{} {}", world_.did(status), calls().hostCalls());
+    if (status == Status::endOfFile || (status == Status::ok && released && faults.empty())) {
+      EXPECT_EQ(entries, "") << shown;
+    } else if (status != Status::ok && status != Status::deleteWhileOpen && !ownMemory) {
+      EXPECT_NE(entries, "") << shown;
+    }
+    // Staging memory goes without a word.
+    const bool staging =
+        word == "write" || word == "preopen" || word == "name" || word == "info" || word == "next";
+    if (!released && !staging && !ownMemory) {
+      EXPECT_NE(entries.find(shortCode(qz::hostForeignBlock)), std::string::npos) << shown;
+    }
+  }
+
+  // What a host does after a failure: closes, mends the file's end, begins anew.
+  void recover() {
+    world_.h->openOptions &= ~qz::optionFlushAtClose;
+    EXPECT_TRUE(!driver_.isAttached() || driver_.close(0) == Status::ok);
+    driver_.compareFile();
+    driver_.repair();
+    EXPECT_TRUE(!driver_.exists() || driver_.erase() == Status::ok);
+  }
+
+  Status act(const std::string& word, const std::int64_t (&a)[3]);
+  Status openAs(std::uint32_t mode, std::uint32_t options, std::uint32_t read,
+                std::uint32_t write) {
+    return driver_.open(mode, options | (shape_ == Shape::buffered ? 0U : qz::optionDirectIo), read,
+                        write);
+  }
+  Status reopen(std::int64_t turns);
+  Status append(std::int64_t until);
+  Status name();
+  Status handle();
+  Status report();
+
+  const Script& script_;
+  Shape shape_;
+  std::vector<Planned> faults_;
+  World world_;
+  Driver driver_{world_, {kPage, kPagesPerBlock, kHeader, 2}};
+  std::vector<Status> statuses_;
+  std::vector<Point> points_;
+  std::size_t afterFaults_ = 0;
+};
+
+Status Play::act(const std::string& word, const std::int64_t (&a)[3]) {
+  using namespace qz;
+  const auto number = static_cast<std::int32_t>(a[0]);
+  const std::uint32_t read = shape_ == Shape::block ? readOrdered : readRandom;
+  const int last = driver_.holds() - 1;
+  if (word == "create") return openAs(createOrReplace, 0, read, rewritePages);
+  if (word == "createonly") return openAs(createOrReplace, 0, noRead, writeNewPages);
+  if (word == "open") return openAs(openOrKeep, 0, read, rewritePages);
+  if (word == "openflush") return openAs(openOrRemove, optionFlushAtClose, read, rewritePages);
+  if (word == "openseq") return openAs(openOrKeep, 0, readSequential, noWrite);
+  if (word == "preopen") return driver_.preopen(number);
+  if (word == "close") return driver_.close(0);
+  if (word == "remove") return driver_.close(kRemoveFile);
+  if (word == "delete") return driver_.erase();
+  if (word == "reopen") return reopen(a[0]);
+  if (word == "read") return driver_.read(a[0]);
+  if (word == "many")
+    return driver_.readMany(a[0], static_cast<std::int32_t>(a[1]),
+                            static_cast<std::uint32_t>(a[2]));
+  if (word == "write") return driver_.write(a[0], -1, 8);
+  if (word == "put") return driver_.write(a[0], last);
+  if (word == "next") return driver_.write(driver_.pages() + 1, -1, 8);
+  if (word == "append") return append(a[0]);
+  if (word == "acquire") return driver_.acquire();
+  if (word == "give") return last < 0 ? driver_.giveBackForeign(this) : driver_.giveBack(0);
+  if (word == "add") return driver_.add(number);
+  if (word == "drop") return driver_.remove(number);
+  if (word == "cut") return driver_.truncate(a[0]);
+  if (word == "flush") return driver_.flush();
+  if (word == "header") return driver_.writeHeader(number);
+  if (word == "info") return world_.call(&Table::qzpinfo);
+  if (word == "name") return name();
+  if (word == "handle") return handle();
+  if (word == "status") return report();
+  const PageSizeRequest request{0, 2048, 0};
+  return word == "psize" ? world_.call(&Table::qzppsize, &request) : Status::badArgument;
+}
+
+// Into the shape so many turns on.
+Status Play::reopen(std::int64_t turns) {
+  const Shape shape = kShapes[(static_cast<int>(shape_) + static_cast<int>(turns)) % 3];
+  return driver_.reopen(shape != Shape::buffered,
+                        shape == Shape::block ? qz::readOrdered : qz::readRandom, qz::rewritePages);
+}
+
+// Many writes in one step, for the file's making only: a fault lies in one operation.
+Status Play::append(std::int64_t until) {
+  Status status = Status::ok;
+  while (status == Status::ok && driver_.isOpen() && driver_.pages() < until)
+    status = driver_.write(driver_.pages() + 1, -1, 8);
+  return status;
+}
+
+// A name of the old one's length takes a buffer of its own.
+Status Play::name() {
+  const std::u32string text = world_.recorder.fileName;
+  const auto set = [&] {
+    return world_.call(&Table::qzpsetfilename, text.data(), static_cast<std::int32_t>(text.size()));
+  };
+  const Status status = set();
+  const bool kept = calls().at(Call::memFree).result != 0;
+  EXPECT_EQ(status, kept                                     ? Status::badArgument
+                    : calls().at(Call::memAlloc).result == 0 ? Status::noMemory
+                                                             : Status::ok);
+  return status;
+}
+
+// A handle of its own, made and freed.
+Status Play::handle() {
+  calls().clear();
+  world_.recorder.entries.clear();
+  qz::FileHandle* other = world_.module->operations.qzpgetmemhandle(world_.module, world_.journal);
+  EXPECT_EQ(other != nullptr, calls().at(Call::memAlloc).result != 0);
+  if (other == nullptr) return Status::noMemory;
+  const Status status = world_.module->operations.qzpfreememhandle(other, world_.journal);
+  EXPECT_EQ(status, calls().at(Call::memFree).result != 0 ? Status::badArgument : Status::ok);
+  return status;
+}
+
+// What the host is told of the last operation.
+Status Play::report() {
+  const qz::FileHandle& h = *world_.h;
+  qz::StatusReport told{};
+  const Status last = h.status;
+  calls().clear();
+  world_.recorder.entries.clear();
+  EXPECT_EQ(world_.module->operations.qzpgetstatus(world_.h, &told), Status::ok);
+  EXPECT_TRUE(told.status == last && told.lastErrno == h.lastErrno &&
+              told.hostErrorDetail1 == h.hostErrorDetail1 && told.directIoMode == h.directIoMode);
+  return Status::ok;
+}
+
+// --- The loops
+
+struct Counts {
+  int points = 0;
+  int runs = 0;
+  int pairs = 0;
+};
+Counts counts;
+
+class FaultLoop : public ::testing::TestWithParam<std::tuple<int, Shape>> {
+ protected:
+  static void TearDownTestSuite() {
+    fmt::print("{} scripts in 3 shapes, {} fault points, {} faulted runs, {} pairs\n",
+               std::size(kScripts), counts.points, counts.runs, counts.pairs);
+  }
+
+  std::vector<Point> play(const std::vector<Planned>& faults) {
+    return Play(script, shape, faults).run(&clean);
+  }
+
+  // Fails each call after the faults so far, in every way, `depth` deep.
+  void explore(const std::vector<Planned>& before, int depth) {
+    const std::vector<Point> points = play(before);
+    ASSERT_FALSE(before.empty() && points.empty());
+    for (const Point& point : points) {
+      for (const Result& result : resultsOf(point.call)) {
+        if (HasFailure()) return;
+        std::vector<Planned> faults = before;
+        faults.push_back({point, result});
+        if (before.empty()) {
+          counts.points += &result == resultsOf(point.call).data() ? 1 : 0;
+        } else if (++pairsSeen % thin != 0) {
+          continue;
+        }
+        counts.pairs += before.empty() ? 0 : 1;
+        ++counts.runs;
+        if (depth > 1) {
+          explore(faults, depth - 1);
+        } else {
+          play(faults);
+        }
+        if (before.empty() && mayLast(point.call, result) && !HasFailure()) {
+          faults.back().result.count = kEveryLater;
+          ++counts.runs;
+          play(faults);
+        }
+      }
+    }
+  }
+
+  const Script& script = kScripts[std::get<0>(GetParam())];
+  Shape shape = std::get<1>(GetParam());
+  std::vector<Status> clean;
+  int thin = 1;
+  int pairsSeen = 0;
+};
+
+TEST_P(FaultLoop, EveryCallFailsInTurn) {
+  const char* asked = std::getenv("QZIOP_FAULTS_THIN");
+#ifdef __SANITIZE_ADDRESS__
+  constexpr int kUsual = 7;
+#else
+  constexpr int kUsual = sizeof(void*) == 4 ? 7 : 1;  // emulated
+#endif
+  thin = asked != nullptr ? std::max(std::atoi(asked), 1) : kUsual;
+  explore({}, script.pairs ? 2 : 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Scripts, FaultLoop,
+                         ::testing::Combine(::testing::Range(0,
+                                                             static_cast<int>(std::size(kScripts))),
+                                            ::testing::ValuesIn(kShapes)),
+                         [](const auto& instance) {
+                           return std::string(kScripts[std::get<0>(instance.param)].name) +
+                                  nameOf(std::get<1>(instance.param));
+                         });
+
+}  // namespace
+}  // namespace qztest
