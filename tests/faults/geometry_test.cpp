@@ -1,0 +1,134 @@
+// Geometry at its edges, on sparse files: offsets around 2^31 and 2^32 bytes, page numbers beyond
+// 2^32, the smallest and the largest page, headers that nothing divides.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "support/fixture.h"
+
+namespace qztest {
+namespace {
+
+using qz::Status;
+
+constexpr std::int64_t k2to31 = std::int64_t{1} << 31;
+constexpr std::int64_t k2to32 = std::int64_t{1} << 32;
+constexpr std::int32_t kGiB = 1 << 30;
+
+std::string sparseFolder() { return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
+
+class GeometryTest : public ::testing::Test, public World {
+ protected:
+  GeometryTest() : World(sparseFolder()) { setDirectIo(DirectIo::unaligned); }
+  void TearDown() override { finish(); }
+
+  bool openSparse(Shape shape, std::int32_t pageSize, std::int64_t header, std::int64_t pages) {
+    settle(shape, 1);
+    h->pageSize = pageSize;
+    h->headerSize = header;
+    h->requestedBlockBytes = std::int64_t{pageSize} * kPagesPerBlock;
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    const bool made = ftruncate64(fd, header + pages * pageSize) == 0;
+    ::close(fd);
+    return made;
+  }
+  // By plain calls.
+  bool isStored(std::int64_t page, std::uint32_t version) const {
+    const CallerMemory memory = callerMemory(h->pageSize);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_LARGEFILE);
+    const ssize_t got = pread64(fd, memory.get(), static_cast<std::size_t>(h->pageSize),
+                                h->headerSize + (page - 1) * h->pageSize);
+    ::close(fd);
+    return got == h->pageSize && isStamped(memory.get(), h->pageSize, page, version);
+  }
+  std::int64_t bytesFor(std::int64_t pages) const { return h->headerSize + pages * h->pageSize; }
+
+  // Reads and rewrites the last page, appends another, reads both at once, cuts one off.
+  void useEnd(std::int64_t last) {
+    ASSERT_EQ(open(), Status::ok);
+    ASSERT_EQ(h->pageCount, last);
+    ASSERT_EQ(read(last), Status::ok);
+    EXPECT_EQ(*std::max_element(at, at + h->pageSize), 0);
+    stamp(at, h->pageSize, last, 1);
+    EXPECT_EQ(write(last, at), Status::ok);
+    EXPECT_EQ(writeOwn(last + 1, 2), Status::ok);
+    EXPECT_EQ(truncate(last + 1), Status::ok);
+    EXPECT_EQ(bytesOnDisk(), bytesFor(last + 1));
+    EXPECT_TRUE(isStored(last, 1) && isStored(last + 1, 2));
+    for (const std::uint32_t options : {0U, qz::kContiguous}) {
+      const CallerMemory area = callerMemory(2 * std::int64_t{h->pageSize});
+      EXPECT_EQ(readMany(last, 2, options, area.get()), Status::ok);
+      EXPECT_TRUE(isStamped(area.get(), h->pageSize, last, 1) &&
+                  isStamped(area.get() + h->pageSize, h->pageSize, last + 1, 2));
+    }
+    EXPECT_EQ(read(last + 1), Status::ok);
+    EXPECT_TRUE(holdsPage(last + 1, 2));
+    EXPECT_EQ(giveBack(at), Status::ok);
+    EXPECT_EQ(read(last + 2), Status::endOfFile);
+    EXPECT_EQ(truncate(last - 1), Status::ok);
+    EXPECT_EQ(bytesOnDisk(), bytesFor(last - 1));
+    EXPECT_EQ(close(), Status::ok);
+  }
+};
+
+TEST_F(GeometryTest, PagesAtTheEdges) {
+  for (const Shape shape : kShapes) {
+    for (const std::int32_t pageSize : {512, 4096}) {
+      for (const std::int64_t header :
+           {std::int64_t{0}, std::int64_t{1}, std::int64_t{511}, std::int64_t{4095}, k2to32 + 1}) {
+        for (const std::int64_t edge : {k2to31, k2to32, k2to32 * pageSize + 3 * pageSize}) {
+          // The page with the byte before the edge, the one with the edge, and the next.
+          const std::int64_t first = std::max<std::int64_t>((edge - 1 - header) / pageSize + 1, 2);
+          for (const std::int64_t last : {first, first + 1, first + 2}) {
+            SCOPED_TRACE(fmt::format("{} {} bytes, header {}, page {}", nameOf(shape), pageSize,
+                                     header, last));
+            if (!openSparse(shape, pageSize, header, last)) {
+              fmt::print("no file of {} bytes on this file system\n", bytesFor(last));
+            } else {
+              useEnd(last);
+            }
+          }
+        }
+      }
+    }
+  }
+}
+
+// Transfers of a GiB are only looked at, not made.
+TEST_F(GeometryTest, PagesOfOneGiB) {
+  for (const Shape shape : kShapes) {
+    SCOPED_TRACE(nameOf(shape));
+    ASSERT_TRUE(openSparse(shape, kGiB, 511, 4));
+    h->requestedBlockBytes = kGiB;
+    const Status opened = open();
+    if (opened == Status::noMemory) {
+      fmt::print("no memory for pages of 1 GiB, {}\n", nameOf(shape));
+      EXPECT_NE(recorder.entries.find("4:002"), std::string::npos);
+      EXPECT_EQ(h->hostFile, nullptr);
+      EXPECT_EQ(bytesOnDisk(), bytesFor(4));
+      continue;
+    }
+    ASSERT_EQ(opened, Status::ok);
+    calls().plan({{Call::pread, 1, 1, kGiB}, {Call::pwrite, 1, 1, kGiB}});
+    EXPECT_EQ(did(read(4)), fmt::format("ok pread {}@{}", kGiB, 511 + 3 * std::int64_t{kGiB}));
+    EXPECT_EQ(did(write(4, at)),
+              fmt::format("ok pwrite {}@{}", kGiB, 511 + 3 * std::int64_t{kGiB}));
+    EXPECT_EQ(did(truncate(2)), fmt::format("ok lseek {0} ftruncate {0}", bytesFor(2)));
+    EXPECT_EQ(close(), Status::ok);
+  }
+}
+
+// A header beyond 31 bits cannot be written in one piece: nothing is touched.
+TEST_F(GeometryTest, AHeaderBeyond31BitsIsNotWritten) {
+  ASSERT_TRUE(openSparse(Shape::buffered, kPage, k2to32 + 1, 2));
+  ASSERT_EQ(open(), Status::ok);
+  EXPECT_EQ(did(writeHeader("header", 6)), "002 {!002}");
+  EXPECT_EQ(length, 0);
+  EXPECT_EQ(close(), Status::ok);
+  EXPECT_EQ(bytesOnDisk(), bytesFor(2));
+}
+
+}  // namespace
+}  // namespace qztest
