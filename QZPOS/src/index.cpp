@@ -113,7 +113,7 @@ void indexRecords(FileHandle* h) {
   dropIndex(h);
   const std::int64_t records = h->pageBuffersAllocated + h->blocksAllocated;
   if (records <= kFewRecords) return;
-  void* memory = std::malloc(sizeof(RecordIndex));
+  void* memory = std::calloc(1, sizeof(RecordIndex));
   if (memory == nullptr) return;
   auto* index = new (memory) RecordIndex;
   h->index = index;

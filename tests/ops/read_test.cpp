@@ -72,6 +72,7 @@ TEST_F(ReadTest, OneTransferForAPageOrABlock) {
     EXPECT_EQ(request.length, block ? kPage : 0);
     EXPECT_EQ(calls().hostCalls(), "") << "no allocation";
     EXPECT_EQ(calls().count(Call::environment), 0);
+    EXPECT_EQ(calls().ownAllocations, 0);
     EXPECT_EQ(h->nextPage, block ? 9 : 1);
     EXPECT_EQ(h->firstBlockRead, block ? 2 : 0);
     write(6, at);

@@ -49,6 +49,7 @@ TEST_F(WriteTest, PageModeWritesAtOnceAndKeepsTheCopy) {
     EXPECT_EQ(did(write(7, at)), "ok pwrite 4096@28672");
     EXPECT_EQ(calls().hostCalls(), "");
     EXPECT_EQ(calls().count(Call::environment), 0);
+    EXPECT_EQ(calls().ownAllocations, 0);
     EXPECT_TRUE(h->pageFreeList.tail->data == seven && h->nextPage == 8 && onDisk(7, 1));
     EXPECT_EQ(did(write(7, seven)), "814 {!814}") << "the hold has ended";
     EXPECT_EQ(did(read(7)), "ok");

@@ -251,6 +251,17 @@ int fsync(int fd) {
   return systemCall({Call::fsync, fd, 0, 0, 0, 0, 0}, false, [&](std::size_t) { return next(fd); });
 }
 
+#ifndef __SANITIZE_ADDRESS__
+// NOLINTNEXTLINE(bugprone-reserved-identifier): what the C library calls it
+void* __libc_calloc(std::size_t count, std::size_t bytes);
+
+void* calloc(std::size_t count, std::size_t bytes) noexcept {
+  if (!CALLED_BY_MODULE) return __libc_calloc(count, bytes);
+  ++calls().ownAllocations;
+  return calls().refuseOwnMemory ? nullptr : __libc_calloc(count, bytes);
+}
+#endif
+
 char* getenv(const char* name) noexcept {
   static auto* const next = real<char*(const char*)>("getenv");
   if (CALLED_BY_MODULE) calls().record({Call::environment, 0, 0, 0, 0, 0, 0});

@@ -80,7 +80,10 @@ class Calls {
   // How often a planned fault was met since.
   int faultsMet() const { return faultsMet_; }
 
-  void clear() { trace_.clear(); }
+  void clear() {
+    trace_.clear();
+    ownAllocations = 0;
+  }
   const std::vector<CallRecord>& trace() const { return trace_; }
   int count(Call call) const;
   // The call of that kind with that place in the trace, from 0; a record of zeros: there is none.
@@ -93,6 +96,11 @@ class Calls {
   // (bytes; z: zero-filled), "memFree:b", "destroy:t", "fileOpen", "taskWait:1000"; "!" after one
   // that failed.
   std::string hostCalls() const;
+
+  // The module's own memory, for its index of records: how often it asked, and whether it gets
+  // any. Not seen under the address sanitizer, which has an allocator of its own.
+  int ownAllocations = 0;
+  bool refuseOwnMemory = false;
 
   // The type that statfs reports instead of the real one; 0: the real one.
   std::uint32_t fileSystemType = 0;
