@@ -78,7 +78,7 @@ TEST_F(GeometryTest, PagesAtTheEdges) {
     for (const std::int32_t pageSize : {512, 4096}) {
       for (const std::int64_t header :
            {std::int64_t{0}, std::int64_t{1}, std::int64_t{511}, std::int64_t{4095}, k2to32 + 1}) {
-        for (const std::int64_t edge : {k2to31, k2to32, k2to32 * pageSize + 3 * pageSize}) {
+        for (const std::int64_t edge : {k2to31, k2to32, (k2to32 + 3) * pageSize}) {
           // The page with the byte before the edge, the one with the edge, and the next.
           const std::int64_t first = std::max<std::int64_t>((edge - 1 - header) / pageSize + 1, 2);
           for (const std::int64_t last : {first, first + 1, first + 2}) {

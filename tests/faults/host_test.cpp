@@ -1,5 +1,4 @@
-// The host's refusals one by one: every status of its file service wherever a file is opened, and
-// everything that start-up asks for.
+// Every status of the host's file service wherever a file is opened.
 #include <algorithm>
 
 #include "support/fixture.h"
@@ -116,39 +115,6 @@ TEST_F(HostStatuses, ADeleteMeetsEachOfThem) {
     EXPECT_EQ(erase(), Status::ok);
     EXPECT_EQ(bytesOnDisk(), -1);
   }
-}
-
-// Start-up and the end, each call failed in turn, alone and with all later ones.
-TEST(StartUp, EveryCallFailsInTurn) {
-  World world;
-  world.finish();
-  for (const Call call : {Call::poolCreate, Call::extensionLoad, Call::converterCreate,
-                          Call::memAlloc, Call::memFree, Call::destroy}) {
-    for (const int count : {1, kEveryLater}) {
-      bool met = true;
-      for (int nth = 1; met; ++nth) {
-        SCOPED_TRACE(testing::Message() << nameOf(call) << " " << nth << " x" << count);
-        world.recorder.entries.clear();
-        calls().plan({{call, nth, count, -1, qz::hostForeignBlock}});
-        world.module = Library::get().qziop(world.host.handle(), world.journal);
-        const bool releases = call == Call::memFree || call == Call::destroy;
-        met = calls().faultsMet() > 0;
-        EXPECT_EQ(world.module == nullptr, met && !releases);
-        if (world.module != nullptr) {
-          world.module->qzpdestroy(world.module);
-          met = met || calls().faultsMet() > 0;
-        }
-        EXPECT_EQ(world.recorder.entries, met && call == Call::memAlloc ? "4:002" : "");
-        calls().plan({});
-        EXPECT_EQ(world.host.liveObjects(), 0U);
-        EXPECT_EQ(world.host.poolCounts().liveBlocks + world.host.poolCounts().leakedBlocks, 0U);
-        world.module = nullptr;
-      }
-    }
-  }
-  world.module = Library::get().qziop(world.host.handle(), world.journal);
-  ASSERT_NE(world.module, nullptr);
-  world.finish();
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <functional>
 #include <sstream>
 
 #include "model/driver.h"
@@ -298,9 +298,10 @@ Status Play::act(const std::string& word, const std::int64_t (&a)[3]) {
   if (word == "delete") return driver_.erase();
   if (word == "reopen") return reopen(a[0]);
   if (word == "read") return driver_.read(a[0]);
-  if (word == "many")
+  if (word == "many") {
     return driver_.readMany(a[0], static_cast<std::int32_t>(a[1]),
                             static_cast<std::uint32_t>(a[2]));
+  }
   if (word == "write") return driver_.write(a[0], -1, 8);
   if (word == "put") return driver_.write(a[0], last);
   if (word == "next") return driver_.write(driver_.pages() + 1, -1, 8);
