@@ -97,12 +97,14 @@ int openRetrying(const std::string& path, int flags, std::uint32_t permissions) 
   }
 }
 
+std::u32string_view nameOf(const OpenParameters& parameters) {
+  if (parameters.fileName == nullptr) return {};
+  return {parameters.fileName, parameters.fileNameLength};
+}
+
 // The file's name as the system takes it.
-Failure narrowName(const OpenParameters& parameters, std::string* path) {
-  if (parameters.fileName == nullptr || parameters.fileNameLength == 0) {
-    return {hostBadName, ENOENT, stepName};
-  }
-  const std::u32string_view name(parameters.fileName, parameters.fileNameLength);
+Failure narrowName(std::u32string_view name, std::string* path) {
+  if (name.empty()) return {hostBadName, ENOENT, stepName};
   if (!appendUtf8(name, path) || path->find('\0') != std::string::npos) {
     return {hostBadName, EILSEQ, stepName};
   }
@@ -184,9 +186,14 @@ Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
   return failure;
 }
 
-// Notes the outcome of an open where the module looks for it.
-HostStatus report(OpenParameters* parameters, const Failure& failure) {
+// Notes the outcome of an open where the module looks for it, and journals a failure: the module
+// does not. Direct I/O that the file system refuses is no failure yet, as the module asks again.
+HostStatus report(OpenParameters* parameters, const Failure& failure, Journal* journal) noexcept {
   const bool good = failure.status == hostOk;
+  const bool asksAgain = failure.errorNumber == EINVAL && (parameters->openFlags & O_DIRECT) != 0;
+  if (!good && !asksAgain) {
+    journalFileFailure(journal, failure.status, nameOf(*parameters), failure.errorNumber);
+  }
   parameters->systemErrno = failure.errorNumber;
   parameters->errorDetail1 = good ? 0 : static_cast<std::uint32_t>(failure.step);
   parameters->errorDetail2 = good ? 0 : static_cast<std::uint32_t>(systemFlags(*parameters));
@@ -194,7 +201,8 @@ HostStatus report(OpenParameters* parameters, const Failure& failure) {
 }
 
 Failure openFile(const OpenParameters& parameters, std::uint32_t accessMode, OpenFile* file) {
-  const Failure nameFailure = narrowName(parameters, &file->path);
+  file->name = nameOf(parameters);
+  const Failure nameFailure = narrowName(file->name, &file->path);
   if (nameFailure.status != hostOk) return nameFailure;
   file->info.fd = openRetrying(file->path, systemFlags(parameters), parameters.permissions);
   if (file->info.fd == -1) return failed(stepOpen, errno);
@@ -205,14 +213,13 @@ Failure openFile(const OpenParameters& parameters, std::uint32_t accessMode, Ope
 }
 
 HostFile* fileOpen(FileService* self, OpenParameters* parameters, Word /*one*/,
-                   std::uint32_t accessMode, Journal* /*journal*/, HostStatus* status) noexcept
-    try {
+                   std::uint32_t accessMode, Journal* journal, HostStatus* status) noexcept try {
   HostRecords* host = static_cast<Files*>(self)->host;
-  auto file = std::make_unique<OpenFile>(host, std::string());
-  *status = report(parameters, openFile(*parameters, accessMode, file.get()));
+  auto file = std::make_unique<OpenFile>(host);
+  *status = report(parameters, openFile(*parameters, accessMode, file.get()), journal);
   return *status == hostOk ? host->openFiles.add(std::move(file)) : nullptr;
 } catch (const std::bad_alloc&) {
-  *status = report(parameters, {hostNoMemory, ENOMEM, stepOpen});
+  *status = report(parameters, {hostNoMemory, ENOMEM, stepOpen}, journal);
   return nullptr;
 }
 
@@ -237,10 +244,11 @@ Failure reopenFile(const OpenParameters& parameters, std::uint32_t accessMode, O
 }
 
 HostStatus fileReopen(HostFile* self, OpenParameters* parameters, std::uint32_t accessMode,
-                      Journal* /*journal*/) noexcept try {
-  return report(parameters, reopenFile(*parameters, accessMode, static_cast<OpenFile*>(self)));
+                      Journal* journal) noexcept try {
+  return report(parameters, reopenFile(*parameters, accessMode, static_cast<OpenFile*>(self)),
+                journal);
 } catch (const std::bad_alloc&) {
-  return report(parameters, {hostNoMemory, ENOMEM, stepOpen});
+  return report(parameters, {hostNoMemory, ENOMEM, stepOpen}, journal);
 }
 
 // 0 or an error number. A file without any name left is as good as removed; a name that stands for
@@ -260,12 +268,12 @@ HostStatus fileClose(HostFile* self, OpenParameters* parameters, Journal* journa
   if (file->info.fd != -1) {
     const int removal = parameters->removeAtClose == 1 ? removeName(*file) : 0;
     if (removal != 0) {
-      journalFileFailure(journal, hostNotRemoved, file->path, removal);
+      journalFileFailure(journal, hostNotRemoved, file->name, removal);
       return hostNotRemoved;
     }
     // The descriptor is gone whatever close says; the record stays until a close that succeeds.
     if (close(std::exchange(file->info.fd, -1)) != 0 && errno != EINTR) {
-      journalFileFailure(journal, hostCloseFailed, file->path, errno);
+      journalFileFailure(journal, hostCloseFailed, file->name, errno);
       return hostCloseFailed;
     }
   }
@@ -275,8 +283,7 @@ HostStatus fileClose(HostFile* self, OpenParameters* parameters, Journal* journa
 
 }  // namespace
 
-OpenFile::OpenFile(HostRecords* owner, std::string systemPath)
-    : HostFile{}, host(owner), path(std::move(systemPath)) {
+OpenFile::OpenFile(HostRecords* owner) : HostFile{}, host(owner) {
   fileInfo = &info;
   fileMethods = &owner->files.methods;
 }

@@ -110,13 +110,14 @@ struct Utf8Converter : Converter {
 enum class Lock { none, shared, exclusive };
 
 struct OpenFile : HostFile {
-  OpenFile(HostRecords* host, std::string path);
+  explicit OpenFile(HostRecords* host);
   OpenFile(const OpenFile&) = delete;
   OpenFile& operator=(const OpenFile&) = delete;
   ~OpenFile();
 
   HostRecords* host;
-  std::string path;  // as the system takes it
+  std::u32string name;  // as it was given
+  std::string path;     // as the system takes it
   FileInfo info = {-1, 0};
   Lock lock = Lock::none;  // held by the descriptor
 };
@@ -162,7 +163,7 @@ inline constexpr Word kUtf8Encoding = 0x55544638;
 void journalStatus(Journal* journal, HostStatus status, ...) noexcept;
 
 // Journals a failure that names a file and the system's reason; nothing with a null journal.
-void journalFileFailure(Journal* journal, HostStatus status, const std::string& path,
+void journalFileFailure(Journal* journal, HostStatus status, std::u32string_view fileName,
                         int errorNumber) noexcept;
 
 // The slots of the toolkit's handle that make objects.

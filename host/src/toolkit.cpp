@@ -90,11 +90,11 @@ void journalStatus(Journal* journal, HostStatus status, ...) noexcept {
   va_end(none);
 }
 
-void journalFileFailure(Journal* journal, HostStatus status, const std::string& path,
+void journalFileFailure(Journal* journal, HostStatus status, std::u32string_view fileName,
                         int errorNumber) noexcept try {
   if (journal == nullptr) return;
   const std::u32string what = toUtf32(statusText(status));
-  const std::u32string name = toUtf32(path);
+  const std::u32string name(fileName);
   const std::u32string reason = toUtf32(std::strerror(errorNumber));
   journalMessage(journal, U"%s [file %s]: %s", what.c_str(), name.c_str(), reason.c_str());
 } catch (const std::bad_alloc&) {
