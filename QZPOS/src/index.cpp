@@ -60,7 +60,7 @@ void RecordMap::erase(std::uint64_t key, const void* record) {
 bool RecordIndex::reserve(std::int64_t pageBuffers, std::int64_t blocks, std::int32_t blockBytes) {
   const auto bufferEntries = static_cast<std::size_t>(pageBuffers);
   const auto blockEntries = static_cast<std::size_t>(blocks);
-  granuleShift_ = std::bit_width(static_cast<std::uint32_t>(blockBytes));
+  granuleShift_ = static_cast<int>(std::bit_width(static_cast<std::uint32_t>(blockBytes)));
   return buffersByAddress_.reserve(bufferEntries) &&
          blocksByAddress_.reserve(blockEntries * kGranulesOfBlock) &&
          blocksByNumber_.reserve(blockEntries);

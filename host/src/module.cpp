@@ -148,6 +148,8 @@ void PagedFile::dispose() noexcept {
   FileHandle* handle = std::exchange(handle_, nullptr);
   if (handle == nullptr) return;
   const OperationTable& operations = handle->ops->operations;
+  // A file that was never opened was never read either: its close must not take it for empty.
+  if ((handle->stateFlags & stateOpen) == 0) handle->writeAccess = noWrite;
   if (handle->hostFile != nullptr) operations.qzpclose(handle, 0, journal_);
   if (handle->hostFile != nullptr) {
     // A flush or a removal that failed would fail again: let go of the file without them.
