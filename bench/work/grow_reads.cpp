@@ -20,6 +20,10 @@ namespace {
 constexpr std::int32_t kPageSize = 4096;
 constexpr std::size_t kLeastReads = 8192;  // of a pass
 
+// Pages held at a time.
+constexpr std::size_t kEight = 8;
+constexpr std::size_t kHalf = 0;  // half as many as there are buffers
+
 enum class ReturnOrder : std::uint8_t { asRead, reversed, shuffled };
 enum class Shape : std::uint8_t { page, block };
 
@@ -44,9 +48,26 @@ std::vector<std::size_t> returnSequence(const Holding& holding) {
   return sequence;
 }
 
-// Reads the file's pages in turn, `holding.pages` at a time.
+// Pages that no buffer caches beforehand, in turn.
+class PageCycle {
+ public:
+  PageCycle(std::int64_t first, std::int64_t last) : first_(first), last_(last), next_(first) {}
+
+  std::int64_t next() {
+    const std::int64_t page = next_;
+    next_ = page == last_ ? first_ : page + 1;
+    return page;
+  }
+
+ private:
+  std::int64_t first_;
+  std::int64_t last_;
+  std::int64_t next_;
+};
+
+// Reads and returns pages of the cycle, `holding.pages` at a time.
 template <class Pages>
-Sample holdAndReturn(Pages& pages, const Holding& holding, std::int64_t filePages) {
+Sample holdAndReturn(Pages& pages, PageCycle& cycle, const Holding& holding) {
   const std::vector<std::size_t> sequence = returnSequence(holding);
   const std::size_t batches = std::max<std::size_t>(1, kLeastReads / holding.pages);
   std::vector<char*> held(holding.pages);
@@ -54,8 +75,7 @@ Sample holdAndReturn(Pages& pages, const Holding& holding, std::int64_t filePage
   const Sample sample = timed(batches * holding.pages, [&] {
     for (std::size_t batch = 0; batch < batches; ++batch) {
       for (char*& address : held) {
-        const std::int64_t page = pages.nextPage;
-        pages.nextPage = page == filePages ? 1 : page + 1;
+        const std::int64_t page = cycle.next();
         address = pages.read(page);
         wrong += isStamped(address, kPageSize, page) ? 0 : 1;
       }
@@ -84,7 +104,6 @@ class ManyBuffers {
         handle_(file_.handle()),
         table_(file_.table()) {
     for (std::int32_t i = 0; i <= bufferCount; ++i) cachePage(i + 1, shape);
-    nextPage = bufferCount + 2;
   }
 
   char* read(std::int64_t page) {
@@ -94,8 +113,6 @@ class ManyBuffers {
     return request.buffer;
   }
   void giveBack(char* address) { check(table_.qzpbufreturn(handle_, address, nullptr)); }
-
-  std::int64_t nextPage;
 
  private:
   // A page buffer keeps its page when it is written, a block when it is returned.
@@ -131,8 +148,6 @@ class BareBuffers {
   }
   void giveBack(char*) {}
 
-  std::int64_t nextPage = 1;
-
  private:
   Descriptor file_;
   Ring ring_;
@@ -140,44 +155,55 @@ class BareBuffers {
 
 std::size_t heldOf(std::size_t wanted, std::int32_t bufferCount) {
   const auto count = static_cast<std::size_t>(bufferCount);
-  return wanted == 0 ? count / 2 : std::min(wanted, count);
+  return wanted == kHalf ? count / 2 : std::min(wanted, count);
+}
+
+// Every participant goes through the pages in a cycle of its own.
+template <class Pages>
+Participant holder(std::string name, std::shared_ptr<Pages> pages, const PageCycle& cycle,
+                   const Holding& holding) {
+  auto ownCycle = std::make_shared<PageCycle>(cycle);
+  return {std::move(name), [pages = std::move(pages), ownCycle, holding] {
+            return holdAndReturn(*pages, *ownCycle, holding);
+          }};
 }
 
 void growInShape(Runner& run, Shape shape) {
   const std::vector<std::int32_t>& counts = run.settings().bufferCounts;
-  const Geometry geometry = {kPageSize,
-                             std::int64_t{2} * counts.back() + std::int64_t{kLeastReads}};
+  const std::int64_t cached = std::int64_t{counts.back()} + 1;
+  const Geometry geometry = {kPageSize, 2 * cached + std::int64_t{kLeastReads}};
+  const PageCycle cycle(cached + 1, geometry.pages);
   const std::string& path = run.memory().stamped(geometry);
   std::vector<std::shared_ptr<ManyBuffers>> files;
   for (const std::int32_t count : counts) {
     files.push_back(std::make_shared<ManyBuffers>(path, shape, count));
   }
-  for (const std::size_t wanted : {1, 8, 0}) {
+  const auto contestOf = [&](std::size_t wanted, ReturnOrder order) {
+    Contest contest;
+    contest.work =
+        fmt::format("growth, {} mode, read + return", shape == Shape::page ? "page" : "block");
+    contest.variant = fmt::format("{} held, returned {}",
+                                  wanted == kHalf ? "half" : std::to_string(wanted), nameOf(order));
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+      contest.participants.push_back(holder(fmt::format("{} buffers", counts[i]), files[i], cycle,
+                                            {heldOf(wanted, counts[i]), order}));
+    }
+    contest.goals = {
+        {Quantity::wall, contest.participants.back().name, contest.participants.front().name, 1.5}};
+    for (const std::int32_t count : {counts.front(), counts.back()}) {
+      const Holding holding = {heldOf(wanted, count), order};
+      const std::string name = fmt::format("pread into {}", holding.pages);
+      if (contest.has(name)) continue;
+      auto bare = std::make_shared<BareBuffers>(path, shape, holding.pages);
+      contest.participants.push_back(holder(name, std::move(bare), cycle, holding));
+    }
+    return contest;
+  };
+  run.hold(contestOf(1, ReturnOrder::asRead), 7);
+  for (const std::size_t wanted : {kEight, kHalf}) {
     for (const ReturnOrder order :
          {ReturnOrder::asRead, ReturnOrder::reversed, ReturnOrder::shuffled}) {
-      if (wanted == 1 && order != ReturnOrder::asRead) continue;
-      Contest contest;
-      contest.work =
-          fmt::format("growth, {} mode, read + return", shape == Shape::page ? "page" : "block");
-      contest.variant = fmt::format("{} held, returned {}",
-                                    wanted == 0 ? "half" : std::to_string(wanted), nameOf(order));
-      for (std::size_t i = 0; i < counts.size(); ++i) {
-        const Holding holding = {heldOf(wanted, counts[i]), order};
-        contest.participants.push_back(
-            {fmt::format("{} buffers", counts[i]), [file = files[i], holding, geometry] {
-               return holdAndReturn(*file, holding, geometry.pages);
-             }});
-      }
-      for (const std::int32_t count : {counts.front(), counts.back()}) {
-        const Holding holding = {heldOf(wanted, count), order};
-        auto bare = std::make_shared<BareBuffers>(path, shape, holding.pages);
-        contest.participants.push_back(
-            {fmt::format("pread into {}", holding.pages),
-             [bare, holding, geometry] { return holdAndReturn(*bare, holding, geometry.pages); }});
-      }
-      contest.goals = {{Quantity::wall, contest.participants[counts.size() - 1].name,
-                        contest.participants[0].name, 1.5}};
-      run.hold(contest, 5);
+      run.hold(contestOf(wanted, order), 7);
     }
   }
 }

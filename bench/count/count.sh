@@ -1,0 +1,51 @@
+#!/usr/bin/env bash
+# Counts the instructions of the module's inner paths, the kernel's left out. Prints lines of a
+# path's name and its instructions, the mean over its runs.
+#   count.sh callgrind BUILD    by valgrind's callgrind
+#   count.sh QEMU BUILD         by having qemu (qemu-i386, qemu-x86_64) tell every instruction
+set -euo pipefail
+
+way=$1
+program=$2/qzpcount
+folder=$(mktemp -d /dev/shm/qzpcount.XXXXXX)
+trap 'rm -rf "$folder"' EXIT
+
+if [ "$way" = callgrind ]; then
+  valgrind -q --tool=callgrind --callgrind-out-file="$folder/out" \
+    "$program" "$folder" >"$folder/said"
+  callgrind_annotate --inclusive=yes --threshold=100 "$folder/out" |
+    sed -nE 's/^ *([0-9,]+) .*:count_([a-z_]+) .*/\2 \1/p' | tr -d , >"$folder/cost"
+  awk 'FNR == NR { cost[$1] = $2; next }
+       $1 == "runs" { printf "%s %.1f\n", $2, cost[$2] / $3 }' "$folder/cost" "$folder/said"
+  exit
+fi
+
+mkfifo "$folder/trace"
+"$way" -singlestep -d exec,nochain -D "$folder/trace" "$program" "$folder" >"$folder/said" &
+traced=$!
+# One line an instruction, "Trace 0: HOST [FLAGS/PLACE/...". A path's are those from its first to
+# the next mark; what lies between the two beside the path itself, the empty path tells.
+awk -F '[][/ ]+' -v said="$folder/said" '
+  function learn(  line, word) {
+    while ((getline line < said) > 0) {
+      split(line, word, " ")
+      if (word[1] == "mark") mark = substr(word[2], 3)
+      if (word[1] == "place") { name[substr(word[3], 3)] = word[2]; ++known }
+    }
+    close(said)
+  }
+  !/^Trace/ { next }
+  known < 7 && NR % 4096 == 0 { learn() }
+  {
+    place = $5
+    sub(/^0+/, "", place)
+    if (place == mark) path = ""
+    if (place in name) { path = name[place]; ++runs[path] }
+    if (path != "") ++count[path]
+  }
+  END {
+    beside = count["nothing"] / runs["nothing"] - 1
+    for (path in runs) printf "%s %.1f\n", path, count[path] / runs[path] - beside
+  }
+' "$folder/trace"
+wait "$traced"

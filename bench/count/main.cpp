@@ -1,0 +1,179 @@
+// qzpcount: runs the module's inner paths a known number of times, for a tool that counts
+// instructions. Every path lies in a function of its own, `count_...`, whose inclusive count over
+// its calls is the path's; a count on another machine starts and stops at mark().
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "qziop.hpp"
+
+namespace {
+
+constexpr std::int32_t kPageSize = 4096;
+constexpr std::int64_t kPages = 256;
+constexpr std::int64_t kRounds = 64;
+
+void require(qz::Status status) {
+  if (status == qz::Status::ok) return;
+  std::fprintf(stderr, "qzpcount: status 0x%08X\n", static_cast<unsigned>(status));
+  std::exit(1);
+}
+
+// What the paths work on.
+struct Work {
+  qz::FileHandle* handle;
+  const qz::OperationTable* table;
+  qz::PageRequest request;
+};
+
+}  // namespace
+
+extern "C" {
+
+// The remarks in the assembler text keep the compiler from making one function of several.
+
+// Where a path begins and where it ends.
+[[gnu::noinline]] void mark() { asm volatile("" ::: "memory"); }
+
+[[gnu::noinline]] void count_nothing(Work*) { asm volatile("" ::: "memory"); }
+
+[[gnu::noinline]] void count_page_read_miss(Work* w) {
+  asm volatile("# count_page_read_miss" ::: "memory");
+  require(w->table->qzpread(w->handle, &w->request, nullptr));
+}
+[[gnu::noinline]] void count_page_read_hit(Work* w) {
+  asm volatile("# count_page_read_hit" ::: "memory");
+  require(w->table->qzpread(w->handle, &w->request, nullptr));
+}
+[[gnu::noinline]] void count_page_return(Work* w) {
+  asm volatile("# count_page_return" ::: "memory");
+  require(w->table->qzpbufreturn(w->handle, w->request.buffer, nullptr));
+}
+[[gnu::noinline]] void count_page_write(Work* w) {
+  asm volatile("# count_page_write" ::: "memory");
+  require(w->table->qzpwrite(w->handle, &w->request, nullptr));
+}
+[[gnu::noinline]] void count_block_first_read(Work* w) {
+  asm volatile("# count_block_first_read" ::: "memory");
+  require(w->table->qzpread(w->handle, &w->request, nullptr));
+}
+[[gnu::noinline]] void count_block_return(Work* w) {
+  asm volatile("# count_block_return" ::: "memory");
+  require(w->table->qzpbufreturn(w->handle, w->request.buffer, nullptr));
+}
+
+}  // extern "C"
+
+namespace {
+
+struct Path {
+  const char* name;
+  void (*run)(Work*);
+  int runs = 0;
+};
+Path nothing = {"nothing", count_nothing};
+Path pageReadMiss = {"page_read_miss", count_page_read_miss};
+Path pageReadHit = {"page_read_hit", count_page_read_hit};
+Path pageReturn = {"page_return", count_page_return};
+Path pageWrite = {"page_write", count_page_write};
+Path blockFirstRead = {"block_first_read", count_block_first_read};
+Path blockReturn = {"block_return", count_block_return};
+Path* const kPaths[] = {&nothing,   &pageReadMiss,   &pageReadHit, &pageReturn,
+                        &pageWrite, &blockFirstRead, &blockReturn};
+
+void measure(Path& path, Work* work) {
+  ++path.runs;
+  mark();
+  path.run(work);
+  mark();
+}
+
+qz::PagedFile opened(const qz::Module& module, const std::string& path, std::uint32_t options) {
+  auto file = module.newFile();
+  if (!file) require(file.status());
+  qz::FileHandle& handle = file->settings();
+  handle.pageSize = kPageSize;
+  handle.bufferCount = 4;
+  handle.openOptions = options;
+  handle.readAccess = (options & qz::optionDirectIo) != 0 ? qz::readOrdered : qz::readRandom;
+  handle.writeAccess = qz::rewritePages;
+  handle.openMode = qz::openOrKeep;
+  require(file->setName(path).status());
+  require(file->open().status());
+  return std::move(*file);
+}
+
+void countPageMode(const qz::Module& module, const std::string& path) {
+  const qz::PagedFile file = opened(module, path, 0);
+  Work work = {file.handle(), &file.table(), {}};
+  work.request.length = kPageSize;
+  for (std::int64_t i = 0; i < kRounds; ++i) {
+    measure(nothing, &work);
+    work.request.pageNumber = i % kPages + 1;
+    measure(pageReadMiss, &work);
+    measure(pageReturn, &work);
+    // A page stays cached once it was written.
+    measure(pageReadMiss, &work);
+    measure(pageWrite, &work);
+    measure(pageReadHit, &work);
+    measure(pageWrite, &work);
+  }
+}
+
+void countBlockMode(const qz::Module& module, const std::string& path) {
+  const qz::PagedFile file = opened(module, path, qz::optionDirectIo);
+  Work work = {file.handle(), &file.table(), {}};
+  // The first page of each block brings it in.
+  for (std::int64_t page = 1; page <= kPages; ++page) {
+    work.request.pageNumber = page;
+    if (page % file.handle()->pagesPerBlock == 1) {
+      require(work.table->qzpread(work.handle, &work.request, nullptr));
+      require(work.table->qzpbufreturn(work.handle, work.request.buffer, nullptr));
+    } else {
+      measure(blockFirstRead, &work);
+      measure(blockReturn, &work);
+    }
+  }
+}
+
+}  // namespace
+
+// Argument: a folder for the file, in which O_DIRECT works.
+int main(int argc, char** argv) {
+  if (argc != 2) {
+    std::fprintf(stderr, "usage: qzpcount FOLDER\n");
+    return 2;
+  }
+  // Whoever counts by marks needs to know where they are.
+  std::printf("mark %p\n", reinterpret_cast<void*>(&mark));
+  for (const Path* path : kPaths) {
+    std::printf("place %s %p\n", path->name, reinterpret_cast<void*>(path->run));
+  }
+  std::fflush(stdout);
+  const std::string path = std::string(argv[1]) + "/qzpcount." + std::to_string(getpid());
+  const std::vector<char> page(kPageSize, 'q');
+  std::FILE* data = std::fopen(path.c_str(), "wbe");
+  for (std::int64_t i = 0; i < kPages && data != nullptr; ++i) {
+    std::fwrite(page.data(), page.size(), 1, data);
+  }
+  if (data == nullptr || std::fclose(data) != 0) {
+    std::perror(path.c_str());
+    return 1;
+  }
+  {
+    qz::StandInHost host;
+    auto module = qz::Module::load(host.handle());
+    if (!module) {
+      std::fprintf(stderr, "qzpcount: %s\n", module.error().message().c_str());
+      return 1;
+    }
+    countPageMode(*module, path);
+    countBlockMode(*module, path);
+  }
+  unlink(path.c_str());
+  for (const Path* done : kPaths) std::printf("runs %s %d\n", done->name, done->runs);
+  return 0;
+}
