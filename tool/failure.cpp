@@ -109,32 +109,27 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
 
 }  // namespace
 
-Failure& Failure::at(std::int64_t page, std::int64_t offset) {
+Failure Failure::at(std::int64_t page, std::int64_t offset) && {
   page_ = page;
   offset_ = offset;
-  return *this;
+  return std::move(*this);
 }
 
-Failure& Failure::because(int errorNumber) {
+Failure Failure::because(int errorNumber) && {
   errorNumber_ = errorNumber;
-  return *this;
+  return std::move(*this);
 }
 
-Failure& Failure::fromModule(const qz::Error& error) {
+Failure Failure::fromModule(const qz::Error& error) && {
   errorNumber_ = error.errorNumber;
   status_ = static_cast<std::uint32_t>(error.status);
   statusText_ = error.text;
-  return *this;
+  return std::move(*this);
 }
 
-Failure& Failure::note(std::string text) {
-  note_ = std::move(text);
-  return *this;
-}
-
-Failure& Failure::tryThis(std::string hint) {
+Failure Failure::tryThis(std::string hint) && {
   hint_ = std::move(hint);
-  return *this;
+  return std::move(*this);
 }
 
 std::string Failure::reason() const {
@@ -179,15 +174,15 @@ void Failure::printJson() const {
 }
 
 Failure systemFailure(Purpose purpose, std::string what, std::string file, int errorNumber) {
-  Failure failure(exitForErrno(purpose, errorNumber), std::move(what), std::move(file));
-  failure.because(errorNumber).tryThis(hintForErrno(purpose, errorNumber));
-  return failure;
+  return Failure(exitForErrno(purpose, errorNumber), std::move(what), std::move(file))
+      .because(errorNumber)
+      .tryThis(hintForErrno(purpose, errorNumber));
 }
 
 Failure moduleFailure(Purpose purpose, std::string what, std::string file, const qz::Error& error) {
-  Failure failure(exitForStatus(purpose, error), std::move(what), std::move(file));
-  failure.fromModule(error).tryThis(hintForStatus(purpose, error));
-  return failure;
+  return Failure(exitForStatus(purpose, error), std::move(what), std::move(file))
+      .fromModule(error)
+      .tryThis(hintForStatus(purpose, error));
 }
 
 }  // namespace qzpfile

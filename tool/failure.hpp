@@ -32,11 +32,13 @@ class Failure : public std::exception {
   // What happened and why, without the file's name.
   std::string reason() const;
 
-  Failure& at(std::int64_t page, std::int64_t offset);  // offset: bytes into the file
-  Failure& because(int errorNumber);                    // the system's reason
-  Failure& fromModule(const qz::Error& error);
-  Failure& note(std::string text);  // what the failed command has done all the same
-  Failure& tryThis(std::string hint);
+  // Additions to a failure in the making.
+  Failure at(std::int64_t page, std::int64_t offset) &&;  // offset: bytes into the file
+  Failure because(int errorNumber) &&;                    // the system's reason
+  Failure fromModule(const qz::Error& error) &&;
+  Failure tryThis(std::string hint) &&;
+  // What the failed command has done all the same.
+  void note(std::string text) { note_ = std::move(text); }
 
   // Several lines for standard error, each ended; `colour` marks the first.
   std::string text(bool colour) const;

@@ -116,7 +116,7 @@ Measure measure(const Geometry& geometry, std::int64_t fileBytes) {
 }
 
 std::string describe(const Measure& measured, const Geometry& geometry) {
-  const std::string found =
+  std::string found =
       measured.inHeader
           ? fmt::format("found {}, which ends inside the header of {}",
                         counted(measured.found, "byte"), counted(geometry.headerSize, "byte"))

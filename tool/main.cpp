@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <exception>
 #include <new>
 #include <string>
 #include <system_error>
@@ -65,6 +66,11 @@ int runAndReport(const std::vector<std::string>& words) {
 }  // namespace qzpfile
 
 int main(int argc, char** argv) {
-  qzpfile::installSignals();
-  return qzpfile::runAndReport(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+  try {
+    qzpfile::installSignals();
+    return qzpfile::runAndReport(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
+  } catch (const std::exception& error) {  // a report that itself found no memory
+    std::fprintf(stderr, "qzpfile: %s\n", error.what());
+    return static_cast<int>(qzpfile::Exit::ioError);
+  }
 }

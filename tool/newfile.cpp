@@ -27,9 +27,8 @@ unsigned defaultMode() {
 }
 
 Failure exists(const std::string& target) {
-  Failure failure(Exit::cannotCreate, "exists already", target);
-  failure.tryThis("choose another name, or replace it with --force");
-  return failure;
+  return Failure(Exit::cannotCreate, "exists already", target)
+      .tryThis("choose another name, or replace it with --force");
 }
 
 }  // namespace
@@ -53,8 +52,8 @@ NewFile::NewFile(const std::string& target, bool force)
   }
   if (stat(target_.c_str(), &info) == 0) {
     if (!S_ISREG(info.st_mode)) {
-      Failure failure(Exit::cannotCreate, "is there already and is not a regular file", target);
-      throw failure.tryThis("name a file; for a pipe or a device, unpack or cat to \"-\"");
+      throw Failure(Exit::cannotCreate, "is there already and is not a regular file", target)
+          .tryThis("name a file; for a pipe or a device, unpack or cat to \"-\"");
     }
     if (!force_) throw exists(target);
     mode_ = info.st_mode & 07777U;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
@@ -22,7 +23,7 @@ constexpr auto kShowEvery = 200ms;
 constexpr auto kLineEvery = 1s;  // where every show is a line of its own
 
 std::string minutesAndSeconds(double seconds) {
-  const auto whole = static_cast<std::int64_t>(std::min(seconds, 1e9) + 0.5);
+  const auto whole = std::llround(std::min(seconds, 1e9));
   return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
                       : fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
 }
