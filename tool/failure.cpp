@@ -74,6 +74,8 @@ const char* hintForErrno(Purpose purpose, int errorNumber) {
       return "this file system does not take this kind of direct I/O: use --io buffered or auto";
     case EIO:
       return "the disk may be failing: look at the system log, and copy what can still be read";
+    case EROFS:
+      return "use another file system, or have this one mounted for writing";
     case EMFILE:
     case ENFILE:
       return "close other files, or raise the limit (ulimit -n)";
@@ -152,7 +154,7 @@ std::string Failure::text(bool colour) const {
   return out;
 }
 
-void Failure::printJson() const {
+std::string Failure::json() const {
   nlohmann::ordered_json error;
   error["what"] = what_;
   if (!file_.empty()) error["file"] = file_;
@@ -170,7 +172,7 @@ void Failure::printJson() const {
   if (!hint_.empty()) error["hint"] = hint_;
   nlohmann::ordered_json document = jsonDocument("error", exit_);
   document["error"] = std::move(error);
-  printJsonDocument(document);
+  return jsonText(document);
 }
 
 Failure systemFailure(Purpose purpose, std::string what, std::string file, int errorNumber) {

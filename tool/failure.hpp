@@ -42,8 +42,8 @@ class Failure : public std::exception {
 
   // Several lines for standard error, each ended; `colour` marks the first.
   std::string text(bool colour) const;
-  // One JSON document of the schema "qzpfile/error" on standard output.
-  void printJson() const;
+  // One JSON document of the schema "qzpfile/error", ended.
+  std::string json() const;
 
  private:
   Exit exit_;

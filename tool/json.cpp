@@ -20,8 +20,12 @@ nlohmann::ordered_json jsonIo(const IoOutcome& outcome) {
   return io;
 }
 
+std::string jsonText(const nlohmann::ordered_json& document) {
+  return document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+}
+
 void printJsonDocument(const nlohmann::ordered_json& document) {
-  fmt::print("{}\n", document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
+  fmt::print("{}", jsonText(document));
 }
 
 }  // namespace qzpfile

@@ -1,5 +1,6 @@
 // qzpfile: parses the command line, runs the command and turns what went wrong into words and an
 // exit status.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -19,26 +20,39 @@
 namespace qzpfile {
 namespace {
 
+// A descriptor that the caller closed would go to the first file that is opened, and what is said
+// would be written into it. The wrong direction: using it fails, as it would have.
+void occupyStandardDescriptors() {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+  }
+}
+
+Failure outputFailure(int errorNumber) {
+  checkInterrupt();
+  return systemFailure(Purpose::output, "cannot write", "standard output", errorNumber);
+}
+
 Exit run(const std::vector<std::string>& words) {
-  const auto parsed = parseCommandLine(words);
-  Exit exit = Exit::good;
-  if (const auto* text = std::get_if<std::string>(&parsed)) {
-    fmt::print("{}", *text);
-  } else {
-    const auto& [command, call] = std::get<ParsedCommand>(parsed);
-    exit = command->run(call);
+  try {
+    const auto parsed = parseCommandLine(words);
+    Exit exit = Exit::good;
+    if (const auto* text = std::get_if<std::string>(&parsed)) {
+      fmt::print("{}", *text);
+    } else {
+      const auto& [command, call] = std::get<ParsedCommand>(parsed);
+      exit = command->run(call);
+    }
+    if (std::fflush(stdout) != 0) throw outputFailure(errno);
+    return exit;
+  } catch (const std::system_error& error) {  // of a print
+    throw outputFailure(error.code().value());
   }
-  if (std::fflush(stdout) != 0) {
-    throw systemFailure(Purpose::output, "cannot write", "standard output", errno);
-  }
-  return exit;
 }
 
 Exit report(const Failure& failure, bool json) {
-  if (json) {
-    failure.printJson();
-    std::fflush(stdout);
-  } else {
+  // Standard output may be what failed.
+  if (!json || std::fputs(failure.json().c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
     std::fputs(failure.text(wantsColour(STDERR_FILENO)).c_str(), stderr);
   }
   return failure.exit();
@@ -55,10 +69,6 @@ int runAndReport(const std::vector<std::string>& words) {
   } catch (const std::bad_alloc&) {
     return static_cast<int>(report(
         Failure(Exit::ioError, "out of memory").tryThis("use smaller pages or blocks"), json));
-  } catch (const std::system_error& error) {
-    return static_cast<int>(report(
-        systemFailure(Purpose::output, "cannot write", "standard output", error.code().value()),
-        json));
   }
 }
 
@@ -67,6 +77,7 @@ int runAndReport(const std::vector<std::string>& words) {
 
 int main(int argc, char** argv) {
   try {
+    qzpfile::occupyStandardDescriptors();
     qzpfile::installSignals();
     return qzpfile::runAndReport(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
   } catch (const std::exception& error) {  // a report that itself found no memory

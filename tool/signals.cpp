@@ -20,7 +20,8 @@ static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<const char*>::is_always_lock_free);
 
 void onEnd(int signal) {
-  if (endSignal.exchange(signal) == 0) {
+  // Whatever is still said to a reader who is gone is no second request.
+  if (endSignal.exchange(signal) == 0 || signal == SIGPIPE) {
     return;
   }
   if (const char* const path = unfinishedFile.load(); path != nullptr) unlink(path);
@@ -43,6 +44,7 @@ void installSignals() {
   handle(SIGINT, onEnd, 0);
   handle(SIGTERM, onEnd, 0);
   handle(SIGHUP, onEnd, 0);
+  handle(SIGPIPE, onEnd, 0);
   handle(SIGUSR1, onProgressRequest, SA_RESTART);
   handle(SIGXFSZ, SIG_IGN, 0);
 }

@@ -1,6 +1,6 @@
-// Signals: SIGINT, SIGTERM and SIGHUP end the program after the work in hand has been undone;
-// SIGUSR1 asks for a line about progress; SIGXFSZ is ignored, so that a file size limit is an
-// error like a full disk.
+// Signals: SIGINT, SIGTERM, SIGHUP and SIGPIPE end the program after the work in hand has been
+// undone; SIGUSR1 asks for a line about progress; SIGXFSZ is ignored, so that a file size limit is
+// an error like a full disk.
 #pragma once
 
 namespace qzpfile {

@@ -104,6 +104,8 @@ TEST(Packing, LeavesNothingWhenItFails) {
       {"full output", nullptr, "$Q unpack good - >/dev/full", 74, nullptr,
        "No space left on device"},
       {"full output of text", nullptr, "$Q info good >/dev/full", 74, nullptr, "standard output"},
+      {"full output of JSON", nullptr, "$Q info good --format json >/dev/full", 74, nullptr,
+       "standard output"},
       {"interrupted", "mkfifo f",
        "$Q pack f x & p=$!; exec 3>f; sleep 0.3; ls -a | grep -c qzpfile-; kill -INT $p; wait $p",
        130, "1", nullptr},
@@ -119,7 +121,10 @@ TEST(Packing, ReportsAFullDisk) {
   runCases({{"full disk", "mkdir d; seq 1000000 >big",
              "unshare -m sh -c 'mount -t tmpfs -o size=1m none d && $0 \"$@\"; s=$?; ls -A d; "
              "exit $s' $Q pack big d/x",
-             74, nullptr, "try:    make room on that file system"}});
+             74, nullptr, "try:    make room on that file system"},
+            {"read-only", "mkdir d",
+             "unshare -m sh -c 'mount -t tmpfs -o ro none d && $0 \"$@\"' $Q pack in d/x", 73,
+             nullptr, "Read-only file system\n  try:    use another file system"}});
 }
 
 TEST(Packing, ReportsRefusedAccess) {
