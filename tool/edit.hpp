@@ -17,6 +17,9 @@ class PageEditor {
  public:
   // Opens the file for changing.
   PageEditor(Session& session, const Source& source, const IoRequest& io);
+  PageEditor(const PageEditor&) = delete;
+  PageEditor& operator=(const PageEditor&) = delete;
+  ~PageEditor() { file_.keepEmpty(); }
 
   File& file() { return file_; }
 

@@ -70,10 +70,7 @@ Source examine(Session& session, const std::string& name, const std::optional<Ra
   } else {
     std::variant<Geometry, std::string> recognised = recognise(start.bytes);
     if (const auto* why = std::get_if<std::string>(&recognised)) {
-      throw Failure(Exit::badData, *why, name)
-          .tryThis(
-              "if it is a paged file all the same, describe it: --raw --page-size N "
-              "--header-size N");
+      throw Failure(Exit::badData, *why, name).tryThis(advice(start.bytes));
     }
     source.geometry = std::get<Geometry>(recognised);
   }
@@ -202,8 +199,15 @@ qz::PageHold File::read(std::int64_t page) {
 void File::readMany(std::int64_t first, std::span<std::byte> area) {
   const auto count =
       static_cast<std::int32_t>(area.size() / static_cast<std::size_t>(geometry_.pageSize));
-  if (const auto done = paged_.readMany(first, count, area.data()); !done) {
-    failAt("cannot read", first, done.error());
+  const auto done = paged_.readMany(first, count, area.data());
+  if (done) {
+    return;
+  }
+  if (count == 1) failAt("cannot read", first, done.error());
+  // One by one, to tell which.
+  const std::size_t pageSize = area.size() / static_cast<std::size_t>(count);
+  for (std::int32_t i = 0; i < count; ++i) {
+    readMany(first + i, area.subspan(static_cast<std::size_t>(i) * pageSize, pageSize));
   }
 }
 
@@ -242,7 +246,12 @@ void File::flush() {
 
 void File::finish() {
   flush();
+  keepEmpty();
   if (const auto done = paged_.close(); !done) fail("cannot close", done.error());
+}
+
+void File::keepEmpty() {
+  if (pageCount() == 0) paged_.settings().writeAccess = qz::noWrite;
 }
 
 void File::fail(const char* what, const qz::Error& error) const {

@@ -93,6 +93,9 @@ class File {
   void flush();
   // The same, and closes the file.
   void finish();
+  // The module removes a file that it wrote to and that ends up without a byte; ours was there
+  // before, and stays.
+  void keepEmpty();
 
  private:
   File(qz::PagedFile paged, std::string name, const Geometry& geometry, IoOutcome io,

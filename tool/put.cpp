@@ -93,7 +93,7 @@ Exit runPut(const Invocation& call) {
     if (append) {
       failure.note("nothing was appended");
     } else if (next > first) {
-      failure.note(fmt::format("pages {} to {} were replaced before that", first, next - 1));
+      failure.note(fmt::format("pages {} to {} were written before that", first, next - 1));
     }
     throw;
   } catch (const Interrupted&) {

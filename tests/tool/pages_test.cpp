@@ -104,6 +104,10 @@ TEST(Pages, AreNotChangedByWhatIsRefused) {
        "nothing was appended"},
       {"a size limit", "(ulimit -f 100; (cat in in in) | $Q put good --append)", 74,
        "nothing was appended"},
+      {"a reader of its words who leaves",
+       "mkfifo f; $Q put good --append <f & p=$!; exec 3>f; seq 300000 >&3; sleep 0.3; "
+       "kill -PIPE $p; wait $p",
+       141, ""},
       {"longer", "$Q truncate good 12", 64, "it can be cut, not lengthened"},
       {"to no file", "$Q truncate --raw --page-size 4K good 0", 64, "use rm"},
       {"a foreign header", "$Q header good --set in", 65, "is too long"},
@@ -128,8 +132,20 @@ TEST(Pages, TellWhatWasDoneBeforeAFailure) {
       {"replaced before the short page", nullptr,
        "(cat in; cat in) | head -c 1052672 >p; $Q pack -f --page-size 4K p good >/dev/null; "
        "(seq 1000000 | head -c 12288; echo x) | $Q put --raw --page-size 4K good 2",
-       65, nullptr, "note:   pages 2 to 4 were replaced before that"},
+       65, nullptr, "note:   pages 2 to 4 were written before that"},
+      {"a file that was empty stays", ": >e",
+       "$Q put --raw --page-size 4K --append e <in; s=$?; test -f e && exit $s", 65, nullptr,
+       "2048 of a page"},
   });
+}
+
+// The first file that is opened gets the lowest descriptor that is free.
+TEST(Pages, GetNoWordsMeantForAClosedStandardError) {
+  runCases({{"progress on request", "mkfifo f; cp in raw",
+             "$Q put --raw --page-size 1K raw 2 2>&- <f & p=$!; exec 3>f; sleep 0.3; "
+             "kill -USR1 $p; sleep 0.3; head -c 2048 in | tail -c 1024 >&3; exec 3>&-; wait $p; "
+             "cmp in raw",
+             0, "1 page written", nullptr}});
 }
 
 TEST(Pages, FilesAreRemovedOnPurposeOnly) {
