@@ -91,6 +91,22 @@ std::variant<Geometry, std::string> recognise(std::span<const std::byte> firstBy
                   .header = header};
 }
 
+const char* advice(std::span<const std::byte> firstBytes) {
+  const std::variant<Header, HeaderFault> own = decodeHeader(firstBytes);
+  const auto* const fault = std::get_if<HeaderFault>(&own);
+  if (firstBytes.empty() || (fault != nullptr && *fault == HeaderFault::cut)) {
+    return "get a whole copy of the file";
+  }
+  if (fault != nullptr && *fault == HeaderFault::version) {
+    return "use a later version of this program";
+  }
+  if (fault != nullptr && *fault != HeaderFault::foreign) {
+    return "give it a sound header: qzpfile header --raw --page-size N --header-size N --set "
+           "INPUT; its pages can be read with --raw as they are";
+  }
+  return "if it is a paged file all the same, describe it: --raw --page-size N --header-size N";
+}
+
 const char* kindName(FileKind kind) {
   switch (kind) {
     case FileKind::own:

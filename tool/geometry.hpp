@@ -37,6 +37,9 @@ inline constexpr std::int32_t kRecognitionBytes = kHeaderBytes;
 // kRecognitionBytes), or in words why they tell none.
 std::variant<Geometry, std::string> recognise(std::span<const std::byte> firstBytes);
 
+// What to do about a file that is not recognised by these first bytes.
+const char* advice(std::span<const std::byte> firstBytes);
+
 // "qzpfile", "SQLite database", ...
 const char* kindName(FileKind kind);
 
