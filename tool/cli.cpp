@@ -1,6 +1,7 @@
 #include "cli.hpp"
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <unistd.h>
 
 #include <CLI/App.hpp>
@@ -46,7 +47,7 @@ auto oneOf(std::map<std::string, Value> values) {
   };
 }
 
-constexpr std::int64_t kMaxInt32 = std::numeric_limits<std::int32_t>::max();
+constexpr std::int64_t kMaxBuffers = 65536;
 
 void addSizeOptions(CLI::App& app, const Command& command, Invocation& call) {
   const bool raw = (command.options & optionRaw) != 0;
@@ -86,8 +87,8 @@ void addIoOptions(CLI::App& app, const Command& command, Invocation& call) {
               [&call](std::int64_t size) { call.io.blockBytes = static_cast<std::int32_t>(size); });
   }
   if ((command.options & optionBuffers) != 0) {
-    addParsed(app, "--buffers", "N", "a number from 1 on", "buffers of the module (default: 1)",
-              sizeWithin<1, kMaxInt32 - 1>,
+    addParsed(app, "--buffers", "N", "a number from 1 to 65536",
+              "buffers of the module, 1 to 65536 (default: 1)", sizeWithin<1, kMaxBuffers>,
               [&call](std::int64_t count) { call.io.buffers = static_cast<std::int32_t>(count); });
   }
 }
@@ -110,7 +111,7 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   }
   if (has(optionForce)) app.add_flag("-f,--force", call.force, "replace a file that exists");
   if (has(optionKeepGoing)) {
-    app.add_flag("-k,--keep-going", call.keepGoing, "list every bad page, not only the first");
+    app.add_flag("-k,--keep-going", call.keepGoing, "list all that is found, not only the first");
   }
   if (has(optionFormat)) {
     addParsed(app, "--format", "FORMAT", "text or json", "text or json (default: text)",
@@ -186,6 +187,11 @@ void checkTogether(const Command& command, const Invocation& call) {
     throw usageFailure("--page-size and --header-size need --raw: other files tell their own",
                        command.name);
   }
+  if ((call.first == "-" && command.run != runPack) ||
+      (call.second == "-" && command.run != runUnpack)) {
+    throw Failure(Exit::usage, "pages need a file with positions, not a pipe")
+        .tryThis("name a file (\"./-\" if it is called \"-\")");
+  }
   if (command.run == runPut && call.append == call.page.has_value()) {
     throw usageFailure("name either a PAGE or --append", command.name);
   }
@@ -219,9 +225,11 @@ std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std:
                               : commandHelp(*command, *app.get_subcommand(command->name), width);
   } catch (const CLI::CallForVersion& version) {
     return std::string(version.what()) + "\n";
+  } catch (const CLI::ExtrasError&) {
+    throw usageFailure(fmt::format("not expected: {}", fmt::join(app.remaining(true), " ")),
+                       chosen() == nullptr ? "" : chosen()->name);
   } catch (const CLI::ParseError& error) {
-    const Command* const command = chosen();
-    throw usageFailure(error.what(), command == nullptr ? "" : command->name);
+    throw usageFailure(error.what(), chosen() == nullptr ? "" : chosen()->name);
   }
   parsed.command = chosen();
   checkTogether(*parsed.command, parsed.call);

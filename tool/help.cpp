@@ -12,14 +12,14 @@ namespace {
 constexpr std::size_t kNameColumn = 26;   // where the second column begins
 constexpr std::size_t kNarrow = 64;       // below this there is one column
 constexpr std::size_t kWidestText = 100;  // longer lines are hard to read
-constexpr std::size_t kStackedIndent = 6;
+constexpr std::string_view kStackedMargin = "      ";
 
 // A name and what it means: side by side, on a narrow terminal one below the other.
 std::string entry(const std::string& name, std::string_view text, std::size_t width) {
   if (width < kNarrow) {
-    return "  " + name + "\n" + wrapped(text, kStackedIndent, width);
+    return "  " + name + "\n" + wrapped(text, kStackedMargin, width);
   }
-  std::string out = wrapped(text, kNameColumn, width);
+  std::string out = wrapped(text, std::string(kNameColumn, ' '), width);
   const std::string left = "  " + name;
   if (left.size() + 2 > kNameColumn) {
     return left + "\n" + out;
@@ -62,7 +62,7 @@ std::string examples(std::string_view lines, std::size_t width) {
     const std::string_view line = lines.substr(0, lines.find('\n'));
     lines.remove_prefix(std::min(line.size() + 1, lines.size()));
     const std::size_t tab = line.find('\t');
-    out += wrapped("# " + std::string(line.substr(tab + 1)), 2, width);
+    out += wrapped(line.substr(tab + 1), "  # ", width);
     out += "  " + std::string(line.substr(0, tab)) + "\n";  // whole, to be copied
   }
   return out;
@@ -70,7 +70,7 @@ std::string examples(std::string_view lines, std::size_t width) {
 
 }  // namespace
 
-std::string wrapped(std::string_view text, std::size_t indent, std::size_t width) {
+std::string wrapped(std::string_view text, std::string_view margin, std::size_t width) {
   std::string out;
   std::size_t column = 0;
   while (!text.empty()) {
@@ -80,9 +80,9 @@ std::string wrapped(std::string_view text, std::size_t indent, std::size_t width
       out += '\n';
       column = 0;
     }
-    out += column == 0 ? std::string(indent, ' ') : " ";
+    out += column == 0 ? margin : " ";
     out += word;
-    column = (column == 0 ? indent : column + 1) + word.size();
+    column = (column == 0 ? margin.size() : column + 1) + word.size();
   }
   return out + '\n';
 }
@@ -90,18 +90,18 @@ std::string wrapped(std::string_view text, std::size_t indent, std::size_t width
 std::string programHelp(const CLI::App& app, std::size_t width) {
   width = std::min(width, kWidestText);
   std::string out = "Usage: qzpfile COMMAND [ARGUMENT]... [OPTION]...\n\n";
-  out += wrapped(app.get_description(), 0, width);
+  out += wrapped(app.get_description(), "", width);
   out += heading("Commands");
   for (const Command& command : commands()) out += entry(command.name, command.summary, width);
   out += entries(app, "Options", false, width);
-  out +=
-      "\n" + wrapped("\"qzpfile COMMAND --help\" explains a command and gives examples.", 0, width);
+  out += "\n" +
+         wrapped("\"qzpfile COMMAND --help\" explains a command and gives examples.", "", width);
   return out;
 }
 
 std::string commandHelp(const Command& command, const CLI::App& app, std::size_t width) {
   width = std::min(width, kWidestText);
-  std::string out = usage(command) + wrapped(command.text, 0, width);
+  std::string out = usage(command) + wrapped(command.text, "", width);
   out += entries(app, "Arguments", true, width);
   out += entries(app, "Options", false, width);
   return out + examples(command.examples, width);

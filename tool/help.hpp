@@ -10,8 +10,9 @@
 
 namespace qzpfile {
 
-// Text in lines of at most `width` columns, each indented; words that are longer stay whole.
-std::string wrapped(std::string_view text, std::size_t indent, std::size_t width);
+// Text in lines of at most `width` columns that begin with `margin`; words that are longer stay
+// whole.
+std::string wrapped(std::string_view text, std::string_view margin, std::size_t width);
 
 // Help for the program: what it is, its commands and the options of all commands.
 std::string programHelp(const CLI::App& app, std::size_t width);

@@ -92,8 +92,12 @@ TEST(Interface, RefusesWhatItDoesNotUnderstand) {
       {"nothing", nullptr, "$Q", 64, nullptr, "name a command"},
       {"no such command", nullptr, "$Q frob", 64, nullptr, "there is no command \"frob\""},
       {"missing argument", nullptr, "$Q pack in", 64, nullptr, "OUTPUT is required"},
-      {"one too many", nullptr, "$Q info good good", 64, nullptr, "try:    qzpfile info --help"},
-      {"no such option", nullptr, "$Q info good --force", 64, nullptr, "--force"},
+      {"words too many", nullptr, "$Q info good one --force", 64, nullptr,
+       "not expected: one --force\n  try:    qzpfile info --help"},
+      {"a pipe to read pages from", nullptr, "cat good | $Q info -", 64, nullptr, "not a pipe"},
+      {"a pipe to write pages to", nullptr, "$Q pack in -", 64, nullptr, "not a pipe"},
+      {"more buffers than memory", nullptr, "$Q info good --buffers 2000000000", 64, nullptr,
+       "1 to 65536"},
       {"an option twice", nullptr, "$Q pack --io block --io direct in x", 64, nullptr, "--io"},
       {"size", nullptr, "$Q pack --page-size 4X in x", 64, nullptr, "\"4X\" is not a size"},
       {"size too large", nullptr, "$Q pack --page-size 2G in x", 64, nullptr, "1 GiB"},
@@ -142,6 +146,13 @@ TEST(Interface, KnowsATerminal) {
   runCases({
       {"colour", nullptr, "TERM=xterm script -qec \"$Q info no\" /dev/null | grep -ac '\033'", 0,
        "1", nullptr},
+      {"no colour", nullptr, "NO_COLOR=1 script -qec \"$Q info no\" /dev/null | grep -ac '\033'", 1,
+       "0", nullptr},
+      {"dumb", nullptr, "TERM=dumb script -qec \"$Q info no\" /dev/null | grep -ac '\033'", 1, "0",
+       nullptr},
+      {"narrow", nullptr,
+       "script -qec \"stty cols 30; $Q cat good --progress always >/dev/null\" /dev/null", 0,
+       "\rcat  44.0 KiB of 44.0 KiB  10\r\n", nullptr},
   });
 }
 
@@ -183,12 +194,14 @@ TEST(Interface, HelpManPageAndCompletionAgree) {
       }
     }
     EXPECT_EQ(completed, offered);
-    // Narrow: only names and example commands may be longer.
+    // Narrow: only names and example commands may be longer; examples can be pasted whole.
     std::istringstream narrow(shell.run("COLUMNS=40 $Q " + command + " --help").out);
+    bool inExamples = false;
     for (std::string line; std::getline(narrow, line);) {
-      if (line.rfind("Usage:", 0) != 0 && line.find("qzpfile ") == std::string::npos) {
-        EXPECT_LE(line.size(), 40U) << line;
-      }
+      if (line.find("qzpfile ") != std::string::npos) continue;
+      EXPECT_LE(line.size(), 40U) << line;
+      EXPECT_TRUE(!inExamples || line.rfind("  # ", 0) == 0) << line;
+      inExamples = inExamples || line == "Examples:";
     }
   }
   EXPECT_EQ(shell.run("$Q --version").out.rfind("qzpfile 3.3.1\n", 0), 0U);
