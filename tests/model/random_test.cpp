@@ -2,7 +2,7 @@
 // same trace. QZIOP_SEEDS and QZIOP_FIRST_SEED choose other seeds.
 #include <random>
 
-#include "model/driver.h"
+#include "support/driver.h"
 
 namespace qztest {
 namespace {
@@ -22,8 +22,9 @@ class Walk {
         faults_ = {fault()};
         if (chance(20)) faults_.push_back(fault());
       }
+      if (driver_.isAdrift()) faults_.clear();
+      driver_.plan(faults_);
       if (driver_.isAdrift()) {
-        faults_.clear();
         driver_.close(0);
         driver_.repair();
       } else if (driver_.isOpen()) {
@@ -57,6 +58,7 @@ class Walk {
     geometry_ = {aligned ? 4096 : 512, pick(1, 5), 0, chance(30) ? pick(16, 40) : pick(1, 4)};
     geometry_.headerBytes = aligned ? one({0, 4096, 8192}) : one({0, 1, 100, 512});
     world_.h->pageSize = geometry_.pageSize;
+    world_.h->openRetryCount = pick(0, 2);
     if (chance(70)) world_.makeFile(pick(0, 20), geometry_.headerBytes);
     return geometry_;
   }
@@ -89,24 +91,13 @@ class Walk {
       case Call::fileOpen:
       case Call::fileReopen:
         made.result = one({EIO, EINVAL});
-        made.error =
-            one({qz::hostFileNotFound, qz::hostNoDescriptor, qz::hostLocked, qz::hostOtherFailure});
+        made.error = qz::hostNoMemory + static_cast<std::uint32_t>(pick(0, 0x14));
         made.nth = 1;
         break;
       default:
         made.error = one({qz::hostNotRemoved, qz::hostForeignBlock});
     }
     return made;
-  }
-
-  // Faults that the operation can meet and the model follows.
-  void plan(bool fileCloses = false) {
-    if (!fileCloses) {
-      faults_.erase(std::remove_if(faults_.begin(), faults_.end(),
-                                   [](const Fault& f) { return f.call == Call::fileClose; }),
-                    faults_.end());
-    }
-    driver_.plan(faults_);
   }
 
   std::int64_t somePage() {
@@ -124,10 +115,8 @@ class Walk {
     if (left) world_.h->openOptions &= ~qz::optionFlushAtClose;
     const int choice = pick(1, 100);
     if (left && choice <= 70) {
-      plan(true);
       driver_.close(chance(5) ? qz::kRemoveFile : 0);
     } else if (choice <= 80) {
-      plan(true);
       const std::uint32_t options =
           (chance(65) ? qz::optionDirectIo : 0U) | (chance(5) ? qz::optionFlushAtClose : 0U);
       const auto mode = driver_.exists() && chance(93) ? one({qz::openOrKeep, qz::openOrRemove})
@@ -138,10 +127,8 @@ class Walk {
         driver_.writeHeader(static_cast<std::int32_t>(geometry_.headerBytes));
       }
     } else if (choice <= 86) {
-      plan();
       driver_.preopen(pick(0, 600));
     } else if (choice <= 88) {
-      plan();
       driver_.erase();
     } else {
       useWrongly();
@@ -150,7 +137,6 @@ class Walk {
 
   // What a closed handle, or an open one, refuses.
   void useWrongly() {
-    plan();
     switch (pick(1, 9)) {
       case 1:
         driver_.writeSized(1, one({0, -1, geometry_.pageSize - 1, geometry_.pageSize + 1}));
@@ -185,7 +171,6 @@ class Walk {
 
   void useOpen() {
     const int choice = pick(1, 100);
-    plan(choice > 97);
     const int hold = driver_.holds() > 0 ? pick(0, driver_.holds() - 1) : -1;
     if (choice <= 28) {
       driver_.read(somePage());

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <random>
 
-#include "model/driver.h"
+#include "support/driver.h"
 
 namespace qztest {
 namespace {

@@ -94,6 +94,7 @@ class Driver {
 
   // The fault that the next call of a kind meets, or null.
   const Fault* planned(Call call);
+  const Fault* refusal(Call call);
   // The outcome that a system call of that length must have had.
   Outcome expect(Call call, std::int64_t length);
   Outcome store(std::int64_t offset, const std::string& bytes);

@@ -1,4 +1,4 @@
-#include "model/driver.h"
+#include "support/driver.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -24,18 +24,37 @@ Status judged(const Outcome& outcome, std::size_t wanted) {
   return static_cast<std::size_t>(outcome.result) < wanted ? Status::noSpace : Status::ok;
 }
 
-// Host statuses of an open that the faults use.
+// What the host's refusals of an open are told as; all others: ioFailed.
 Status mapped(std::uint32_t hostStatus) {
-  switch (hostStatus) {
-    case qz::hostFileNotFound:
-      return Status::fileNotFound;
-    case qz::hostNoDescriptor:
-      return Status::noDescriptor;
-    case qz::hostLocked:
-      return Status::busy;
-    default:
-      return Status::ioFailed;
-  }
+  static const std::map<std::uint32_t, Status> codes = {
+      {qz::hostNoMemory, Status::noMemory},
+      {qz::hostFileNotFound, Status::fileNotFound},
+      {qz::hostAccessRefused, Status::accessRefused},
+      {qz::hostIsDirectory, Status::isDirectory},
+      {qz::hostBadName, Status::noFileName},
+      {qz::hostNoDescriptor, Status::noDescriptor},
+      {qz::hostNotRemoved, Status::notRemoved},
+      {qz::hostReadOnlyFileSystem, Status::readOnlyFileSystem},
+      {qz::hostLocked, Status::busy},
+      {qz::hostProgramRunning, Status::busy},
+      {qz::hostDeviceBusy, Status::busy},
+      {qz::hostNoLocks, Status::busy},
+      {qz::hostTryAgain, Status::busy},
+      {qz::hostUnsupportedFile, Status::unsupportedFile}};
+  const auto found = codes.find(hostStatus);
+  return found == codes.end() ? Status::ioFailed : found->second;
+}
+
+bool isWaitedFor(std::uint32_t hostStatus) {
+  return hostStatus == qz::hostLocked || hostStatus == qz::hostDeviceBusy ||
+         hostStatus == qz::hostTryAgain;
+}
+
+std::string readWhole(const std::string& path, std::int64_t bytes) {
+  std::string content(static_cast<std::size_t>(std::max<std::int64_t>(bytes, 0)), '\0');
+  std::ifstream(path, std::ios::binary)
+      .read(content.data(), static_cast<std::streamsize>(content.size()));
+  return content;
 }
 
 bool isLargeModuleBlock(const CallRecord& record) {
@@ -50,9 +69,9 @@ Driver::Driver(World& world, const Geometry& geometry)
       headerBytes_(geometry.headerBytes),
       buffers_(geometry.buffers) {
   world_.h->requestedBlockBytes = std::int64_t{geometry.pageSize} * geometry.pagesPerBlock;
-  std::ifstream file(world_.path, std::ios::binary);
-  exists_ = file.is_open();
-  disk_.assign((std::istreambuf_iterator<char>(file)), {});
+  const std::int64_t bytes = world_.bytesOnDisk();
+  exists_ = bytes >= 0;
+  disk_ = readWhole(world_.path, bytes);
 }
 
 // --- What the model knows of a call
@@ -115,6 +134,24 @@ Driver::Outcome Driver::expect(Call call, std::int64_t length) {
   return {fault != nullptr ? (length + 1) / 2 : length, 0};
 }
 
+// The fault that an open ends with, or null. Where O_DIRECT is refused it is asked for once more
+// without, and a busy file is waited for.
+const Fault* Driver::refusal(Call call) {
+  const qz::FileHandle& h = *world_.h;
+  const Fault* fault = planned(call);
+  const bool direct = (h.openOptions & qz::optionDirectIo) != 0;
+  if (fault != nullptr && fault->result == EINVAL && direct) fault = planned(call);
+  int waits = 0;
+  while (fault != nullptr && isWaitedFor(fault->error) && waits < h.openRetryCount) {
+    fault = planned(call);
+    ++waits;
+  }
+  EXPECT_EQ(calls().count(Call::taskWait), waits);
+  EXPECT_TRUE(fault == nullptr || (h.lastErrno == fault->result && h.hostErrorDetail1 == 11 &&
+                                   h.hostErrorDetail2 == 22));
+  return fault;
+}
+
 // --- The file
 
 Driver::Outcome Driver::store(std::int64_t offset, const std::string& bytes) {
@@ -172,14 +209,12 @@ Status Driver::sync() {
 }
 
 void Driver::compareFile() const {
-  std::ifstream file(world_.path, std::ios::binary);
-  ASSERT_EQ(file.is_open(), exists_);
-  const std::string bytes((std::istreambuf_iterator<char>(file)), {});
-  ASSERT_EQ(bytes.size(), exists_ ? disk_.size() : 0);
+  ASSERT_EQ(world_.bytesOnDisk(), exists_ ? static_cast<std::int64_t>(disk_.size()) : -1);
+  const std::string bytes = readWhole(world_.path, world_.bytesOnDisk());
+  if (bytes == disk_) return;
   const auto [mine, theirs] = std::mismatch(disk_.begin(), disk_.end(), bytes.begin());
-  ASSERT_TRUE(!exists_ || mine == disk_.end())
-      << "the file differs at byte " << mine - disk_.begin() << ", page "
-      << (mine - disk_.begin() - header_) / pageSize_ + 1;
+  FAIL() << "the file differs at byte " << mine - disk_.begin() << ", page "
+         << (mine - disk_.begin() - header_) / pageSize_ + 1;
 }
 
 void Driver::repair() {
@@ -244,10 +279,7 @@ Status Driver::check(const std::string& what, Status actual, Status wanted, Repo
 
 Status Driver::physicalOpen(std::uint32_t mode) {
   if (mode == qz::createOrReplace) pageCount_ = fileSize_ = 0;
-  const bool direct = (world_.h->openOptions & qz::optionDirectIo) != 0;
-  const Fault* fault = planned(Call::fileOpen);
-  if (fault != nullptr && fault->result == EINVAL && direct) fault = planned(Call::fileOpen);
-  if (fault != nullptr) return mapped(fault->error);
+  if (const Fault* fault = refusal(Call::fileOpen); fault != nullptr) return mapped(fault->error);
   if (!exists_ && mode != qz::createOrReplace) return Status::fileNotFound;
   exists_ = true;
   attached_ = true;
@@ -320,6 +352,9 @@ Status Driver::open(std::uint32_t mode, std::uint32_t options, std::uint32_t rea
 Status Driver::preopen(std::int32_t bytes) {
   qz::FileHandle& h = *world_.h;
   const CallerMemory memory = callerMemory(bytes + 1);
+  // A file that a pre-open could not close stays with the host, locked: an end of all further
+  // opens.
+  std::erase_if(faults_, [](const Fault& fault) { return fault.call == Call::fileClose; });
   begin();
   const Status actual = world_.preopen(memory.get() + 1, bytes);
   Status wanted = attached_                           ? Status::alreadyOpen
@@ -386,6 +421,9 @@ Status Driver::erase() {
   Status wanted = Status::deleteWhileOpen;
   if (!attached_ && (planned(Call::fileOpen) != nullptr || !exists_)) {
     wanted = Status::notRemoved;
+  } else if (!attached_ && planned(Call::fileClose) != nullptr) {
+    wanted = Status::notRemoved;
+    attached_ = true;
   } else if (!attached_) {
     wanted = Status::ok;
     exists_ = false;
@@ -399,13 +437,13 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
   qz::FileHandle& h = *world_.h;
   h.openOptions = (h.openOptions & ~qz::optionDirectIo) | (direct ? qz::optionDirectIo : 0U);
   const bool wasInBlocks = inBlocks();
+  const std::uint32_t oldMode = h.directIoMode;
   begin();
   const Status actual = world_.reopen(read, write, 0);
   Status wanted = open_ ? writeBack() : Status::notOpen;
   if (wanted == Status::ok) {
-    const Fault* fault = planned(Call::fileReopen);
-    if (fault != nullptr && fault->result == EINVAL && direct) fault = planned(Call::fileReopen);
-    wanted = fault != nullptr ? Status::reopenFailed : Status::ok;
+    wanted = refusal(Call::fileReopen) != nullptr ? Status::reopenFailed : Status::ok;
+    EXPECT_TRUE(wanted == Status::ok || h.directIoMode == oldMode);
   }
   if (open_ && wanted == Status::ok) {
     readAccess_ = read;
