@@ -449,7 +449,8 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
     readAccess_ = read;
     writeAccess_ = write;
     writable_ = write != 0;
-    if (wasInBlocks != inBlocks() && releaseFailed()) {
+    // A release that fails ends the change before anything is made.
+    if (wasInBlocks != inBlocks() && releaseFailed() && !lackedMemory()) {
       wanted = Status::ioFailed;
       shortOfBuffers_ = true;
     } else {
