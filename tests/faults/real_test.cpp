@@ -2,12 +2,12 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -77,8 +77,7 @@ TEST_F(RealFaults, SealedFile) {
     settle(shape);
     makeFile(4);
     if (fd < 0 || fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
-      fmt::print("no sealed memory files: {}\n", std::strerror(errno));
-      GTEST_SKIP();
+      GTEST_SKIP() << "no sealed memory files: " << std::strerror(errno);
     }
     ASSERT_EQ(did(open()), "ok");
     Status status = writeOwn(5, 1);
@@ -96,19 +95,52 @@ TEST_F(RealFaults, SealedFile) {
   }
 }
 
-TEST(RealFaultsMounted, FullFileSystem) {
-  std::string folder = std::filesystem::temp_directory_path().string() + "/qziop-full-XXXXXX";
-  ASSERT_NE(mkdtemp(folder.data()), nullptr);
-  if (mount("none", folder.c_str(), "tmpfs", 0, "size=64k") != 0) {
-    fmt::print("no small file system: {}\n", std::strerror(errno));
-    rmdir(folder.c_str());
-    GTEST_SKIP();
+// A folder in which a shell line has mounted file systems, at $F and perhaps at $F/fs. Both go with
+// the object.
+class Mounted {
+ public:
+  explicit Mounted(const std::string& line)
+      : folder(std::filesystem::temp_directory_path().string() + "/qziop-mount-XXXXXX") {
+    if (mkdtemp(folder.data()) != nullptr) told_ = run("set -e; " + line + "; echo mounted");
   }
+  ~Mounted() { run("umount $F/fs; umount $F; rmdir $F"); }
+  Mounted(const Mounted&) = delete;
+  Mounted& operator=(const Mounted&) = delete;
+
+  // Runs the line; returns all that it told.
+  std::string run(const std::string& line) const {
+    std::string told;
+    FILE* const shell = popen(("F=" + folder + "; exec 2>&1; " + line).c_str(), "r");
+    for (int c = 0; shell != nullptr && (c = getc(shell)) != EOF;) told += static_cast<char>(c);
+    if (shell != nullptr) pclose(shell);
+    return told;
+  }
+  bool works() const { return told_ == "mounted\n"; }
+  const std::string& reason() const { return told_; }
+
+  std::string folder;
+
+ private:
+  std::string told_;
+};
+
+// A line that makes an ext4 of 32 MiB on a loop device over a tmpfs.
+std::string ext4(int tmpfsMiB, int sectorBytes) {
+  return fmt::format(
+      "mount -t tmpfs -o size={}m none $F; mkdir $F/fs; truncate -s 32m $F/image; "
+      "mkfs.ext4 -q -b 4096 -O ^has_journal $F/image; D=$(losetup -f --show -b {} $F/image); "
+      "mount $D $F/fs || {{ losetup -d $D; false; }}; losetup -d $D",
+      tmpfsMiB, sectorBytes);
+}
+
+TEST(RealFaultsMounted, FullFileSystem) {
+  const Mounted mounted("mount -t tmpfs -o size=64k none $F");
+  if (!mounted.works()) GTEST_SKIP() << "no small file system: " << mounted.reason();
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
-    World world(folder);
+    World world(mounted.folder);
     world.openWith(shape, 4);
-    std::ofstream(folder + "/filler") << std::string(8 * 4096, 'x');
+    std::ofstream(mounted.folder + "/filler") << std::string(8 * 4096, 'x');
     Status status = Status::ok;
     while (status == Status::ok && world.h->pageCount < 32)
       status = world.writeOwn(world.h->pageCount + 1, 1);
@@ -118,14 +150,117 @@ TEST(RealFaultsMounted, FullFileSystem) {
     EXPECT_EQ(world.bytesOnDisk(), bytesFor(stored));
     for (std::int64_t page = 1; page <= stored; ++page)
       EXPECT_TRUE(world.onDisk(page, page <= 4 ? 0 : 1)) << page;
-    std::filesystem::remove(folder + "/filler");
+    std::filesystem::remove(mounted.folder + "/filler");
     EXPECT_EQ(world.writeOwn(stored + 1, 2), Status::ok);
     EXPECT_EQ(world.close(), Status::ok);
     EXPECT_TRUE(world.onDisk(stored + 1, 2));
     world.finish();
   }
-  umount(folder.c_str());
-  rmdir(folder.c_str());
+}
+
+// The system takes the pages and cannot store them: the flush tells. What was written since the
+// flush before is cut off and written again: ext4 loses pages that are only written again.
+TEST(RealFaultsMounted, FullDevice) {
+  for (const Shape shape : kShapes) {
+    SCOPED_TRACE(nameOf(shape));
+    const Mounted mounted(ext4(4, 512));
+    if (!mounted.works()) GTEST_SKIP() << "no ext4 on a loop device: " << mounted.reason();
+    World world(mounted.folder + "/fs");
+    world.openWith(shape, 4);
+    EXPECT_EQ(world.flush(), Status::ok);
+    mounted.run("cat /dev/zero >$F/filler");
+    for (std::int64_t page = 5; page <= 300; ++page) EXPECT_EQ(world.writeOwn(page, 1), Status::ok);
+    const Status flushed = world.flush();
+    EXPECT_TRUE(flushed == Status::ioFailed || flushed == Status::noSpace);
+    EXPECT_TRUE(world.h->lastErrno == EIO || world.h->lastErrno == ENOSPC);
+    EXPECT_NE(world.recorder.entries, "");
+    mounted.run("rm $F/filler");
+    EXPECT_EQ(world.truncate(4), Status::ok);
+    for (std::int64_t page = 5; page <= 300; ++page) EXPECT_EQ(world.writeOwn(page, 2), Status::ok);
+    EXPECT_EQ(world.flush(), Status::ok);
+    EXPECT_EQ(world.close(), Status::ok);
+    mounted.run("sync; echo 3 >/proc/sys/vm/drop_caches");
+    EXPECT_TRUE(world.onDisk(4, 0) && world.onDisk(5, 2) && world.onDisk(300, 2));
+    world.finish();
+  }
+}
+
+// The open succeeds, pages smaller than a sector cannot be moved. Whole blocks can, and so can
+// everything once the file is reopened without O_DIRECT.
+TEST(RealFaultsMounted, SectorsLargerThanPages) {
+  const Mounted mounted(ext4(16, 4096));
+  if (!mounted.works()) GTEST_SKIP() << "no large sectors: " << mounted.reason();
+  for (const Shape shape : {Shape::direct, Shape::block}) {
+    SCOPED_TRACE(nameOf(shape));
+    World world(mounted.folder + "/fs");
+    setDirectIo(DirectIo::real);
+    world.settle(shape);
+    world.h->pageSize = 512;
+    world.makeFile(32);
+    ASSERT_EQ(world.open(), Status::ok);
+    EXPECT_EQ(world.read(2), shape == Shape::block ? Status::ok : Status::ioFailed);
+    EXPECT_EQ(world.h->lastErrno, shape == Shape::block ? 0 : EINVAL);
+    Status status = world.writeOwn(33, 1);
+    if (status == Status::ok) status = world.flush();
+    EXPECT_EQ(status, Status::ioFailed);
+    EXPECT_EQ(world.h->lastErrno, EINVAL);
+    EXPECT_EQ(world.bytesOnDisk(), kHeader + 32 * 512);
+    EXPECT_TRUE(world.at == nullptr || world.giveBack(world.at) == Status::ok);
+    EXPECT_EQ(world.reopen(Shape::buffered), Status::ok);
+    EXPECT_EQ(world.rewrite(3, 1), Status::ok);
+    EXPECT_EQ(world.writeOwn(33, 1), Status::ok);
+    EXPECT_EQ(world.close(), Status::ok);
+    EXPECT_TRUE(world.onDisk(3, 1) && world.onDisk(33, 1));
+    world.finish();
+  }
+}
+
+// There is room for one buffer and not for two. A failed open leaves the file as it was; a failed
+// reopen leaves it open, and buffers can be added once there is room.
+TEST_F(RealFaults, NoMemory) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer ends programs that run out of memory";
+#endif
+  constexpr std::int32_t kLarge = 64 << 20;
+  const auto limited = [] {
+    std::int64_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    return Limit(RLIMIT_AS, pages * sysconf(_SC_PAGESIZE) + kLarge + kLarge / 2);
+  };
+  for (const Shape shape : kShapes) {
+    SCOPED_TRACE(nameOf(shape));
+    makeFile(0);
+    std::filesystem::resize_file(path, kHeader + std::uintmax_t{kLarge});
+    settle(shape, 1);
+    h->pageSize = kLarge;
+    h->requestedBlockBytes = kLarge;
+    {
+      const Limit limit = limited();
+      void* const probe = mmap(nullptr, 2 * kLarge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      if (probe != MAP_FAILED) {
+        munmap(probe, 2 * kLarge);
+        GTEST_SKIP() << "no limit of memory holds here";
+      }
+      EXPECT_EQ(did(open()), "002 {4:002}");
+    }
+    EXPECT_EQ(bytesOnDisk(), kHeader + kLarge);
+    settle(shape, 1);
+    h->pageSize = kLarge;
+    h->requestedBlockBytes = kLarge;
+    ASSERT_EQ(open(), Status::ok);
+    EXPECT_EQ(read(1), Status::ok);
+    EXPECT_EQ(close(), Status::ok);
+  }
+  openWith(Shape::buffered, 3, 1);
+  h->requestedBlockBytes = kLarge;
+  {
+    const Limit limit = limited();
+    EXPECT_EQ(reopen(Shape::block), Status::noMemory);
+  }
+  EXPECT_EQ(add(1), Status::buffersMissing);  // counted from what was asked for at first
+  EXPECT_EQ(read(3), Status::ok);
+  EXPECT_TRUE(holdsPage(3, 0));
+  EXPECT_EQ(close(), Status::ok);
 }
 
 TEST_F(RealFaults, NoDescriptorLeft) {
