@@ -140,7 +140,7 @@ TEST(RealFaultsMounted, FullFileSystem) {
     SCOPED_TRACE(nameOf(shape));
     World world(mounted.folder);
     world.openWith(shape, 4);
-    std::ofstream(mounted.folder + "/filler") << std::string(8 * 4096, 'x');
+    std::ofstream(mounted.folder + "/filler") << std::string(std::size_t{8} * 4096, 'x');
     Status status = Status::ok;
     while (status == Status::ok && world.h->pageCount < 32)
       status = world.writeOwn(world.h->pageCount + 1, 1);
@@ -204,7 +204,7 @@ TEST(RealFaultsMounted, SectorsLargerThanPages) {
     if (status == Status::ok) status = world.flush();
     EXPECT_EQ(status, Status::ioFailed);
     EXPECT_EQ(world.h->lastErrno, EINVAL);
-    EXPECT_EQ(world.bytesOnDisk(), kHeader + 32 * 512);
+    EXPECT_EQ(world.bytesOnDisk(), kHeader + std::int64_t{32} * 512);
     EXPECT_TRUE(world.at == nullptr || world.giveBack(world.at) == Status::ok);
     EXPECT_EQ(world.reopen(Shape::buffered), Status::ok);
     EXPECT_EQ(world.rewrite(3, 1), Status::ok);
@@ -221,7 +221,8 @@ TEST_F(RealFaults, NoMemory) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer ends programs that run out of memory";
 #endif
-  constexpr std::int32_t kLarge = 64 << 20;
+  constexpr std::int64_t kLarge = 64 << 20;
+  constexpr auto kProbe = static_cast<std::size_t>(2 * kLarge);
   const auto limited = [] {
     std::int64_t pages = 0;
     std::ifstream("/proc/self/statm") >> pages;
@@ -230,22 +231,22 @@ TEST_F(RealFaults, NoMemory) {
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
     makeFile(0);
-    std::filesystem::resize_file(path, kHeader + std::uintmax_t{kLarge});
+    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(kHeader + kLarge));
     settle(shape, 1);
-    h->pageSize = kLarge;
+    h->pageSize = static_cast<std::int32_t>(kLarge);
     h->requestedBlockBytes = kLarge;
     {
       const Limit limit = limited();
-      void* const probe = mmap(nullptr, 2 * kLarge, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+      void* const probe = mmap(nullptr, kProbe, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
       if (probe != MAP_FAILED) {
-        munmap(probe, 2 * kLarge);
+        munmap(probe, kProbe);
         GTEST_SKIP() << "no limit of memory holds here";
       }
       EXPECT_EQ(did(open()), "002 {4:002}");
     }
     EXPECT_EQ(bytesOnDisk(), kHeader + kLarge);
     settle(shape, 1);
-    h->pageSize = kLarge;
+    h->pageSize = static_cast<std::int32_t>(kLarge);
     h->requestedBlockBytes = kLarge;
     ASSERT_EQ(open(), Status::ok);
     EXPECT_EQ(read(1), Status::ok);

@@ -52,6 +52,11 @@ class Walk {
     return choices[pick(0, n - 1)];
   }
 
+  template <std::size_t n>
+  std::uint32_t oneError(const int (&choices)[n]) {
+    return static_cast<std::uint32_t>(one(choices));
+  }
+
   Geometry prepare() {
     const bool aligned = chance(50);
     setDirectIo(aligned ? DirectIo::simulated : DirectIo::unaligned);
@@ -71,18 +76,18 @@ class Walk {
         pick(1, 3), pick(1, 2), -1, EIO};
     switch (made.call) {
       case Call::pwrite:
-        made.error = one({EIO, ENOSPC, EFBIG, EDQUOT, EINTR});
+        made.error = oneError({EIO, ENOSPC, EFBIG, EDQUOT, EINTR});
         made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
         made.count = chance(20) ? kEveryLater : made.count;
         break;
       case Call::pread:
       case Call::read:
       case Call::readv:
-        made.error = one({EIO, EINTR});
+        made.error = oneError({EIO, EINTR});
         made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
         break;
       case Call::fsync:
-        made.error = one({EIO, EINTR, ETIMEDOUT, ENOSPC});
+        made.error = oneError({EIO, EINTR, ETIMEDOUT, ENOSPC});
         break;
       case Call::memAlloc:
         made.nth = pick(1, 8);

@@ -110,9 +110,10 @@ bool Driver::isAdrift() const {
 
 const Fault* Driver::planned(Call call) {
   const int number = ++made_[call];
-  for (const Fault& fault : faults_)
+  for (const Fault& fault : faults_) {
     if (fault.call == call && number >= fault.nth && number - fault.nth < fault.count)
       return &fault;
+  }
   return nullptr;
 }
 
@@ -268,8 +269,8 @@ Status Driver::check(const std::string& what, Status actual, Status wanted, Repo
   EXPECT_EQ((h.stateFlags & qz::statePreopened) != 0, preopened_);
   EXPECT_EQ(h.hostFile != nullptr, attached_);
   expectWritesInPlace();
-  for (const unsigned char byte : what + did + calls().hostCalls())
-    digest_ = (digest_ ^ byte) * 1099511628211ULL;
+  for (const char byte : what + did + calls().hostCalls())
+    digest_ = (digest_ ^ static_cast<unsigned char>(byte)) * 1099511628211ULL;
   calls().plan({});
   faults_.clear();
   return actual;
@@ -553,11 +554,9 @@ Status Driver::readMany(std::int64_t page, std::int32_t count, std::uint32_t opt
   Status wanted = Status::ok;
   if (!open_) {
     wanted = Status::notOpen;
-  } else if (page <= 0 || page > pageCount_ + 1) {
-    wanted = Status::pageOutOfRange;
   } else if (page == pageCount_ + 1) {
     wanted = Status::endOfFile;
-  } else if (count <= 0) {
+  } else if (page <= 0 || page > pageCount_ || count <= 0) {
     wanted = Status::pageOutOfRange;
   } else {
     const bool whole = (options & qz::kContiguous) != 0;
