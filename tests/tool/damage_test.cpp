@@ -2,7 +2,9 @@
 // scripts go by them, then the words.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <string>
 
 #include "tool/shell.h"
@@ -143,6 +145,36 @@ TEST(Damage, ComparisonSaysWhere) {
       {"other header size is no difference", "$Q copy --header-size 12K good x",
        "$Q compare good x", 0, "same, 11 pages of 4096 bytes", nullptr},
   });
+}
+
+// Killed at any moment, a pack over an older file leaves that or the new one, whole. Among what it
+// leaves half-made nothing passes as good.
+TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
+#ifdef __SANITIZE_ADDRESS__
+  constexpr int kKills = 10;
+#else
+  constexpr int kKills = sizeof(void*) == 4 ? 10 : 200;
+#endif
+  const std::string pack = "$Q pack --force --page-size 4K big x";
+  const Shell shell;
+  shell.prepare("seq 1000000 | head -c 2M >big; cp good x; " + pack);
+  const auto began = std::chrono::steady_clock::now();
+  shell.prepare(pack);
+  const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - began;
+  std::mt19937 random(1);
+  int killed = 0;
+  for (int i = 0; i < kKills; ++i) {
+    const double moment = std::uniform_real_distribution<double>(0, whole.count())(random);
+    const Outcome outcome = shell.run(
+        "cp good x; " + pack + " & sleep " + std::to_string(moment) +
+        "; kill -KILL $!; wait $! || echo killed; for f in x .qzpfile-*; do "
+        "if $Q verify $f; then $Q unpack $f out --force; cmp out big || cmp out in || exit 1; "
+        "elif test $f = x; then exit 1; fi; done; rm -f .qzpfile-*");
+    EXPECT_EQ(outcome.status, 0) << moment << " s\n" << outcome.out << outcome.err;
+    killed += outcome.out.find("killed") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_GT(killed, kKills / 4);
+  RecordProperty("killed", killed);
 }
 
 }  // namespace
