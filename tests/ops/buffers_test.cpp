@@ -1,196 +1,97 @@
 // Acquiring, returning, adding and removing buffers.
-#include "support/fixture.h"
+#include "script.h"
 
 namespace qztest {
 namespace {
 
-using qz::Status;
-
-class BuffersTest : public FileTest {};
+class BuffersTest : public ScriptTest {};
 
 TEST_F(BuffersTest, RefusedOnAClosedHandle) {
-  settle(Shape::buffered);
-  void* address = nullptr;
-  EXPECT_EQ(did(call(&qz::OperationTable::qzpbufacquire, &address)), "81E {!81E}");
-  EXPECT_EQ(did(giveBack(h)), "81E {!81E}");
-  EXPECT_EQ(did(add(-1)), "81E {!81E}");
-  EXPECT_EQ(did(remove(0)), "81E {!81E}");
-  EXPECT_EQ(h->status, Status::notOpen);
+  play("acquire -> !81E; give null -> !81E; add -1 -> !81E; remove 0 -> !81E");
 }
 
 TEST_F(BuffersTest, HoldsAreLimited) {
-  for (const Shape shape : kShapes) {
-    openWith(shape, 9, 2);
-    EXPECT_EQ(did(acquire()), "ok");
-    char* const first = at;
-    EXPECT_EQ(read(9), Status::ok);
-    char* const second = at;
-    EXPECT_EQ(did(acquire()), "80D {!80D}");
-    EXPECT_EQ(did(read(1)), "80D {!80D}");
-    EXPECT_TRUE(at == nullptr && h->heldCount == 2);
-    EXPECT_EQ(did(giveBack(first)), "ok");
-    EXPECT_EQ(did(giveBack(first)), "814 {!814}");
-    EXPECT_EQ(did(giveBack(second)), "ok");
-    EXPECT_EQ(did(giveBack(second)), "814 {!814}") << nameOf(shape);
-    EXPECT_EQ(did(giveBack(h)), "814 {!814}");
-    EXPECT_EQ(did(giveBack(nullptr)), "814 {!814}");
-    EXPECT_EQ(h->heldCount, 0);
-    EXPECT_EQ(did(close()), "ok");
-  }
+  playRows(R"(
+    open %1 9 2; acquire a -> ok; read 9 b; acquire -> !80D; read 1 -> !80D; is heldCount 2
+    give a -> ok; give a -> !814; give b -> ok; give b -> !814; give stray -> !814
+    give null -> !814; is heldCount 0; close)",
+           kShapeRows);
 }
 
 TEST_F(BuffersTest, PageBuffersMoveBetweenTheirLists) {
-  openWith(Shape::direct, 9, 2);
-  acquire();
-  EXPECT_EQ(h->pageHeldList.head->data, at);
-  EXPECT_EQ(did(giveBack(at + 1)), "814 {!814}") << "not the start of the page";
-  giveBack(at);
-  EXPECT_TRUE(h->pageFreeList.head->data == at && h->pageFreeList.head->pageNumber == 0);
-  char* const returned = at;
-  read(3);
-  EXPECT_EQ(at, returned) << "emptied buffers are used first";
-  giveBack(at);
-  EXPECT_EQ(did(read(3)), "ok pread 4096@12288") << "a page given back unwritten is forgotten";
+  play(R"(
+    open direct 9 2; acquire a; give a+1 -> !814; give a; lists -> free 0 0 0
+    read 3 b; lists -> free 0 0 held 3; give b; lists -> free 0 0 0
+    read 3 -> ok pread 4096@12288; write 3; rewrite 4 5; lists -> free 3 4 5)");
+  EXPECT_EQ(named("a"), named("b")) << "emptied buffers are used first";
   // With all buffers caching a page, an acquire takes the one released last; a read, the first.
-  write(3, at);
-  rewrite(4, 0);
-  rewrite(5, 0);
-  acquire();
-  EXPECT_EQ(did(read(5)), "ok pread 4096@20480");
-  giveBack(at);
-  EXPECT_EQ(did(read(4)), "ok");
-  giveBack(at);
+  play(
+      "acquire; lists -> free 3 4 held 0; read 5 -> ok pread 4096@20480; lists -> free 4 held 5 0");
   // Found among several whichever way they were taken: last, first, between.
-  add(2);
-  char* addresses[3];
-  giveBack(h->pageHeldList.head->data);
-  for (char*& address : addresses) {
-    acquire();
-    address = at;
-  }
-  EXPECT_EQ(did(giveBack(addresses[1])), "ok");
-  EXPECT_EQ(did(giveBack(addresses[0])), "ok");
-  EXPECT_EQ(did(giveBack(addresses[2])), "ok");
+  play(R"(
+    give; add 2; read 7 a; acquire b; acquire c; give b -> ok; give a -> ok; give c -> ok)");
 }
 
 TEST_F(BuffersTest, BlocksKeepTheirPagesWhenGivenBack) {
-  openWith(Shape::block, 9, 3);
-  read(1);
-  char* const one = at;
-  read(2);
-  char* const two = at;
-  EXPECT_EQ(two, one + kPage);
-  qz::BlockRecord* const block = h->blockHeldList.head;
-  EXPECT_EQ(block->holdCount, 2);
-  EXPECT_EQ(block->lastPageHandedOut, 2);
-  giveBack(one + 77);  // any byte of the page
-  EXPECT_TRUE(h->blockHeldList.head == block && block->holdCount == 1 && *block->staleBits == 1);
-  read(5);
-  giveBack(at);
-  EXPECT_EQ(did(giveBack(two)), "ok");
-  EXPECT_TRUE(h->blockFreeList.tail == block && block->blockNumber == 1 && *block->staleBits == 3);
-  EXPECT_EQ(did(read(1)), "ok pread 4096@4096");
-  EXPECT_TRUE(holdsPage(1, 0) && *block->staleBits == 2);
-  EXPECT_EQ(did(read(3)), "ok");
-  EXPECT_EQ(did(giveBack(one + 4 * kPage)), "814 {!814}") << "the block ends before";
-  EXPECT_EQ(did(giveBack(one + 2 * kPage)), "ok");
-  EXPECT_EQ(did(giveBack(one)), "ok");
-  EXPECT_EQ(did(giveBack(h->writeBlock->data)), "814 {!814}") << "never handed out";
+  play(R"(
+    open block 9 3; read 1 a; read 2 b; lists -> blocks 0 0 heldBlocks 1-4x2 write 0-0
+    give a+77; lists -> blocks 0 0 heldBlocks 1-4/1 write 0-0
+    touch 5; give b; lists -> blocks 0 5-8/1 1-4/3 write 0-0
+    read 1:0 -> ok pread 4096@4096; read 3:0 c -> ok; lists -> blocks 0 5-8/1 heldBlocks 1-4x2/2 write 0-0
+    give a+16384 -> !814; give c; give a; give wb -> !814)");
+  EXPECT_EQ(named("b"), named("a") + kPage);
+  EXPECT_EQ(h->blockFreeList.tail->lastPageHandedOut, 3);
 }
 
 TEST_F(BuffersTest, BlocksAreChosenEmptyFirstElseReleasedLast) {
-  openWith(Shape::block, 12, 3);
-  for (const std::int64_t page : {1, 5, 9}) {
-    read(page);
-    giveBack(at);
-  }
-  acquire();  // takes the block of page 9
-  qz::BlockRecord* const acquired = h->blockAcquiredList.head;
-  EXPECT_TRUE(acquired->data == at && acquired->holdCount == 1 && acquired->firstPage == 0);
-  EXPECT_EQ(did(read(2)), "ok");
-  EXPECT_EQ(did(giveBack(at)), "ok");
-  EXPECT_EQ(did(read(9)), "ok pread 16384@36864");  // in place of the block of page 1
-  char* const nine = at;
-  EXPECT_EQ(did(read(5)), "ok pread 4096@20480");
-  giveBack(at);
-  giveBack(acquired->data + kPage);
-  EXPECT_EQ(h->blockFreeList.tail, acquired);
-  EXPECT_EQ(did(read(1)), "ok pread 16384@4096");
-  char* const one = at;
-  EXPECT_EQ(h->blockHeldList.head, acquired) << "empty, so before the block of page 5";
-  EXPECT_EQ(did(read(2)), "ok") << "what was stale before is not any more";
-  giveBack(at);
-  giveBack(nine);
-  giveBack(one);
+  play(R"(
+    open block 12 3; touch 1 5 9; lists -> blocks 1-4/1 5-8/1 9-12/1 write 0-0
+    acquire a; lists -> blocks 1-4/1 5-8/1 acquired 0/1=16384 write 0-0
+    touch 2; read 9 b; lists -> blocks 5-8/1 heldBlocks 9-12 acquired 0/1=16384 write 0-0
+    touch 5 -> ok; give a+4096; lists -> blocks 5-8/1 0/3=16384 heldBlocks 9-12 write 0-0
+    read 1 c; lists -> blocks 5-8/1 heldBlocks 1-4 9-12 write 0-0
+    touch 2 -> ok; give b; give c)");
+  EXPECT_EQ(named("c"), named("a")) << "empty, so before the block of page 5";
 }
 
 TEST_F(BuffersTest, AcquireMakesABlockWhenNoneIsFree) {
-  openWith(Shape::block, 4, 1);
-  acquire();
-  char* const first = at;
-  h->bufferCount = 2;
-  const char* const journals[] = {"80D {!80D}", "80D {!80D}", "80D {4:80D !80D}"};
-  for (int nth = 1; nth <= 3; ++nth) {
-    calls().plan({{Call::memAlloc, nth}});
-    EXPECT_EQ(did(acquire()), journals[nth - 1]);
-    EXPECT_EQ(h->heldCount, 1);
-  }
-  calls().plan({{Call::memAlloc, 3}, {Call::memFree, 1, 2, -1, 0x80FFE101}});
-  EXPECT_EQ(did(acquire()), "80D {4:80FFE101 4:80FFE101 4:80D !80D}");
-  calls().plan({});
-  EXPECT_EQ(did(acquire()), "ok");
-  EXPECT_EQ(h->blocksAllocated, 3);
-  EXPECT_EQ(did(giveBack(at)), "ok");
-  EXPECT_EQ(did(giveBack(first)), "ok");
+  play(R"(
+    open block 4 1; acquire a; set bufferCount 2
+    fail memAlloc; acquire -> !80D; fail memAlloc#2; acquire -> !80D
+    fail memAlloc#3; acquire -> 80D {4:80D !80D}; is heldCount 1
+    fail memAlloc#3 memFree*2!80FFE101; acquire -> 80D {4:80FFE101 4:80FFE101 4:80D !80D}
+    fail; acquire b; lists -> acquired 0 0 write 0-0; give b; give a)");
 }
 
-TEST_F(BuffersTest, AddAndRemove) {
-  for (const Shape shape : {Shape::buffered, Shape::block}) {
-    const bool block = shape == Shape::block;
-    openWith(shape, 9, 1);
-    std::int64_t& records = block ? h->blocksAllocated : h->pageBuffersAllocated;
-    EXPECT_EQ(did(add(2)), "ok");
-    EXPECT_TRUE(h->bufferCount == 3 && records == 4 && length == 2);
-    for (int nth = 1; nth <= (block ? 3 : 2); ++nth) {  // the second record's parts
-      calls().plan({{Call::memAlloc, (block ? 3 : 2) + nth}});
-      EXPECT_EQ(did(add(3)), nth == 3 ? "811 {4:811 !811}" : "811 {!811}");
-      EXPECT_TRUE(length == 1 && h->bufferCount == 4 && records == 5) << length;
-      EXPECT_EQ(did(remove(1)), "ok");
-    }
-    calls().plan({});
-    EXPECT_EQ(did(add(0)), "ok");
-    EXPECT_TRUE(h->bufferCount == 3 && length == 0);
-    EXPECT_EQ(did(add(-1)), "ok");
-    EXPECT_EQ(h->bufferCount, block ? 2 : 3);
-    h->bufferCount = 3;
-    EXPECT_EQ(did(remove(0)), "ok");
-    EXPECT_EQ(did(remove(-3)), "ok");
-    EXPECT_EQ(records, 4);
-    read(9);
-    char* const nine = at;
-    // Page mode has one buffer more than may be held, block mode the write block.
-    EXPECT_EQ(did(remove(4)), "80D {!80D}");
-    EXPECT_TRUE(records == (block ? 2 : 1) && h->bufferCount == (block ? 1 : 0));
-    EXPECT_EQ(did(read(1)), "80D {!80D}");
-    EXPECT_EQ(did(giveBack(nine)), "ok");
-    EXPECT_EQ(did(close()), "ok");
-  }
+TEST_F(BuffersTest, AddedAndRemovedPageBuffers) {
+  play(R"(
+    open buffered 9 1; add 2; is bufferCount 3 length 2; lists -> free 0 0 0 0
+    fail memAlloc#3; add 3 -> !811; is length 1 bufferCount 4; lists -> free 0 0 0 0 0; remove 1
+    fail memAlloc#4; add 3 -> !811; is length 1 bufferCount 4; lists -> free 0 0 0 0 0; remove 1
+    fail; add 0; is bufferCount 3 length 0; add -1; is bufferCount 3; remove 0; remove -3
+    read 9 a; lists -> free 0 0 0 held 9; remove 4 -> !80D; lists -> held 9; is bufferCount 0
+    read 1 -> !80D; give a)");
+}
+
+TEST_F(BuffersTest, AddedAndRemovedBlocks) {
+  play("open block 9 1; add 2; is bufferCount 3 length 2; lists -> blocks 0 0 0 write 0-0");
+  for (const std::string part :
+       {"4; add 3 -> !811", "5; add 3 -> !811", "6; add 3 -> 811 {4:811 !811}"})
+    play("fail memAlloc#" + part + "; is length 1 bufferCount 4; remove 1");
+  play(R"(
+    fail; add 0; is bufferCount 3 length 0; add -1; is bufferCount 2; set bufferCount 3
+    remove 0; remove -3; lists -> blocks 0 0 0 write 0-0
+    read 9 a; remove 4 -> !80D; lists -> heldBlocks 9-9 write 0-0; is bufferCount 1
+    read 1 -> !80D; give a)");
 }
 
 TEST_F(BuffersTest, RemoveGoesOnOrStopsAtAFailedRelease) {
-  openWith(Shape::block, 9, 3);
-  calls().plan({{Call::memFree, 2, 2, -1, 0x80FFE101}});
-  EXPECT_EQ(did(remove(2)), "808 {4:80FFE101 4:80FFE101}");
-  EXPECT_TRUE(h->bufferCount == 1 && h->blocksAllocated == 2 && h->status == Status::ioFailed);
-  close();
-  openWith(Shape::buffered, 9, 3);
-  rewrite(7, 1);
-  calls().plan({{Call::memFree, 1, 2, -1, 0x80FFE101}});
-  EXPECT_EQ(did(remove(2)), "808 {4:80FFE101 4:80FFE101}");
-  EXPECT_TRUE(h->bufferCount == 2 && h->pageBuffersAllocated == 3);
-  calls().plan({});
-  EXPECT_EQ(did(remove(3)), "ok") << "cached pages go as well";
-  EXPECT_EQ(did(read(7)), "80D {!80D}");
+  play(R"(
+    open block 9 3; fail memFree#2*2!80FFE101; remove 2 -> 808 {4:80FFE101 4:80FFE101}
+    lists -> blocks 0 write 0-0; is bufferCount 1; fail; close
+    open buffered 9 3; rewrite 7:1; fail memFree*2!80FFE101
+    remove 2 -> 808 {4:80FFE101 4:80FFE101}; lists -> free 0 0 7; is bufferCount 2
+    fail; remove 3; read 7 -> !80D)");
 }
 
 }  // namespace

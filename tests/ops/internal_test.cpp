@@ -1,98 +1,66 @@
 // The four operations that the module calls itself go through the table, where a host may have
 // put another entry.
-#include "support/fixture.h"
+#include <fmt/format.h>
+
+#include "script.h"
 
 namespace qztest {
 namespace {
 
-using qz::Status;
-using Table = qz::OperationTable;
+qz::OperationTable originals;
+std::string replaced;  // the calls of replaced entries
 
-int replaced = 0;
-std::int64_t argument = 0;
-Table originals;
-
-class InternalCallTest : public FileTest {
+class InternalCallTest : public ScriptTest {
  protected:
   void SetUp() override {
     originals = module->operations;
-    replaced = 0;
     module->operations.qzpclose = [](qz::FileHandle* file, std::uint32_t flags, qz::Journal* j) {
-      ++replaced;
-      argument = flags;
+      replaced += fmt::format("close {} ", flags);
       return originals.qzpclose(file, flags, j);
     };
     module->operations.qzpinfo = [](qz::FileHandle* file, qz::Journal* j) {
-      ++replaced;
+      replaced += "info ";
       return originals.qzpinfo(file, j);
     };
     module->operations.qzptruncate = [](qz::FileHandle* file, std::int64_t pages, qz::Journal* j) {
-      ++replaced;
-      argument = pages;
+      replaced += fmt::format("truncate {} ", pages);
       return originals.qzptruncate(file, pages, j);
     };
     module->operations.qzpflush = [](qz::FileHandle* file, qz::Journal* j) {
-      ++replaced;
+      replaced += "flush ";
       return originals.qzpflush(file, j);
     };
   }
-  void expectReplaced(Status status, Status wanted, std::int64_t wantedArgument) {
-    EXPECT_EQ(status, wanted);
-    EXPECT_EQ(replaced, 1);
-    EXPECT_EQ(argument, wantedArgument);
-    replaced = 0;
-    argument = 0;
-    calls().plan({});
-  }
 };
 
-TEST_F(InternalCallTest, InfoAndClose) {
-  makeFile(2);
-  settle(Shape::buffered);
-  EXPECT_EQ(call(&Table::qzpsetfilename, recorder.fileName.data(),
-                 static_cast<std::int32_t>(recorder.fileName.size())),
-            Status::ok);
-  expectReplaced(Status::ok, Status::ok, 0);
-  h->hostPageSize = 0;
-  const qz::PageSizeRequest any{};
-  expectReplaced(call(&Table::qzppsize, &any), Status::ok, 0);
-  settle(Shape::buffered);
-  h->hostPageSize = 0;
-  expectReplaced(open(), Status::ok, 0);
-  calls().plan({{Call::pread, 1, 1, kShort}});
-  expectReplaced(read(2), Status::misfit, 0);
-  for (const std::uint32_t mode : {qz::openOrKeep, qz::openOrRemove}) {
-    settle(Shape::block);
-    h->openMode = mode;
-    calls().plan({{Call::memAlloc}});
-    expectReplaced(open(), Status::noMemory, mode == qz::openOrKeep ? 0 : 1);
+TEST_F(InternalCallTest, GoThroughTheTable) {
+  const std::pair<const char*, std::string> rows[] = {
+      {"set hostPageSize 0; psize 0 0 0", "info "},
+      {"file 2; settle buffered; set hostPageSize 0; open", "info "},
+      {"fail pread=half; read 2 -> 818 pread 4096@8192=2048 {!818}", "close 0 "},
+      {"settle block; fail memAlloc; open -> 002 {4:002}", "close 0 "},
+      {"settle block; set openMode 0; fail memAlloc; open -> 002 {4:002}", "close 1 "},
+      {"file 2 1; settle block; open -> !818", "close 0 "},
+      {"set openMode 2; fail ftruncate; open -> 81C ftruncate 0!5 {!81C}", "close 1 "},
+      {"open buffered 4; fail pwrite!28; own 5 -> "
+       "80F pwrite 4096@20480!28 lseek 20480 ftruncate 20480 {!80F}",
+       "truncate 4 "},
+      {"fail pwrite; own 5 -> 808 pwrite 4096@20480!5 lseek 20480 ftruncate 20480 {!808}",
+       "truncate 4 "},
+      {"fail pwrite!122; header 1 -> 80F pwrite 4096@0!122 lseek 4096 ftruncate 4096 {!80F}",
+       "truncate 0 "},
+      {"close", "close 0 "},
+      {"open block 4; own 5 6; fail pwrite; read 5 -> "
+       "808 pwrite 8192@20480!5 lseek 20480 ftruncate 20480 {!808 !808}",
+       "truncate 4 "},
+      {"set openOptions 0x300; close -> ok fsync", "close 0 flush "}};
+  setName(path);
+  EXPECT_EQ(replaced, "info ");
+  for (const auto& [script, wanted] : rows) {
+    replaced.clear();
+    play(script);
+    EXPECT_EQ(replaced, wanted) << script;
   }
-  makeFile(2, 1);
-  settle(Shape::block);
-  expectReplaced(open(), Status::misfit, 0);
-  h->openMode = qz::createOrReplace;
-  calls().plan({{Call::ftruncate}});
-  expectReplaced(open(), Status::notTruncated, 1);
-}
-
-TEST_F(InternalCallTest, TruncateAndFlush) {
-  openWith(Shape::buffered, 4);
-  for (const int error : {ENOSPC, EIO}) {
-    calls().plan({{Call::pwrite, 1, 1, -1, static_cast<std::uint32_t>(error)}});
-    expectReplaced(writeOwn(5), error == EIO ? Status::ioFailed : Status::noSpace, 4);
-  }
-  calls().plan({{Call::pwrite, 1, 1, -1, EDQUOT}});
-  expectReplaced(writeHeader("x", 1), Status::noSpace, 0);
-  EXPECT_EQ(close(qz::kRemoveFile), Status::ok);
-  replaced = 0;
-  openWith(Shape::block, 4);
-  EXPECT_EQ(writeOwn(5), Status::ok);
-  EXPECT_EQ(writeOwn(6), Status::ok);
-  calls().plan({{Call::pwrite}});
-  expectReplaced(read(5), Status::ioFailed, 4);
-  h->openOptions |= qz::optionFlushAtClose;
-  module->operations.qzpclose = originals.qzpclose;
-  expectReplaced(close(), Status::ok, 0);
 }
 
 }  // namespace

@@ -315,6 +315,8 @@ qz::Status World::readMany(std::int64_t page, std::int32_t count, std::uint32_t 
 void World::begin() {
   calls().clear();
   recorder.entries.clear();
+  recorder.capacities.clear();
+  recorder.lastLength = 0;
 }
 
 void World::end() {

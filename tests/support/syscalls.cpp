@@ -1,6 +1,7 @@
 #include "support/syscalls.h"
 
 #include <dlfcn.h>
+#include <fmt/format.h>
 #include <link.h>
 #include <sys/uio.h>
 #include <sys/vfs.h>
@@ -158,6 +159,10 @@ std::string Calls::hostCalls() const {
       text += std::to_string(record.length) + (record.offset != 0 ? "z" : "");
     } else if (record.call == Call::taskWait) {
       text += ":" + std::to_string(record.length);
+    } else if (record.call == Call::fileClose && record.flags != 0) {
+      text += ":remove";
+    } else if (record.call == Call::fileOpen || record.call == Call::fileReopen) {
+      text += fmt::format(":{:x}@{}", record.flags, record.offset);
     }
     text += (record.result == 0) == creates ? "!" : "";
   }
