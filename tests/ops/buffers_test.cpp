@@ -37,7 +37,8 @@ TEST_F(BuffersTest, BlocksKeepTheirPagesWhenGivenBack) {
     open block 9 3; read 1 a; read 2 b; lists -> blocks 0 0 heldBlocks 1-4x2 write 0-0
     give a+77; lists -> blocks 0 0 heldBlocks 1-4/1 write 0-0
     touch 5; give b; lists -> blocks 0 5-8/1 1-4/3 write 0-0
-    read 1:0 -> ok pread 4096@4096; read 3:0 c -> ok; lists -> blocks 0 5-8/1 heldBlocks 1-4x2/2 write 0-0
+    read 1:0 -> ok pread 4096@4096; read 3:0 c -> ok
+    lists -> blocks 0 5-8/1 heldBlocks 1-4x2/2 write 0-0
     give a+16384 -> !814; give c; give a; give wb -> !814)");
   EXPECT_EQ(named("b"), named("a") + kPage);
   EXPECT_EQ(h->blockFreeList.tail->lastPageHandedOut, 3);

@@ -89,7 +89,8 @@ TEST_F(WholeFileTest, CloseReleasesEverything) {
   play(R"(
     set lastErrno 5 hostErrorDetail1 5 hostErrorDetail2 5; close -> ok
     host -> fileClose destroy:t memFree:b memFree:m memFree:b memFree:m memFree:b memFree:m
-    is fd -1 heldCount 0 lastErrno 0 hostErrorDetail1 0 hostErrorDetail2 0 stateFlags 0 bufferCount 2)");
+    is fd -1 heldCount 0 lastErrno 0
+    is hostErrorDetail1 0 hostErrorDetail2 0 stateFlags 0 bufferCount 2)");
   EXPECT_EQ(guardCalls, 11);
   EXPECT_EQ(calls().at(Call::fileClose).flags, 0U);
   play("open block 4 2; read 1; acquire; own 5 6; close -> ok pwrite 8192@20480");
@@ -201,7 +202,8 @@ TEST_F(WholeFileTest, FailedReopenGoesOnAsBefore) {
     fail pwrite!28; reopen direct -> 80F pwrite 4096@36864!28 lseek 36864 ftruncate 36864 {!80F}
     host -> memAlloc:m4096 memFree:m
     fail fileReopen!80FFE007=13; reopen buffered 0 -> 826
-    is directIoMode 3 writeAccess 2 readAccess 4 lastErrno 13 hostErrorDetail1 11 hostErrorDetail2 22; read 2 -> ok)");
+    is directIoMode 3 writeAccess 2 readAccess 4 lastErrno 13
+    is hostErrorDetail1 11 hostErrorDetail2 22; read 2 -> ok)");
   qz::HostFile* const file = h->hostFile;
   play(R"(
     set openRetryCount 2; fail fileReopen*2!80FFE00F=0; reopen block -> ok
