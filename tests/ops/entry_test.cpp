@@ -63,20 +63,15 @@ class EntryTest : public ScriptTest {
 };
 
 TEST_F(EntryTest, ExtensionObject) {
-  qz::ExtensionObject expected{};
-  std::memcpy(&expected, module, sizeof expected);
-  std::memcpy(expected.eyecatcher, "nevo", 4);
-  std::memcpy(expected.nameText, "QZ Paged I/O", 12);
-  expected.objectName = module->nameText;
-  expected.host = host.handle();
-  expected.modulePool = host.pool("qziop pool");
-  expected.bufferPool = host.pool("qziop buffer pool");
-  std::array<void*, kOperations.size()> slots{};
-  for (std::size_t i = 0; i < slots.size(); ++i)
-    slots.at(i) = Library::get().symbol(kOperations.at(i));
-  static_assert(sizeof slots == sizeof expected.operations);
-  std::memcpy(&expected.operations, slots.data(), sizeof slots);
-  EXPECT_EQ(std::memcmp(module, &expected, sizeof expected), 0);
+  EXPECT_EQ(std::string(module->eyecatcher, 4), "nevo");
+  EXPECT_EQ(std::string(module->nameText, 12), "QZ Paged I/O");
+  EXPECT_TRUE(module->objectName == module->nameText && module->host == host.handle());
+  EXPECT_EQ(module->modulePool, host.pool("qziop pool"));
+  EXPECT_EQ(module->bufferPool, host.pool("qziop buffer pool"));
+  void* slots[kOperations.size()];
+  std::memcpy(slots, &module->operations, sizeof slots);
+  for (std::size_t i = 0; i < kOperations.size(); ++i)
+    EXPECT_EQ(slots[i], Library::get().symbol(kOperations.at(i))) << kOperations.at(i);
   EXPECT_EQ(reinterpret_cast<void*>(module->qzpdestroy), Library::get().symbol("qzpdestroy"));
   std::uint32_t v[3];
   EXPECT_EQ(module->qzpgetreqversion(nullptr, &v[0], &v[1], &v[2]), Status::ok);

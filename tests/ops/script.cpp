@@ -155,7 +155,7 @@ void ScriptTest::play(const std::string& script) {
     std::string wanted = arrow == std::string::npos ? "ok" : step.substr(arrow + 3);
     wanted.erase(0, wanted.find_first_not_of(' '));
     wanted.erase(wanted.find_last_not_of(' ') + 1);
-    if (wanted[0] == '!') wanted = wanted.substr(1) + " {" + wanted + "}";
+    if (wanted[0] == '!') wanted = fmt::format("{} {{{}}}", wanted.substr(1), wanted);
     EXPECT_EQ(arrow == std::string::npos ? outcome.substr(0, outcome.find(' ')) : outcome, wanted)
         << outcome;
   }
