@@ -222,10 +222,10 @@ TEST_F(WholeFileTest, HalfWayReopenServesNothing) {
     fail; read 2 -> !80D; own 9:1 -> ok pwrite 4096@36864; own 1:1 -> ok pwrite 4096@4096; %6
     truncate 8 -> ok lseek 36864 ftruncate 36864; give a; close; disk 1:1)",
            R"(
-buffered | block | memFree!80FFE101 | 808 {4:80FFE101} | 3 | add 1 -> !811; acquire -> !80D
-buffered | block | memFree#2!80FFE101 | 808 {4:80FFE101} | 3 | add 1 -> !811; acquire -> !80D
 buffered | block | memAlloc | 002 {4:002} | 3 | flush
 buffered | block | memAlloc#2 | 002 {4:002} | 3 | flush
+buffered | block | memFree!80FFE101 | 808 {4:80FFE101} | 3 | add 1 -> !811; acquire -> !80D
+buffered | block | memFree#2!80FFE101 | 808 {4:80FFE101} | 3 | add 1 -> !811; acquire -> !80D
 block | buffered | memFree!80FFE101 | 808 {4:80FFE101} | 0 | acquire -> !80D
 block | buffered | memFree#2!80FFE101 | 808 {4:80FFE101} | 0 | acquire -> !80D
 block | buffered | memAlloc | 002 {4:002} | 0 | flush

@@ -98,8 +98,7 @@ TEST_F(OpenTest, NotesTellTheIoType) {
   const std::string large =
       "2:821(LARGE DIRECT IO|~) "
       "2:Page Size: 4096  Requested Transfer Size: 16384  Actual Transfer Size: 16384}; close";
-  for (const bool withJournal : {true, false}) {  // else the host's default journal
-    journal = withJournal ? &recorder : nullptr;
+  const auto playAll = [&] {
     playRows(open + reason + read + write + "2:821(VANILLA|~)}; close", R"(
 2 | 2 | 0 | 1 | the application did not tell us to use Direct IO | Read Random | Rewrite Pages
 2 | 2 | 256 | -2 | the filesystem type is not appropriate | Read Random | Rewrite Pages
@@ -117,7 +116,10 @@ TEST_F(OpenTest, NotesTellTheIoType) {
     playRows(
         "fail fileOpen!80FFE002=22" + open + reason + read + write + "2:821(VANILLA|~)}; close",
         "4 | 2 | 256 | 1 | the open failed for Direct IO | Read Ordered | Rewrite Pages");
-  }
+  };
+  playAll();
+  journal = nullptr;  // the host's default journal
+  playAll();
   unsetenv("QZIOP_DISPLAY_IOP_TYPE");
 }
 
@@ -144,10 +146,9 @@ TEST_F(OpenTest, BufferCountIsChosenWhereNotGiven) {
 
 TEST_F(OpenTest, GeometryIsSettledOrRefused) {
   const std::string script = R"(
-    settle buffered; file 0 %1; set headerSize %2 pageSize %3 pageCount %4 fileSize %5 openMode )";
-  const std::string rest = "; open -> %6; is pageSize %7 pageCount %8; bytes -> %1; end";
-  for (const char* const mode : {"0", "1"}) {
-    playRows(script + mode + rest, R"(
+    file 0 %1; set bufferCount 3 headerSize %2 pageSize %3 pageCount %4 fileSize %5
+    open -> %6; is pageSize %7 pageCount %8; bytes -> %1; end)";
+  const std::string rows = R"(
 10000 | 0 | 0 | 0 | 0 | !818 | 4096 | 3
 10000 | 0 | 1000 | 0 | 0 | ok | 1000 | 10
 2048 | 0 | 0 | 0 | 0 | ok | 512 | 4
@@ -160,8 +161,10 @@ TEST_F(OpenTest, GeometryIsSettledOrRefused) {
 100 | 100 | 512 | 0 | 0 | ok | 512 | 0
 8192 | 4096 | 4096 | 2 | 0 | !818 | 4096 | 3
 8192 | 4096 | 4096 | 2 | 12288 | ok | 4096 | 2
-8192 | 0 | 4096 | 9223372036854775807 | 0 | !818 | 4096 | 9223372036854775807)");
-  }
+8192 | 0 | 4096 | 9223372036854775807 | 0 | !818 | 4096 | 9223372036854775807)";
+  settle(Shape::buffered);
+  playRows("set openMode 0; " + script, rows);
+  playRows("set openMode 1; " + script, rows);
 }
 
 TEST_F(OpenTest, RefusesWhatIsOpenAttachedOrNegative) {

@@ -47,8 +47,8 @@ TEST_F(ReadTest, HeldPagesAreSharedInPageMode) {
 TEST_F(ReadTest, PageModeTellsShortMissingAndFailedPages) {
   play(R"(
     open direct 3; cut 12388; read 3 -> 818 pread 4096@12288=100 {!818}; is readLength 100 fd -1
-    read 3 -> !81E; open direct 3; cut 12288; read 3 -> 80B pread 4096@12288=0; is readLength 0; read 3 -> 80B
-    close)");
+    read 3 -> !81E; open direct 3; cut 12288; read 3 -> 80B pread 4096@12288=0
+    is readLength 0; read 3 -> 80B; close)");
   // A failure is judged again without a call, until another read takes its buffer.
   play(R"(
     open direct 3; fail pread!4; read 1 -> 808 pread 4096@4096!4 {!808}; is lastErrno 4

@@ -4,8 +4,6 @@
 namespace qztest {
 namespace {
 
-using qz::Status;
-
 class WriteTest : public ScriptTest {};
 
 TEST_F(WriteTest, ChecksComeInOrder) {
@@ -97,7 +95,7 @@ TEST_F(WriteTest, BlockModeKeepsEveryCopyRight) {
 }
 
 TEST_F(WriteTest, UnalignedMemoryBouncesUnderDirectIo) {
-  const CallerMemory memory = callerMemory(2 * kPage);
+  const CallerMemory memory = callerMemory(2LL * kPage);
   for (const Shape shape : kShapes) {
     openWith(shape, 3);
     const bool bounces = shape != Shape::buffered;

@@ -56,15 +56,8 @@ std::string nameIn(const char32_t* name, const std::u32string& expected) {
 
 // How many texts a status takes as its inserts.
 int insertsOf(std::uint32_t status) {
-  switch (status) {
-    case 0x803FC824:
-    case 0x803FCFD4:
-      return 1;
-    case 0x803FC821:
-      return 2;
-    default:
-      return 0;
-  }
+  if (status == 0x803FC821) return 2;
+  return status == 0x803FC824 || status == 0x803FCFD4 ? 1 : 0;
 }
 
 ShortJournal& self(qz::Journal* journal) { return *static_cast<ShortJournal*>(journal); }

@@ -63,8 +63,7 @@ decltype(Object::destroy) originalDestroy;
 
 template <class Object>
 qz::HostStatus destroy(Object* object) {
-  return released({Call::destroy, idOf(object), 0, 0, 0, 0, 0},
-                  [&] { return originalDestroy<Object>(object); });
+  return released({Call::destroy, idOf(object)}, [&] { return originalDestroy<Object>(object); });
 }
 
 template <class Object>
@@ -73,20 +72,19 @@ void replaceDestroy(Object* object) {
 }
 
 void* memAlloc(qz::MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {
-  return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags, 0, 0, 0},
+  return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags},
                  [&] { return static_cast<char*>(originals.memAlloc(pool, bytes, flags)); });
 }
 
 qz::HostStatus memFree(qz::MemoryPool* pool, void* block) {
-  return released({Call::memFree, idOf(pool), 0, 0, 0, 0, 0},
-                  [&] { return originals.memFree(pool, block); });
+  return released({Call::memFree, idOf(pool)}, [&] { return originals.memFree(pool, block); });
 }
 
 qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attributes,
                            qz::Journal* journal, const char* name) {
   const bool forBuffers = std::string_view(name) == "qziop buffer pool";
   qz::MemoryPool* pool =
-      created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0], 0, 0, 0},
+      created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0]},
               [&] { return originals.poolCreate(host, attributes, journal, name); });
   if (pool == nullptr) return nullptr;
   if (forBuffers) {
@@ -102,7 +100,7 @@ qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attribu
 
 qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes* attributes,
                          qz::Journal* journal, const char* name) {
-  qz::PageTree* tree = created({Call::treeCreate, 't', attributes->keyOffset, 0, 0, 0, 0}, [&] {
+  qz::PageTree* tree = created({Call::treeCreate, 't', attributes->keyOffset}, [&] {
     return originals.treeCreate(extension, attributes, journal, name);
   });
   if (tree != nullptr) replaceDestroy(tree);
@@ -111,7 +109,7 @@ qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes*
 
 qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::uint32_t length,
                                  qz::Journal* journal) {
-  qz::TreeExtension* extension = created({Call::extensionLoad, 'e', length, 0, 0, 0, 0}, [&] {
+  qz::TreeExtension* extension = created({Call::extensionLoad, 'e', length}, [&] {
     return originals.extensionLoad(host, name, length, journal);
   });
   if (extension != nullptr) {
@@ -124,56 +122,46 @@ qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::
 qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding, qz::Word word,
                                qz::Journal* journal) {
   qz::Converter* converter =
-      created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word), 0, 0, 0},
+      created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word)},
               [&] { return originals.converterCreate(services, encoding, word, journal); });
   if (converter != nullptr) replaceDestroy(converter);
   return converter;
 }
 
-// What a planned failure of an open tells.
-qz::HostStatus refused(const Fault& fault, qz::OpenParameters* parameters) {
-  parameters->systemErrno = static_cast<std::int32_t>(fault.result);
-  parameters->errorDetail1 = 11;
-  parameters->errorDetail2 = 22;
-  return fault.error;
-}
-
-// Opens through `open`, which is not to see O_DIRECT when that is simulated.
+// An open or reopen: fails as planned, or goes through `open`, which is not to see O_DIRECT when
+// that is simulated. Pages that the buffer pool aligns can be held to an alignment; smaller ones
+// cannot.
 template <class Open>
-auto withoutDirectIo(qz::OpenParameters* parameters, Open open) {
-  const std::uint32_t asked = parameters->openFlags;
-  if (directIo != DirectIo::real) parameters->openFlags &= ~qz::openflag::direct;
-  const auto result = open();
-  parameters->openFlags = asked;
-  return result;
-}
-
-// Pages that the buffer pool aligns can be held to an alignment; smaller ones cannot.
-void enforceAlignment(const qz::OpenParameters& parameters) {
-  const bool enforced =
-      directIo == DirectIo::simulated && parameters.openFlags & qz::openflag::direct;
-  calls().requireAlignment(enforced ? 512 : 0);
+void opened(CallRecord record, qz::OpenParameters* parameters, qz::HostStatus* status, Open open) {
+  record.flags = parameters->openFlags;
+  if (const Fault* fault = calls().next(record.call)) {
+    parameters->systemErrno = static_cast<std::int32_t>(fault->result);
+    parameters->errorDetail1 = 11;
+    parameters->errorDetail2 = 22;
+    *status = fault->error;
+  } else {
+    if (directIo != DirectIo::real) parameters->openFlags &= ~qz::openflag::direct;
+    open();
+    parameters->openFlags = record.flags;
+    const bool direct = (record.flags & qz::openflag::direct) != 0;
+    const bool enforced = directIo == DirectIo::simulated && direct;
+    if (*status == 0) calls().requireAlignment(enforced ? 512 : 0);
+  }
+  record.result = *status;
+  calls().record(record);
 }
 
 qz::HostStatus fileReopen(qz::HostFile* file, qz::OpenParameters* parameters,
                           std::uint32_t accessMode, qz::Journal* journal) {
-  CallRecord record{Call::fileReopen, 0, 0, accessMode, 0, 0, parameters->openFlags};
-  const Fault* fault = calls().next(Call::fileReopen);
   qz::HostStatus status = 0;
-  if (fault != nullptr) {
-    status = refused(*fault, parameters);
-  } else {
-    status = withoutDirectIo(
-        parameters, [&] { return originals.fileReopen(file, parameters, accessMode, journal); });
-  }
-  record.result = status;
-  calls().record(record);
-  if (status == 0) enforceAlignment(*parameters);
+  opened({Call::fileReopen, 0, 0, accessMode}, parameters, &status,
+         [&] { status = originals.fileReopen(file, parameters, accessMode, journal); });
   return status;
 }
 
 qz::HostStatus fileClose(qz::HostFile* file, qz::OpenParameters* parameters, qz::Journal* journal) {
-  CallRecord record{Call::fileClose, 0, 0, 0, 0, 0, parameters->removeAtClose};
+  CallRecord record{Call::fileClose};
+  record.flags = parameters->removeAtClose;
   const Fault* fault = calls().next(Call::fileClose);
   const qz::HostStatus status =
       fault != nullptr ? fault->error : originals.fileClose(file, parameters, journal);
@@ -184,28 +172,14 @@ qz::HostStatus fileClose(qz::HostFile* file, qz::OpenParameters* parameters, qz:
 
 qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters, qz::Word one,
                        std::uint32_t accessMode, qz::Journal* journal, qz::HostStatus* status) {
-  CallRecord record{Call::fileOpen,
-                    static_cast<int>(parameters->permissions),
-                    static_cast<std::int64_t>(one),
-                    accessMode,
-                    0,
-                    0,
-                    parameters->openFlags};
-  const Fault* fault = calls().next(Call::fileOpen);
   qz::HostFile* file = nullptr;
-  if (fault != nullptr) {
-    *status = refused(*fault, parameters);
-  } else {
-    file = withoutDirectIo(parameters, [&] {
-      return originals.fileOpen(service, parameters, one, accessMode, journal, status);
-    });
-  }
-  record.result = *status;
-  calls().record(record);
+  opened({Call::fileOpen, static_cast<int>(parameters->permissions), static_cast<std::int64_t>(one),
+          accessMode},
+         parameters, status,
+         [&] { file = originals.fileOpen(service, parameters, one, accessMode, journal, status); });
   if (file != nullptr) {
     replace(file->fileMethods->fileReopen, originals.fileReopen, fileReopen);
     replace(file->fileMethods->fileClose, originals.fileClose, fileClose);
-    enforceAlignment(*parameters);
   }
   return file;
 }
@@ -214,7 +188,7 @@ qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters,
 qz::HostStatus taskWait(qz::Task* /*task*/, qz::Word a1, qz::Word a2, qz::Word a3,
                         std::uint8_t flag, std::uint32_t waitTime) {
   const auto words = static_cast<std::int64_t>(a1 | a2 | a3 | flag);
-  calls().record({Call::taskWait, 0, waitTime, words, 0, 0, 0});
+  calls().record({Call::taskWait, 0, waitTime, words});
   return 0;
 }
 

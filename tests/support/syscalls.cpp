@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <fmt/format.h>
-#include <link.h>
 #include <sys/uio.h>
 #include <sys/vfs.h>
 #include <unistd.h>
@@ -13,28 +12,6 @@
 namespace qztest {
 
 namespace {
-
-struct Range {
-  const void* address;
-  const void* begin;
-  const void* end;
-};
-
-int findLibrary(dl_phdr_info* info, std::size_t /*size*/, void* data) {
-  auto* range = static_cast<Range*>(data);
-  for (int i = 0; i < info->dlpi_phnum; ++i) {
-    const auto& header = info->dlpi_phdr[i];
-    if (header.p_type != PT_LOAD || (header.p_flags & PF_X) == 0) continue;
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): load addresses come as numbers
-    const auto* begin = reinterpret_cast<const char*>(info->dlpi_addr + header.p_vaddr);
-    if (range->address >= begin && range->address < begin + header.p_memsz) {
-      range->begin = begin;
-      range->end = begin + header.p_memsz;
-      return 1;
-    }
-  }
-  return 0;
-}
 
 // The C library's function behind one that this program defines.
 template <class Function>
@@ -83,11 +60,11 @@ const char* nameOf(Call call) {
   return names[static_cast<int>(call)];
 }
 
-void Calls::watch(const void* address) {
-  Range range{address, nullptr, nullptr};
-  if (address != nullptr) dl_iterate_phdr(findLibrary, &range);
-  begin_ = range.begin;
-  end_ = range.end;
+void Calls::watch(void* address) {
+  dl_find_object library{};
+  const bool found = address != nullptr && _dl_find_object(address, &library) == 0;
+  begin_ = found ? library.dlfo_map_start : nullptr;
+  end_ = found ? library.dlfo_map_end : nullptr;
 }
 
 void Calls::plan(std::vector<Fault> faults) {
@@ -176,84 +153,70 @@ using qztest::calls;
 using qztest::real;
 using qztest::systemCall;
 
-// The explicit 64-bit names and the plain ones: a plain build for x86-64 may import either.
-// NOLINTBEGIN(bugprone-macro-parentheses)
-#define CALLED_BY_MODULE calls().isWatched(__builtin_return_address(0))
-
-#define QZTEST_TRANSFER(name, memory_type, offset_type, kind)                                    \
-  ssize_t name(int fd, memory_type* data, std::size_t bytes, offset_type offset) {               \
-    static auto* const next = real<ssize_t(int, memory_type*, std::size_t, offset_type)>(#name); \
-    if (!CALLED_BY_MODULE) return next(fd, data, bytes, offset);                                 \
-    const auto length = static_cast<std::int64_t>(bytes);                                        \
-    return systemCall({kind, fd, length, offset, 0, 0, 0},                                       \
-                      calls().isMisaligned(data, length, offset),                                \
-                      [&](std::size_t count) { return next(fd, data, count, offset); });         \
-  }
-
-#define QZTEST_SEEK(name, offset_type)                                         \
-  offset_type name(int fd, offset_type offset, int whence) noexcept {          \
-    static auto* const next = real<offset_type(int, offset_type, int)>(#name); \
-    if (!CALLED_BY_MODULE) return next(fd, offset, whence);                    \
-    return systemCall({Call::lseek, fd, 0, offset, 0, 0, 0}, false,            \
-                      [&](std::size_t) { return next(fd, offset, whence); });  \
-  }
-
-#define QZTEST_FTRUNCATE(name, offset_type)                            \
-  int name(int fd, offset_type bytes) noexcept {                       \
-    static auto* const next = real<int(int, offset_type)>(#name);      \
-    if (!CALLED_BY_MODULE) return next(fd, bytes);                     \
-    return systemCall({Call::ftruncate, fd, 0, bytes, 0, 0, 0}, false, \
-                      [&](std::size_t) { return next(fd, bytes); });   \
-  }
-
-#define QZTEST_STATFS(name, record_type)                                          \
-  int name(const char* path, record_type* out) noexcept {                         \
-    static auto* const next = real<int(const char*, record_type*)>(#name);        \
-    if (!CALLED_BY_MODULE) return next(path, out);                                \
-    calls().statfsPath = path;                                                    \
-    return systemCall({Call::statfs, 0, 0, 0, 0, 0, 0}, false, [&](std::size_t) { \
-      const int result = next(path, out);                                         \
-      if (calls().fileSystemType != 0) {                                          \
-        out->f_type = static_cast<decltype(out->f_type)>(calls().fileSystemType); \
-      }                                                                           \
-      return result;                                                              \
-    });                                                                           \
-  }
-// NOLINTEND(bugprone-macro-parentheses)
-
+// The names that the module imports, on every platform: those with explicit 64-bit offsets.
 extern "C" {
 
-QZTEST_TRANSFER(pread, void, off_t, Call::pread)
-QZTEST_TRANSFER(pread64, void, off64_t, Call::pread)
-QZTEST_TRANSFER(pwrite, const void, off_t, Call::pwrite)
-QZTEST_TRANSFER(pwrite64, const void, off64_t, Call::pwrite)
-QZTEST_SEEK(lseek, off_t)
-QZTEST_SEEK(lseek64, off64_t)
-QZTEST_FTRUNCATE(ftruncate, off_t)
-QZTEST_FTRUNCATE(ftruncate64, off64_t)
-QZTEST_STATFS(statfs, struct statfs)
-QZTEST_STATFS(statfs64, struct statfs64)
+ssize_t pread64(int fd, void* data, std::size_t bytes, off64_t offset) {
+  static auto* const next = real<ssize_t(int, void*, std::size_t, off64_t)>("pread64");
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, data, bytes, offset);
+  const auto length = static_cast<std::int64_t>(bytes);
+  return systemCall({Call::pread, fd, length, offset}, calls().isMisaligned(data, length, offset),
+                    [&](std::size_t count) { return next(fd, data, count, offset); });
+}
+
+ssize_t pwrite64(int fd, const void* data, std::size_t bytes, off64_t offset) {
+  static auto* const next = real<ssize_t(int, const void*, std::size_t, off64_t)>("pwrite64");
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, data, bytes, offset);
+  const auto length = static_cast<std::int64_t>(bytes);
+  return systemCall({Call::pwrite, fd, length, offset}, calls().isMisaligned(data, length, offset),
+                    [&](std::size_t count) { return next(fd, data, count, offset); });
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
+  static auto* const next = real<off64_t(int, off64_t, int)>("lseek64");
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, offset, whence);
+  return systemCall({Call::lseek, fd, 0, offset}, false,
+                    [&](std::size_t) { return next(fd, offset, whence); });
+}
+
+int ftruncate64(int fd, off64_t bytes) noexcept {
+  static auto* const next = real<int(int, off64_t)>("ftruncate64");
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, bytes);
+  return systemCall({Call::ftruncate, fd, 0, bytes}, false,
+                    [&](std::size_t) { return next(fd, bytes); });
+}
+
+int statfs64(const char* path, struct statfs64* out) noexcept {
+  static auto* const next = real<int(const char*, struct statfs64*)>("statfs64");
+  if (!calls().isWatched(__builtin_return_address(0))) return next(path, out);
+  calls().statfsPath = path;
+  return systemCall({Call::statfs}, false, [&](std::size_t) {
+    const int result = next(path, out);
+    if (calls().fileSystemType != 0) out->f_type = static_cast<int>(calls().fileSystemType);
+    return result;
+  });
+}
 
 ssize_t read(int fd, void* data, std::size_t bytes) {
   static auto* const next = real<ssize_t(int, void*, std::size_t)>("read");
-  if (!CALLED_BY_MODULE) return next(fd, data, bytes);
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, data, bytes);
   const auto length = static_cast<std::int64_t>(bytes);
-  return systemCall({Call::read, fd, length, 0, 0, 0, 0}, calls().isMisaligned(data, 0, 0),
+  return systemCall({Call::read, fd, length}, calls().isMisaligned(data, 0, 0),
                     [&](std::size_t count) { return next(fd, data, count); });
 }
 
 // A short result ends inside the vector: half of its entries.
 ssize_t readv(int fd, const iovec* vector, int entries) {
   static auto* const next = real<ssize_t(int, const iovec*, int)>("readv");
-  if (!CALLED_BY_MODULE) return next(fd, vector, entries);
-  return systemCall({Call::readv, fd, entries, 0, 0, 0, 0}, false,
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, vector, entries);
+  return systemCall({Call::readv, fd, entries}, false,
                     [&](std::size_t count) { return next(fd, vector, static_cast<int>(count)); });
 }
 
 int fsync(int fd) {
   static auto* const next = real<int(int)>("fsync");
-  if (!CALLED_BY_MODULE) return next(fd);
-  return systemCall({Call::fsync, fd, 0, 0, 0, 0, 0}, false, [&](std::size_t) { return next(fd); });
+  if (!calls().isWatched(__builtin_return_address(0))) return next(fd);
+  return systemCall({Call::fsync, fd}, false, [&](std::size_t) { return next(fd); });
 }
 
 #ifndef __SANITIZE_ADDRESS__
@@ -261,7 +224,7 @@ int fsync(int fd) {
 void* __libc_calloc(std::size_t count, std::size_t bytes);
 
 void* calloc(std::size_t count, std::size_t bytes) noexcept {
-  if (!CALLED_BY_MODULE) return __libc_calloc(count, bytes);
+  if (!calls().isWatched(__builtin_return_address(0))) return __libc_calloc(count, bytes);
   ++calls().ownAllocations;
   return calls().refuseOwnMemory ? nullptr : __libc_calloc(count, bytes);
 }
@@ -269,7 +232,7 @@ void* calloc(std::size_t count, std::size_t bytes) noexcept {
 
 char* getenv(const char* name) noexcept {
   static auto* const next = real<char*(const char*)>("getenv");
-  if (CALLED_BY_MODULE) calls().record({Call::environment, 0, 0, 0, 0, 0, 0});
+  if (calls().isWatched(__builtin_return_address(0))) calls().record({Call::environment});
   return next(name);
 }
 }

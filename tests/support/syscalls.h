@@ -41,12 +41,12 @@ struct CallRecord {
   Call call;
   // System calls: the descriptor. memAlloc, memFree, destroy: 'm' module pool, 'b' buffer pool,
   // 'e' tree extension, 'c' converter, 't' tree. fileOpen: permissions.
-  int target;
-  std::int64_t length;  // bytes; readv: entries of the vector; taskWait: time
-  std::int64_t offset;  // file offset; memAlloc: flags; fileOpen, fileReopen: access mode
-  std::int64_t result;  // of the call; host operations: the status, or 1 for what was created
-  int error;            // errno when `result` is -1
-  std::uint32_t flags;  // fileOpen, fileReopen: open flags; fileClose: remove at close
+  int target = 0;
+  std::int64_t length = 0;  // bytes; readv: entries of the vector; taskWait: time
+  std::int64_t offset = 0;  // file offset; memAlloc: flags; fileOpen, fileReopen: access mode
+  std::int64_t result = 0;  // of the call; host operations: the status, or 1 for what was created
+  int error = 0;            // errno when `result` is -1
+  std::uint32_t flags = 0;  // fileOpen, fileReopen: open flags; fileClose: remove at close
 };
 
 inline constexpr int kEveryLater = std::numeric_limits<int>::max();
@@ -69,7 +69,7 @@ struct Fault {
 class Calls {
  public:
   // The library whose calls count: the one that has this address. Null: none.
-  void watch(const void* address);
+  void watch(void* address);
 
   // Under O_DIRECT a real device refuses transfers that are not aligned. While set, transfers of
   // the module are held to this alignment of memory, offset and length; 0: not at all.
@@ -93,7 +93,8 @@ class Calls {
   // than the one asked for, "!28" for an errno: "pread 512@0=0 fsync!5".
   std::string io() const;
   // The host's operations since clear(), one word each with what they were about: "memAlloc:m40"
-  // (bytes; z: zero-filled), "memFree:b", "destroy:t", "fileOpen", "taskWait:1000"; "!" after one
+  // (bytes; z: zero-filled), "memFree:b", "destroy:t", "fileOpen:42@5" (flags,
+  // access mode), "fileClose:remove", "taskWait:1000"; "!" after one
   // that failed.
   std::string hostCalls() const;
 
