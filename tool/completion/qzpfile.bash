@@ -3,6 +3,9 @@ _qzpfile() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]} command=${COMP_WORDS[1]}
   local raw='--raw --page-size --header-size' io='--io --block-size --buffers' options
   COMPREPLY=()
+  # "--io=d" comes as three words.
+  [ "$prev" != = ] || prev=${COMP_WORDS[COMP_CWORD - 2]}
+  [ "$cur" != = ] || cur=
   case $prev in
     --io) mapfile -t COMPREPLY < <(compgen -W 'auto buffered direct block' -- "$cur"); return ;;
     --format) mapfile -t COMPREPLY < <(compgen -W 'text json' -- "$cur"); return ;;
