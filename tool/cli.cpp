@@ -190,7 +190,7 @@ void checkTogether(const Command& command, const Invocation& call) {
   if ((call.first == "-" && command.run != runPack) ||
       (call.second == "-" && command.run != runUnpack)) {
     throw Failure(Exit::usage, "pages need a file with positions, not a pipe")
-        .tryThis("name a file (\"./-\" if it is called \"-\")");
+        .tryThis("name a file: ./- if it is called so");
   }
   if (command.run == runPut && call.append == call.page.has_value()) {
     throw usageFailure("name either a PAGE or --append", command.name);

@@ -143,9 +143,10 @@ void printText(const Source& source, const Verification& verification) {
   for (const IoOutcome& outcome : verification.skipped()) {
     fmt::print("  not in mode {}: {}\n", ioName(outcome.asked), outcome.why);
   }
-  if (!source.geometry.header)
+  if (!source.geometry.header) {
     fmt::print("  no checksum: a {} has none\n",
                source.geometry.kind == FileKind::raw ? "raw file" : kindName(source.geometry.kind));
+  }
 }
 
 void printJson(const Source& source, Exit exit, const Verification& verification) {
