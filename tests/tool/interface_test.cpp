@@ -32,7 +32,7 @@ Json documentOf(const Shell& shell, const std::string& line, int status, const c
   const Outcome outcome = shell.run(line);
   EXPECT_EQ(outcome.status, status);
   EXPECT_EQ(outcome.err, "");
-  const Json document = Json::parse(outcome.out, nullptr, false);
+  Json document = Json::parse(outcome.out, nullptr, false);
   EXPECT_FALSE(document.is_discarded()) << outcome.out;
   EXPECT_EQ(document.value("schema", ""), schema);
   EXPECT_EQ(document.value("schema_version", 0), 1);

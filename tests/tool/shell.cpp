@@ -23,7 +23,7 @@ int system(const std::string& line) {
 
 // The program, through the emulator where the kernel does not run it.
 std::string program() {
-  const std::string path = QZIOP_PROGRAMS "/qzpfile";
+  std::string path = QZIOP_PROGRAMS "/qzpfile";
   for (const std::string& launcher : {std::string(), std::string("qemu-i386 ")}) {
     if (system(launcher + path + " --version >/dev/null 2>&1") == 0) return launcher + path;
   }
