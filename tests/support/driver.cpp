@@ -460,10 +460,8 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
       wanted = lackedMemory() ? Status::noMemory : Status::ok;
       shortOfBuffers_ = wanted != Status::ok;
     }
-    if (wasInBlocks != inBlocks()) {
-      failedReads_.clear();
-      shortBlocks_.clear();
-    }
+    // Blocks that are held come along into the other shape and back.
+    if (wasInBlocks != inBlocks()) failedReads_.clear();
   }
   return check(fmt::format("reopen {} {} {}", direct, read, write), actual, wanted, Reports::some);
 }
