@@ -23,17 +23,10 @@ RecordMap::~RecordMap() { std::free(slots_); }
 
 bool RecordMap::reserve(std::size_t entries) {
   const std::size_t wanted = std::bit_ceil(entries * 2);
-  if (wanted <= slotCount_) return true;
-  auto* larger = static_cast<Slot*>(std::calloc(wanted, sizeof(Slot)));
-  if (larger == nullptr) return false;
-  Slot* old = std::exchange(slots_, larger);
-  const std::size_t oldCount = std::exchange(slotCount_, wanted);
+  slots_ = static_cast<Slot*>(std::calloc(wanted, sizeof(Slot)));
+  if (slots_ == nullptr) return false;
+  slotCount_ = wanted;
   homeShift_ = 64 - std::countr_zero(wanted);
-  used_ = 0;
-  for (std::size_t i = 0; i < oldCount; ++i) {
-    if (old[i].record != nullptr) insert(old[i].key, old[i].record);
-  }
-  std::free(old);
   return true;
 }
 

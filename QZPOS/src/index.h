@@ -22,7 +22,7 @@ class RecordMap {
   RecordMap& operator=(const RecordMap&) = delete;
   ~RecordMap();
 
-  // Makes room for this many entries in all. False: no memory, and nothing has changed.
+  // Makes room for this many entries; once, before anything else. False: no memory.
   bool reserve(std::size_t entries);
 
   [[nodiscard]] bool hasRoom(std::size_t entries) const {
@@ -37,7 +37,6 @@ class RecordMap {
   // Calls visit(record) for every record under the key.
   template <class Visit>
   void visit(std::uint64_t key, Visit visit) const {
-    if (slotCount_ == 0) return;
     for (std::size_t i = home(key); slots_[i].record != nullptr; i = next(i)) {
       if (slots_[i].key == key) visit(slots_[i].record);
     }
@@ -55,7 +54,7 @@ class RecordMap {
   [[nodiscard]] std::size_t next(std::size_t i) const { return (i + 1) & (slotCount_ - 1); }
 
   Slot* slots_ = nullptr;
-  std::size_t slotCount_ = 0;  // 0 or a power of two
+  std::size_t slotCount_ = 0;  // a power of two
   std::size_t used_ = 0;
   int homeShift_ = 0;
 };
