@@ -225,8 +225,8 @@ void* __libc_calloc(std::size_t count, std::size_t bytes);
 
 void* calloc(std::size_t count, std::size_t bytes) noexcept {
   if (!calls().isWatched(__builtin_return_address(0))) return __libc_calloc(count, bytes);
-  ++calls().ownAllocations;
-  return calls().refuseOwnMemory ? nullptr : __libc_calloc(count, bytes);
+  const bool given = calls().ownAllocations++ < calls().ownAllocationsGiven;
+  return given ? __libc_calloc(count, bytes) : nullptr;
 }
 #endif
 

@@ -98,10 +98,10 @@ class Calls {
   // that failed.
   std::string hostCalls() const;
 
-  // The module's own memory, for its index of records: how often it asked, and whether it gets
-  // any. Not seen under the address sanitizer, which has an allocator of its own.
+  // The module's own memory, for its index of records: how often it asked since clear(), and how
+  // often it is given any. Not seen under the address sanitizer, which has an allocator of its own.
   int ownAllocations = 0;
-  bool refuseOwnMemory = false;
+  int ownAllocationsGiven = kEveryLater;
 
   // The type that statfs reports instead of the real one; 0: the real one.
   std::uint32_t fileSystemType = 0;
