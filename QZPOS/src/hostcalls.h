@@ -21,20 +21,20 @@ inline HostStatus closeHostFile(HostFile* file, OpenParameters* parameters, Jour
   return file->fileMethods->fileClose(file, parameters, journal);
 }
 
-// The page tree over single-page buffers. Its calls are left out on a handle without one, which
-// a reopen whose set-up failed leaves behind.
+// The page tree over single-page buffers. A reopen whose set-up failed leaves a handle without one.
 
-// The buffer entered under *page, whose address the tree receives as its key.
+// The buffer entered under *page, whose address the tree receives as its key. There must be a tree.
 inline PageBuffer* findPage(const FileHandle& h, const std::int64_t* page) {
-  if (h.pageTree == nullptr) return nullptr;
   return static_cast<PageBuffer*>(h.pageTree->treeFind(&h.pageTree->anchor, page));
 }
 
+// There must be a tree.
 inline void enterPage(const FileHandle& h, PageBuffer* buffer) {
-  if (h.pageTree != nullptr) h.pageTree->treeInsert(&h.pageTree->anchor, buffer);
+  h.pageTree->treeInsert(&h.pageTree->anchor, buffer);
 }
 
-// Takes the buffer out of the tree. An empty buffer's number, 0, is no key of the tree.
+// Takes the buffer out of the tree, if there is one. An empty buffer's number, 0, is no key of the
+// tree.
 inline void dropPage(const FileHandle& h, const PageBuffer& buffer) {
   if (h.pageTree != nullptr) h.pageTree->treeRemove(&h.pageTree->anchor, &buffer.pageNumber);
 }

@@ -59,9 +59,9 @@ bool RecordIndex::reserve(std::int64_t pageBuffers, std::int64_t blocks, std::in
          blocksByNumber_.reserve(blockEntries);
 }
 
+// Where the blocks have room by address they have it by number: not each has one.
 bool RecordIndex::hasRoom() const {
-  return buffersByAddress_.hasRoom(1) && blocksByAddress_.hasRoom(kGranulesOfBlock) &&
-         blocksByNumber_.hasRoom(1);
+  return buffersByAddress_.hasRoom(1) && blocksByAddress_.hasRoom(kGranulesOfBlock);
 }
 
 void RecordIndex::add(PageBuffer* buffer) { buffersByAddress_.insert(keyOf(buffer->data), buffer); }

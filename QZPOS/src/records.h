@@ -62,11 +62,9 @@ inline void setPageNumber(FileHandle* h, PageBuffer* buffer, std::int64_t page) 
   buffer->pageNumber = page;
 }
 
-// Gives a block of the cache its number; 0 takes it away.
+// Gives a free block its number; 0 takes it away.
 inline void setBlockNumber(FileHandle* h, BlockRecord* block, std::int64_t blockNumber) {
-  if (block->holdCount == 0) {
-    h->emptyFreeBlocks += (blockNumber == 0 ? 1 : 0) - (isEmptyRecord(*block) ? 1 : 0);
-  }
+  h->emptyFreeBlocks += (blockNumber == 0 ? 1 : 0) - (isEmptyRecord(*block) ? 1 : 0);
   if (h->index != nullptr) h->index->renumber(block, blockNumber);
   block->blockNumber = blockNumber;
 }
@@ -162,7 +160,7 @@ inline void tearDownTree(FileHandle* h) {
 }
 
 // A page-mode handle without a tree can hand out nothing.
-inline bool lacksTree(const FileHandle& h) { return !inBlockMode(h) && h.pageTree == nullptr; }
+inline bool lacksTree(const FileHandle& h) { return h.pageTree == nullptr; }
 
 // A free page buffer becomes the caller's.
 inline void hold(FileHandle* h, PageBuffer* buffer) {
