@@ -32,7 +32,7 @@ Status returnBlock(FileHandle* h, const Match& match, const void* address, Journ
   const bool freed = endHandOut(h, block, match.foundIn);
   if (freed) joinFreeTail(h, block);
   if (freed && leftover) return bkpdeletebuffers(h, &h->blockFreeList, journal);
-  markStale(block, slotIndex(*h, *block, address));
+  markStale(block, slotIndex(*block, address, h->pageSize));
   return keep(h, Status::ok);
 }
 

@@ -80,7 +80,7 @@ std::int64_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
       retryingEintr([&] { return readAt(h->fd, slot, h->pageSize, pageOffset(*h, page)); });
   if (transfer.failed()) block->readErrno = transfer.error;
   h->nextPage = pageAfter(page);
-  clearStale(block, page - block->firstPage);
+  clearStale(block, slotIndex(*block, page));
   return transfer.result;
 }
 
@@ -124,7 +124,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   } else {
     block = findBlock(*h, page);
   }
-  const bool stale = block != nullptr && isStale(*block, page - block->firstPage);
+  const bool stale = block != nullptr && isStale(*block, slotIndex(*block, page));
   if (block == nullptr) block = fillBlock(h, page);
   if (block == nullptr) return Status::noBuffer;
   const std::int64_t available =

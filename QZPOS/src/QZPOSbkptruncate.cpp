@@ -46,8 +46,8 @@ void cutFreeBlocks(FileHandle* h, std::int64_t newPageCount) {
       moveToHead(h->blockFreeList, block);
     } else if (newPageCount < block->lastPage) {
       block->lastPage = newPageCount;
-      block->validBytes =
-          std::min(block->validBytes, slotBegin(*block, newPageCount + 1, h->pageSize));
+      block->validBytes = std::min<std::int64_t>(block->validBytes,
+                                                 slotBegin(*block, newPageCount + 1, h->pageSize));
     }
   }
 }

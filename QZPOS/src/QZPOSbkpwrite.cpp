@@ -184,7 +184,7 @@ void endBlockHold(FileHandle* h, const Source& source, const PageRequest& r) {
     return;
   }
   // Written as another page than its own, a slot has bytes that are not its page's.
-  const std::int64_t index = slotIndex(*h, *block, r.buffer);
+  const std::int32_t index = slotIndex(*block, r.buffer, h->pageSize);
   if (block->firstPage + index != r.pageNumber) markStale(block, index);
 }
 

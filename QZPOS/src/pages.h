@@ -73,30 +73,42 @@ inline bool extentContains(const BlockRecord& block, std::int64_t page,
   return block.firstPage != 0 && block.firstPage <= page && page - block.firstPage < pagesPerBlock;
 }
 
+// Which page of the block's extent a page of it is, from 0. A block has less than 2 GiB: inside it
+// 32 bits will do, which a 32-bit machine is quick with.
+inline std::int32_t slotIndex(const BlockRecord& block, std::int64_t page) {
+  return static_cast<std::int32_t>(page - block.firstPage);
+}
+
+// The same of an address in the block's data.
+inline std::int32_t slotIndex(const BlockRecord& block, const void* address,
+                              std::int32_t pageSize) {
+  return static_cast<std::int32_t>(static_cast<const char*>(address) - block.data) / pageSize;
+}
+
 // Where a page of the block's extent lies in its data.
-inline std::int64_t slotBegin(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
-  return (page - block.firstPage) * pageSize;
+inline std::int32_t slotBegin(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
+  return slotIndex(block, page) * pageSize;
 }
 
 inline char* slotOf(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
-  return block.data + static_cast<std::ptrdiff_t>(slotBegin(block, page, pageSize));
+  return block.data + slotBegin(block, page, pageSize);
 }
 
 // Stale bits: bit i % 8 of byte i / 8 stands for the i-th page of the block's extent.
-constexpr std::uint8_t staleMask(std::int64_t index) {
-  return static_cast<std::uint8_t>(1U << (index % 8));
+constexpr std::uint8_t staleMask(std::int32_t index) {
+  return static_cast<std::uint8_t>(1U << (index & 7));
 }
 
-inline bool isStale(const BlockRecord& block, std::int64_t index) {
-  return (block.staleBits[index / 8] & staleMask(index)) != 0;
+inline bool isStale(const BlockRecord& block, std::int32_t index) {
+  return (block.staleBits[index >> 3] & staleMask(index)) != 0;
 }
 
-inline void markStale(BlockRecord* block, std::int64_t index) {
-  block->staleBits[index / 8] |= staleMask(index);
+inline void markStale(BlockRecord* block, std::int32_t index) {
+  block->staleBits[index >> 3] |= staleMask(index);
 }
 
-inline void clearStale(BlockRecord* block, std::int64_t index) {
-  block->staleBits[index / 8] &= static_cast<std::uint8_t>(~staleMask(index));
+inline void clearStale(BlockRecord* block, std::int32_t index) {
+  block->staleBits[index >> 3] &= static_cast<std::uint8_t>(~staleMask(index));
 }
 
 // Least common multiple of two positive numbers below 2^62 whose product may be larger; nothing

@@ -249,9 +249,4 @@ inline bool endHandOut(FileHandle* h, BlockRecord* block, FoundIn foundIn) {
   return true;
 }
 
-// The place of an address among the pages of the block's data.
-inline std::int64_t slotIndex(const FileHandle& h, const BlockRecord& block, const void* address) {
-  return (static_cast<const char*>(address) - block.data) / h.pageSize;
-}
-
 }  // namespace qz
