@@ -1,6 +1,7 @@
 // qzpbench: times the module beside the bare calls and other ways to keep pages in a file.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "core/report.h"
@@ -20,7 +21,8 @@ constexpr Work kWork[] = {
     {"append-pages", appendPages},   {"append-blocks", appendBlocks},
     {"rewrite-pages", rewritePages}, {"read-many", readMany},
     {"open-close", openAndClose},    {"grow-reads", growReads},
-    {"grow-appends", growAppends},
+    {"grow-appends", growAppends},   {"grow-tree", growTree},
+    {"pack-files", packFiles},
 };
 
 void saveText(const std::string& path, const std::string& text) {
@@ -29,7 +31,8 @@ void saveText(const std::string& path, const std::string& text) {
   if (!file.flush()) throw Failure(path + ": cannot be written");
 }
 
-int run(const Settings& settings, const RunFacts& facts, const std::string& output) {
+int run(const Settings& settings, const RunFacts& facts, const std::vector<PathCount>& counts,
+        const std::string& output) {
   std::string text = textOf(facts);
   std::fputs(text.c_str(), stdout);
   Runner runner(settings, [&text](const Outcome& outcome) {
@@ -45,20 +48,19 @@ int run(const Settings& settings, const RunFacts& facts, const std::string& outp
     }
     work.run(runner);
   }
-  const std::string summary = goalSummary(runner.outcomes());
+  const std::string summary = textOf(counts) + goalSummary(runner.outcomes(), counts);
   std::fputs(summary.c_str(), stdout);
   if (output.empty()) return 0;
   saveText(output + ".txt", text + summary);
-  saveText(output + ".json", jsonOf(facts, runner.outcomes()));
+  saveText(output + ".json", jsonOf(facts, runner.outcomes(), counts));
+  saveText(output + ".dat", plotDataOf(runner.outcomes()));
   return 0;
 }
 
-}  // namespace
-}  // namespace qzbench
-
-int main(int argc, char** argv) {
-  using namespace qzbench;
+int runCommand(int argc, char** argv) {
   Settings settings;
+  settings.tool = std::filesystem::read_symlink("/proc/self/exe").replace_filename("qzpfile");
+  std::vector<std::string> countFiles;
   std::string output;
   CLI::App app("Times qziop beside the bare calls and other ways to keep pages in a file.");
   std::vector<std::string> names;
@@ -70,6 +72,7 @@ int main(int argc, char** argv) {
   app.add_option("--memory-dir", settings.memoryFolder, "folder in memory that takes O_DIRECT")
       ->capture_default_str();
   app.add_option("--module", settings.module, "the library; the one beside this program if absent");
+  app.add_option("--tool", settings.tool, "qzpfile")->capture_default_str();
   app.add_option("--page-sizes", settings.pageSizes, "bytes")
       ->delimiter(',')
       ->capture_default_str();
@@ -85,10 +88,21 @@ int main(int argc, char** argv) {
   app.add_option("--direct-bytes", settings.directBytes, "size of files read from the disk")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();
-  app.add_option("--output", output, "also write OUTPUT.txt and OUTPUT.json");
+  app.add_option("--counts", countFiles, "instruction counts: of this machine and of i386")
+      ->expected(2);
+  app.add_option("--output", output, "also write OUTPUT.txt, OUTPUT.json and, to plot, OUTPUT.dat");
   CLI11_PARSE(app, argc, argv);
+  const std::vector<PathCount> counts =
+      countFiles.empty() ? std::vector<PathCount>() : readCounts(countFiles[0], countFiles[1]);
+  return run(settings, runFacts(argc, argv), counts, output);
+}
+
+}  // namespace
+}  // namespace qzbench
+
+int main(int argc, char** argv) {
   try {
-    return run(settings, runFacts(argc, argv), output);
+    return qzbench::runCommand(argc, argv);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "qzpbench: %s\n", error.what());
     return 1;

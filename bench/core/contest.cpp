@@ -84,6 +84,7 @@ Outcome hold(const Contest& contest, int rounds) {
   Outcome outcome;
   outcome.work = contest.work;
   outcome.variant = contest.variant;
+  outcome.plotLabel = contest.plotLabel;
   outcome.rounds = rounds;
   outcome.operations = samples[0][0].operations;
   for (std::size_t i = 0; i < turns.size(); ++i) {

@@ -14,6 +14,9 @@
 
 namespace qzbench {
 
+// The picture shows work on pages of this size.
+inline constexpr std::int32_t kPlotPageSize = 4096;
+
 struct Participant {
   std::string name;
   std::function<Sample()> pass;  // does the work once; what it sets up before is not in the sample
@@ -39,7 +42,8 @@ struct Contest {
   std::string variant;                    // how, and with which sizes
   std::vector<Participant> participants;  // the floor first
   std::vector<Goal> goals;
-  bool warmUp = true;  // an uncounted round first
+  bool warmUp = true;     // an uncounted round first
+  std::string plotLabel;  // its row in the picture; empty: it has none
 
   bool has(const std::string& name) const {
     return std::any_of(participants.begin(), participants.end(),
@@ -73,6 +77,7 @@ struct GoalOutcome {
 struct Outcome {
   std::string work;
   std::string variant;
+  std::string plotLabel;
   int rounds = 0;
   double operations = 0;            // of one pass
   std::vector<Standing> standings;  // in the order of a round, the floor's second turn last

@@ -70,7 +70,7 @@ const std::string& Folder::stamped(const Geometry& geometry, bool direct) {
 }
 
 std::string Folder::stampedCopy(const Geometry& geometry, const std::string& name) {
-  const std::string path = file(name);
+  std::string path = file(name);
   writeStamped(path, geometry, false);
   return path;
 }

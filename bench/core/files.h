@@ -12,6 +12,7 @@ namespace qzbench {
 class Descriptor {
  public:
   Descriptor() = default;
+  explicit Descriptor(int fd) : fd_(fd) {}
   // Opens, or throws Failure; the mode of new files is 0600.
   Descriptor(const std::string& path, int flags);
   Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}

@@ -21,7 +21,7 @@ struct Sample {
   double wallNs = 0;
   double cpuNs = 0;  // user and system time of the process
   double operations = 0;
-  double readCalls = 0;  // read, pread, readv as the kernel counted them
+  double readCalls = 0;  // read, pread, readv as the kernel counted them; NaN: nobody counted
   double writeCalls = 0;
 
   Sample& operator+=(const Sample& other);

@@ -106,7 +106,7 @@ Sample rewritePass(const Task& task, const Order& order, std::int64_t version) {
 }
 
 template <class Store>
-Participant reader(std::string name, Task task, std::shared_ptr<const Order> order) {
+Participant reader(std::string name, Task task, const std::shared_ptr<const Order>& order) {
   task.access = Access::read;
   return {std::move(name),
           [task = std::move(task), order] { return readPass<Store>(task, *order); }};
@@ -121,8 +121,8 @@ Participant appender(std::string name, Task task) {
 
 // Each pass leaves the file one version on: stores that share a file share `version`, too.
 template <class Store>
-Participant rewriter(std::string name, Task task, std::shared_ptr<const Order> order,
-                     std::shared_ptr<std::int64_t> version) {
+Participant rewriter(std::string name, Task task, const std::shared_ptr<const Order>& order,
+                     const std::shared_ptr<std::int64_t>& version) {
   task.access = Access::rewrite;
   return {std::move(name), [task = std::move(task), order, version] {
             const Sample sample = rewritePass<Store>(task, *order, *version);

@@ -1,4 +1,4 @@
-// Outcomes as text, JSON and plot data.
+// Outcomes as text, JSON and data of the picture.
 #pragma once
 
 #include <cstdio>
@@ -15,18 +15,34 @@ struct RunFacts {
   std::string command;
   std::string machine;
   std::string system;
-  std::string version;  // of the module
 };
 RunFacts runFacts(int argc, const char* const* argv);
 
 std::string textOf(const RunFacts& facts);
 std::string textOf(const Outcome& outcome);
-// How many goals there are, and which were missed.
-std::string goalSummary(const std::vector<Outcome>& outcomes);
 
-std::string jsonOf(const RunFacts& facts, const std::vector<Outcome>& outcomes);
+// Instructions of one of the module's inner paths.
+struct PathCount {
+  std::string path;
+  double native;
+  double i386;
 
-// One line an outcome with a module participant: label, ratio to the floor, lowest, highest.
+  static constexpr double kLimit = 1.3;  // i386 to native
+  double ratio() const { return i386 / native; }
+  bool isMet() const { return ratio() <= kLimit; }
+};
+// From lines of a path's name and its instructions, one file for each machine.
+std::vector<PathCount> readCounts(const std::string& nativeFile, const std::string& i386File);
+std::string textOf(const std::vector<PathCount>& counts);
+
+// How many goals were met, and which were missed.
+std::string goalSummary(const std::vector<Outcome>& outcomes, const std::vector<PathCount>& counts);
+
+std::string jsonOf(const RunFacts& facts, const std::vector<Outcome>& outcomes,
+                   const std::vector<PathCount>& counts);
+
+// A line for every participant of the outcomes that the picture has, but for the floor: row,
+// label, participant, ratio to the floor, lowest, highest; tabs between them.
 std::string plotDataOf(const std::vector<Outcome>& outcomes);
 
 }  // namespace qzbench

@@ -15,6 +15,7 @@ struct Settings {
   std::string diskFolder = "/var/tmp";
   std::string memoryFolder = "/dev/shm";
   std::string module;             // path of the library; empty: beside the program
+  std::string tool;               // path of qzpfile
   std::vector<std::string> work;  // names of what is run; empty: everything
   std::vector<std::int32_t> pageSizes = {4096, 512, 65536};
   std::vector<std::int32_t> bufferCounts = {4, 64, 1024, 65536};

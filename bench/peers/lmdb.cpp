@@ -12,7 +12,10 @@ LmdbPages::LmdbPages(const Task& task)
   if (task.access == Access::append) unlink(task.path.c_str());
   const bool reads = task.access == Access::read;
   check(mdb_env_create(&environment_));
-  check(mdb_env_set_mapsize(environment_, static_cast<std::size_t>(task.geometry.bytes()) * 4));
+  // A transaction keeps the pages that it replaces until it ends.
+  constexpr std::int64_t kLeastMapBytes = std::int64_t{64} << 20U;
+  const std::int64_t mapBytes = std::max(task.geometry.bytes() * 4, kLeastMapBytes);
+  check(mdb_env_set_mapsize(environment_, static_cast<std::size_t>(mapBytes)));
   check(mdb_env_open(environment_, task.path.c_str(),
                      MDB_NOSUBDIR | MDB_NOLOCK | MDB_NOSYNC | (reads ? MDB_RDONLY : 0U), 0600));
   check(mdb_txn_begin(environment_, nullptr, reads ? MDB_RDONLY : 0U, &transaction_));

@@ -7,7 +7,7 @@
 #include "../core/files.h"
 #include "../core/passes.h"
 #include "mapped.h"
-#include "stdio.h"
+#include "streams.h"
 #ifdef QZPBENCH_HAS_BDB
 #include "bdb.h"
 #endif
@@ -51,7 +51,7 @@ std::string ownCopy(Folder& folder, const Geometry& geometry, const std::string&
   if constexpr (Store::kRawPages) {
     return folder.stampedCopy(geometry, name);
   } else {
-    const std::string path = folder.file(name);
+    std::string path = folder.file(name);
     appendPass<Store>({Access::append, geometry, path, true});
     return path;
   }
@@ -64,7 +64,7 @@ std::string readable(Folder& folder, const Geometry& geometry, const std::string
     return folder.stamped(geometry);
   } else {
     const std::string own = fmt::format("{} {}", name, geometry.pageSize);
-    const std::string path = folder.file(own);
+    std::string path = folder.file(own);
     return access(path.c_str(), F_OK) == 0 ? path : ownCopy<Store>(folder, geometry, own);
   }
 }

@@ -20,6 +20,9 @@ void appendBlocks(Runner& run) {
       contest.work = "block mode, acquire + fill + write";
       contest.variant = fmt::format("{} B pages, appended past the page cache{}", pageSize,
                                     flush ? ", flushed" : "");
+      if (pageSize == kPlotPageSize) {
+        contest.plotLabel = flush ? "append in blocks, flushed" : "append in blocks";
+      }
       contest.participants = {appender<BareBlocks>("gather + pwrite", task),
                               appender<ModulePages>("qziop", task)};
       contest.goals = {{Quantity::wall, "qziop", "gather + pwrite", 1.05}};

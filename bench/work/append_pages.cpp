@@ -13,6 +13,7 @@ void appendPages(Runner& run) {
     Contest contest;
     contest.work = "page mode, acquire + fill + write";
     contest.variant = fmt::format("{} B pages, appended", pageSize);
+    if (pageSize == kPlotPageSize) contest.plotLabel = "append pages";
     contest.participants = {appender<BarePages>("pwrite", task),
                             appender<ModulePages>("qziop", task)};
     contest.goals = {{Quantity::wall, "qziop", "pwrite", 1.05}};

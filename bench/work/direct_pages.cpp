@@ -21,6 +21,7 @@ void readDirectPages(Runner& run) {
     Contest contest;
     contest.work = "direct page mode, read + return";
     contest.variant = fmt::format("{} B pages, random from the disk", pageSize);
+    if (pageSize == kPlotPageSize) contest.plotLabel = "read random pages from the disk";
     contest.participants = {reader<BarePages>("O_DIRECT pread", task, order),
                             reader<ModulePages>("qziop", task, order)};
     contest.goals = {{Quantity::readCalls, "qziop", "", 1},

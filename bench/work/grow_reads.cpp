@@ -1,6 +1,6 @@
 // Does the time of an operation depend on how many buffers there are? Every buffer caches a page;
 // some pages are read and held at a time and returned in several orders. Each read makes one call
-// of one page's bytes in both shapes of the cache, and the bare loop shows what memory that is
+// of one page's bytes in each shape of the cache, and the bare loop shows what memory that is
 // touched less often costs by itself.
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -25,7 +25,12 @@ constexpr std::size_t kEight = 8;
 constexpr std::size_t kHalf = 0;  // half as many as there are buffers
 
 enum class ReturnOrder : std::uint8_t { asRead, reversed, shuffled };
-enum class Shape : std::uint8_t { page, block };
+enum class Shape : std::uint8_t { page, directPage, block };
+
+const char* nameOf(Shape shape) {
+  if (shape == Shape::page) return "page";
+  return shape == Shape::directPage ? "direct page" : "block";
+}
 
 const char* nameOf(ReturnOrder order) {
   if (order == ReturnOrder::asRead) return "in order";
@@ -88,7 +93,7 @@ Sample holdAndReturn(Pages& pages, PageCycle& cycle, const Holding& holding) {
 
 // The same file is open several times, for writing, too: without locks.
 std::uint32_t optionsFor(Shape shape) {
-  return qz::optionAccessVariant | (shape == Shape::block ? qz::optionDirectIo : 0U);
+  return qz::optionAccessVariant | (shape == Shape::page ? 0U : qz::optionDirectIo);
 }
 
 class ManyBuffers {
@@ -121,8 +126,8 @@ class ManyBuffers {
     request.pageNumber = page;
     check(table_.qzpread(handle_, &request, nullptr));
     request.length = kPageSize;
-    check(shape == Shape::page ? table_.qzpwrite(handle_, &request, nullptr)
-                               : table_.qzpbufreturn(handle_, request.buffer, nullptr));
+    check(shape == Shape::block ? table_.qzpbufreturn(handle_, request.buffer, nullptr)
+                                : table_.qzpwrite(handle_, &request, nullptr));
   }
   void check(qz::Status status) {
     if (status != qz::Status::ok) require(status, handle_);
@@ -137,7 +142,7 @@ class ManyBuffers {
 class BareBuffers {
  public:
   BareBuffers(const std::string& path, Shape shape, std::size_t held)
-      : file_(path, O_RDONLY | (shape == Shape::block ? O_DIRECT : 0)), ring_(held, kPageSize) {}
+      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)), ring_(held, kPageSize) {}
 
   char* read(std::int64_t page) {
     char* at = ring_.next();
@@ -175,13 +180,13 @@ void growInShape(Runner& run, Shape shape) {
   const PageCycle cycle(cached + 1, geometry.pages);
   const std::string& path = run.memory().stamped(geometry);
   std::vector<std::shared_ptr<ManyBuffers>> files;
+  files.reserve(counts.size());
   for (const std::int32_t count : counts) {
     files.push_back(std::make_shared<ManyBuffers>(path, shape, count));
   }
   const auto contestOf = [&](std::size_t wanted, ReturnOrder order) {
     Contest contest;
-    contest.work =
-        fmt::format("growth, {} mode, read + return", shape == Shape::page ? "page" : "block");
+    contest.work = fmt::format("growth, {} mode, read + return", nameOf(shape));
     contest.variant = fmt::format("{} held, returned {}",
                                   wanted == kHalf ? "half" : std::to_string(wanted), nameOf(order));
     for (std::size_t i = 0; i < counts.size(); ++i) {
@@ -211,8 +216,7 @@ void growInShape(Runner& run, Shape shape) {
 }  // namespace
 
 void growReads(Runner& run) {
-  growInShape(run, Shape::page);
-  growInShape(run, Shape::block);
+  for (const Shape shape : {Shape::page, Shape::directPage, Shape::block}) growInShape(run, shape);
 }
 
 }  // namespace qzbench

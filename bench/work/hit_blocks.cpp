@@ -37,7 +37,8 @@ class Hits {
                                          .openOptions = qz::optionDirectIo,
                                          .blockBytes = kBlockBytes});
     Sample sum;
-    for (std::int64_t first = 1; first <= geometry_.pages; first += pagesPerBlock()) {
+    const auto step = static_cast<std::int64_t>(pagesPerBlock());
+    for (std::int64_t first = 1; first <= geometry_.pages; first += step) {
       readAndReturn(file, first, 1);
       sum +=
           timed(pagesPerBlock() - 1, [&] { readAndReturn(file, first + 1, pagesPerBlock() - 1); });

@@ -47,6 +47,7 @@ void openAndClose(Runner& run) {
     Contest contest;
     contest.work = "open + close";
     contest.variant = fmt::format("4 buffers, {} mode", block ? "block" : "page");
+    contest.plotLabel = block ? "open + close, block mode" : "open + close, page mode";
     const int flags = block ? O_RDONLY | O_DIRECT : O_RDONLY;
     const std::uint32_t options = block ? qz::optionDirectIo : 0U;
     contest.participants = {

@@ -31,6 +31,7 @@ void readBlocks(Runner& run) {
     Contest contest;
     contest.work = "block mode, in order from the disk";
     contest.variant = fmt::format("{} B pages, {} MiB", pageSize, bytes >> 20U);
+    if (pageSize == kPlotPageSize) contest.plotLabel = "read blocks from the disk";
     contest.participants = {
         reader<BareBlocks>("O_DIRECT 256 KiB, 4 KiB memory pages", plain, order),
         reader<BareBlocks>("O_DIRECT 256 KiB", small, order),

@@ -106,14 +106,17 @@ Sample modulePass(const std::string& path, const Geometry& geometry, bool contig
 
 void readMany(Runner& run) {
   for (const std::int32_t pageSize : run.settings().pageSizes) {
-    const Geometry geometry = {pageSize,
-                               run.settings().warmBytes * (pageSize > 4096 ? 4 : 1) / pageSize};
+    const std::int64_t bytes = run.settings().warmBytes * (pageSize > 4096 ? 4 : 1);
+    const Geometry geometry = {pageSize, std::max<std::int64_t>(bytes / pageSize, kRun)};
     const std::string& path = run.disk().stamped(geometry);
     for (const bool contiguous : {false, true}) {
       Contest contest;
       contest.work = fmt::format("read many, {} pages a request", kRun);
       contest.variant =
           fmt::format("{} B pages, {}", pageSize, contiguous ? "contiguous" : "scattered");
+      if (pageSize == kPlotPageSize) {
+        contest.plotLabel = contiguous ? "read many, contiguous" : "read many, scattered";
+      }
       const char* floor = contiguous ? "pread" : "lseek + readv";
       contest.participants = {{floor, [=] { return barePass(path, geometry, contiguous); }},
                               {"qziop", [=] { return modulePass(path, geometry, contiguous); }}};

@@ -14,6 +14,9 @@ void readIn(Runner& run, std::int32_t pageSize, bool sequential) {
   Contest contest;
   contest.work = "page mode, read + return";
   contest.variant = fmt::format("{} B pages, {}", pageSize, sequential ? "in order" : "random");
+  if (pageSize == kPlotPageSize) {
+    contest.plotLabel = sequential ? "read pages in order" : "read random pages";
+  }
   contest.participants = {reader<BarePages>("pread", task, order),
                           reader<ModulePages>("qziop", task, order)};
   contest.goals = {{Quantity::wall, "qziop", "pread", 1.05}};

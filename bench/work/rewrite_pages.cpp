@@ -19,17 +19,19 @@ void rewritePages(Runner& run) {
     std::vector<std::string> files = {shared};
     Contest contest;
     const auto add = [&]<class Store>(const char* name) {
-      auto version = sharedVersion;
       task.path = shared;
-      if constexpr (!Store::kRawPages) {
+      if constexpr (Store::kRawPages) {
+        contest.participants.push_back(rewriter<Store>(name, task, order, sharedVersion));
+      } else {
         task.path = ownCopy<Store>(run.disk(), geometry, fmt::format("rewritten by {}", name));
-        version = std::make_shared<std::int64_t>(0);
         files.push_back(task.path);
+        contest.participants.push_back(
+            rewriter<Store>(name, task, order, std::make_shared<std::int64_t>(0)));
       }
-      contest.participants.push_back(rewriter<Store>(name, task, order, version));
     };
     contest.work = "page mode, read + change + write";
     contest.variant = fmt::format("{} B pages, random", pageSize);
+    if (pageSize == kPlotPageSize) contest.plotLabel = "rewrite random pages";
     add.operator()<BarePages>("pread + pwrite");
     add.operator()<ModulePages>("qziop");
     eachWriter(add);

@@ -16,5 +16,7 @@ void readMany(Runner& run);         // into the caller's memory
 void openAndClose(Runner& run);     // both modes
 void growReads(Runner& run);        // many buffers: reads and returns
 void growAppends(Runner& run);      // many buffers: appends
+void growTree(Runner& run);         // many buffers: the host's tree
+void packFiles(Runner& run);        // whole files by the tool
 
 }  // namespace qzbench

@@ -1,0 +1,15 @@
+// Whole programs as participants.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "measure.h"
+
+namespace qzbench {
+
+// Runs a program, found as a shell finds it, to its end. Throws Failure with what it said on
+// standard error unless it ends well. Nobody counts its calls.
+Sample timedProgram(std::size_t operations, const std::vector<std::string>& command);
+
+}  // namespace qzbench
