@@ -20,6 +20,16 @@ constexpr std::size_t kHugeFrom = std::size_t{64} << 10U;
 constexpr std::array<std::uint16_t, 15> kSlotBytes = {32,  48,  64,   96,   128,  192,  256, 384,
                                                       512, 768, 1024, 1536, 2048, 3072, 4096};
 
+// The index of the smallest slot for so many bytes, by sixteens of them.
+constexpr std::size_t kSlotStep = 16;
+constexpr auto kSizeIndexes = [] {
+  std::array<std::uint8_t, kStorePage / kSlotStep + 1> indexes = {};
+  for (std::size_t i = 0; i < indexes.size(); ++i) {
+    while (kSlotBytes[indexes[i]] < i * kSlotStep) ++indexes[i];
+  }
+  return indexes;
+}();
+
 std::size_t roundUp(std::size_t bytes, std::size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
@@ -100,8 +110,11 @@ struct RegionStore::Region {
   }
 
   void mark(std::size_t first, std::size_t pages) {
-    for (std::size_t page = first; page < first + pages; ++page) {
-      used[page / 64] ^= std::uint64_t{1} << (page % 64);
+    for (const std::size_t end = first + pages; first < end;) {
+      const std::size_t bit = first % 64;
+      const std::size_t count = std::min(64 - bit, end - first);
+      used[first / 64] ^= (~std::uint64_t{0} >> (64 - count)) << bit;
+      first += count;
     }
   }
 };
@@ -147,8 +160,7 @@ std::optional<std::size_t> RegionStore::release(void* block) noexcept {
 }
 
 void* RegionStore::allocateSlot(std::size_t bytes) {
-  const auto sizeIndex = static_cast<std::size_t>(
-      std::lower_bound(kSlotBytes.begin(), kSlotBytes.end(), bytes) - kSlotBytes.begin());
+  const std::size_t sizeIndex = kSizeIndexes[(bytes + kSlotStep - 1) / kSlotStep];
   Slab* slab = roomySlabs_[sizeIndex].head;
   if (slab == nullptr) slab = addSlab(sizeIndex);
   if (slab == nullptr) return nullptr;

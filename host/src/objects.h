@@ -2,6 +2,8 @@
 // The slots get the record's address and find the rest behind it.
 #pragma once
 
+#include <sys/single_threaded.h>
+
 #include <algorithm>
 #include <limits>
 #include <map>
@@ -17,20 +19,28 @@ namespace qz {
 
 struct HostRecords;
 
+// Holds the mutex, unless the process has only ever had one thread: most of what opening a file
+// costs this host would be locks that nobody contends for.
+inline std::unique_lock<std::mutex> lockUnlessAlone(std::mutex& mutex) {
+  std::unique_lock lock(mutex, std::defer_lock);
+  if (__libc_single_threaded == 0) lock.lock();
+  return lock;
+}
+
 // All objects of one kind that the host has handed out; it frees those left at its own end.
 template <class Object>
 class Registry {
  public:
   // May throw std::bad_alloc.
   Object* add(std::unique_ptr<Object> object) {
-    const std::lock_guard lock(mutex_);
+    const auto lock = lockUnlessAlone(mutex_);
     objects_.push_back(std::move(object));
     return objects_.back().get();
   }
   // Ends the object's life.
   void remove(const Object* object) noexcept {
     std::unique_ptr<Object> gone;  // ends outside the lock
-    const std::lock_guard lock(mutex_);
+    const auto lock = lockUnlessAlone(mutex_);
     const auto place = std::find_if(objects_.begin(), objects_.end(),
                                     [&](const auto& owned) { return owned.get() == object; });
     if (place == objects_.end()) return;
@@ -38,13 +48,13 @@ class Registry {
     objects_.erase(place);
   }
   std::size_t size() const {
-    const std::lock_guard lock(mutex_);
+    const auto lock = lockUnlessAlone(mutex_);
     return objects_.size();
   }
   // Calls visit(object) for each, the newest last.
   template <class Visit>
   void each(Visit visit) const {
-    const std::lock_guard lock(mutex_);
+    const auto lock = lockUnlessAlone(mutex_);
     for (const auto& object : objects_) visit(*object);
   }
 
@@ -67,8 +77,8 @@ struct Pool : MemoryPool {
 // A link of a page tree and the keys that may lie behind it.
 struct FingerLevel {
   void** link;
-  std::int64_t low = std::numeric_limits<std::int64_t>::min();
-  std::int64_t high = std::numeric_limits<std::int64_t>::max();
+  std::int64_t low;
+  std::int64_t high;
 
   bool holds(std::int64_t key) const { return key >= low && key <= high; }
 };
@@ -77,6 +87,12 @@ struct FingerLevel {
 struct Finger {
   // An AVL tree of this height has more nodes than an address space.
   static constexpr std::size_t kMostLevels = 64;
+
+  // At the root. The levels below it are set as they are entered.
+  explicit Finger(void** root) {
+    using Key = std::numeric_limits<std::int64_t>;
+    levels[0] = {root, Key::min(), Key::max()};
+  }
 
   const FingerLevel& last() const { return levels[depth - 1]; }
   void enter(void** link) { levels[depth++].link = link; }

@@ -20,7 +20,7 @@ PoolCounts& operator+=(PoolCounts& sum, const PoolCounts& more) {
 
 void* memAlloc(MemoryPool* self, std::size_t bytes, std::uint32_t flags) noexcept {
   Pool& pool = poolOf(self);
-  const std::lock_guard lock(pool.mutex);
+  const auto lock = lockUnlessAlone(pool.mutex);
   void* block = pool.store.allocate(bytes, (flags & kZeroFill) != 0);
   if (block == nullptr) return nullptr;
   ++pool.counts.allocations;
@@ -31,7 +31,7 @@ void* memAlloc(MemoryPool* self, std::size_t bytes, std::uint32_t flags) noexcep
 
 HostStatus memFree(MemoryPool* self, void* block) noexcept {
   Pool& pool = poolOf(self);
-  const std::lock_guard lock(pool.mutex);
+  const auto lock = lockUnlessAlone(pool.mutex);
   const std::optional<std::size_t> bytes = pool.store.release(block);
   if (!bytes) {
     ++pool.counts.refusedFrees;
@@ -46,7 +46,7 @@ HostStatus memFree(MemoryPool* self, void* block) noexcept {
 void retire(const Pool& pool, PoolCounts counts) noexcept try {
   counts.leakedBlocks = std::exchange(counts.liveBlocks, 0);
   counts.liveBytes = 0;
-  const std::lock_guard lock(pool.host->retiredMutex);
+  const auto lock = lockUnlessAlone(pool.host->retiredMutex);
   pool.host->retiredPools[pool.name] += counts;
 } catch (const std::bad_alloc&) {
   return;  // the counts are for whoever looks; the pool goes all the same
@@ -89,12 +89,12 @@ MemoryPool* StandInHost::pool(std::string_view name) noexcept {
 PoolCounts StandInHost::poolCounts(std::string_view name) const noexcept {
   PoolCounts sum;
   {
-    const std::lock_guard lock(records_->retiredMutex);
+    const auto lock = lockUnlessAlone(records_->retiredMutex);
     const auto retired = records_->retiredPools.find(name);
     if (retired != records_->retiredPools.end()) sum = retired->second;
   }
   records_->pools.each([&](const Pool& pool) {
-    const std::lock_guard lock(pool.mutex);
+    const auto lock = lockUnlessAlone(pool.mutex);
     if (pool.name == name) sum += pool.counts;
   });
   return sum;
@@ -103,11 +103,11 @@ PoolCounts StandInHost::poolCounts(std::string_view name) const noexcept {
 PoolCounts StandInHost::poolCounts() const noexcept {
   PoolCounts sum;
   {
-    const std::lock_guard lock(records_->retiredMutex);
+    const auto lock = lockUnlessAlone(records_->retiredMutex);
     for (const auto& [name, counts] : records_->retiredPools) sum += counts;
   }
   records_->pools.each([&](const Pool& pool) {
-    const std::lock_guard lock(pool.mutex);
+    const auto lock = lockUnlessAlone(pool.mutex);
     sum += pool.counts;
   });
   return sum;

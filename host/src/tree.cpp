@@ -256,9 +256,8 @@ PageTree* createTree(TreeExtension* self, const TreeAttributes* attributes, Jour
 
 }  // namespace
 
-Tree::Tree(HostRecords* owner, std::size_t offset) : PageTree{}, host(owner), keyOffset(offset) {
-  search.levels[0].link = &anchor.root;
-  removal.levels[0].link = &anchor.root;
+Tree::Tree(HostRecords* owner, std::size_t offset)
+    : PageTree{}, host(owner), keyOffset(offset), search(&anchor.root), removal(&anchor.root) {
   PageTree::destroy = destroyTree;
   PageTree::treeInsert = qz::treeInsert;
   PageTree::treeFind = qz::treeFind;

@@ -1,6 +1,7 @@
 // UTF-32 to UTF-8 and back, with bytes that are no UTF-8 kept as U+DC80 to U+DCFF.
 #include "utf.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "qzstandin.h"
@@ -47,11 +48,7 @@ Lead decodeUtf8(std::string_view bytes) {
 
 }  // namespace
 
-std::size_t encodeUtf8(char32_t point, char (&bytes)[kUtf8Bytes]) noexcept {
-  if (point < 0x80) {
-    bytes[0] = byteOf(point);
-    return 1;
-  }
+std::size_t encodeLong(char32_t point, char* bytes) noexcept {
   if (point < 0x800) {
     bytes[0] = byteOf(0xC0U | (point >> 6U));
     bytes[1] = byteOf(0x80U | (point & 0x3FU));
@@ -77,13 +74,15 @@ std::size_t encodeUtf8(char32_t point, char (&bytes)[kUtf8Bytes]) noexcept {
 }
 
 bool appendUtf8(std::u32string_view text, std::string* output) {
-  char bytes[kUtf8Bytes];
-  for (const char32_t point : text) {
-    const std::size_t length = encodeUtf8(point, bytes);
-    if (length == 0) return false;
-    output->append(bytes, length);
+  std::size_t used = output->size();
+  output->resize(used + text.size() * kUtf8Bytes);
+  std::size_t length = 1;
+  for (std::size_t i = 0; i < text.size() && length != 0; ++i) {
+    length = encodeUtf8(text[i], output->data() + used);
+    used += length;
   }
-  return true;
+  output->resize(used);
+  return length != 0;
 }
 
 std::string toUtf8(std::u32string_view text) {
@@ -101,6 +100,10 @@ std::string toUtf8(std::u32string_view text) {
 std::u32string toUtf32(std::string_view text) {
   std::u32string result;
   result.reserve(text.size());
+  const auto* const asciiEnd = std::find_if(text.begin(), text.end(),
+                                            [](char c) { return static_cast<signed char>(c) < 0; });
+  result.assign(text.begin(), asciiEnd);
+  text.remove_prefix(result.size());
   while (!text.empty()) {
     const Lead point = decodeUtf8(text);
     if (point.length == 0) {
