@@ -106,8 +106,9 @@ void handOut(FileHandle* h, PageRequest* request, char* address) {
   h->lastPageRead = request->pageNumber;
 }
 
-// The host has put something in the place of the close that left the file open: nothing was
-// handed out, so the block goes back to the free ones, and what it has is not judged again.
+// The host has put something in the place of the close that left the file open, and the block
+// where it was: nothing was handed out, so the block goes back to the free ones, and what it has is
+// not judged again.
 void takeBack(FileHandle* h, BlockRecord* block) {
   unlink(h->blockHeldList, block);
   joinFreeHead(h, block);
@@ -133,7 +134,8 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   moveToHeld(h, block);
   if (available < h->pageSize) {
     const Status status = closeShort(h, {.result = available, .error = block->readErrno}, journal);
-    if (isOpen(*h) && block->holdCount == 0) takeBack(h, block);
+    // A close forgets the last block.
+    if (isOpen(*h) && h->lastBlock == block && block->holdCount == 0) takeBack(h, block);
     return status;
   }
   request->length = static_cast<std::int32_t>(available);

@@ -1,6 +1,5 @@
 // qzpsetfilename: gives a handle the path of its file, in a buffer that grows but never shrinks.
 #include <cstring>
-#include <functional>
 #include <utility>
 
 #include "hostcalls.h"
@@ -18,14 +17,10 @@ void storeName(FileHandle* h, const char32_t* name, std::int32_t length) {
   h->fileNameLength = static_cast<std::uint32_t>(length);
 }
 
-// True when the name has room in the buffer that there is. A name of just its capacity takes a
-// new buffer, unless it lies in the old one, which must then stay.
-bool fitsBuffer(const FileHandle& h, const char32_t* name, std::int32_t length) {
-  if (length < h.fileNameCapacity) return true;
-  const char32_t* begin = h.fileName;
-  const bool inside =
-      std::greater_equal<>{}(name, begin) && std::less_equal<>{}(name, begin + h.fileNameCapacity);
-  return inside && length == h.fileNameCapacity;
+// True for the whole of the buffer that the handle has. A name as long as that takes a new buffer,
+// but this one would be gone before it could be copied.
+bool isOwnName(const FileHandle& h, const char32_t* name, std::int32_t length) {
+  return h.fileName != nullptr && name == h.fileName && length == h.fileNameCapacity;
 }
 
 bool dropName(FileHandle* h, Journal* journal) {
@@ -60,14 +55,17 @@ qz::Status qzpsetfilename(qz::FileHandle* h, const char32_t* name, std::int32_t 
   using namespace qz;
   if (h->hostFile != nullptr) return reportThenKeep(h, Status::alreadyOpen, journal);
   if (length < 0) return fail(h, Status::badArgument, journal);
-  if (h->fileName != nullptr) {
-    if (fitsBuffer(*h, name, length)) {
-      storeName(h, name, length);
-      return keep(h, Status::ok);
-    }
-    if (!dropName(h, journal)) return keep(h, Status::badArgument);
+  if (h->fileName != nullptr && length < h->fileNameCapacity) {
+    storeName(h, name, length);
+    return keep(h, Status::ok);
   }
-  const Status status = newName(h, name, length, journal);
+  Status status = Status::ok;
+  if (isOwnName(*h, name, length)) {
+    storeName(h, name, length);
+  } else {
+    if (h->fileName != nullptr && !dropName(h, journal)) return keep(h, Status::badArgument);
+    status = newName(h, name, length, journal);
+  }
   infoThroughTable(h, journal);
   return keep(h, status);
 }
