@@ -1,5 +1,11 @@
 // Random operations and faults, valid and not, on the module and the model. A seed replays to the
 // same trace. QZIOP_SEEDS and QZIOP_FIRST_SEED choose other seeds.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <random>
 
 #include "support/driver.h"
@@ -11,8 +17,9 @@ using qz::Status;
 
 class Walk {
  public:
-  Walk(std::uint64_t seed, const std::string& folder)
-      : random_(seed), world_(folder), driver_(world_, prepare()) {}
+  // Aligned pages go by direct I/O in the given way.
+  Walk(std::uint64_t seed, const std::string& folder, DirectIo way)
+      : random_(seed), world_(folder), way_(way), driver_(world_, prepare()) {}
 
   std::uint64_t run() {
     const int steps = pick(20, 500);
@@ -58,8 +65,8 @@ class Walk {
   }
 
   Geometry prepare() {
-    const bool aligned = chance(50);
-    setDirectIo(aligned ? DirectIo::simulated : DirectIo::unaligned);
+    const bool aligned = chance(50) || way_ == DirectIo::real;
+    setDirectIo(aligned ? way_ : DirectIo::unaligned);
     geometry_ = {aligned ? 4096 : 512, pick(1, 5), 0, chance(30) ? pick(16, 40) : pick(1, 4)};
     geometry_.headerBytes = aligned ? one({0, 4096, 8192}) : one({0, 1, 100, 512});
     world_.h->pageSize = geometry_.pageSize;
@@ -132,7 +139,7 @@ class Walk {
         driver_.writeHeader(static_cast<std::int32_t>(geometry_.headerBytes));
       }
     } else if (choice <= 86) {
-      driver_.preopen(pick(0, 600));
+      driver_.preopen(way_ == DirectIo::real ? 4096 * pick(0, 2) : pick(0, 600));
     } else if (choice <= 88) {
       driver_.erase();
     } else {
@@ -161,7 +168,7 @@ class Walk {
         driver_.erase();
         break;
       case 4:
-        driver_.preopen(8);
+        driver_.preopen(way_ == DirectIo::real ? 4096 : 8);
         break;
       case 5:
         driver_.writeHeader(-1);
@@ -224,6 +231,7 @@ class Walk {
 
   std::mt19937_64 random_;
   World world_;
+  DirectIo way_;
   Geometry geometry_{};
   Driver driver_;
   std::vector<Fault> faults_;
@@ -237,6 +245,10 @@ std::uint64_t numberOf(const char* variable, std::uint64_t otherwise) {
 // Memory, where there is a file system of it.
 std::string fastFolder() { return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
 
+std::uint64_t walk(std::uint64_t seed) {
+  return Walk(seed, fastFolder(), DirectIo::simulated).run();
+}
+
 TEST(RandomModel, Seeds) {
 #ifdef __SANITIZE_ADDRESS__
   constexpr std::uint64_t kUsual = 300;
@@ -247,17 +259,29 @@ TEST(RandomModel, Seeds) {
   const std::uint64_t last = first + numberOf("QZIOP_SEEDS", kUsual);
   for (std::uint64_t seed = first; seed < last && !HasFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
-    const std::uint64_t digest = Walk(seed, fastFolder()).run();
+    const std::uint64_t digest = walk(seed);
     if (seed % 100 == 0) {
-      EXPECT_EQ(Walk(seed, fastFolder()).run(), digest) << "the seed does not replay";
+      EXPECT_EQ(walk(seed), digest) << "the seed does not replay";
     }
     // With many buffers the module finds records through its index; without memory for all of one
     // it walks the lists. Both must find the same.
     if (seed % 4 == 0) {
       calls().ownAllocationsGiven = static_cast<int>(seed / 4 % 4);
-      EXPECT_EQ(Walk(seed, fastFolder()).run(), digest) << "the index differs from the lists";
+      EXPECT_EQ(walk(seed), digest) << "the index differs from the lists";
       calls().ownAllocationsGiven = kEveryLater;
     }
+  }
+}
+
+// As the file system of temporary files has it: usually a disk.
+TEST(RandomModel, RealDirectIo) {
+  const std::string folder = std::filesystem::temp_directory_path();
+  const int fd = open(folder.c_str(), O_TMPFILE | O_RDWR | O_DIRECT, 0600);
+  if (fd < 0) GTEST_SKIP() << "no O_DIRECT in " << folder << ": " << std::strerror(errno);
+  close(fd);
+  for (std::uint64_t seed = 1; seed <= 40 && !HasFailure(); ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    Walk(seed, folder, DirectIo::real).run();
   }
 }
 
