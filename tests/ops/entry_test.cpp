@@ -81,30 +81,28 @@ TEST_F(EntryTest, ExtensionObject) {
 }
 
 TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
-  const std::string object = fmt::format("memAlloc:m{}", sizeof(qz::ExtensionObject));
-  const std::string pools = "poolCreate:m poolCreate:b ";
+  const std::string made =
+      fmt::format("poolCreate:m poolCreate:b memAlloc:m{}", sizeof(qz::ExtensionObject));
+  const std::string services = made + " extensionLoad:e converterCreate:c!";
   const struct {
     Fault fault;
-    std::string hostCalls, journal, refused;  // entries; the same where releases are refused
+    std::string hostCalls;
+    const char *journal, *refused;  // entries; those where releases are refused
   } rows[] = {
       {{Call::poolCreate, 1}, "poolCreate:m!", "", ""},
-      {{Call::poolCreate, 2}, "poolCreate:m poolCreate:b! destroy:m", "", "4:80FFE102"},
-      {{Call::memAlloc},
-       pools + object + "! destroy:b destroy:m",
-       "4:002",
-       "4:002 4:80FFE102 4:80FFE102"},
+      {{Call::poolCreate, 2}, "poolCreate:m poolCreate:b! destroy:m", "", "4:00000002"},
+      {{Call::memAlloc}, made + "! destroy:b destroy:m", "4:002", "4:002 4:00000002 4:00000002"},
       {{Call::extensionLoad},
-       pools + object + " extensionLoad:e! memFree:m destroy:b destroy:m",
+       made + " extensionLoad:e! memFree:m destroy:b destroy:m",
        "",
-       "4:80FFE101 4:80FFE102 4:80FFE102"},
+       "4:00000001 4:00000002 4:00000002"},
       {{Call::converterCreate},
-       pools + object +
-           " extensionLoad:e converterCreate:c! destroy:e memFree:m destroy:b destroy:m",
+       services + " destroy:e memFree:m destroy:b destroy:m",
        "",
-       "4:80FFE102 4:80FFE101 4:80FFE102 4:80FFE102"},
+       "4:00000002 4:00000001 4:00000002 4:00000002"},
   };
-  const Fault noDestroy{Call::destroy, 1, kEveryLater, -1, 0x80FFE102};
-  const Fault noFree{Call::memFree, 1, kEveryLater, -1, 0x80FFE101};
+  const Fault noDestroy{Call::destroy, 1, kEveryLater, -1, 2};
+  const Fault noFree{Call::memFree, 1, kEveryLater, -1, 1};
   for (const auto& row : rows) {
     EXPECT_EQ(enter({row.fault}), nullptr);
     EXPECT_EQ(calls().hostCalls(), row.hostCalls);
@@ -134,66 +132,63 @@ TEST_F(EntryTest, DestroyReleasesAllAndReturnsTheModulePoolsStatus) {
   }
 }
 
-struct Waiting {
-  int task = 0;  // 1 current, 2 main, 3 given
-  unsigned flag = 0;
-};
-Waiting waiting;
+template <class Function>
+Function* service(const char* name) {
+  return reinterpret_cast<Function*>(Library::get().symbol(name));
+}
+
+std::string waited;  // what was waited for, and how
 qz::Task* currentTask = nullptr;
 
 TEST(Wait, ResolvesItsTask) {
-  const auto symbol = [](const char* name) { return Library::get().symbol(name); };
   // The flag as a full word: only its low byte may arrive.
-  const auto wait = reinterpret_cast<qz::HostStatus (*)(void*, qz::Word, qz::Word, qz::Word,
-                                                        unsigned, std::uint32_t)>(symbol("qzWait"));
-  std::array<qz::Task, 3> tasks{};
+  auto* const wait =
+      service<qz::HostStatus(void*, qz::Word, qz::Word, qz::Word, unsigned, unsigned)>("qzWait");
+  qz::Task tasks[3]{};
   tasks[0].taskWait = [](qz::Task*, qz::Word a1, qz::Word a2, qz::Word a3, std::uint8_t flag,
                          std::uint32_t time) -> qz::HostStatus {
-    waiting = {1, flag};
-    return static_cast<qz::HostStatus>(a1 * 1000 + a2 * 100 + a3 * 10 + time);
+    waited = fmt::format("current {} {} {} {} {}", a1, a2, a3, flag, time);
+    return 77;
   };
-  tasks[1].taskWait = [](auto...) -> qz::HostStatus { return waiting = {2, 0}, 0; };
-  tasks[2].taskWait = [](auto...) -> qz::HostStatus { return waiting = {3, 0}, 0; };
+  tasks[1].taskWait = [](auto...) -> qz::HostStatus { return waited = "main", 0; };
+  tasks[2].taskWait = [](auto...) -> qz::HostStatus { return waited = "given", 0; };
   qz::QZHandle host{};
   host.currentTask = [](qz::QZHandle*) { return currentTask; };
-  Library::get().qzextent(nullptr);
-  EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), 0x803FC009);
-  EXPECT_EQ(Library::get().qzextent(&host), 0U);
-  EXPECT_EQ(*Library::get().exportedHandle, &host);
-  EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), 0x803FC009);
-  EXPECT_EQ(waiting.task, 0);
+  for (qz::QZHandle* const known : {static_cast<qz::QZHandle*>(nullptr), &host}) {
+    EXPECT_EQ(Library::get().qzextent(known), 0U);
+    EXPECT_EQ(*Library::get().exportedHandle, known);
+    EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), 0x803FC009);
+    EXPECT_EQ(waited, "");
+  }
   host.mainTask = &tasks[1];
   wait(&host, 0, 0, 0, 0, 0);
-  EXPECT_EQ(waiting.task, 2);
-  currentTask = tasks.data();
-  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), 1234U);
-  EXPECT_EQ(waiting.task, 1);
-  EXPECT_EQ(waiting.flag, 0xFEU);
+  EXPECT_EQ(waited, "main");
+  currentTask = tasks;
+  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), 77U);
+  EXPECT_EQ(waited, "current 1 2 3 254 4");
   wait(&tasks[2], 0, 0, 0, 0, 0);
-  EXPECT_EQ(waiting.task, 3);
+  EXPECT_EQ(waited, "given");
 }
 
 TEST(Forwarding, HandsArgumentsOnAndResultsBack) {
   ShortJournal journal;
   journal.fileName = U"f";
-  const auto symbol = [](const char* name) { return Library::get().symbol(name); };
-  const auto messageToBuf = reinterpret_cast<decltype(&qzlMessageToBuf)>(symbol("qzlMessageToBuf"));
-  EXPECT_EQ(messageToBuf(&journal, 1, 2, 3, 4, 5, 6), qz::hostBadText);
-  EXPECT_EQ(journal.entries, "buf123456");
-  const auto messageToJnl = reinterpret_cast<decltype(&qzlMessageToJnl)>(symbol("qzlMessageToJnl"));
-  journal.entries.clear();
   journal.messageResult = 77;
-  EXPECT_EQ(messageToJnl(&journal, qz::JournalLevel::note, U"a %d %s", 7, 5, U"f"), 77U);
-  EXPECT_EQ(journal.entries, "2:a 5 ~");
-  const auto statusToBuf = reinterpret_cast<decltype(&qzlStatusToBuf)>(symbol("qzlStatusToBuf"));
+  EXPECT_EQ(service<decltype(qzlMessageToBuf)>("qzlMessageToBuf")(&journal, 1, 2, 3, 4, 5, 6),
+            qz::hostBadText);
+  EXPECT_EQ(service<decltype(qzlMessageToJnl)>("qzlMessageToJnl")(&journal, qz::JournalLevel::note,
+                                                                  U"a %d %s", 7, 5, U"f"),
+            77U);
+  EXPECT_EQ(service<decltype(qzlStatusToJnl)>("qzlStatusToJnl")(&journal, qz::JournalLevel::error,
+                                                                0x803FC824, U"f"),
+            0U);
+  EXPECT_EQ(journal.entries, "buf123456 2:a 5 ~ 4:824(~)");
   char32_t buffer[8];
   std::uint32_t length = 0;
-  EXPECT_EQ(statusToBuf(&journal, 0x803FC825, buffer, 8, &length, U"g"), 0U);
+  EXPECT_EQ(service<decltype(qzlStatusToBuf)>("qzlStatusToBuf")(&journal, 0x803FC825, buffer, 8,
+                                                                &length, U"g"),
+            0U);
   EXPECT_EQ(std::u32string_view(buffer, length), U"(g)");
-  const auto statusToJnl = reinterpret_cast<decltype(&qzlStatusToJnl)>(symbol("qzlStatusToJnl"));
-  journal.entries.clear();
-  EXPECT_EQ(statusToJnl(&journal, qz::JournalLevel::error, 0x803FC824, U"f"), 0U);
-  EXPECT_EQ(journal.entries, "4:824(~)");
 }
 
 // A report is the status's text and the line with the file's name in one message, in a buffer

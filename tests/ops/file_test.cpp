@@ -201,7 +201,7 @@ TEST_F(WholeFileTest, FailedReopenGoesOnAsBefore) {
     open block 8; read 1 a; own 9:1
     fail pwrite!28; reopen direct -> 80F pwrite 4096@36864!28 lseek 36864 ftruncate 36864 {!80F}
     host -> memAlloc:m4096 memFree:m
-    fail fileReopen!80FFE007=13; reopen buffered 0 -> 826
+    fail fileReopen!80FFE007=13; set openOptions 0; hint 2 0 0 -> 826
     is directIoMode 3 writeAccess 2 readAccess 4 lastErrno 13
     is hostErrorDetail1 11 hostErrorDetail2 22; read 2 -> ok)");
   qz::HostFile* const file = h->hostFile;

@@ -141,6 +141,8 @@ std::int64_t fieldOf(World& world, const std::string& name, const std::int64_t* 
 
 }  // namespace
 
+ScriptTest::ScriptTest() { std::fill_n(memory_.get(), 2 * kPage, 'x'); }
+
 void ScriptTest::play(const std::string& script) {
   std::string text = script;
   std::replace(text.begin(), text.end(), '\n', ';');
@@ -278,23 +280,10 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
          const qz::PageSizeRequest wanted{number(), number(), number()};
          return call(&Table::qzppsize, &wanted);
        }},
-      {"preopen",
-       [&] {
-         const std::int32_t bytes = number();
-         return preopen(callerMemory(bytes + 1).get() + 1, bytes);  // not aligned
-       }},
+      {"preopen", [&] { return preopen(memory_.get() + 1, number()); }},  // not aligned
       {"many", [&] { return readRun(words); }},
-      {"header",
-       [&] {
-         const CallerMemory header = callerMemory(std::int64_t{2} * kPage);
-         std::fill_n(header.get(), 2 * kPage, 'x');
-         return writeHeader(header.get(), number());
-       }},
-      {"reopen",
-       [&] {
-         const Shape shape = shapeOf(words.word());
-         return reopen(shape, words.number<std::uint32_t>("2"));
-       }},
+      {"header", [&] { return writeHeader(memory_.get(), number()); }},
+      {"reopen", [&] { return reopen(shapeOf(words.word())); }},
       {"hint", [&] {
          const qz::AccessHints hints{bits(), bits(), bits()};
          return call(&Table::qzpreopen, &hints);

@@ -21,7 +21,7 @@ namespace qztest {
 //   write 3 [a], own 3 4 (from the caller's memory), rewrite 3:1 4:1 (in place)
 //   many PAGE COUNT OPTIONS, truncate 3, flush, close [FLAGS], delete, info, name [NAME],
 //   header BYTES, preopen BYTES, psize MINIMUM MAXIMUM MULTIPLE
-//   reopen SHAPE [WRITE ACCESS], hint READ WRITE OPTIONS
+//   reopen SHAPE, hint READ WRITE OPTIONS
 //   fail pwrite#2*3!28 fsync      call 2 and the next two fail with 28; "*": all later ones;
 //                                 "=0", "=half": what they return; host calls: "!80FFE101";
 //                                 "=undone": and have no effect
@@ -33,6 +33,7 @@ inline const std::string kShapeRows = "buffered\ndirect\nblock";
 
 class ScriptTest : public FileTest {
  protected:
+  ScriptTest();
   void play(const std::string& script);
   // Plays the script for each row, a line of columns between " | ", with the columns in the places
   // of %1, %2... up to %9; nothing for those that the row lacks.
@@ -55,6 +56,7 @@ class ScriptTest : public FileTest {
   std::string lists() const;
 
   std::map<std::string, char*> named_;
+  CallerMemory memory_ = callerMemory(2LL * kPage);  // of headers
 };
 
 }  // namespace qztest
