@@ -47,8 +47,6 @@ std::string shortCode(std::uint32_t status) {
 
 namespace {
 
-constexpr std::uint32_t kNameLine = 0x803FC825;
-
 std::string nameIn(const char32_t* name, const std::u32string& expected) {
   if (name == nullptr) return "null";
   return name == expected ? "~" : qz::toUtf8(name);
@@ -62,41 +60,34 @@ int insertsOf(std::uint32_t status) {
 
 ShortJournal& self(qz::Journal* journal) { return *static_cast<ShortJournal*>(journal); }
 
-// Writes the short code of a status, or of the name line the name's, padded to the length asked
-// for.
+// Writes the short code of a status, or the name of a name line, padded to the length asked for.
 qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t* buffer,
                            std::uint32_t capacity, std::uint32_t* lengthOut,
                            std::va_list arguments) {
   ShortJournal& me = self(journal);
-  const bool names = status == kNameLine;
-  std::string text = "!" + shortCode(status);
-  if (names) {
-    const std::string name = nameIn(va_arg(arguments, const char32_t*), me.fileName);
-    text = name == "~" ? "" : "(" + name + ")";
-  }
-  const std::size_t wanted =
-      std::max<std::size_t>(text.size(), names ? me.nameLineLength : me.textLength);
+  const bool names = status == 0x803FC825;
+  std::string text = names ? nameIn(va_arg(arguments, const char32_t*), me.fileName) : "";
+  text = !names ? "!" + shortCode(status) : text == "~" ? "" : "(" + text + ")";
+  text.resize(std::max<std::size_t>(text.size(), names ? me.nameLineLength : me.textLength), ' ');
   me.capacities.push_back(capacity);
-  if (wanted > capacity) return qz::hostTextTooLong;
-  std::fill(buffer, buffer + wanted, U' ');
+  if (text.size() > capacity) return qz::hostTextTooLong;
   std::copy(text.begin(), text.end(), buffer);
-  *lengthOut = static_cast<std::uint32_t>(wanted);
+  *lengthOut = static_cast<std::uint32_t>(text.size());
   return 0;
 }
 
+// Errors are reports or, without their mark, the host's own words about a file that it could not
+// open.
 qz::HostStatus messageToJnl(qz::Journal* journal, qz::JournalLevel level, const char32_t* text,
                             std::uint32_t textLength, std::va_list arguments) {
   ShortJournal& me = self(journal);
   me.lastLength = textLength;
-  if (level == qz::JournalLevel::error && text[0] != U'!') {
-    return 0;  // the host's own words about a file that it could not open
-  }
-  if (level == qz::JournalLevel::error) {
-    std::string entry = qz::toUtf8({text, textLength});
-    entry.erase(std::remove(entry.begin(), entry.end(), ' '), entry.end());
-    me.add(entry);
-  } else {
+  if (level != qz::JournalLevel::error) {
     me.add("2:" + me.withInserts({text, textLength}, arguments));
+  } else if (text[0] == U'!') {
+    std::string entry = qz::toUtf8({text, textLength});
+    std::erase(entry, ' ');
+    me.add(entry);
   }
   return me.messageResult;
 }
@@ -104,13 +95,11 @@ qz::HostStatus messageToJnl(qz::Journal* journal, qz::JournalLevel level, const 
 qz::HostStatus statusToJnl(qz::Journal* journal, qz::JournalLevel level, std::uint32_t status,
                            std::va_list arguments) {
   ShortJournal& me = self(journal);
-  std::string inserts;
-  for (int i = insertsOf(status); i > 0; --i) {
-    inserts +=
-        (inserts.empty() ? "" : "|") + nameIn(va_arg(arguments, const char32_t*), me.fileName);
-  }
-  me.add(fmt::format("{}:{}{}", static_cast<std::uint32_t>(level), shortCode(status),
-                     inserts.empty() ? "" : "(" + inserts + ")"));
+  std::string entry = fmt::format("{}:{}", static_cast<std::uint32_t>(level), shortCode(status));
+  const int inserts = insertsOf(status);
+  for (int i = 0; i < inserts; ++i)
+    entry += (i == 0 ? "(" : "|") + nameIn(va_arg(arguments, const char32_t*), me.fileName);
+  me.add(entry + (inserts == 0 ? "" : ")"));
   return 0;
 }
 

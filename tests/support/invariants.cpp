@@ -30,47 +30,41 @@ class Checker {
       broken_ = fmt::format(text, std::forward<Arguments>(arguments)...);
   }
 
-  // Calls visit for each record; true when the list is linked both ways and ends.
+  // Calls visit for each record of a list, which must be linked both ways. A visit that finds a
+  // record for the second time ends the walk.
   template <class Node, class Visit>
   void walk(const char* name, const qz::List<Node>& list, Visit visit) {
-    constexpr int kTooLong = 1 << 20;
-    int length = 0;
     const Node* previous = nullptr;
-    for (const Node* node = list.head; node != nullptr && length < kTooLong; node = node->next) {
-      ++length;
-      if (node->prev != previous) {
-        require(false, "{}: record {} is not linked back", name, length);
-        return;
-      }
+    for (const Node* node = list.head; node != nullptr && broken_.empty(); node = node->next) {
+      require(node->prev == previous, "{}: not linked back", name);
       visit(*node);
       previous = node;
     }
-    require(length < kTooLong, "{} does not end", name);
     require(list.tail == previous, "{}: the tail is not the last record", name);
   }
 
   void checkState() {
-    const bool open = (h_.stateFlags & qz::stateOpen) != 0;
-    require(!open || (h_.hostFile != nullptr && h_.fd >= 0), "open without a file");
-    require(h_.hostFile != nullptr || h_.fd == -1, "fd {} without a file", h_.fd);
+    require((h_.stateFlags & qz::stateOpen) == 0 || (h_.hostFile != nullptr && h_.fd >= 0),
+            "open without a file");
     require(h_.hostFile != nullptr ||
-                (h_.pageTree == nullptr && h_.lastBlock == nullptr && h_.writeBlock == nullptr &&
-                 h_.pageBuffersAllocated == 0 && h_.blocksAllocated == 0 && h_.nextPage == 0),
-            "buffers or cursors without a file");
+                (h_.fd == -1 && h_.pageTree == nullptr && h_.lastBlock == nullptr &&
+                 h_.writeBlock == nullptr && h_.pageBuffersAllocated == 0 &&
+                 h_.blocksAllocated == 0 && h_.nextPage == 0),
+            "fd {}, buffers or cursors without a file", h_.fd);
   }
 
   void checkPages() {
-    const auto count = [this](const char* name, const qz::List<qz::PageBuffer>& list, bool held) {
-      walk(name, list, [&, held](const qz::PageBuffer& buffer) {
-        require((buffer.held == 1) == held, "{}: held {}", name, buffer.held);
-        require(held ? buffer.extraHolds >= 0 : buffer.extraHolds == 0, "{}: {} extra holds", name,
-                buffer.extraHolds);
-        holds_ += held ? 1 + buffer.extraHolds : 0;
+    const auto check = [this](const char* name, const qz::List<qz::PageBuffer>& list, int held) {
+      walk(name, list, [&](const qz::PageBuffer& buffer) {
         require(pages_.insert(&buffer).second, "{}: on two lists", name);
+        const int extra = buffer.extraHolds;
+        require(buffer.held == held && (held == 1 ? extra >= 0 : extra == 0),
+                "{}: held {}, {} extra holds", name, buffer.held, extra);
+        holds_ += held + extra;
       });
     };
-    count("pageFreeList", h_.pageFreeList, false);
-    count("pageHeldList", h_.pageHeldList, true);
+    check("pageFreeList", h_.pageFreeList, 0);
+    check("pageHeldList", h_.pageHeldList, 1);
     require(h_.pageBuffersAllocated == static_cast<std::int64_t>(pages_.size()),
             "{} page buffers counted, {} on lists", h_.pageBuffersAllocated, pages_.size());
   }
@@ -78,27 +72,24 @@ class Checker {
   void checkBlocks() {
     // A read that came short and could not close the file leaves its block among the held ones.
     const bool open = (h_.stateFlags & qz::stateOpen) != 0;
-    const auto count = [&](const char* name, const qz::List<qz::BlockRecord>& list, bool held) {
-      walk(name, list, [&, held](const qz::BlockRecord& block) {
-        require(
-            block.holdCount >= 0 && (held ? block.holdCount > 0 || !open : block.holdCount == 0),
-            "{}: holdCount {}", name, block.holdCount);
-        require((block.blockNumber == 0) == (block.firstPage == 0) &&
-                    (block.firstPage == 0) == (block.lastPage == 0) &&
-                    block.firstPage <= block.lastPage,
-                "{}: block {} has pages {} to {}", name, block.blockNumber, block.firstPage,
-                block.lastPage);
-        require(block.dirtyPages == 0, "{}: {} dirty pages", name, block.dirtyPages);
-        holds_ += static_cast<int>(block.holdCount);
+    const auto check = [&](const char* name, const qz::List<qz::BlockRecord>& list, bool held) {
+      walk(name, list, [&](const qz::BlockRecord& block) {
         require(blocks_.insert(&block).second, "{}: on two lists", name);
+        require(
+            held ? block.holdCount > 0 || (block.holdCount == 0 && !open) : block.holdCount == 0,
+            "{}: holdCount {}", name, block.holdCount);
+        const bool empty = block.blockNumber == 0;
+        require(empty == (block.firstPage == 0) && empty == (block.lastPage == 0) &&
+                    block.firstPage <= block.lastPage && block.dirtyPages == 0 &&
+                    (empty || &list != &h_.blockAcquiredList),
+                "{}: block {} has pages {} to {}, {} of them dirty", name, block.blockNumber,
+                block.firstPage, block.lastPage, block.dirtyPages);
+        holds_ += static_cast<int>(block.holdCount);
       });
     };
-    count("blockFreeList", h_.blockFreeList, false);
-    count("blockHeldList", h_.blockHeldList, true);
-    count("blockAcquiredList", h_.blockAcquiredList, true);
-    walk("blockAcquiredList", h_.blockAcquiredList, [this](const qz::BlockRecord& block) {
-      require(block.blockNumber == 0, "acquired block {} is not empty", block.blockNumber);
-    });
+    check("blockFreeList", h_.blockFreeList, false);
+    check("blockHeldList", h_.blockHeldList, true);
+    check("blockAcquiredList", h_.blockAcquiredList, true);
     require(h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1, "lastBlock is stray");
     const auto all = static_cast<std::int64_t>(blocks_.size()) + (h_.writeBlock != nullptr ? 1 : 0);
     require(h_.blocksAllocated == all, "{} blocks counted, {} there", h_.blocksAllocated, all);
@@ -133,23 +124,19 @@ class Checker {
     return 1 + entriesBelow(node->treeLinks[0]) + entriesBelow(node->treeLinks[1]);
   }
 
+  // Empty, or with the file's last pages, from the start of a block on.
   void checkWriteBlock() {
     if (h_.writeBlock == nullptr) return;
     const qz::BlockRecord& block = *h_.writeBlock;
     require(blocks_.count(&block) == 0, "the write block is on a list");
-    require(block.holdCount == 0, "the write block is held {} times", block.holdCount);
-    if (block.firstPage == 0) {
-      require(block.lastPage == 0 && block.dirtyPages == 0, "empty write block with pages");
-      return;
-    }
-    require((block.firstPage - 1) % h_.pagesPerBlock == 0, "write block begins at page {}",
-            block.firstPage);
-    require(block.lastPage == h_.pageCount, "write block ends at {} of {}", block.lastPage,
-            h_.pageCount);
-    require(block.dirtyPages == block.lastPage - block.firstPage + 1 && block.dirtyPages > 0 &&
-                block.dirtyPages < h_.pagesPerBlock,
-            "write block {} to {} with {} dirty pages", block.firstPage, block.lastPage,
-            block.dirtyPages);
+    const std::int64_t pages = block.firstPage == 0 ? 0 : block.lastPage - block.firstPage + 1;
+    const bool fits = pages == 0 ? block.firstPage == 0 && block.lastPage == 0
+                                 : pages > 0 && pages < h_.pagesPerBlock &&
+                                       (block.firstPage - 1) % h_.pagesPerBlock == 0 &&
+                                       block.lastPage == h_.pageCount;
+    require(fits && block.dirtyPages == pages && block.holdCount == 0,
+            "write block {} to {} of {}, {} dirty, held {} times", block.firstPage, block.lastPage,
+            h_.pageCount, block.dirtyPages, block.holdCount);
   }
 
   const qz::FileHandle& h_;
