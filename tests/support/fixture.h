@@ -109,7 +109,10 @@ class World {
   qz::Status truncate(std::int64_t pages) { return call(&qz::OperationTable::qzptruncate, pages); }
   qz::Status flush() { return call(&qz::OperationTable::qzpflush); }
   qz::Status writeHeader(const void* header, std::int32_t bytes);  // `length` receives the result
-  qz::Status reopen(std::uint32_t read, std::uint32_t write, std::uint32_t options);
+  qz::Status reopen(std::uint32_t read, std::uint32_t write, std::uint32_t options) {
+    const qz::AccessHints hints{read, write, options};
+    return call(&qz::OperationTable::qzpreopen, &hints);
+  }
   qz::Status reopen(Shape shape, std::uint32_t write = qz::rewritePages);
   qz::Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options, char* area);
 
@@ -134,8 +137,12 @@ class World {
   bool holdsPage(std::int64_t page, std::uint32_t version) const {
     return isStamped(at, h->pageSize, page, version);
   }
-  std::size_t listed(const qz::List<qz::PageBuffer>& list) const;
-  std::size_t listed(const qz::List<qz::BlockRecord>& list) const;
+  template <class Record>
+  static std::size_t listed(const qz::List<Record>& list) {
+    std::size_t records = 0;
+    for (const Record* record = list.head; record != nullptr; record = record->next) ++records;
+    return records;
+  }
 
   // Closes what is open, frees the handle and destroys the module; everything must balance.
   void finish();
@@ -149,8 +156,6 @@ class World {
   char* at = nullptr;
   qz::PageRequest request{};
   std::int32_t length = 0;
-  std::size_t otherBlocks = 1;  // of the module pool, beside the handle's: the extension object
-  bool checksInvariants = true;
 
  private:
   void begin();

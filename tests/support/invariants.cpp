@@ -149,15 +149,15 @@ class Checker {
 }  // namespace
 
 std::string brokenInvariant(const qz::FileHandle& h, std::size_t moduleBlocks,
-                            std::size_t bufferBlocks, std::size_t otherBlocks) {
+                            std::size_t bufferBlocks) {
   std::string broken = Checker(h).broken();
   if (!broken.empty()) return broken;
   const auto pages = static_cast<std::size_t>(h.pageBuffersAllocated);
   const auto blocks = static_cast<std::size_t>(h.blocksAllocated);
-  const std::size_t own = 1 + (h.fileName != nullptr ? 1 : 0) + pages + 2 * blocks;
-  if (moduleBlocks != own + otherBlocks || bufferBlocks != pages + blocks) {
+  const std::size_t own = 2 + (h.fileName != nullptr ? 1 : 0) + pages + 2 * blocks;
+  if (moduleBlocks != own || bufferBlocks != pages + blocks) {
     return fmt::format("pools have {} and {} blocks out, the handle accounts for {} and {}",
-                       moduleBlocks, bufferBlocks, own + otherBlocks, pages + blocks);
+                       moduleBlocks, bufferBlocks, own, pages + blocks);
   }
   return {};
 }

@@ -69,20 +69,16 @@ void Calls::watch(void* address) {
 
 void Calls::plan(std::vector<Fault> faults) {
   faults_ = std::move(faults);
-  faultsMet_ = 0;
   std::fill(std::begin(made_), std::end(made_), 0);
 }
 
 const Fault* Calls::next(Call call) {
   if (faults_.empty()) return nullptr;
   const int number = ++made_[static_cast<int>(call)];
-  for (const Fault& fault : faults_) {
-    if (fault.call == call && number >= fault.nth && number - fault.nth < fault.count) {
-      ++faultsMet_;
-      return &fault;
-    }
-  }
-  return nullptr;
+  const auto fault = std::find_if(faults_.begin(), faults_.end(), [&](const Fault& planned) {
+    return planned.call == call && number >= planned.nth && number - planned.nth < planned.count;
+  });
+  return fault != faults_.end() ? &*fault : nullptr;
 }
 
 int Calls::count(Call call) const {

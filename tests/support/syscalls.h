@@ -77,8 +77,6 @@ class Calls {
 
   // Replaces the planned faults; counting starts again.
   void plan(std::vector<Fault> faults);
-  // How often a planned fault was met since.
-  int faultsMet() const { return faultsMet_; }
 
   void clear() {
     trace_.clear();
@@ -121,7 +119,6 @@ class Calls {
   std::uint64_t alignment_ = 0;
   std::vector<Fault> faults_;
   int made_[static_cast<int>(Call::count)] = {};
-  int faultsMet_ = 0;
   std::vector<CallRecord> trace_;
 };
 
