@@ -15,6 +15,7 @@
 
 #include "commands.hpp"
 #include "json.hpp"
+#include "signals.hpp"
 
 namespace qzpfile {
 namespace {
@@ -121,7 +122,10 @@ class Bench {
   }
 
   void readByModule(const std::vector<std::int64_t>& pages) {
-    for (const std::int64_t page : pages) file_.read(page);
+    for (const std::int64_t page : pages) {
+      file_.read(page);
+      checkInterrupt();
+    }
   }
 
   // One call for as many of the pages, which then follow each other, as a transfer holds.
@@ -129,6 +133,7 @@ class Bench {
     const std::size_t step = transfer_.bytes().size() / static_cast<std::size_t>(pageSize());
     for (std::size_t i = 0; i < pages.size(); i += step) {
       bare_.read(transfer_.bytes(), file_.geometry().offsetOf(pages[i]), file_.name());
+      checkInterrupt();
     }
   }
 
@@ -195,20 +200,26 @@ Exit runBench(const Invocation& call) {
   if (source.measured.wholePages == 0) {
     throw Failure(Exit::badData, "has no pages to read", call.first);
   }
-  std::vector<Figure> figures;
+  std::vector<File> files;
   std::vector<IoOutcome> skipped;
-  Progress progress(call.progress, "bench", std::nullopt);
+  const std::int64_t pages = source.measured.wholePages;
+  std::int64_t pagesToRead = 0;
   for (const IoChoice choice : {IoChoice::buffered, IoChoice::direct, IoChoice::block}) {
-    const IoRequest request{choice, call.io.blockBytes, std::nullopt};
     IoOutcome refused;
-    std::optional<File> file = File::openInMode(session, source, request, &refused);
-    if (!file) {
+    if (auto file = File::openInMode(session, source, {choice, call.io.blockBytes, std::nullopt},
+                                     &refused)) {
+      files.push_back(*std::move(file));
+      pagesToRead += pages + (choice == IoChoice::block ? 0 : std::min(pages, kRandomPages));
+    } else {
       skipped.push_back(refused);
-      continue;
     }
-    Bench bench(*file, call, progress);
+  }
+  std::vector<Figure> figures;
+  Progress progress(call.progress, "bench", pagesToRead * source.geometry.pageSize * 2 * kRounds);
+  for (File& file : files) {
+    Bench bench(file, call, progress);
     figures.push_back(bench.inOrder());
-    if (choice != IoChoice::block) figures.push_back(bench.atRandom());
+    if (file.io().mode != IoChoice::block) figures.push_back(bench.atRandom());
   }
   if (call.json) {
     printJson(source, figures);

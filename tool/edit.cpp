@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "signals.hpp"
+
 namespace qzpfile {
 
 // The header is read first: once the file is open for changing, nobody else may open it.
@@ -36,6 +38,7 @@ void PageEditor::write(std::int64_t page, std::span<const std::byte> bytes) {
 void PageEditor::truncate(std::int64_t pages) {
   if (header_) {
     for (std::int64_t page = pages + 1; page <= file_.pageCount(); ++page) {
+      checkInterrupt();
       header_->payloadChecksum -= pageChecksum(bytesOf(file_.read(page)), page);
     }
     header_->payloadBytes = std::min(header_->payloadBytes, pages * header_->pageSize);

@@ -53,7 +53,7 @@ TYPED_TEST_SUITE(StoreTest, Stores);
 TYPED_TEST(StoreTest, BlocksAreAlignedClearedApartAndKnown) {
   for (int round = 0; round < 3; ++round) {
     for (const std::size_t bytes :
-         {0, 1, 40, 76, 4095, 4096, 4097, 8192, 65536, 262144, 2097152, 2097153}) {
+         {0U, 1U, 40U, 76U, 4095U, 4096U, 4097U, 8192U, 65536U, 262144U, 2097152U, 2097153U}) {
       for (const bool zeroed : {false, true, true}) this->take(bytes, zeroed);
     }
     while (!this->blocks.empty()) this->give(this->blocks.begin());
