@@ -78,6 +78,8 @@ TEST_F(NamingTest, NamesGrowTheirBufferAndNeverShrinkIt) {
     name xyz -> ok; host ->; is fileNameCapacity 4 fileNameLength 3)");
   EXPECT_EQ(std::u32string_view(h->fileName), U"xyz");
   play("name efgh -> ok statfs");  // as long as the buffer: a new one
+  EXPECT_EQ(did(call(&Table::qzpsetfilename, h->fileName, 4)), "ok statfs");  // its own buffer
+  EXPECT_EQ(std::u32string_view(h->fileName), U"efgh");
   EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "009 {!009}");
   play("fail memFree!80FFE101=undone; name longer -> 009 {4:80FFE101}");
   EXPECT_EQ(std::u32string_view(h->fileName), U"efgh");
