@@ -106,7 +106,7 @@ std::vector<PathCount> readCounts(const std::string& nativeFile, const std::stri
   std::vector<PathCount> counts;
   for (const auto& [path, instructions] : native) {
     const auto other = i386.find(path);
-    if (other == i386.end()) throw Failure(i386File + ": has no " + path);
+    if (other == i386.end()) throw Failure(fmt::format("{}: has no {}", i386File, path));
     if (instructions > 0) counts.push_back({path, instructions, other->second});
   }
   return counts;
