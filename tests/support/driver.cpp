@@ -494,7 +494,11 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   if (call.length > pageSize_ || pagesPerBlock == 1) {
     nextPage_ = std::min(first + pagesPerBlock - 1, pageCount_) + 1;
     const std::int64_t whole = std::min(call.length, left);
-    shortBlocks_.erase(first);
+    // Not if an older copy of the block is held, from before a truncate below it.
+    const bool twice = std::any_of(holds_.begin(), holds_.end(), [&](const Hold& hold) {
+      return hold.ofBlock && hold.page >= first && hold.page < first + pagesPerBlock;
+    });
+    if (!twice) shortBlocks_.erase(first);
     if (call.result < whole) shortBlocks_.insert(first);
   }
   return call.result < (page - first + 1) * pageSize_ ? Status::misfit : Status::ok;
