@@ -29,7 +29,7 @@ class GeometryTest : public ::testing::Test, public World {
     h->pageSize = pageSize;
     h->headerSize = header;
     h->requestedBlockBytes = std::int64_t{pageSize} * kPagesPerBlock;
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_LARGEFILE, 0600);
     const bool made = ftruncate64(fd, header + pages * pageSize) == 0;
     ::close(fd);
     return made;
