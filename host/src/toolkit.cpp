@@ -39,13 +39,14 @@ HostStatus taskWait(Task* /*task*/, Word /*a1*/, Word /*a2*/, Word /*a3*/, std::
 HostStatus convert(Converter* /*converter*/, const char32_t* text, std::size_t textBytes,
                    char* output, std::size_t capacity, Word /*a6*/, Word /*a7*/) noexcept {
   const std::size_t characters = textBytes / sizeof *text;
-  char bytes[kUtf8Bytes];
+  char bytes[kUtf8Bytes];  // near the end of the output
   std::size_t used = 0;
   for (std::size_t i = 0; i < characters; ++i) {
-    const std::size_t length = encodeUtf8(text[i], bytes);
+    const bool roomy = capacity - used >= kUtf8Bytes;
+    const std::size_t length = encodeUtf8(text[i], roomy ? output + used : bytes);
     if (length == 0) return hostBadText;
     if (length > capacity - used) return hostTextTooLong;
-    std::memcpy(output + used, bytes, length);
+    if (!roomy) std::memcpy(output + used, bytes, length);
     used += length;
   }
   return hostOk;
