@@ -16,6 +16,7 @@ constexpr std::size_t kRegionPages = kRegionBytes / kStorePage;
 constexpr std::size_t kSlabPages = 16;
 constexpr std::size_t kSlabBytes = kSlabPages * kStorePage;
 constexpr std::size_t kHugeFrom = std::size_t{64} << 10U;
+constexpr std::size_t kMostSpareBytes = std::size_t{20} << 20U;  // five blocks of 4 MiB
 
 constexpr std::array<std::uint16_t, 15> kSlotBytes = {32,  48,  64,   96,   128,  192,  256, 384,
                                                       512, 768, 1024, 1536, 2048, 3072, 4096};
@@ -124,11 +125,12 @@ RegionStore::RegionStore() = default;
 RegionStore::~RegionStore() {
   for (const auto& [base, region] : regions_) munmap(region->base, kRegionBytes);
   for (const auto& [block, mapping] : mappings_) munmap(block, mapping.mapped);
+  for (const auto& [block, mapped] : spareMappings_) munmap(block, mapped);
 }
 
 void* RegionStore::allocate(std::size_t bytes, bool zeroed) noexcept try {
   if (bytes > kLargestBlock) return nullptr;
-  if (bytes > kRegionBytes) return allocateMapping(bytes);
+  if (bytes > kRegionBytes) return allocateMapping(bytes, zeroed);
   void* block = bytes < kStorePage ? allocateSlot(bytes) : allocatePages(bytes);
   if (zeroed && block != nullptr) std::memset(block, 0, bytes);
   return block;
@@ -267,12 +269,38 @@ RegionStore::Region* RegionStore::addRegion(bool huge) {
   return added;
 }
 
-void* RegionStore::allocateMapping(std::size_t bytes) {
+// True when the mapping is kept for the next of its size.
+bool RegionStore::keepSpare(char* block, std::size_t mapped) noexcept try {
+  if (spareBytes_ + mapped > kMostSpareBytes) return false;
+  spareMappings_.emplace_back(block, mapped);
+  spareBytes_ += mapped;
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+// A mapping of that size that was kept, or null.
+char* RegionStore::takeSpare(std::size_t mapped) noexcept {
+  const auto found = std::find_if(spareMappings_.begin(), spareMappings_.end(),
+                                  [&](const auto& spare) { return spare.second == mapped; });
+  if (found == spareMappings_.end()) return nullptr;
+  char* block = found->first;
+  spareMappings_.erase(found);
+  spareBytes_ -= mapped;
+  return block;
+}
+
+void* RegionStore::allocateMapping(std::size_t bytes, bool zeroed) {
   const std::size_t mapped = roundUp(bytes, kStorePage);
-  char* block = mapAligned(mapped);  // zeroed by the system
-  if (block == nullptr) return nullptr;
-  // The rest behind the last whole 2 MiB would take a huge page for a few bytes.
-  madvise(block, mapped / kRegionBytes * kRegionBytes, MADV_HUGEPAGE);
+  char* block = takeSpare(mapped);
+  if (block != nullptr) {
+    if (zeroed) std::memset(block, 0, bytes);
+  } else {
+    block = mapAligned(mapped);  // zeroed by the system
+    if (block == nullptr) return nullptr;
+    // The rest behind the last whole 2 MiB would take a huge page for a few bytes.
+    madvise(block, mapped / kRegionBytes * kRegionBytes, MADV_HUGEPAGE);
+  }
   try {
     mappings_.emplace(block, Mapping{bytes, mapped});
   } catch (const std::bad_alloc&) {
@@ -287,7 +315,7 @@ std::optional<std::size_t> RegionStore::releaseMapping(void* block) noexcept {
   if (found == mappings_.end()) return std::nullopt;
   const Mapping gone = found->second;
   mappings_.erase(found);
-  munmap(block, gone.mapped);
+  if (!keepSpare(static_cast<char*>(block), gone.mapped)) munmap(block, gone.mapped);
   return gone.asked;
 }
 

@@ -8,6 +8,8 @@
 #include <memory>
 #include <optional>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 namespace qz {
 
@@ -40,8 +42,8 @@ struct RoomyList {
 // pages of a region, those of 64 KiB and more in regions advised for huge pages; ordinary memory
 // makes a disk transfer one segment per page. Blocks beyond a region are mapped on their own.
 // Bookkeeping lies apart from the blocks. Memory that becomes free goes back to the system, but
-// for one empty region of each kind and one empty slab of each size, which opening and closing a
-// file again would only ask for anew.
+// for one empty region of each kind, one empty slab of each size and a few mappings, which opening
+// and closing a file again would only ask for, and have cleared, anew.
 class RegionStore {
  public:
   RegionStore();
@@ -72,7 +74,9 @@ class RegionStore {
 
   void* allocateSlot(std::size_t bytes);
   void* allocatePages(std::size_t bytes);
-  void* allocateMapping(std::size_t bytes);
+  void* allocateMapping(std::size_t bytes, bool zeroed);
+  char* takeSpare(std::size_t mapped) noexcept;
+  bool keepSpare(char* block, std::size_t mapped) noexcept;
   std::size_t releaseSlot(Slab* slab, std::size_t slot) noexcept;
   std::optional<std::size_t> releaseMapping(void* block) noexcept;
   Slab* addSlab(std::size_t sizeIndex);
@@ -86,6 +90,8 @@ class RegionStore {
   std::array<RoomyList<Slab>, kSlotSizes> roomySlabs_;  // with a free slot
   std::array<std::size_t, kSlotSizes> emptySlabs_ = {};
   std::unordered_map<void*, Mapping> mappings_;
+  std::vector<std::pair<char*, std::size_t>> spareMappings_;  // with their bytes
+  std::size_t spareBytes_ = 0;
 };
 
 // One heap block for each, so that a sanitizer sees what happens around and after it.
