@@ -11,7 +11,7 @@
 namespace qzbench {
 namespace {
 
-constexpr std::size_t kMisses = 65536;  // of a pass
+constexpr std::size_t kMisses = 262144;  // of a pass
 
 // The module's page buffers as the tree sees them.
 using Nodes = std::vector<qz::PageBuffer>;
@@ -119,7 +119,7 @@ void growTree(Runner& run) {
     contest.participants = {cacheOf<StandardTree>("std::map", buffers, order),
                             cacheOf<HostTree>("qziop's host", buffers, order)};
     contest.goals = {{Quantity::wallNs, "qziop's host", "", 60}};
-    run.hold(contest);
+    run.hold(contest, 11);
   }
 }
 
