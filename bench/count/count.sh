@@ -16,7 +16,7 @@ if [ "$way" = callgrind ]; then
   callgrind_annotate --inclusive=yes --threshold=100 "$folder/out" |
     sed -nE 's/^ *([0-9,]+) .*:count_([a-z_]+) .*/\2 \1/p' | tr -d , >"$folder/cost"
   awk 'FNR == NR { cost[$1] = $2; next }
-       $1 == "runs" { printf "%s %.1f\n", $2, cost[$2] / $3 }' "$folder/cost" "$folder/said"
+       $1 == "runs" && $2 != "nothing" { printf "%s %.1f\n", $2, cost[$2] / $3 }' "$folder/cost" "$folder/said"
   exit
 fi
 
@@ -45,7 +45,7 @@ awk -F '[][/ ]+' -v said="$folder/said" '
   }
   END {
     beside = count["nothing"] / runs["nothing"] - 1
-    for (path in runs) printf "%s %.1f\n", path, count[path] / runs[path] - beside
+    for (path in runs) if (path != "nothing") printf "%s %.1f\n", path, count[path] / runs[path] - beside
   }
 ' "$folder/trace"
 wait "$traced"
