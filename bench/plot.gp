@@ -7,8 +7,8 @@ rows = STATS_max
 
 set title 'Pages of 4 KiB: time as a multiple of the bare calls that do the same work'
 set logscale x 2
-set xrange [0.125:32]
-set xtics ('1/8' 0.125, '1/4' 0.25, '1/2' 0.5, '1' 1, '2' 2, '4' 4, '8' 8, '16' 16, '32' 32)
+set xrange [0.03125:8]
+set xtics ('1/32' 0.03125, '1/16' 0.0625, '1/8' 0.125, '1/4' 0.25, '1/2' 0.5, '1' 1, '2' 2, '4' 4, '8' 8)
 set xlabel 'faster than the bare calls  ←  multiple  →  slower'
 set yrange [rows + 0.6:0.4]
 set ytics scale 0
