@@ -1,6 +1,6 @@
 // The message catalogue: one text for every status of the module and of this host.
 //
-// The module gives inserts to four statuses only; every other text must have no placeholder. The
+// The module gives inserts to four statuses only; every other text must ask for none. The
 // file-name line is put right behind the text of a failure, so it brings its own separator.
 #include <cstdio>
 

@@ -22,7 +22,7 @@ using qz::Status;
 
 constexpr auto kFileNameLine = static_cast<std::uint32_t>(Status::fileNameLine);
 
-// The module gives inserts to these alone; a placeholder in any other text would take an insert
+// The module gives inserts to these alone; any other text that asked for one would take an insert
 // that is not there.
 TEST(CatalogueTest, EveryStatusHasItsOwnTextAndOnlyItsInserts) {
   const std::map<std::uint32_t, std::ptrdiff_t> inserts = {
