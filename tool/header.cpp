@@ -1,7 +1,11 @@
 #include "header.hpp"
 
+#ifdef __x86_64__
+#include <xxh_x86dispatch.h>  // with the widest vectors that the processor has
+#else
 #define XXH_INLINE_ALL
 #include <xxhash.h>
+#endif
 
 #include <algorithm>
 #include <concepts>

@@ -29,7 +29,7 @@ class AlignedBuffer {
   std::size_t size_;
 };
 
-// Bytes of memory for the pages that travel together: whole pages, about 1 MiB, at least one.
+// Bytes of memory for the pages that travel together: whole pages, about 128 KiB, at least one.
 std::size_t batchBytes(std::int32_t pageSize);
 
 // A file, or standard input under the name "-".
