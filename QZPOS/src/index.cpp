@@ -1,6 +1,7 @@
 // The index of buffer records: see index.h.
 #include "index.h"
 
+#include <algorithm>
 #include <bit>
 #include <cstdlib>
 #include <new>
@@ -22,7 +23,7 @@ void addAll(RecordIndex* index, const List<Record>& list) {
 RecordMap::~RecordMap() { std::free(slots_); }
 
 bool RecordMap::reserve(std::size_t entries) {
-  const std::size_t wanted = std::bit_ceil(entries * 2);
+  const std::size_t wanted = std::bit_ceil(std::max(entries * 2, kRun));
   slots_ = static_cast<Slot*>(std::calloc(wanted, sizeof(Slot)));
   if (slots_ == nullptr) return false;
   slotCount_ = wanted;
@@ -50,35 +51,43 @@ void RecordMap::erase(std::uint64_t key, const void* record) {
   --used_;
 }
 
-bool RecordIndex::reserve(std::int64_t pageBuffers, std::int64_t blocks, std::int32_t blockBytes) {
+bool RecordIndex::reserve(const FileHandle& h, std::int64_t pageBuffers, std::int64_t blocks) {
   const auto bufferEntries = static_cast<std::size_t>(pageBuffers);
   const auto blockEntries = static_cast<std::size_t>(blocks);
-  granuleShift_ = static_cast<int>(std::bit_width(static_cast<std::uint32_t>(blockBytes)));
+  pageShift_ = static_cast<int>(std::bit_width(static_cast<std::uint32_t>(h.pageSize) / 2));
+  blockBytes_ = std::max(h.blockBytes, 1);
+  blockShift_ = static_cast<int>(std::bit_width(static_cast<std::uint32_t>(blockBytes_ - 1)));
   return buffersByAddress_.reserve(bufferEntries) &&
-         blocksByAddress_.reserve(blockEntries * kGranulesOfBlock) &&
+         blocksByAddress_.reserve(blockEntries * kStretchesOfBlock) &&
          blocksByNumber_.reserve(blockEntries);
 }
 
 // Where the blocks have room by address they have it by number: not each has one.
 bool RecordIndex::hasRoom() const {
-  return buffersByAddress_.hasRoom(1) && blocksByAddress_.hasRoom(kGranulesOfBlock);
+  return buffersByAddress_.hasRoom(1) && blocksByAddress_.hasRoom(kStretchesOfBlock);
 }
 
-void RecordIndex::add(PageBuffer* buffer) { buffersByAddress_.insert(keyOf(buffer->data), buffer); }
+template <class Visit>
+void RecordIndex::visitStretches(const BlockRecord& block, Visit visit) const {
+  const std::uint64_t last = keyOf(block.data + blockBytes_ - 1) >> blockShift_;
+  for (std::uint64_t i = keyOf(block.data) >> blockShift_; i <= last; ++i) visit(i);
+}
+
+void RecordIndex::add(PageBuffer* buffer) {
+  buffersByAddress_.insert(keyOf(buffer->data) >> pageShift_, buffer);
+}
 
 void RecordIndex::remove(PageBuffer* buffer) {
-  buffersByAddress_.erase(keyOf(buffer->data), buffer);
+  buffersByAddress_.erase(keyOf(buffer->data) >> pageShift_, buffer);
 }
 
 void RecordIndex::add(BlockRecord* block) {
-  const std::uint64_t granule = granuleOf(block->data);
-  for (std::uint64_t i = 0; i < kGranulesOfBlock; ++i) blocksByAddress_.insert(granule + i, block);
+  visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.insert(stretch, block); });
   if (block->blockNumber != 0) blocksByNumber_.insert(keyOf(block->blockNumber), block);
 }
 
 void RecordIndex::remove(BlockRecord* block) {
-  const std::uint64_t granule = granuleOf(block->data);
-  for (std::uint64_t i = 0; i < kGranulesOfBlock; ++i) blocksByAddress_.erase(granule + i, block);
+  visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.erase(stretch, block); });
   if (block->blockNumber != 0) blocksByNumber_.erase(keyOf(block->blockNumber), block);
 }
 
@@ -89,8 +98,10 @@ void RecordIndex::renumber(BlockRecord* block, std::int64_t blockNumber) {
 
 PageBuffer* RecordIndex::bufferAt(const void* address) const {
   PageBuffer* found = nullptr;
-  buffersByAddress_.visit(keyOf(address),
-                          [&](void* record) { found = static_cast<PageBuffer*>(record); });
+  buffersByAddress_.visit(keyOf(address) >> pageShift_, [&](void* record) {
+    auto* buffer = static_cast<PageBuffer*>(record);
+    if (buffer->data == address) found = buffer;
+  });
   return found;
 }
 
@@ -112,8 +123,7 @@ void indexRecords(FileHandle* h) {
   h->index = index;
   // With room to grow, so that adding records one by one does not make the index anew each time.
   const std::int64_t growth = records / 2;
-  if (!index->reserve(h->pageBuffersAllocated + growth, h->blocksAllocated + growth,
-                      h->blockBytes)) {
+  if (!index->reserve(*h, h->pageBuffersAllocated + growth, h->blocksAllocated + growth)) {
     dropIndex(h);
     return;
   }

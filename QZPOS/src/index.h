@@ -14,7 +14,9 @@
 
 namespace qz {
 
-// Records under 64-bit keys; a key can have several. Open addressing, at most half full.
+// Records under 64-bit keys; a key can have several. Open addressing, at most half full. Keys come
+// in runs, as pages are mostly used: those of a run have their homes side by side, so that going
+// through them touches each cache line once.
 class RecordMap {
  public:
   RecordMap() = default;
@@ -48,8 +50,11 @@ class RecordMap {
     void* record;  // null: free
   };
 
+  static constexpr std::size_t kRun = 8;  // keys, two cache lines of 64-bit slots
+
   [[nodiscard]] std::size_t home(std::uint64_t key) const {
-    return static_cast<std::size_t>((key * 0x9E3779B97F4A7C15U) >> homeShift_);
+    const auto run = static_cast<std::size_t>((key / kRun * 0x9E3779B97F4A7C15U) >> homeShift_);
+    return (run & ~(kRun - 1)) | (static_cast<std::size_t>(key) & (kRun - 1));
   }
   [[nodiscard]] std::size_t next(std::size_t i) const { return (i + 1) & (slotCount_ - 1); }
 
@@ -62,7 +67,7 @@ class RecordMap {
 class RecordIndex {
  public:
   // Makes room for so many records of each shape. False: no memory.
-  bool reserve(std::int64_t pageBuffers, std::int64_t blocks, std::int32_t blockBytes);
+  bool reserve(const FileHandle& h, std::int64_t pageBuffers, std::int64_t blocks);
 
   // Room for one more record of either shape.
   [[nodiscard]] bool hasRoom() const;
@@ -81,7 +86,7 @@ class RecordIndex {
   // Calls visit(block) for every block that may have the address in its data.
   template <class Visit>
   void visitNear(const void* address, Visit visit) const {
-    blocksByAddress_.visit(granuleOf(address),
+    blocksByAddress_.visit(keyOf(address) >> blockShift_,
                            [&](void* record) { visit(static_cast<BlockRecord*>(record)); });
   }
 
@@ -96,8 +101,10 @@ class RecordIndex {
   }
 
  private:
-  // Stretches of the address space longer than a block, which therefore lies in two at the most.
-  static constexpr std::size_t kGranulesOfBlock = 2;
+  // A page buffer is known by the stretch of the address space, no longer than a page, that it
+  // begins in; a block by those that it lies in: they are no shorter than a block, so that there
+  // are two at the most, and one when it is aligned.
+  static constexpr std::size_t kStretchesOfBlock = 2;
 
   static std::uint64_t keyOf(const void* address) {
     return reinterpret_cast<std::uintptr_t>(address);
@@ -105,14 +112,16 @@ class RecordIndex {
   static std::uint64_t keyOf(std::int64_t blockNumber) {
     return static_cast<std::uint64_t>(blockNumber);
   }
-  [[nodiscard]] std::uint64_t granuleOf(const void* address) const {
-    return keyOf(address) >> granuleShift_;
-  }
+  // Calls visit(stretch) for the stretches that the block lies in.
+  template <class Visit>
+  void visitStretches(const BlockRecord& block, Visit visit) const;
 
   RecordMap buffersByAddress_;
   RecordMap blocksByAddress_;
   RecordMap blocksByNumber_;
-  int granuleShift_ = 0;
+  std::int32_t blockBytes_ = 0;
+  int pageShift_ = 0;  // of an address to the number of its stretch
+  int blockShift_ = 0;
 };
 
 // Makes the handle's index anew from its lists, if it has enough records to want one.
