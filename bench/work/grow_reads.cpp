@@ -138,24 +138,30 @@ class ManyBuffers {
   const qz::OperationTable& table_;
 };
 
-// The calls alone, into as many buffers as are held.
+// The calls alone, into as many buffers as are held. The one given back last is used next, as the
+// module does: buffers given back out of order lie so when they are read into again.
 class BareBuffers {
  public:
   BareBuffers(const std::string& path, Shape shape, std::size_t held)
-      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)), ring_(held, kPageSize) {}
+      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)),
+        ring_(held, kPageSize) {
+    for (std::size_t i = 0; i < held; ++i) free_.push_back(ring_.at(i));
+  }
 
   char* read(std::int64_t page) {
-    char* at = ring_.next();
+    char* at = free_.back();
+    free_.pop_back();
     if (pread(file_.get(), at, kPageSize, (page - 1) * kPageSize) != kPageSize) {
       failWithErrno("pread");
     }
     return at;
   }
-  void giveBack(char*) {}
+  void giveBack(char* at) { free_.push_back(at); }
 
  private:
   Descriptor file_;
   Ring ring_;
+  std::vector<char*> free_;
 };
 
 std::size_t heldOf(std::size_t wanted, std::int32_t bufferCount) {
