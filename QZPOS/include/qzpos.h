@@ -239,8 +239,8 @@ struct FileHandle {
 
   // The module's own, behind what the contract gives.
   RecordIndex* index;            // null: few records, or no memory for it
-  std::int64_t emptyFreePages;   // records without a page on pageFreeList
-  std::int64_t emptyFreeBlocks;  // records without pages on blockFreeList
+  std::int32_t emptyFreePages;   // records without a page on pageFreeList
+  std::int32_t emptyFreeBlocks;  // records without pages on blockFreeList
 };
 static_assert(std::is_standard_layout_v<FileHandle>);
 static_assert(atContractOffset(offsetof(FileHandle, eyecatcher), 0));

@@ -7,7 +7,7 @@ namespace {
 
 // The first empty record from the head, else the tail.
 template <class Record>
-Record* choose(const List<Record>& list, std::int64_t emptyRecords) {
+Record* choose(const List<Record>& list, std::int32_t emptyRecords) {
   if (emptyRecords == 0) return list.tail;
   Record* record = list.head;
   while (!isEmptyRecord(*record)) record = record->next;

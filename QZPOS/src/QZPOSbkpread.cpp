@@ -20,8 +20,9 @@ Status checkRead(const FileHandle& h, std::int64_t page) {
   if (!isOpen(h)) return Status::notOpen;
   if (!followsReadOrder(h, page)) return Status::readOutOfSequence;
   if (page <= 0) return Status::pageOutOfRange;
-  if (page - 1 == h.pageCount) return Status::endOfFile;
-  if (page - 1 > h.pageCount) return Status::pageOutOfRange;
+  if (page > h.pageCount) {
+    return page - 1 == h.pageCount ? Status::endOfFile : Status::pageOutOfRange;
+  }
   if (h.heldCount >= h.bufferCount) return Status::noBuffer;
   return Status::ok;
 }
@@ -74,22 +75,23 @@ BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
 }
 
 // Reads one page of a cached block again.
-std::int64_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
+std::int32_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
   char* slot = slotOf(*block, page, h->pageSize);
   const Transfer transfer =
       retryingEintr([&] { return readAt(h->fd, slot, h->pageSize, pageOffset(*h, page)); });
   if (transfer.failed()) block->readErrno = transfer.error;
   h->nextPage = pageAfter(page);
   clearStale(block, slotIndex(*block, page));
-  return transfer.result;
+  return static_cast<std::int32_t>(transfer.result);
 }
 
 // Bytes from the page on that the block read brought: of the block's last page all that came, of
 // the others no more than the page. Negative when the read failed or ended before the page.
-std::int64_t bytesAvailable(const FileHandle& h, const BlockRecord& block, std::int64_t page) {
-  if (block.validBytes < 0) return block.validBytes;
-  const std::int64_t available = block.validBytes - slotBegin(block, page, h.pageSize);
-  return page == block.lastPage ? available : std::min<std::int64_t>(available, h.pageSize);
+std::int32_t bytesAvailable(const FileHandle& h, const BlockRecord& block, std::int64_t page) {
+  const auto brought = static_cast<std::int32_t>(block.validBytes);  // no more than a block has
+  if (brought < 0) return brought;
+  const std::int32_t available = brought - slotBegin(block, page, h.pageSize);
+  return page == block.lastPage ? available : std::min(available, h.pageSize);
 }
 
 // Closes the file. The error number of the read outlives the close, which clears it.
@@ -128,7 +130,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   const bool stale = block != nullptr && isStale(*block, slotIndex(*block, page));
   if (block == nullptr) block = fillBlock(h, page);
   if (block == nullptr) return Status::noBuffer;
-  const std::int64_t available =
+  const std::int32_t available =
       stale ? refreshPage(h, block, page) : bytesAvailable(*h, *block, page);
   h->lastBlock = block;
   moveToHeld(h, block);
@@ -138,7 +140,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
     if (isOpen(*h) && h->lastBlock == block && block->holdCount == 0) takeBack(h, block);
     return status;
   }
-  request->length = static_cast<std::int32_t>(available);
+  request->length = available;
   handOut(h, request, slotOf(*block, page, h->pageSize));
   ++h->heldCount;
   ++block->holdCount;

@@ -3,6 +3,9 @@
 
 #include "qzpos.h"
 
+// Known as hidden before they are called: i386 then calls them without a table.
+#pragma GCC visibility push(hidden)
+
 namespace qz {
 
 // Journals `status` with the file's name as one entry. Its result concerns only the report and
@@ -41,3 +44,5 @@ template <class Record>
 Status bkpdeletebuffers(FileHandle* h, List<Record>* list, Journal* journal);
 
 }  // namespace qz
+
+#pragma GCC visibility pop

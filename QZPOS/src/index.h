@@ -64,7 +64,7 @@ class RecordMap {
   int homeShift_ = 0;
 };
 
-class RecordIndex {
+class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
  public:
   // Makes room for so many records of each shape. False: no memory.
   bool reserve(const FileHandle& h, std::int64_t pageBuffers, std::int64_t blocks);

@@ -15,7 +15,7 @@ namespace qz {
 
 // Result of one transfer: bytes moved, or -1 with the error number.
 struct Transfer {
-  std::int64_t result;
+  ssize_t result;
   std::int32_t error;  // 0 unless `result` is negative
 
   [[nodiscard]] bool failed() const { return result < 0; }
@@ -52,7 +52,7 @@ inline Status statusOfError(std::int32_t error) {
 }
 
 // A write stores all of its bytes or has failed; a partial one counts as missing space.
-inline Status judgeWrite(const Transfer& transfer, std::int64_t wanted) {
+inline Status judgeWrite(const Transfer& transfer, std::int32_t wanted) {
   if (transfer.failed()) return statusOfError(transfer.error);
   if (transfer.result == 0) return Status::ioFailed;
   return transfer.result < wanted ? Status::noSpace : Status::ok;

@@ -26,10 +26,10 @@ inline List<BlockRecord>& freeList(FileHandle* h, const BlockRecord* /*shape*/) 
   return h->blockFreeList;
 }
 
-inline std::int64_t& emptyFree(FileHandle* h, const PageBuffer* /*shape*/) {
+inline std::int32_t& emptyFree(FileHandle* h, const PageBuffer* /*shape*/) {
   return h->emptyFreePages;
 }
-inline std::int64_t& emptyFree(FileHandle* h, const BlockRecord* /*shape*/) {
+inline std::int32_t& emptyFree(FileHandle* h, const BlockRecord* /*shape*/) {
   return h->emptyFreeBlocks;
 }
 
@@ -220,7 +220,7 @@ inline void resetWriteBlock(BlockRecord* block) {
 }
 
 inline bool isCollecting(const FileHandle& h) {
-  return h.writeBlock != nullptr && h.writeBlock->firstPage > 0;
+  return h.writeBlock != nullptr && h.writeBlock->firstPage != 0;
 }
 
 // True while there are pages that a write-back would write.
