@@ -65,7 +65,7 @@ void addSizeOptions(CLI::App& app, const Command& command, Invocation& call) {
   addParsed(app, "--header-size", "SIZE", "a size from 0 bytes to 1 GiB, as 4096 or 4K",
             !makes ? "header size of a --raw file (default: 0)"
             : raw  ? "header size of the new file, or with --raw of both"
-                   : "where page 1 begins, 64 or more (default: 4096)",
+                   : "where page 1 begins, 64 or more (default: 4K to 64K, as the page size)",
             sizeWithin<0, kMaxHeaderSize>, [&call](std::int64_t size) { call.headerSize = size; });
 }
 
