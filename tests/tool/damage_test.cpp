@@ -5,6 +5,8 @@
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <regex>
+#include <sstream>
 #include <string>
 
 #include "tool/shell.h"
@@ -12,139 +14,106 @@
 namespace qztest {
 namespace {
 
-// What the commands end with on one kind of file.
-struct Damage {
-  const char* name;
-  const char* make;  // makes x
-  int reads;         // commands that need a whole file with a sound header
-  int checks;        // those that hold the checksum against the pages as well
-  int verify;
-  int compare;  // with the file as it was
-  int remove;
-  const char* text;  // in what verify says
-};
+// What makes x, one of the files below, and what the commands end with: those that need a whole
+// file with a sound header, those that hold the checksum against the pages as well, verify, the
+// comparison with the file as it was, rm. Last, what verify says.
+const char* const kDamages = R"(
+cp good x -> 0 0 0 0 0 x: good
+cp good x; truncate -s -4096 x
+  -> 65 65 1 65 0 expected 49152 bytes (11 pages), found 45056 bytes: a header of 4096, 10 whole
+  pages of 4096 and 0 left-over bytes
+cp good x; truncate -s -100 x
+  -> 65 65 1 65 0 10 whole pages of 4096 and 3996 left-over bytes
+head -c 2000 good >x
+  -> 65 65 1 65 0 found 2000 bytes, which ends inside the header of 4096 bytes
+head -c 10 good >x
+  -> 65 65 65 65 65 x: ends inside its header try:    get a whole copy
+(cat good; head -c 4096 in) >x -> 65 65 1 65 0 12 whole pages
+page() { tail -c +$(($1 * 4096 + 1)) good | head -c 4096; };
+  (page 0; page 2; page 1; tail -c +12289 good) >x -> 0 65 1 1 0 the header promises the checksum
+cp good x; poke Y 20000 x -> 0 65 1 1 0 the header promises the checksum
+cp good x; poke '\001' 49000 x -> 0 65 1 1 0 the header promises the checksum
+cp good x; poke '\001' 30 x
+  -> 65 65 65 65 65 x: has a damaged header: its checksum does not fit try:    give it a
+  sound header
+cp good x; poke '\002' 8 x
+  -> 65 65 65 65 65 a later version of the file format try:    use a later version
+cp good x; mkfifo f; sh -c "exec $Q put x --append" <f & p=$!; exec 3>f;
+  seq 1000000 | head -c 1100000 >&3; sleep 0.5; kill -KILL $p; exec 3>&-; wait $p || true; rm f
+  -> 65 65 1 65 0 in the middle of a change
+cp in x -> 65 65 65 65 65 describe it: --raw
+: >x -> 65 65 65 65 65 x: is empty try:    get a whole copy
+mkdir x -> 66 66 66 66 66 try:    name a file
+true -> 66 66 66 66 66 No such file
+mkfifo x -> 66 66 66 66 66 name a regular file
+)";
 
-struct Line {
-  const char* line;
-  int Damage::*status;
-  bool json = false;
-};
+// Each command behind its column in those rows.
+const char* const kCommands = R"(
+0 $Q info x
+0 $Q cat x >y
+0 $Q dump x >y
+0 $Q header x >y
+0 $Q bench x
+1 $Q unpack x y
+1 $Q copy x y
+2 $Q verify x
+3 $Q compare good x
+0 head -c 4096 in | $Q put x 1
+0 $Q truncate x 2
+4 $Q rm x
+)";
 
-constexpr Line kLines[] = {
-    {"$Q info x", &Damage::reads, true},
-    {"$Q cat x >y", &Damage::reads},
-    {"$Q dump x >y", &Damage::reads},
-    {"$Q header x >y", &Damage::reads},
-    {"$Q bench x", &Damage::reads, true},
-    {"$Q unpack x y", &Damage::checks},
-    {"$Q copy x y", &Damage::checks},
-    {"$Q verify x", &Damage::verify, true},
-    {"$Q compare good x", &Damage::compare, true},
-    {"head -c 4096 in | $Q put x 1", &Damage::reads},
-    {"$Q truncate x 2", &Damage::reads},
-    {"$Q rm x", &Damage::remove},
-};
-
-const Damage kDamages[] = {
-    {"none", "cp good x", 0, 0, 0, 0, 0, "x: good"},
-    {"cut by a page", "cp good x; truncate -s -4096 x", 65, 65, 1, 65, 0,
-     "expected 49152 bytes (11 pages), found 45056 bytes: a header of 4096, 10 whole pages of "
-     "4096 and 0 left-over bytes"},
-    {"cut by 100 bytes", "cp good x; truncate -s -100 x", 65, 65, 1, 65, 0,
-     "10 whole pages of 4096 and 3996 left-over bytes"},
-    {"cut in the header", "head -c 2000 good >x", 65, 65, 1, 65, 0,
-     "found 2000 bytes, which ends inside the header of 4096 bytes"},
-    {"cut to ten bytes", "head -c 10 good >x", 65, 65, 65, 65, 65,
-     "x: ends inside its header\n  try:    get a whole copy"},
-    {"a page too many", "(cat good; head -c 4096 in) >x", 65, 65, 1, 65, 0, "12 whole pages"},
-    {"swapped pages",
-     "(head -c 8192 good; tail -c +12289 good | head -c 4096; tail -c +8193 good | head -c 4096; "
-     "tail -c +16385 good) >x",
-     0, 65, 1, 1, 0, "the header promises the checksum"},
-    {"flipped bit in the payload",
-     "cp good x; printf 'Y' | dd of=x bs=1 seek=20000 conv=notrunc status=none", 0, 65, 1, 1, 0,
-     "the header promises the checksum"},
-    {"flipped bit in the padding",
-     "cp good x; printf '\\001' | dd of=x bs=1 seek=49000 conv=notrunc status=none", 0, 65, 1, 1, 0,
-     "the header promises the checksum"},
-    {"flipped bit in the header",
-     "cp good x; printf '\\001' | dd of=x bs=1 seek=30 conv=notrunc status=none", 65, 65, 65, 65,
-     65, "x: has a damaged header: its checksum does not fit\n  try:    give it a sound header"},
-    {"a later version", "cp good x; printf '\\002' | dd of=x bs=1 seek=8 conv=notrunc status=none",
-     65, 65, 65, 65, 65, "a later version of the file format\n  try:    use a later version"},
-    {"left half changed",
-     "cp good x; mkfifo f; sh -c \"exec $Q put x --append\" <f & p=$!; exec 3>f; "
-     "seq 1000000 | head -c 1100000 >&3; sleep 0.5; kill -KILL $p; exec 3>&-; wait $p || true; rm "
-     "f",
-     65, 65, 1, 65, 0, "in the middle of a change"},
-    {"foreign", "cp in x", 65, 65, 65, 65, 65, "describe it: --raw"},
-    {"empty", ": >x", 65, 65, 65, 65, 65, "x: is empty\n  try:    get a whole copy"},
-    {"a directory", "mkdir x", 66, 66, 66, 66, 66, "try:    name a file"},
-    {"missing", "true", 66, 66, 66, 66, 66, "No such file"},
-    {"a pipe", "mkfifo x", 66, 66, 66, 66, 66, "name a regular file"},
-};
-
-class Damaged : public testing::TestWithParam<Damage> {};
-
-TEST_P(Damaged, IsToldByEveryCommand) {
-  const Damage& damage = GetParam();
-  const Shell shell;
-  shell.prepare(damage.make);
-  for (const Line& line : kLines) {
-    SCOPED_TRACE(line.line);
-    const int status = damage.*line.status;
-    if (line.json) {
-      const Outcome outcome = shell.run(std::string(line.line) + " --format json");
-      EXPECT_EQ(outcome.status, status);
-      EXPECT_EQ(nlohmann::json::parse(outcome.out).at("exit_status"), status) << outcome.out;
-      EXPECT_EQ(outcome.err, "");
-    }
-    const Outcome outcome = shell.run(std::string("rm -f y; ") + line.line);
-    EXPECT_EQ(outcome.status, status) << outcome.out << outcome.err;
-    if (line.status == &Damage::verify) {
-      EXPECT_NE((outcome.out + outcome.err).find(damage.text), std::string::npos)
-          << outcome.out << outcome.err;
-    }
-    // What failed leaves no file under the name that it was to make.
-    if (outcome.status != 0) {
-      EXPECT_EQ(shell.run("test ! -s y").status, 0);
+TEST(Damage, IsToldByEveryCommand) {
+  for (const std::string& row : rowsOf(kDamages)) {
+    SCOPED_TRACE(row);
+    const std::size_t arrow = row.find(" -> ");
+    std::istringstream told(row.substr(arrow + 4));
+    int statuses[5];
+    for (int& status : statuses) told >> status;
+    const std::string said = row.substr(arrow + 4 + static_cast<std::size_t>(told.tellg()) + 1);
+    const Shell shell;
+    shell.prepare(row.substr(0, arrow));
+    for (const std::string& command : rowsOf(kCommands)) {
+      const std::string line = command.substr(2);
+      SCOPED_TRACE(line);
+      const int status = statuses[command.front() - '0'];
+      if (std::regex_search(line, std::regex("info|bench|verify|compare"))) {
+        const Outcome outcome = shell.run(line + " --format json");
+        EXPECT_EQ(outcome.status, status);
+        EXPECT_EQ(nlohmann::json::parse(outcome.out).at("exit_status"), status) << outcome.out;
+        EXPECT_EQ(outcome.err, "");
+      }
+      const Outcome outcome = shell.run("rm -f y; " + line);
+      EXPECT_EQ(outcome.status, status) << outcome.said();
+      EXPECT_TRUE(command.front() != '2' || outcome.said().find(said) != std::string::npos)
+          << outcome.said();
+      // What failed leaves no file under the name that it was to make.
+      EXPECT_TRUE(status == 0 || shell.run("test ! -s y").status == 0);
     }
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, Damaged, testing::ValuesIn(kDamages), [](const auto& test) {
-  std::string name = test.param.name;
-  for (char& c : name) c = c == ' ' ? '_' : c;
-  return name;
-});
-
 // A change does not make earlier damage look sound.
 TEST(Damage, StaysVisibleAfterAChange) {
-  runCases({{"flipped, then changed",
-             "printf 'Y' | dd of=good bs=1 seek=20000 conv=notrunc status=none; "
-             "head -c 4096 in | $Q put good 2; $Q truncate good 8",
-             "$Q verify good", 1, "good: damaged", nullptr}});
+  playLines(R"(
+poke Y 20000 good; head -c 4096 in | $Q put good 2 && $Q truncate good 8 && $Q verify good
+  -> 1 good: damaged)");
 }
 
 TEST(Damage, ComparisonSaysWhere) {
-  runCases({
-      {"first", "cp good x; printf 'Y' | dd of=x bs=1 seek=20000 conv=notrunc status=none",
-       "$Q compare good x", 1, "page 4: byte 3616 (file offsets 20000 and 20000)", nullptr},
-      {"all",
-       "cp good x; for at in 5000 20000; do printf 'Y' | dd of=x bs=1 seek=$at conv=notrunc "
-       "status=none; done",
-       "$Q compare -k good x | grep -c 'page [14]:'", 0, "2", nullptr},
-      {"length", "head -c 20000 in | $Q pack --page-size 4K - x", "$Q compare -k good x", 1,
-       "page 5: byte 3616 (file offsets 24096 and 24096)\n  pages: 11 and 5\n  payload bytes: "
-       "43008 and 20000",
-       nullptr},
-      {"page size", "$Q pack --page-size 8K in x", "$Q compare good x", 1,
-       "page size: 4096 and 8192", nullptr},
-      {"raw header", "cp good x; printf 'Y' | dd of=x bs=1 seek=99 conv=notrunc status=none",
-       "$Q compare --raw --page-size 4K --header-size 4K good x", 1, "header: byte 99", nullptr},
-      {"other header size is no difference", "$Q copy --header-size 12K good x",
-       "$Q compare good x", 0, "same, 11 pages of 4096 bytes", nullptr},
-  });
+  playLines(R"(
+cp good x; poke Y 20000 x; $Q compare good x
+  -> 1 page 4: byte 3616 (file offsets 20000 and 20000)
+cp good x; poke Y 5000 x; poke Y 20000 x; $Q compare -k good x | grep -c 'page [14]:' -> 0 2
+head -c 20000 in | $Q pack --page-size 4K - x >y; $Q compare -k good x
+  -> 1 page 5: byte 3616 (file offsets 24096 and 24096) pages: 11 and 5
+  payload bytes: 43008 and 20000
+$Q pack --page-size 8K in x >y; $Q compare good x -> 1 page size: 4096 and 8192
+cp good x; poke Y 99 x; $Q compare --raw --page-size 4K --header-size 4K good x
+  -> 1 header: byte 99
+$Q copy --header-size 12K good x >y; $Q compare good x -> 0 same, 11 pages of 4096 bytes
+)");
 }
 
 // Killed at any moment, a pack over an older file leaves that or the new one, whole. Among what it

@@ -63,86 +63,65 @@ SQL
 }
 
 TEST(Packing, TakesItsTargetsWithCare) {
-  runCases({
-      {"no second time", nullptr, "$Q pack in good; echo $?; $Q unpack good in", 73, "73",
-       "good: exists already"},
-      {"forced", "chmod 640 good", "$Q pack -f in good >/dev/null && stat -c %a good", 0, "640",
-       nullptr},
-      {"a link stands for its file", "ln -s good link; head -c 9 in >small",
-       "$Q pack -f small link >/dev/null; test -L link && $Q unpack good - | cmp small -", 0,
-       nullptr, nullptr},
-      {"a folder", "mkdir d", "$Q pack in d --force", 73, nullptr, "not a regular file"},
-      {"a pipe", "mkfifo f", "$Q pack in f --force", 73, nullptr, "not a regular file"},
-      {"no folder", nullptr, "$Q pack in no/such", 73, nullptr, "try:    make the folder first"},
-      {"name with bytes beyond ASCII", nullptr,
-       "n=$(printf 'p\\303\\266\\344\\270\\200\\377'); $Q pack in \"$n\" && $Q unpack \"$n\" - | "
-       "cmp in -",
-       0, "1 page of 65536", nullptr},
-      {"the new file is like any other", nullptr, "$Q pack in x >/dev/null; stat -c %a x", 0, "644",
-       nullptr},
-      {"unaligned for direct", nullptr, "$Q pack --io direct --page-size 5000 in x", 64, nullptr,
-       "multiples of 4096 bytes, not 5000 and 4096"},
-      {"unaligned for block", nullptr, "$Q pack --io block --header-size 100 in x", 64, nullptr,
-       "multiples of 4096 bytes, not 65536 and 100"},
-      {"block of broken pages", nullptr, "$Q pack --io block --block-size 100000 in x", 64, nullptr,
-       "does not hold whole pages of 65536 bytes"},
-      {"unaligned for what is there", "$Q pack -f --page-size 512 in good",
-       "$Q unpack --io direct good x; $Q info good --io auto", 0, "buffered (asked: auto;",
-       "not 512 and 4096"},
-  });
+  playLines(R"(
+$Q pack in good -> 73 ! good: exists already
+$Q unpack good in -> 73 ! in: exists already
+chmod 640 good; $Q pack -f in good >y && stat -c %a good -> 0 640
+ln -s good link; head -c 9 in >small; $Q pack -f small link >y; test -L link && $Q unpack good - |
+  cmp small - -> 0
+mkdir d; $Q pack in d --force -> 73 ! not a regular file
+mkfifo f; $Q pack in f --force -> 73 ! not a regular file
+$Q pack in no/such -> 73 ! try:    make the folder first
+n=$(printf 'p\303\266\344\270\200\377'); $Q pack in "$n" && $Q unpack "$n" - | cmp in -
+  -> 0 1 page of 65536
+$Q pack in x >y; stat -c %a x -> 0 644
+$Q pack --io direct --page-size 5000 in x -> 64 ! multiples of 4096 bytes, not 5000 and 4096
+$Q pack --io block --header-size 100 in x -> 64 ! multiples of 4096 bytes, not 65536 and 100
+$Q pack --io block --block-size 100000 in x -> 64 ! does not hold whole pages of 65536 bytes
+$Q pack -f --page-size 512 in good >y; $Q unpack --io direct good x -> 64 ! not 512 and 4096
+$Q pack -f --page-size 512 in good >y; $Q info good --io auto -> 0 buffered (asked: auto;
+)");
 }
 
 TEST(Packing, LeavesNothingWhenItFails) {
-  runCases({
-      {"file size limit", "seq 200000 >big", "(ulimit -f 200; $Q pack big x); s=$?; ls; exit $s",
-       74, "good", "ulimit -f"},
-      {"file size limit in blocks", "seq 3000000 >big",
-       "(ulimit -f 9000; $Q pack --io block big x); s=$?; test ! -e x && exit $s", 74, nullptr,
-       "status 0x803FC80F"},
-      {"the old file stays", "cp good kept; seq 200000 >big",
-       "(ulimit -f 200; $Q pack -f big good); cmp good kept", 0, nullptr, "ulimit -f"},
-      {"full output", nullptr, "$Q unpack good - >/dev/full", 74, nullptr,
-       "No space left on device"},
-      {"full output of text", nullptr, "$Q info good >/dev/full", 74, nullptr, "standard output"},
-      {"full output of JSON", nullptr, "$Q info good --format json >/dev/full", 74, nullptr,
-       "standard output"},
-      {"interrupted", "mkfifo f",
-       "$Q pack f x & p=$!; exec 3>f; sleep 0.3; ls -a | grep -c qzpfile-; kill -INT $p; wait $p",
-       130, "1", nullptr},
-      {"progress on request", "mkfifo f",
-       "$Q pack f x & p=$!; exec 3>f; echo bytes >&3; sleep 0.3; kill -USR1 $p; sleep 0.3; "
-       "exec 3>&-; wait $p",
-       0, "6 bytes of payload", "pack  "},
-  });
+  playLines(R"(
+seq 200000 >big; (ulimit -f 200; $Q pack big x); s=$?; test ! -e x && exit $s -> 74 ! ulimit -f
+seq 3000000 >big; (ulimit -f 9000; $Q pack --io block big x); s=$?; test ! -e x && exit $s
+  -> 74 ! status 0x803FC80F
+cp good kept; seq 200000 >big; (ulimit -f 200; $Q pack -f big good); cmp good kept
+  -> 0 ! ulimit -f
+$Q unpack good - >/dev/full -> 74 ! No space left on device
+$Q info good >/dev/full -> 74 ! standard output
+$Q info good --format json >/dev/full -> 74 ! standard output
+mkfifo f; $Q pack f x & p=$!; exec 3>f; sleep 0.3; ls -a | grep -c qzpfile-; kill -INT $p; wait $p
+  -> 130 1
+mkfifo f; $Q pack f x & p=$!; exec 3>f; echo bytes >&3; sleep 0.3; kill -USR1 $p; sleep 0.3;
+  exec 3>&-; wait $p -> 0 6 bytes of payload ! pack  
+)");
 }
 
 TEST(Packing, ReportsAFullDisk) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting a small file system needs root";
-  runCases({{"full disk", "mkdir d; seq 1000000 >big",
-             "unshare -m sh -c 'mount -t tmpfs -o size=1m none d && $0 \"$@\"; s=$?; ls -A d; "
-             "exit $s' $Q pack big d/x",
-             74, nullptr, "try:    make room on that file system"},
-            {"read-only", "mkdir d",
-             "unshare -m sh -c 'mount -t tmpfs -o ro none d && $0 \"$@\"' $Q pack in d/x", 73,
-             nullptr, "Read-only file system\n  try:    use another file system"}});
+  playLines(
+      R"(
+mount -t tmpfs -o size=1m none d; $Q pack big d/x; s=$?; ls -A d; exit $s
+  -> 74 ! try:    make room on that file system
+mount -t tmpfs -o ro none d; $Q pack in d/x
+  -> 73 ! Read-only file system try:    use another file system
+)",
+      "mkdir d; seq 1000000 >big; export Q; unshare -m sh -c '%1'");
 }
 
 TEST(Packing, ReportsRefusedAccess) {
   if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
-  runCases({
-      {"unreadable", "chmod 711 .; chmod 600 good",
-       "setpriv --reuid=65534 --clear-groups --inh-caps=-all $Q info good", 77, nullptr,
-       "Permission denied"},
-      {"folder not writable", "chmod 755 .",
-       "setpriv --reuid=65534 --clear-groups --inh-caps=-all $Q pack in x", 77, nullptr,
-       "try:    look at the permissions"},
-      {"not changeable", "chmod 755 .",
-       "setpriv --reuid=65534 --clear-groups --inh-caps=-all $Q truncate good 1", 77, nullptr,
-       "cannot open for writing: Permission denied"},
-      {"not removable", "chmod 755 .",
-       "setpriv --reuid=65534 --clear-groups --inh-caps=-all $Q rm good", 77, nullptr,
-       "cannot remove"},
-  });
+  playLines(R"(
+info good -> 77 ! Permission denied
+pack in x -> 77 ! try:    look at the permissions
+truncate kept 1 -> 77 ! cannot open for writing: Permission denied
+rm kept -> 77 ! cannot remove
+)",
+            "chmod 755 .; cp good kept; chmod 600 good; setpriv --reuid=65534 --clear-groups "
+            "--inh-caps=-all $Q %1");
 }
 
 }  // namespace

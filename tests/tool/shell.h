@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace qztest {
@@ -13,6 +14,9 @@ struct Outcome {
   int status = 0;  // exit status; 128 and the number for a signal
   std::string out;
   std::string err;
+
+  // Both, in one line: a line break and the blanks behind it count as one blank.
+  std::string said() const;
 };
 
 // The folder lies on the disk of the build, so that direct I/O is to be had. It goes with the
@@ -24,28 +28,25 @@ class Shell {
   Shell& operator=(const Shell&) = delete;
   ~Shell();
 
-  // Runs the line with /bin/sh in the folder. standard input: nothing.
+  // Runs the line with /bin/sh in the folder. Standard input: nothing. "poke BYTE OFFSET FILE"
+  // overwrites a byte.
   Outcome run(const std::string& line) const;
   // The same for lines that prepare something and must succeed.
   void prepare(const std::string& line) const;
-
-  const std::string& folder() const { return folder_; }
 
  private:
   std::string folder_;
 };
 
-// One line and what it must lead to.
-struct Case {
-  const char* name;
-  const char* prepare;  // run before; null: nothing
-  const char* line;
-  int status;
-  const char* out;  // must occur in standard output; null: that must be empty
-  const char* err;  // the same for standard error
-};
+// The rows of a text; what begins with blanks belongs to the row above.
+std::vector<std::string> rowsOf(const std::string& text);
 
-// Runs each case in a folder of its own.
-void runCases(const std::vector<Case>& cases);
+// Runs each row in a folder of its own:
+//
+//   LINE -> STATUS OUT ! ERR
+//
+// OUT must occur in standard output, ERR in standard error, each in one line; what is not given
+// must be empty. With a frame, LINE stands in the place of %1 there.
+void playLines(const std::string& rows, std::string_view frame = "%1");
 
 }  // namespace qztest
