@@ -1,10 +1,10 @@
 // Geometry at its edges, on sparse files: offsets around 2^31 and 2^32 bytes, page numbers beyond
 // 2^32, the smallest and the largest page, headers that nothing divides.
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <fstream>
 
 #include "support/fixture.h"
 
@@ -17,31 +17,19 @@ constexpr std::int64_t k2to31 = std::int64_t{1} << 31;
 constexpr std::int64_t k2to32 = std::int64_t{1} << 32;
 constexpr std::int32_t kGiB = 1 << 30;
 
-std::string sparseFolder() { return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
-
 class GeometryTest : public ::testing::Test, public World {
  protected:
-  GeometryTest() : World(sparseFolder()) { setDirectIo(DirectIo::unaligned); }
+  GeometryTest() : World(memoryFolder()) { setDirectIo(DirectIo::unaligned); }
   void TearDown() override { finish(); }
 
-  bool openSparse(Shape shape, std::int32_t pageSize, std::int64_t header, std::int64_t pages) {
+  // True unless the file system takes no file as long as that.
+  bool makeSparse(Shape shape, std::int32_t pageSize, std::int64_t header, std::int64_t pages) {
     settle(shape, 1);
     h->pageSize = pageSize;
     h->headerSize = header;
     h->requestedBlockBytes = std::int64_t{pageSize} * kPagesPerBlock;
-    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_LARGEFILE, 0600);
-    const bool made = ftruncate64(fd, header + pages * pageSize) == 0;
-    ::close(fd);
-    return made;
-  }
-  // By plain calls.
-  bool isStored(std::int64_t page, std::uint32_t version) const {
-    const CallerMemory memory = callerMemory(h->pageSize);
-    const int fd = ::open(path.c_str(), O_RDONLY | O_LARGEFILE);
-    const ssize_t got = pread64(fd, memory.get(), static_cast<std::size_t>(h->pageSize),
-                                h->headerSize + (page - 1) * h->pageSize);
-    ::close(fd);
-    return got == h->pageSize && isStamped(memory.get(), h->pageSize, page, version);
+    std::ofstream(path).close();
+    return truncate64(path.c_str(), bytesFor(pages)) == 0;
   }
   std::int64_t bytesFor(std::int64_t pages) const { return h->headerSize + pages * h->pageSize; }
 
@@ -56,7 +44,7 @@ class GeometryTest : public ::testing::Test, public World {
     EXPECT_EQ(writeOwn(last + 1, 2), Status::ok);
     EXPECT_EQ(truncate(last + 1), Status::ok);
     EXPECT_EQ(bytesOnDisk(), bytesFor(last + 1));
-    EXPECT_TRUE(isStored(last, 1) && isStored(last + 1, 2));
+    EXPECT_TRUE(onDisk(last, 1) && onDisk(last + 1, 2));
     for (const std::uint32_t options : {0U, qz::kContiguous}) {
       const CallerMemory area = callerMemory(2 * std::int64_t{h->pageSize});
       EXPECT_EQ(readMany(last, 2, options, area.get()), Status::ok);
@@ -74,23 +62,25 @@ class GeometryTest : public ::testing::Test, public World {
 };
 
 TEST_F(GeometryTest, PagesAtTheEdges) {
+  const auto useAround = [this](Shape shape, std::int32_t pageSize, std::int64_t header,
+                                std::int64_t edge) {
+    // The page with the byte before the edge, the one with the edge, and the next.
+    const std::int64_t first = std::max<std::int64_t>((edge - 1 - header) / pageSize + 1, 2);
+    for (const std::int64_t last : {first, first + 1, first + 2}) {
+      SCOPED_TRACE(
+          fmt::format("{} {} bytes, header {}, page {}", nameOf(shape), pageSize, header, last));
+      if (makeSparse(shape, pageSize, header, last)) {
+        useEnd(last);
+      } else {
+        fmt::print("no file of {} bytes on this file system\n", bytesFor(last));
+      }
+    }
+  };
   for (const Shape shape : kShapes) {
     for (const std::int32_t pageSize : {512, 4096}) {
-      for (const std::int64_t header :
-           {std::int64_t{0}, std::int64_t{1}, std::int64_t{511}, std::int64_t{4095}, k2to32 + 1}) {
-        for (const std::int64_t edge : {k2to31, k2to32, (k2to32 + 3) * pageSize}) {
-          // The page with the byte before the edge, the one with the edge, and the next.
-          const std::int64_t first = std::max<std::int64_t>((edge - 1 - header) / pageSize + 1, 2);
-          for (const std::int64_t last : {first, first + 1, first + 2}) {
-            SCOPED_TRACE(fmt::format("{} {} bytes, header {}, page {}", nameOf(shape), pageSize,
-                                     header, last));
-            if (!openSparse(shape, pageSize, header, last)) {
-              fmt::print("no file of {} bytes on this file system\n", bytesFor(last));
-            } else {
-              useEnd(last);
-            }
-          }
-        }
+      for (const std::int64_t header : {0LL, 1LL, 511LL, 4095LL, k2to32 + 1LL}) {
+        for (const std::int64_t edge : {k2to31, k2to32, (k2to32 + 3) * pageSize})
+          useAround(shape, pageSize, header, edge);
       }
     }
   }
@@ -100,7 +90,7 @@ TEST_F(GeometryTest, PagesAtTheEdges) {
 TEST_F(GeometryTest, PagesOfOneGiB) {
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
-    ASSERT_TRUE(openSparse(shape, kGiB, 511, 4));
+    ASSERT_TRUE(makeSparse(shape, kGiB, 511, 4));
     h->requestedBlockBytes = kGiB;
     const Status opened = open();
     if (opened == Status::noMemory) {
@@ -122,7 +112,7 @@ TEST_F(GeometryTest, PagesOfOneGiB) {
 
 // A header beyond 31 bits cannot be written in one piece: nothing is touched.
 TEST_F(GeometryTest, AHeaderBeyond31BitsIsNotWritten) {
-  ASSERT_TRUE(openSparse(Shape::buffered, kPage, k2to32 + 1, 2));
+  ASSERT_TRUE(makeSparse(Shape::buffered, kPage, k2to32 + 1, 2));
   ASSERT_EQ(open(), Status::ok);
   EXPECT_EQ(did(writeHeader("header", 6)), "002 {!002}");
   EXPECT_EQ(length, 0);

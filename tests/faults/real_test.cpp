@@ -1,14 +1,11 @@
-// Faults that the system itself makes: limits, seals, a full file system, another process.
-#include <fcntl.h>
+// Faults that the system itself makes: limits, full file systems, large sectors.
 #include <fmt/format.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -65,34 +62,6 @@ TEST_F(RealFaults, FileSizeLimit) {
     }
   }
   std::signal(SIGXFSZ, before);
-}
-
-// A file that may neither grow nor shrink: what is there can be read and rewritten.
-TEST_F(RealFaults, SealedFile) {
-  for (const Shape shape : kShapes) {
-    SCOPED_TRACE(nameOf(shape));
-    const int fd = memfd_create("qziop", MFD_ALLOW_SEALING);
-    const std::string file = fmt::format("/proc/self/fd/{}", fd);
-    setName(file);
-    settle(shape);
-    makeFile(4);
-    if (fd < 0 || fcntl(fd, F_ADD_SEALS, F_SEAL_GROW | F_SEAL_SHRINK) != 0) {
-      GTEST_SKIP() << "no sealed memory files: " << std::strerror(errno);
-    }
-    ASSERT_EQ(did(open()), "ok");
-    Status status = writeOwn(5, 1);
-    if (status == Status::ok) status = flush();
-    EXPECT_EQ(status, Status::ioFailed);
-    EXPECT_EQ(h->lastErrno, EPERM);
-    EXPECT_EQ(h->pageCount, 4);
-    EXPECT_EQ(truncate(2), Status::notTruncated);
-    EXPECT_EQ(h->pageCount, 4);
-    EXPECT_EQ(rewrite(4, 3), Status::ok);
-    EXPECT_EQ(close(), Status::ok);
-    EXPECT_EQ(bytesOnDisk(), bytesFor(4));
-    EXPECT_TRUE(onDisk(3, 0) && onDisk(4, 3));
-    ::close(fd);
-  }
 }
 
 // A folder in which a shell line has mounted file systems, at $F and perhaps at $F/fs. Both go with
@@ -228,13 +197,16 @@ TEST_F(RealFaults, NoMemory) {
     std::ifstream("/proc/self/statm") >> pages;
     return Limit(RLIMIT_AS, pages * sysconf(_SC_PAGESIZE) + kLarge + kLarge / 2);
   };
+  const auto settleLarge = [this](Shape shape) {
+    settle(shape, 1);
+    h->pageSize = static_cast<std::int32_t>(kLarge);
+    h->requestedBlockBytes = kLarge;
+  };
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
     makeFile(0);
     std::filesystem::resize_file(path, static_cast<std::uintmax_t>(kHeader + kLarge));
-    settle(shape, 1);
-    h->pageSize = static_cast<std::int32_t>(kLarge);
-    h->requestedBlockBytes = kLarge;
+    settleLarge(shape);
     {
       const Limit limit = limited();
       void* const probe = mmap(nullptr, kProbe, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -245,9 +217,7 @@ TEST_F(RealFaults, NoMemory) {
       EXPECT_EQ(did(open()), "002 {4:002}");
     }
     EXPECT_EQ(bytesOnDisk(), kHeader + kLarge);
-    settle(shape, 1);
-    h->pageSize = static_cast<std::int32_t>(kLarge);
-    h->requestedBlockBytes = kLarge;
+    settleLarge(shape);
     ASSERT_EQ(open(), Status::ok);
     EXPECT_EQ(read(1), Status::ok);
     EXPECT_EQ(close(), Status::ok);
@@ -262,60 +232,6 @@ TEST_F(RealFaults, NoMemory) {
   EXPECT_EQ(read(3), Status::ok);
   EXPECT_TRUE(holdsPage(3, 0));
   EXPECT_EQ(close(), Status::ok);
-}
-
-TEST_F(RealFaults, NoDescriptorLeft) {
-  for (const Shape shape : kShapes) {
-    settle(shape);
-    makeFile(2);
-    const int next = dup(0);
-    ::close(next);
-    {
-      const Limit limit(RLIMIT_NOFILE, next);
-      EXPECT_EQ(open(), Status::noDescriptor);
-    }
-    EXPECT_EQ(h->lastErrno, EMFILE);
-    ASSERT_EQ(did(open()), "ok");
-    EXPECT_EQ(read(2), Status::ok);
-    {
-      const Limit limit(RLIMIT_NOFILE, next);
-      EXPECT_EQ(reopen(shape, qz::noWrite), Status::reopenFailed);
-    }
-    EXPECT_EQ(writeOwn(1, 1), Status::ok);  // goes on as before
-    EXPECT_EQ(giveBack(at), Status::ok);
-    EXPECT_EQ(close(), Status::ok);
-    EXPECT_TRUE(onDisk(1, 1));
-  }
-}
-
-// The pages that are gone are never handed out, and a file with a part of a page is refused until
-// it is cut.
-TEST_F(RealFaults, CutShortByAnotherProcess) {
-  for (const Shape shape : kShapes) {
-    SCOPED_TRACE(nameOf(shape));
-    openWith(shape, 8);
-    const pid_t child = fork();
-    if (child == 0) _exit(truncate64(path.c_str(), bytesFor(6) + 100) == 0 ? 0 : 1);
-    int result = -1;
-    waitpid(child, &result, 0);
-    ASSERT_EQ(result, 0);
-    EXPECT_EQ(read(6), Status::ok);
-    EXPECT_TRUE(holdsPage(6, 0));
-    EXPECT_EQ(giveBack(at), Status::ok);
-    EXPECT_TRUE(shape == Shape::block || did(read(8)) == "80B pread 4096@32768=0");
-    EXPECT_EQ(read(7), Status::misfit);
-    EXPECT_EQ(at, nullptr);
-    EXPECT_EQ(recorder.entries, "!818");
-    EXPECT_EQ(read(1), Status::notOpen);
-    settle(shape);
-    EXPECT_EQ(open(), Status::misfit);
-    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(bytesFor(6)));
-    settle(shape);
-    ASSERT_EQ(did(open()), "ok");
-    EXPECT_EQ(h->pageCount, 6);
-    EXPECT_EQ(rewrite(6, 1), Status::ok);
-    EXPECT_EQ(close(), Status::ok);
-  }
 }
 
 }  // namespace

@@ -59,11 +59,6 @@ class Walk {
     return choices[pick(0, n - 1)];
   }
 
-  template <std::size_t n>
-  std::uint32_t oneError(const int (&choices)[n]) {
-    return static_cast<std::uint32_t>(one(choices));
-  }
-
   Geometry prepare() {
     const bool aligned = chance(50) || way_ == DirectIo::real;
     setDirectIo(aligned ? way_ : DirectIo::unaligned);
@@ -83,18 +78,18 @@ class Walk {
         pick(1, 3), pick(1, 2), -1, EIO};
     switch (made.call) {
       case Call::pwrite:
-        made.error = oneError({EIO, ENOSPC, EFBIG, EDQUOT, EINTR});
+        made.error = one<std::uint32_t>({EIO, ENOSPC, EFBIG, EDQUOT, EINTR});
         made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
         made.count = chance(20) ? kEveryLater : made.count;
         break;
       case Call::pread:
       case Call::read:
       case Call::readv:
-        made.error = oneError({EIO, EINTR});
+        made.error = one<std::uint32_t>({EIO, EINTR});
         made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
         break;
       case Call::fsync:
-        made.error = oneError({EIO, EINTR, ETIMEDOUT, ENOSPC});
+        made.error = one<std::uint32_t>({EIO, EINTR, ETIMEDOUT, ENOSPC});
         break;
       case Call::memAlloc:
         made.nth = pick(1, 8);
@@ -156,77 +151,44 @@ class Walk {
   }
 
   // What a closed handle, or an open one, refuses.
-  void useWrongly() {
-    switch (pick(1, 9)) {
-      case 1:
-        driver_.writeSized(1, one({0, -1, geometry_.pageSize - 1, geometry_.pageSize + 1}));
-        break;
-      case 2:
-        driver_.giveBackForeign(neverHeld());
-        break;
-      case 3:
-        driver_.erase();
-        break;
-      case 4:
-        driver_.preopen(way_ == DirectIo::real ? 4096 : 8);
-        break;
-      case 5:
-        driver_.writeHeader(-1);
-        break;
-      case 6:
-        driver_.truncate(one({std::int64_t{-1}, driver_.pages() + 1}));
-        break;
-      case 7:
-        driver_.readMany(somePage(), one({0, -1}), 0);
-        break;
-      case 8:
-        driver_.write(driver_.pages() + 2, -1);
-        break;
-      default:
-        driver_.read(one({std::int64_t{0}, driver_.pages() + 1, driver_.pages() + 2}));
-    }
+  Status useWrongly() {
+    const int choice = pick(1, 9);
+    const std::int32_t size = geometry_.pageSize;
+    if (choice == 1) return driver_.writeSized(1, one({0, -1, size - 1, size + 1}));
+    if (choice == 2) return driver_.giveBackForeign(neverHeld());
+    if (choice == 3) return driver_.erase();
+    if (choice == 4) return driver_.preopen(way_ == DirectIo::real ? 4096 : 8);
+    if (choice == 5) return driver_.writeHeader(-1);
+    if (choice == 6) return driver_.truncate(one({std::int64_t{-1}, driver_.pages() + 1}));
+    if (choice == 7) return driver_.readMany(somePage(), one({0, -1}), 0);
+    if (choice == 8) return driver_.write(driver_.pages() + 2, -1);
+    return driver_.read(one({std::int64_t{0}, driver_.pages() + 1, driver_.pages() + 2}));
   }
 
-  void useOpen() {
+  Status useOpen() {
     const int choice = pick(1, 100);
     const int hold = driver_.holds() > 0 ? pick(0, driver_.holds() - 1) : -1;
-    if (choice <= 28) {
-      driver_.read(somePage());
-    } else if (choice <= 58) {
-      writeSomething(hold);
-    } else if (choice <= 73 && hold >= 0) {
-      driver_.giveBack(hold);
-    } else if (choice <= 79) {
-      driver_.acquire();
-    } else if (choice <= 83) {
-      driver_.readMany(somePage(), pick(1, 6), one({0U, qz::kContiguous}));
-    } else if (choice <= 86) {
-      driver_.truncate(pick(0, static_cast<int>(driver_.pages())));
-    } else if (choice <= 88) {
-      driver_.flush();
-    } else if (choice <= 89) {
-      driver_.writeHeader(pick(0, static_cast<int>(geometry_.headerBytes)));
-    } else if (choice <= 91) {
-      driver_.add(chance(5) ? 40 : pick(-1, 2));
-    } else if (choice <= 92) {
-      driver_.remove(pick(0, 2));
-    } else if (choice <= 95) {
-      driver_.reopen(chance(65), someRead(), someWrite());
-    } else if (choice <= 97) {
-      useWrongly();
-    } else {
-      driver_.close(chance(10) ? qz::kRemoveFile : 0);
-    }
+    const auto header = static_cast<int>(geometry_.headerBytes);
+    if (choice <= 28) return driver_.read(somePage());
+    if (choice <= 58) return writeSomething(hold);
+    if (choice <= 73 && hold >= 0) return driver_.giveBack(hold);
+    if (choice <= 79) return driver_.acquire();
+    if (choice <= 83) return driver_.readMany(somePage(), pick(1, 6), one({0U, qz::kContiguous}));
+    if (choice <= 86) return driver_.truncate(pick(0, static_cast<int>(driver_.pages())));
+    if (choice <= 88) return driver_.flush();
+    if (choice <= 89) return driver_.writeHeader(pick(0, header));
+    if (choice <= 91) return driver_.add(chance(5) ? 40 : pick(-1, 2));
+    if (choice <= 92) return driver_.remove(pick(0, 2));
+    if (choice <= 95) return driver_.reopen(chance(65), someRead(), someWrite());
+    if (choice <= 97) return useWrongly();
+    return driver_.close(chance(10) ? qz::kRemoveFile : 0);
   }
 
-  void writeSomething(int hold) {
+  Status writeSomething(int hold) {
     constexpr int kMostPages = 50;
-    if (driver_.pages() > kMostPages) {
-      driver_.truncate(pick(0, kMostPages));
-      return;
-    }
+    if (driver_.pages() > kMostPages) return driver_.truncate(pick(0, kMostPages));
     const std::int64_t page = chance(55) ? driver_.pages() + 1 : somePage();
-    driver_.write(page, chance(60) ? hold : -1, chance(30) ? 8 : 0, chance(20));
+    return driver_.write(page, chance(60) ? hold : -1, chance(30) ? 8 : 0, chance(20));
   }
 
   std::mt19937_64 random_;
@@ -242,11 +204,8 @@ std::uint64_t numberOf(const char* variable, std::uint64_t otherwise) {
   return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-// Memory, where there is a file system of it.
-std::string fastFolder() { return access("/dev/shm", W_OK) == 0 ? "/dev/shm" : ""; }
-
 std::uint64_t walk(std::uint64_t seed) {
-  return Walk(seed, fastFolder(), DirectIo::simulated).run();
+  return Walk(seed, memoryFolder(), DirectIo::simulated).run();
 }
 
 TEST(RandomModel, Seeds) {

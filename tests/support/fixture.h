@@ -72,6 +72,9 @@ struct FreeMemory {
 using CallerMemory = std::unique_ptr<char, FreeMemory>;
 CallerMemory callerMemory(std::int64_t bytes);
 
+// A file system of memory, for World; empty where there is none.
+std::string memoryFolder();
+
 // Every operation goes through the table, with the record of calls and the journal begun anew,
 // and with the invariants checked afterwards.
 class World {
