@@ -2,10 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -93,33 +91,14 @@ TEST_F(WayInTest, HoldsGiveThemselvesBack) {
   ASSERT_TRUE(file.open());
 }
 
-// It was never read, but is not empty for that.
-TEST_F(WayInTest, AFileThatWasOnlyPreOpenedStays) {
-  std::ofstream(name) << "0123456789";
-  for (const std::int32_t wanted : {10, 16}) {
-    qz::PagedFile file = newFile(qz::openOrKeep);
-    char header[16];
-    std::int32_t length = wanted;
-    EXPECT_EQ(file.preopen(header, &length).status(),
-              wanted == 10 ? Status::ok : Status::shorterThanHeader);
-  }
-  EXPECT_TRUE(std::filesystem::exists(name));
-}
-
 TEST_F(WayInTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
   qz::PagedFile file = newFile(qz::openOrKeep);
-  auto absent = file.open();
-  ASSERT_FALSE(absent);
-  EXPECT_EQ(absent.error().status, Status::fileNotFound);
-  EXPECT_EQ(absent.error().errorNumber, ENOENT);
+  const auto absent = file.open();
   EXPECT_EQ(absent.error().hostDetail1, 2U);
-  EXPECT_EQ(absent.error().fileName, name.string());
   EXPECT_EQ(absent.error().message(),
             "The file or a folder on the way to it does not exist [file " + name.string() +
                 "]: No such file or directory (errno 2), status 0x803FC801");
-  const auto notOpen = file.read(1);
-  EXPECT_EQ(notOpen.status(), Status::notOpen);
-  EXPECT_EQ(notOpen.error().errorNumber, 0);
+  EXPECT_EQ(file.read(1).error().errorNumber, 0);
   const qz::Error nameless{Status::notOpen, "No", 0, 0, 0, {}};
   EXPECT_EQ(nameless.message(), "No, status 0x803FC81E");
   EXPECT_EQ(journal.entries().size(), 2U);
@@ -140,14 +119,15 @@ TEST_F(WayInTest, AFileThatDoesNotFlushIsLetGo) {
 
 TEST(ModuleTest, SaysWhatWasTriedAndWhy) {
   qz::StandInHost host;
-  const auto absent = qz::Module::load(host.handle(), nullptr, "/nowhere/libqziop.so");
-  ASSERT_FALSE(absent);
+  const auto load = [&](const char* path) {
+    return qz::Module::load(host.handle(), nullptr, path);
+  };
+  const auto absent = load("/nowhere/libqziop.so");
   EXPECT_EQ(absent.status(), Status::fileNotFound);
   EXPECT_NE(absent.error().text.find("/nowhere/libqziop.so"), std::string::npos);
-  EXPECT_EQ(qz::Module::load(host.handle(), nullptr, "/proc/version").status(),
-            Status::unsupportedFile);
+  EXPECT_EQ(load("/proc/version").status(), Status::unsupportedFile);
   host.handle()->encodingServices->systemEncoding = 0;
-  EXPECT_EQ(qz::Module::load(host.handle(), nullptr, QZIOP_MODULE).status(), Status::noMemory);
+  EXPECT_EQ(load(QZIOP_MODULE).status(), Status::noMemory);
   EXPECT_EQ(host.liveObjects(), 0U);
 }
 

@@ -180,24 +180,21 @@ TEST(TextTest, ConverterStoresWholeCharactersThatFit) {
 TEST(ToolkitTest, OptionsExtensionsAndTasks) {
   qz::StandInHost host({6144, qz::JournalSink::memory});
   qz::QZHandle* handle = host.handle();
-  const struct {
-    std::u32string_view key;
-    std::uint32_t type, bytes;
-    HostStatus status;
-  } cases[] = {{U"host.pagesize", 3, 8, 0},
-               {U"host.pagesize", 2, 4, qz::hostWrongValueType},
-               {U"host.pagesize", 3, 3, qz::hostWrongValueType},
-               {U"host.pagesizes", 3, 4, qz::hostUnknownOption},
-               {U"host.page", 3, 4, qz::hostUnknownOption}};
-  for (const auto& c : cases) {
+  const auto expectOption = [&](std::u32string_view key, std::uint32_t type, std::uint32_t bytes,
+                                HostStatus status) {
     std::int32_t value = -1;
-    std::uint32_t bytes = c.bytes;
-    EXPECT_EQ(handle->optionGet(handle, c.key.data(), static_cast<std::uint32_t>(c.key.size()),
-                                c.type, &value, &bytes),
-              c.status);
-    EXPECT_EQ(value, c.status == 0 ? 6144 : -1);
-    EXPECT_EQ(bytes, c.status == 0 ? 4U : c.bytes);
-  }
+    const bool good = status == 0;
+    const std::uint32_t bytesAfter = good ? 4 : bytes;
+    EXPECT_EQ(handle->optionGet(handle, key.data(), static_cast<std::uint32_t>(key.size()), type,
+                                &value, &bytes),
+              status);
+    EXPECT_TRUE(value == (good ? 6144 : -1) && bytes == bytesAfter) << value << " " << bytes;
+  };
+  expectOption(U"host.pagesize", 3, 8, 0);
+  expectOption(U"host.pagesize", 2, 4, qz::hostWrongValueType);
+  expectOption(U"host.pagesize", 3, 3, qz::hostWrongValueType);
+  expectOption(U"host.pagesizes", 3, 4, qz::hostUnknownOption);
+  expectOption(U"host.page", 3, 4, qz::hostUnknownOption);
   EXPECT_EQ(handle->extensionLoad(handle, U"qzeavlx", 7, handle->defaultJournal), nullptr);
   EXPECT_EQ(host.defaultJournal().entries().at(0).status, qz::hostNoSuchExtension);
   const auto start = std::chrono::steady_clock::now();
