@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "support/driver.h"
+#include "support/failures.h"
 
 namespace qztest {
 namespace {
@@ -16,48 +17,8 @@ namespace {
 using qz::Status;
 using Table = qz::OperationTable;
 
-// --- What calls are made to do
-
-struct Result {
-  std::int64_t result;
-  std::uint32_t error;
-  int count = 1;  // of calls in a row; kEveryLater: as many as come would never end
-};
-
-using Results = std::vector<Result>;
-
-constexpr int kRetries = 2;  // of opens that meet a busy file
-
-const Results& resultsOf(Call call) {
-  static const Results reads = {{-1, EIO}, {-1, EINTR}, {-1, EINTR, 3}, {kShort, 0}, {0, 0}};
-  static const Results writes = {{-1, ENOSPC}, {-1, EFBIG}, {-1, EDQUOT}, {-1, EIO},
-                                 {-1, EINTR},  {kShort, 0}, {0, 0}};
-  static const Results syncs = {
-      {-1, EINTR, 5}, {-1, ETIMEDOUT}, {-1, ETIMEDOUT, 2}, {-1, EIO}, {-1, ENOSPC}};
-  static const Results breaks = {{-1, EIO}};
-  static const Results denials = {{0, 0}};
-  static const Results releases = {{-1, qz::hostForeignBlock}};
-  static const Results closes = {{-1, qz::hostNotRemoved}, {-1, qz::hostCloseFailed}};
-  // Every status that hosts tell, and one beyond at either end; retries that just suffice.
-  static const Results opens = [] {
-    Results all = {{EINVAL, qz::hostBadParameters}, {EAGAIN, qz::hostLocked, kRetries}};
-    for (auto status = qz::hostNoMemory - 1; status <= qz::hostUnsupportedFile + 1; ++status)
-      all.push_back({EACCES, status});
-    return all;
-  }();
-  static const std::map<Call, Results> results = {
-      {Call::pwrite, writes},      {Call::pread, reads},      {Call::read, reads},
-      {Call::readv, reads},        {Call::fsync, syncs},      {Call::lseek, breaks},
-      {Call::ftruncate, breaks},   {Call::statfs, breaks},    {Call::memAlloc, denials},
-      {Call::treeCreate, denials}, {Call::memFree, releases}, {Call::destroy, releases},
-      {Call::fileClose, closes},   {Call::fileOpen, opens},   {Call::fileReopen, opens}};
-  static const Results none;
-  const auto found = results.find(call);
-  return found == results.end() ? none : found->second;
-}
-
 // Reads and flushes that are always interrupted are made again for ever.
-bool mayLast(Call call, const Result& result) {
+bool mayLast(Call call, const Failure& result) {
   return result.count == 1 && (call == Call::pwrite || result.error != EINTR);
 }
 
@@ -67,7 +28,7 @@ struct Script {
   const char* name;
   const char* before;  // the file's making, without faults
   const char* steps;
-  bool pairs;
+  bool pairs = false;
 };
 
 constexpr const char* kNine =
@@ -76,25 +37,23 @@ constexpr const char* kEight =
     "create;header 100;next;next;next;next;next;next;next;next;close;open;close";
 
 const Script kScripts[] = {
-    {"Create", "", "name;info;create;header 4096;next;next;next;next;next;flush;close", false},
+    {"Create", "", "name;info;create;header 4096;next;next;next;next;next;flush;close"},
     {"Acquired", "", "create;header 10;acquire;put 1;acquire;acquire;give;put 2;close", true},
-    {"Preopen", kNine, "preopen 4096;open;read 1;give;read 2;read 9;read 10;give;close", false},
-    {"Rewrite", kNine, "open;read 3;put 3;read 3;give;write 8;read 8;put 9;close", false},
-    {"ReadMany", kNine, "open;many 1 5 0;many 2 6 8;many 9 4 0;many 10 1 0;close", false},
-    {"Truncate", kNine, "open;read 9;give;read 2;give;cut 6;write 7;cut 5;cut 0;write 1;close",
-     false},
-    {"Buffers", kNine, "open;add 2;read 1;read 5;read 9;acquire;give;drop 1;give;give;drop 2;close",
-     false},
+    {"Preopen", kNine, "preopen 4096;open;read 1;give;read 2;read 9;read 10;give;close"},
+    {"Rewrite", kNine, "open;read 3;put 3;read 3;give;write 8;read 8;put 9;close"},
+    {"ReadMany", kNine, "open;many 1 5 0;many 2 6 8;many 9 4 0;many 10 1 0;close"},
+    {"Truncate", kNine, "open;read 9;give;read 2;give;cut 6;write 7;cut 5;cut 0;write 1;close"},
+    {"Buffers", kNine,
+     "open;add 2;read 1;read 5;read 9;acquire;give;drop 1;give;give;drop 2;close"},
     {"Reopen", kNine,
-     "open;read 1;reopen 1;read 6;write 10;reopen 2;give;write 11;give;reopen 3;read 3;close",
-     false},
+     "open;read 1;reopen 1;read 6;write 10;reopen 2;give;write 11;give;reopen 3;read 3;close"},
     {"FlushAtClose", kNine, "openflush;write 10;write 11;close", true},
     {"Header", kNine, "open;header 4096;write 10;header 7;header 8192;flush;close", true},
-    {"Delete", kNine, "open;write 10;close;delete;handle;create;header 1;write 1;remove", false},
+    {"Delete", kNine, "open;write 10;close;delete;handle;create;header 1;write 1;remove"},
     {"AppendOnly", "",
-     "createonly;header 4096;next;next;next;next;next;next;flush;write 2;next;close", false},
+     "createonly;header 4096;next;next;next;next;next;next;flush;write 2;next;close"},
     {"Collect", kEight, "open;write 9;write 10;read 9;write 10;put 11;cut 10;close", true},
-    {"InOrder", kNine, "openseq;read 1;give;read 2;give;read 4;read 3;give;read 1;close", false},
+    {"InOrder", kNine, "openseq;read 1;give;read 2;give;read 4;read 3;give;read 1;close"},
 };
 
 struct Point {
@@ -106,7 +65,7 @@ struct Point {
 };
 struct Planned {
   Point point;
-  Result result;
+  Failure result;
 };
 
 class Play {
@@ -198,7 +157,7 @@ class Play {
     int made[static_cast<int>(Call::count)] = {};
     for (const CallRecord& record : calls().trace()) {
       const int nth = ++made[static_cast<int>(record.call)];
-      if (resultsOf(record.call).empty()) continue;
+      if (failuresOf(record.call).empty()) continue;
       points_.push_back({step, record.call, nth});
       for (const auto& [point, result] : faults_) {
         if (point.step == step && point.call == record.call && nth >= point.nth &&
@@ -341,7 +300,7 @@ struct Counts {
 };
 Counts counts;
 
-class FaultLoop : public ::testing::TestWithParam<std::tuple<int, Shape>> {
+class FaultLoop : public ::testing::TestWithParam<std::tuple<Script, Shape>> {
  protected:
   static void TearDownTestSuite() {
     fmt::print("{} scripts in 3 shapes, {} fault points, {} faulted runs, {} pairs\n",
@@ -357,12 +316,12 @@ class FaultLoop : public ::testing::TestWithParam<std::tuple<int, Shape>> {
     const std::vector<Point> points = play(before);
     ASSERT_FALSE(before.empty() && points.empty());
     for (const Point& point : points) {
-      for (const Result& result : resultsOf(point.call)) {
+      for (const Failure& result : failuresOf(point.call)) {
         if (HasFailure()) return;
         std::vector<Planned> faults = before;
         faults.push_back({point, result});
         if (before.empty()) {
-          counts.points += &result == resultsOf(point.call).data() ? 1 : 0;
+          counts.points += &result == failuresOf(point.call).data() ? 1 : 0;
         } else if (++pairsSeen % thin != 0) {
           continue;
         }
@@ -382,7 +341,7 @@ class FaultLoop : public ::testing::TestWithParam<std::tuple<int, Shape>> {
     }
   }
 
-  const Script& script = kScripts[std::get<0>(GetParam())];
+  const Script script = std::get<0>(GetParam());
   Shape shape = std::get<1>(GetParam());
   std::vector<Status> clean;
   int thin = 1;
@@ -401,12 +360,11 @@ TEST_P(FaultLoop, EveryCallFailsInTurn) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Scripts, FaultLoop,
-                         ::testing::Combine(::testing::Range(0,
-                                                             static_cast<int>(std::size(kScripts))),
+                         ::testing::Combine(::testing::ValuesIn(kScripts),
                                             ::testing::ValuesIn(kShapes)),
                          [](const auto& instance) {
-                           return std::string(kScripts[std::get<0>(instance.param)].name) +
-                                  nameOf(std::get<1>(instance.param));
+                           return std::get<0>(instance.param).name +
+                                  std::string(nameOf(std::get<1>(instance.param)));
                          });
 
 }  // namespace

@@ -104,6 +104,15 @@ TEST_F(WayInTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
   EXPECT_EQ(journal.entries().size(), 2U);
 }
 
+TEST_F(WayInTest, AFileNameIsNeverAFormat) {
+  qz::PagedFile file = newFile(qz::openOrKeep);
+  for (const std::string odd : {"/tmp/%s%d%n", "%", "100%%", "\u00FC/%%s"}) {
+    EXPECT_TRUE(file.setName(odd));
+    EXPECT_EQ(file.read(1).status(), Status::notOpen);
+    EXPECT_EQ(journal.entries().back().text, qz::statusText(0x803FC81E) + " [file " + odd + "]");
+  }
+}
+
 // A flush that is refused leaves the file attached; the end of the scope lets go of it all the
 // same, which the tear-down sees.
 TEST_F(WayInTest, AFileThatDoesNotFlushIsLetGo) {

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <random>
 
 #include "support/driver.h"
+#include "support/failures.h"
 
 namespace qztest {
 namespace {
@@ -71,38 +73,19 @@ class Walk {
   }
 
   Fault fault() {
-    Fault made{
+    const Call call =
         one({Call::pwrite, Call::pwrite, Call::pwrite, Call::pread, Call::pread, Call::read,
              Call::readv, Call::lseek, Call::ftruncate, Call::fsync, Call::memAlloc, Call::memFree,
-             Call::treeCreate, Call::destroy, Call::fileOpen, Call::fileReopen, Call::fileClose}),
-        pick(1, 3), pick(1, 2), -1, EIO};
-    switch (made.call) {
-      case Call::pwrite:
-        made.error = one<std::uint32_t>({EIO, ENOSPC, EFBIG, EDQUOT, EINTR});
-        made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
-        made.count = chance(20) ? kEveryLater : made.count;
-        break;
-      case Call::pread:
-      case Call::read:
-      case Call::readv:
-        made.error = one<std::uint32_t>({EIO, EINTR});
-        made.result = one({std::int64_t{-1}, std::int64_t{-1}, std::int64_t{0}, kShort});
-        break;
-      case Call::fsync:
-        made.error = one<std::uint32_t>({EIO, EINTR, ETIMEDOUT, ENOSPC});
-        break;
-      case Call::memAlloc:
-        made.nth = pick(1, 8);
-        made.count = chance(30) ? kEveryLater : 1;
-        break;
-      case Call::fileOpen:
-      case Call::fileReopen:
-        made.result = one({EIO, EINVAL});
-        made.error = qz::hostNoMemory + static_cast<std::uint32_t>(pick(0, 0x14));
-        made.nth = 1;
-        break;
-      default:
-        made.error = one({qz::hostNotRemoved, qz::hostForeignBlock});
+             Call::treeCreate, Call::destroy, Call::fileOpen, Call::fileReopen, Call::fileClose});
+    const Failures& failures = failuresOf(call);
+    const auto& [result, error, count] =
+        failures.at(static_cast<std::size_t>(pick(0, static_cast<int>(failures.size()) - 1)));
+    Fault made{call, pick(1, 3), std::max(count, pick(1, 2)), result, error};
+    if (call == Call::memAlloc) made.nth = pick(1, 8);
+    if ((call == Call::memAlloc || call == Call::pwrite) && chance(25)) made.count = kEveryLater;
+    if (call == Call::fileOpen || call == Call::fileReopen) {
+      made.result = one({EIO, EINVAL});
+      made.nth = 1;
     }
     return made;
   }

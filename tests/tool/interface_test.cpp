@@ -93,17 +93,12 @@ $Q pack --page-size 600 in x
 )");
 }
 
-TEST(Interface, ShowsProgressAndJournalWhenAsked) {
+// On a terminal, which script(1) provides, there is colour, too.
+TEST(Interface, ShowsProgressAndColourWhereTheyAreWanted) {
   playLines(R"(
 seq 3000000 >big; $Q pack big x --progress always >/dev/null -> 0 ! 100%
 seq 3000000 >big; $Q pack big x >/dev/null -> 0
 seq 200000 >big; (ulimit -f 200; $Q pack -v big x) -> 74 ! error: 
-)");
-}
-
-// On a terminal, which script(1) provides: colour and progress, and neither where it is unwanted.
-TEST(Interface, KnowsATerminal) {
-  playLines(R"(
 TERM=xterm script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> 0 1
 NO_COLOR=1 script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> 1 0
 TERM=dumb script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> 1 0
