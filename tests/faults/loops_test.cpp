@@ -314,25 +314,23 @@ class FaultLoop : public ::testing::TestWithParam<std::tuple<Script, Shape>> {
   // Fails each call after the faults so far, in every way, `depth` deep.
   void explore(const std::vector<Planned>& before, int depth) {
     const std::vector<Point> points = play(before);
-    ASSERT_FALSE(before.empty() && points.empty());
+    const bool first = before.empty();
+    ASSERT_FALSE(first && points.empty());
+    counts.points += first ? static_cast<int>(points.size()) : 0;
     for (const Point& point : points) {
       for (const Failure& result : failuresOf(point.call)) {
         if (HasFailure()) return;
+        if (!first && ++pairsSeen % thin != 0) continue;
         std::vector<Planned> faults = before;
         faults.push_back({point, result});
-        if (before.empty()) {
-          counts.points += &result == failuresOf(point.call).data() ? 1 : 0;
-        } else if (++pairsSeen % thin != 0) {
-          continue;
-        }
-        counts.pairs += before.empty() ? 0 : 1;
+        counts.pairs += first ? 0 : 1;
         ++counts.runs;
         if (depth > 1) {
           explore(faults, depth - 1);
         } else {
           play(faults);
         }
-        if (before.empty() && mayLast(point.call, result) && !HasFailure()) {
+        if (first && mayLast(point.call, result) && !HasFailure()) {
           faults.back().result.count = kEveryLater;
           ++counts.runs;
           play(faults);

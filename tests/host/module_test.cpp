@@ -4,7 +4,7 @@
 
 #include <cstring>
 #include <filesystem>
-#include <optional>
+#include <fstream>
 #include <string>
 #include <utility>
 
@@ -15,12 +15,7 @@ namespace {
 using qz::Status;
 
 struct WayInTest : testing::Test {
-  void SetUp() override {
-    auto loaded = qz::Module::load(host.handle(), nullptr, QZIOP_MODULE);
-    ASSERT_TRUE(loaded) << loaded.error().message();
-    module.emplace(std::move(*loaded));
-    name = std::filesystem::temp_directory_path() / ("qzway\u00EF" + std::to_string(getpid()));
-  }
+  void SetUp() override { ASSERT_TRUE(module) << module.error().message(); }
   void TearDown() override {
     std::filesystem::remove(name);
     EXPECT_EQ(module->dispose(), 0U);
@@ -44,8 +39,9 @@ struct WayInTest : testing::Test {
 
   qz::StandInHost host;
   qz::StandInJournal journal;
-  std::optional<qz::Module> module;
-  std::filesystem::path name;
+  qz::Result<qz::Module> module = qz::Module::load(host.handle(), nullptr, QZIOP_MODULE);
+  const std::filesystem::path name =
+      std::filesystem::temp_directory_path() / ("qzway\u00EF" + std::to_string(getpid()));
 };
 
 TEST_F(WayInTest, HoldsGiveThemselvesBack) {
@@ -89,6 +85,15 @@ TEST_F(WayInTest, HoldsGiveThemselvesBack) {
   EXPECT_TRUE(file.removeBuffers(1));
   file = newFile(qz::createOrReplace);  // lets go of what it was
   ASSERT_TRUE(file.open());
+}
+
+// It was never read, but is not empty for that.
+TEST_F(WayInTest, AFileThatWasOnlyPreOpenedStays) {
+  std::ofstream(name) << "0123456789";
+  char header[10];
+  std::int32_t length = sizeof header;
+  EXPECT_TRUE(newFile(qz::openOrKeep).preopen(header, &length));
+  EXPECT_TRUE(std::filesystem::exists(name));
 }
 
 TEST_F(WayInTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {

@@ -73,7 +73,7 @@ TEST(Damage, IsToldByEveryCommand) {
     for (int& status : statuses) told >> status;
     const std::string said = row.substr(arrow + 4 + static_cast<std::size_t>(told.tellg()) + 1);
     const Shell shell;
-    shell.prepare(row.substr(0, arrow));
+    shell.expectGood(row.substr(0, arrow));
     for (const std::string& command : rowsOf(kCommands)) {
       const std::string line = command.substr(2);
       SCOPED_TRACE(line);
@@ -126,9 +126,9 @@ TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
 #endif
   const std::string pack = "$Q pack --force --page-size 4K big x";
   const Shell shell;
-  shell.prepare("seq 1000000 | head -c 2M >big; cp good x; " + pack);
+  shell.expectGood("seq 1000000 | head -c 2M >big; cp good x; " + pack);
   const auto began = std::chrono::steady_clock::now();
-  shell.prepare(pack);
+  shell.expectGood(pack);
   const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - began;
   // Most moments lie within a pack, however busy the machine is.
   double latest = whole.count();

@@ -43,7 +43,7 @@ std::string Outcome::said() const { return inOneLine(out + err); }
 // Every folder begins with `in`, 10 pages and a half of text, and `good`, packed from it.
 Shell::Shell() : folder_(QZIOP_PROGRAMS "/shell-XXXXXX") {
   if (mkdtemp(folder_.data()) == nullptr) std::abort();
-  prepare("seq 1000000 | head -c 43008 >in; $Q pack --page-size 4K in good");
+  expectGood("seq 1000000 | head -c 43008 >in; $Q pack --page-size 4K in good");
 }
 
 Shell::~Shell() {
@@ -66,9 +66,9 @@ Outcome Shell::run(const std::string& line) const {
   return outcome;
 }
 
-void Shell::prepare(const std::string& line) const {
+void Shell::expectGood(const std::string& line) const {
   const Outcome outcome = run("set -e; " + line);
-  ASSERT_EQ(outcome.status, 0) << line << "\n" << outcome.err;
+  ASSERT_EQ(outcome.status, 0) << line << "\n" << outcome.out << outcome.err;
 }
 
 std::vector<std::string> rowsOf(const std::string& text) {

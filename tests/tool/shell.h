@@ -31,8 +31,8 @@ class Shell {
   // Runs the line with /bin/sh in the folder. Standard input: nothing. "poke BYTE OFFSET FILE"
   // overwrites a byte.
   Outcome run(const std::string& line) const;
-  // The same for lines that prepare something and must succeed.
-  void prepare(const std::string& line) const;
+  // The same for lines whose every command must succeed.
+  void expectGood(const std::string& line) const;
 
  private:
   std::string folder_;
