@@ -132,6 +132,15 @@ TEST_F(FilesTest, StatusesByCause) {
                                  "]: No such file or directory");
 }
 
+TEST_F(FilesTest, CreatesUnderTheMask) {
+  const mode_t mask = umask(027);
+  HostFile* fresh = open("fresh", both | O_CREAT, kExclusive);
+  umask(mask);
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_EQ(fs::status(path("fresh")).permissions(), fs::perms{0640});
+  EXPECT_EQ(close_(fresh), 0U);
+}
+
 // Locks hold between open files of one process and between processes. A reopen passes the lock on
 // or changes nothing.
 TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {

@@ -24,15 +24,13 @@ const Failures& failuresOf(Call call) {
       all.push_back({EACCES, status});
     return all;
   }();
-  static const std::map<Call, Failures> failures = {
+  static std::map<Call, Failures> failures = {
       {Call::pwrite, writes},      {Call::pread, reads},      {Call::read, reads},
       {Call::readv, reads},        {Call::fsync, syncs},      {Call::lseek, breaks},
       {Call::ftruncate, breaks},   {Call::statfs, breaks},    {Call::memAlloc, denials},
       {Call::treeCreate, denials}, {Call::memFree, releases}, {Call::destroy, releases},
       {Call::fileClose, closes},   {Call::fileOpen, opens},   {Call::fileReopen, opens}};
-  static const Failures none;
-  const auto found = failures.find(call);
-  return found == failures.end() ? none : found->second;
+  return failures[call];
 }
 
 }  // namespace qztest
