@@ -268,10 +268,8 @@ Status Play::reopen(std::int64_t turns) {
 // A name of the old one's length takes a buffer of its own.
 Status Play::name() {
   const std::u32string text = world_.recorder.fileName;
-  const auto set = [&] {
-    return world_.call(&Table::qzpsetfilename, text.data(), static_cast<std::int32_t>(text.size()));
-  };
-  const Status status = set();
+  const Status status =
+      world_.call(&Table::qzpsetfilename, text.data(), static_cast<std::int32_t>(text.size()));
   const bool kept = calls().at(Call::memFree).result != 0;
   EXPECT_EQ(status, kept                                     ? Status::badArgument
                     : calls().at(Call::memAlloc).result == 0 ? Status::noMemory

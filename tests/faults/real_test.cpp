@@ -70,27 +70,24 @@ class Mounted {
  public:
   explicit Mounted(const std::string& line)
       : folder(std::filesystem::temp_directory_path().string() + "/qziop-mount-XXXXXX") {
-    if (mkdtemp(folder.data()) != nullptr) told_ = run("set -e; " + line + "; echo mounted");
+    if (mkdtemp(folder.data()) != nullptr) told = run("set -e; " + line + "; echo mounted");
   }
   ~Mounted() { run("umount $F/fs; umount $F; rmdir $F"); }
   Mounted(const Mounted&) = delete;
   Mounted& operator=(const Mounted&) = delete;
 
-  // Runs the line; returns all that it told.
+  // Runs the line; returns all that it said.
   std::string run(const std::string& line) const {
-    std::string told;
+    std::string said;
     FILE* const shell = popen(("F=" + folder + "; exec 2>&1; " + line).c_str(), "r");
-    for (int c = 0; shell != nullptr && (c = getc(shell)) != EOF;) told += static_cast<char>(c);
+    for (int c = 0; shell != nullptr && (c = getc(shell)) != EOF;) said += static_cast<char>(c);
     if (shell != nullptr) pclose(shell);
-    return told;
+    return said;
   }
-  bool works() const { return told_ == "mounted\n"; }
-  const std::string& reason() const { return told_; }
+  bool works() const { return told == "mounted\n"; }
 
   std::string folder;
-
- private:
-  std::string told_;
+  std::string told;  // by the line that mounts
 };
 
 // A line that makes an ext4 of 32 MiB on a loop device over a tmpfs.
@@ -104,7 +101,7 @@ std::string ext4(int tmpfsMiB, int sectorBytes) {
 
 TEST(RealFaultsMounted, FullFileSystem) {
   const Mounted mounted("mount -t tmpfs -o size=64k none $F");
-  if (!mounted.works()) GTEST_SKIP() << "no small file system: " << mounted.reason();
+  if (!mounted.works()) GTEST_SKIP() << "no small file system: " << mounted.told;
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
     World world(mounted.folder);
@@ -133,7 +130,7 @@ TEST(RealFaultsMounted, FullDevice) {
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
     const Mounted mounted(ext4(4, 512));
-    if (!mounted.works()) GTEST_SKIP() << "no ext4 on a loop device: " << mounted.reason();
+    if (!mounted.works()) GTEST_SKIP() << "no ext4 on a loop device: " << mounted.told;
     World world(mounted.folder + "/fs");
     world.openWith(shape, 4);
     EXPECT_EQ(world.flush(), Status::ok);
@@ -158,7 +155,7 @@ TEST(RealFaultsMounted, FullDevice) {
 // everything once the file is reopened without O_DIRECT.
 TEST(RealFaultsMounted, SectorsLargerThanPages) {
   const Mounted mounted(ext4(16, 4096));
-  if (!mounted.works()) GTEST_SKIP() << "no large sectors: " << mounted.reason();
+  if (!mounted.works()) GTEST_SKIP() << "no large sectors: " << mounted.told;
   for (const Shape shape : {Shape::direct, Shape::block}) {
     SCOPED_TRACE(nameOf(shape));
     World world(mounted.folder + "/fs");

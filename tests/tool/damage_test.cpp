@@ -2,7 +2,6 @@
 // scripts go by them, then the words.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <regex>
@@ -127,11 +126,7 @@ TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
   const std::string pack = "$Q pack --force --page-size 4K big x";
   const Shell shell;
   shell.expectGood("seq 1000000 | head -c 2M >big; cp good x; " + pack);
-  const auto began = std::chrono::steady_clock::now();
-  shell.expectGood(pack);
-  const std::chrono::duration<double> whole = std::chrono::steady_clock::now() - began;
-  // Most moments lie within a pack, however busy the machine is.
-  double latest = whole.count();
+  double latest = 0.2;  // so adjusted that most moments lie within a pack, however busy the machine
   std::mt19937 random(1);
   int killed = 0;
   for (int i = 0; killed < kKills && i < 10 * kKills; ++i) {
@@ -147,7 +142,6 @@ TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
     latest *= wasKilled ? 1.03 : 0.9;
   }
   EXPECT_EQ(killed, kKills);
-  RecordProperty("killed", killed);
 }
 
 }  // namespace
