@@ -19,27 +19,27 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// One system call of the module: fails it as planned, or makes it, and records it.
-// `make(bytes)` makes the call with that many bytes.
+// One system call, which `make(length)` makes. One of the module, by its return address, fails as
+// planned and is recorded.
 template <class Make>
-auto systemCall(CallRecord record, bool misaligned, Make make) {
+auto systemCall(const void* caller, CallRecord record, bool misaligned, Make make) {
+  const auto length = static_cast<std::size_t>(record.length);
+  if (!calls().isWatched(caller)) return make(length);
   const Fault* fault = calls().next(record.call);
-  using Result = decltype(make(std::size_t{}));
-  Result result = 0;
+  decltype(make(length)) result = -1;
   if (fault != nullptr && fault->result != kShort) {
-    result = static_cast<Result>(fault->result);
+    result = static_cast<decltype(result)>(fault->result);
     errno = static_cast<int>(fault->error);
   } else if (misaligned) {
-    result = -1;
     errno = EINVAL;
   } else {
-    result =
-        make(static_cast<std::size_t>(fault != nullptr ? (record.length + 1) / 2 : record.length));
+    result = make(fault != nullptr ? (length + 1) / 2 : length);
   }
+  const int error = errno;
   record.result = result;
-  record.error = result == -1 ? errno : 0;
+  record.error = result == -1 ? error : 0;
   calls().record(record);
-  errno = record.error != 0 ? record.error : errno;
+  errno = error;
   return result;
 }
 
@@ -93,12 +93,10 @@ const CallRecord& Calls::at(Call call, int place) const {
   return none;
 }
 
-bool Calls::isMisaligned(const void* memory, std::int64_t length, std::int64_t offset) const {
-  return alignment_ != 0 &&
-         (reinterpret_cast<std::uintptr_t>(memory) | static_cast<std::uint64_t>(length) |
-          static_cast<std::uint64_t>(offset)) %
-                 alignment_ !=
-             0;
+bool Calls::isMisaligned(const void* memory, const CallRecord& transfer) const {
+  const auto numbers = reinterpret_cast<std::uintptr_t>(memory) |
+                       static_cast<std::uint64_t>(transfer.length | transfer.offset);
+  return alignment_ != 0 && numbers % alignment_ != 0;
 }
 
 std::string Calls::io() const {
@@ -145,6 +143,7 @@ std::string Calls::hostCalls() const {
 }  // namespace qztest
 
 using qztest::Call;
+using qztest::CallRecord;
 using qztest::calls;
 using qztest::real;
 using qztest::systemCall;
@@ -154,65 +153,58 @@ extern "C" {
 
 ssize_t pread64(int fd, void* data, std::size_t bytes, off64_t offset) {
   static auto* const next = real<ssize_t(int, void*, std::size_t, off64_t)>("pread64");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, data, bytes, offset);
-  const auto length = static_cast<std::int64_t>(bytes);
-  return systemCall({Call::pread, fd, length, offset}, calls().isMisaligned(data, length, offset),
-                    [&](std::size_t count) { return next(fd, data, count, offset); });
+  const CallRecord record{Call::pread, fd, static_cast<std::int64_t>(bytes), offset};
+  return systemCall(__builtin_return_address(0), record, calls().isMisaligned(data, record),
+                    [&](std::size_t length) { return next(fd, data, length, offset); });
 }
 
 ssize_t pwrite64(int fd, const void* data, std::size_t bytes, off64_t offset) {
   static auto* const next = real<ssize_t(int, const void*, std::size_t, off64_t)>("pwrite64");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, data, bytes, offset);
-  const auto length = static_cast<std::int64_t>(bytes);
-  return systemCall({Call::pwrite, fd, length, offset}, calls().isMisaligned(data, length, offset),
-                    [&](std::size_t count) { return next(fd, data, count, offset); });
-}
-
-off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
-  static auto* const next = real<off64_t(int, off64_t, int)>("lseek64");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, offset, whence);
-  return systemCall({Call::lseek, fd, 0, offset}, false,
-                    [&](std::size_t) { return next(fd, offset, whence); });
-}
-
-int ftruncate64(int fd, off64_t bytes) noexcept {
-  static auto* const next = real<int(int, off64_t)>("ftruncate64");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, bytes);
-  return systemCall({Call::ftruncate, fd, 0, bytes}, false,
-                    [&](std::size_t) { return next(fd, bytes); });
-}
-
-int statfs64(const char* path, struct statfs64* out) noexcept {
-  static auto* const next = real<int(const char*, struct statfs64*)>("statfs64");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(path, out);
-  calls().statfsPath = path;
-  return systemCall({Call::statfs}, false, [&](std::size_t) {
-    const int result = next(path, out);
-    if (calls().fileSystemType != 0) out->f_type = static_cast<int>(calls().fileSystemType);
-    return result;
-  });
+  const CallRecord record{Call::pwrite, fd, static_cast<std::int64_t>(bytes), offset};
+  return systemCall(__builtin_return_address(0), record, calls().isMisaligned(data, record),
+                    [&](std::size_t length) { return next(fd, data, length, offset); });
 }
 
 ssize_t read(int fd, void* data, std::size_t bytes) {
   static auto* const next = real<ssize_t(int, void*, std::size_t)>("read");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, data, bytes);
-  const auto length = static_cast<std::int64_t>(bytes);
-  return systemCall({Call::read, fd, length}, calls().isMisaligned(data, 0, 0),
-                    [&](std::size_t count) { return next(fd, data, count); });
+  const CallRecord record{Call::read, fd, static_cast<std::int64_t>(bytes)};
+  return systemCall(__builtin_return_address(0), record, calls().isMisaligned(data, {Call::read}),
+                    [&](std::size_t length) { return next(fd, data, length); });
 }
 
 // A short result ends inside the vector: half of its entries.
 ssize_t readv(int fd, const iovec* vector, int entries) {
   static auto* const next = real<ssize_t(int, const iovec*, int)>("readv");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd, vector, entries);
-  return systemCall({Call::readv, fd, entries}, false,
+  return systemCall(__builtin_return_address(0), {Call::readv, fd, entries}, false,
                     [&](std::size_t count) { return next(fd, vector, static_cast<int>(count)); });
+}
+
+off64_t lseek64(int fd, off64_t offset, int whence) noexcept {
+  static auto* const next = real<off64_t(int, off64_t, int)>("lseek64");
+  return systemCall(__builtin_return_address(0), {Call::lseek, fd, 0, offset}, false,
+                    [&](std::size_t) { return next(fd, offset, whence); });
+}
+
+int ftruncate64(int fd, off64_t bytes) noexcept {
+  static auto* const next = real<int(int, off64_t)>("ftruncate64");
+  return systemCall(__builtin_return_address(0), {Call::ftruncate, fd, 0, bytes}, false,
+                    [&](std::size_t) { return next(fd, bytes); });
 }
 
 int fsync(int fd) {
   static auto* const next = real<int(int)>("fsync");
-  if (!calls().isWatched(__builtin_return_address(0))) return next(fd);
-  return systemCall({Call::fsync, fd}, false, [&](std::size_t) { return next(fd); });
+  return systemCall(__builtin_return_address(0), {Call::fsync, fd}, false,
+                    [&](std::size_t) { return next(fd); });
+}
+
+int statfs64(const char* path, struct statfs64* out) noexcept {
+  static auto* const next = real<int(const char*, struct statfs64*)>("statfs64");
+  return systemCall(__builtin_return_address(0), {Call::statfs}, false, [&](std::size_t) {
+    const int result = next(path, out);
+    calls().statfsPath = path;
+    if (calls().fileSystemType != 0) out->f_type = static_cast<int>(calls().fileSystemType);
+    return result;
+  });
 }
 
 #ifndef __SANITIZE_ADDRESS__

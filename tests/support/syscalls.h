@@ -111,7 +111,7 @@ class Calls {
   bool isWatched(const void* returnAddress) const {
     return returnAddress >= begin_ && returnAddress < end_;
   }
-  bool isMisaligned(const void* memory, std::int64_t length, std::int64_t offset) const;
+  bool isMisaligned(const void* memory, const CallRecord& transfer) const;
 
  private:
   const void* begin_ = nullptr;
