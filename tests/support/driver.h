@@ -28,7 +28,7 @@ class Driver {
   Driver(World& world, const Geometry& geometry);
 
   // Faults for the next operation only.
-  void plan(std::vector<Fault> faults) { faults_ = std::move(faults); }
+  void plan(const std::vector<Fault>& faults);
 
   qz::Status preopen(std::int32_t bytes);
   qz::Status open(std::uint32_t mode, std::uint32_t options, std::uint32_t read,
@@ -89,11 +89,10 @@ class Driver {
   }
   std::string_view onDisk(std::int64_t page) const;
 
-  // Which operations report their failures themselves, and which keep them in the handle.
-  enum class Reports : std::uint8_t { all, some, notEvenKept };
+  // Which operations report their failures themselves, without an error number or with one, and
+  // which keep them in the handle.
+  enum class Reports : std::uint8_t { all, numberless, some, notEvenKept };
 
-  // The fault that the next call of a kind meets, or null.
-  const Fault* planned(Call call);
   const Fault* refusal(Call call);
   // The outcome that a system call of that length must have had.
   Outcome expect(Call call, std::int64_t length);
@@ -114,18 +113,19 @@ class Driver {
   static bool lackedMemory();
   static bool releaseFailed();
 
-  void begin();
+  void expectErrorNumber(qz::Status status) const;
   qz::Status check(const std::string& what, qz::Status actual, qz::Status wanted,
                    Reports reports = Reports::all);
   void expectWritesInPlace() const;
 
   World& world_;
   std::int32_t pageSize_;
+  std::int32_t pagesPerBlock_;
   std::int64_t headerBytes_;
   std::int32_t buffers_;
-  std::vector<Fault> faults_;
-  std::map<Call, int> made_;
+  Calls expected_;  // which faults the model's calls meet
   std::uint32_t version_ = 0;
+  std::int32_t lastErrno_ = 0;
   std::uint64_t digest_ = 14695981039346656037ULL;
 
   bool exists_ = false;

@@ -77,6 +77,7 @@ class Calls {
 
   // Replaces the planned faults; counting starts again.
   void plan(std::vector<Fault> faults);
+  const std::vector<Fault>& planned() const { return faults_; }
 
   void clear() {
     trace_.clear();
