@@ -1,49 +1,19 @@
 // What only unusual hosts, sizes and orders of calls lead to.
-#include "support/fixture.h"
+#include "script.h"
 
 namespace qztest {
 namespace {
 
 using qz::Status;
-using Table = qz::OperationTable;
 
-class UnusualTest : public FileTest {
- protected:
-  // Hands page 1 out in a shape and goes on in another.
-  void holdAndReopen(Shape first, Shape second) {
-    openWith(first, 8);
-    EXPECT_EQ(read(1), Status::ok);
-    held = at;
-    EXPECT_EQ(reopen(second), Status::ok);
-  }
-  char* held = nullptr;
-};
-
-TEST_F(UnusualTest, HostPageSizesBeyondTheLargestPage) {
-  const struct {
-    std::int32_t minimum, maximum, multiple;
-  } rows[] = {{0x40000001, 0x40000002, 0}, {1000, 600, 0x50000000}};
-  for (const auto& row : rows) {
-    host.setHostPageSize(0x60000000);
-    h->hostPageSize = 0;
-    const qz::PageSizeRequest wanted{row.minimum, row.maximum, row.multiple};
-    EXPECT_EQ(did(call(&Table::qzppsize, &wanted)), "80A statfs");
-    EXPECT_EQ(h->pageSize, 0x60000000);
-  }
-}
+class UnusualTest : public ScriptTest {};
 
 TEST_F(UnusualTest, SizesThatNoFileOrBlockCanHave) {
-  makeFile(2);
-  settle(Shape::buffered);
-  h->headerSize = INT64_MAX;
-  h->pageCount = 1;
-  EXPECT_EQ(did(open()), "818 {!818}");
-  settle(Shape::buffered);
-  h->pageSize = h->minPageSize = h->defaultPageSize = 0;
-  EXPECT_EQ(did(open()), "818 {!818}");
-  settle(Shape::block);
-  h->requestedBlockBytes = (std::int64_t{1} << 61) + 1;
-  EXPECT_EQ(did(open()), "002 {4:002}");
+  play(R"(
+    file 2; settle buffered; set headerSize 9223372036854775807 pageCount 1; open -> !818
+    settle buffered; set pageSize 0 minPageSize 0 defaultPageSize 0; open -> !818
+    settle block; set requestedBlockBytes 2305843009213693953; open -> 002 {4:002})");
+  using Table = qz::OperationTable;
   EXPECT_EQ(did(call(&Table::qzpsetfilename, h->fileName, h->fileNameCapacity)), "ok statfs");
   EXPECT_EQ(calls().count(Call::memFree), calls().count(Call::memAlloc)) << "the buffer stays";
   calls().plan({{Call::memAlloc}});
@@ -55,79 +25,45 @@ TEST_F(UnusualTest, SizesThatNoFileOrBlockCanHave) {
 
 // Sizes as the caller gives them are believed.
 TEST_F(UnusualTest, TheLastPageThatCanBeNumbered) {
-  settle(Shape::buffered);
-  makeFile(1);
-  h->readAccess = qz::readSequential;
-  h->sequentialStartPage = INT64_MAX;
-  h->pageSize = 1;
-  h->headerSize = 0;
-  h->pageCount = h->fileSize = INT64_MAX;
-  ASSERT_EQ(did(open()), "ok");
-  calls().plan({{Call::pread, 1, 1, 1}, {Call::pwrite, 1, 1, 1}});
-  EXPECT_EQ(did(read(INT64_MAX)), "ok pread 1@9223372036854775806");
-  EXPECT_EQ(did(read(INT64_MAX)), "ok");
-  EXPECT_EQ(did(write(INT64_MAX, at)), "ok pwrite 1@9223372036854775806");
-  EXPECT_EQ(h->nextPage, INT64_MAX);
+  playRows(R"(
+    settle buffered; file 1; set readAccess 1 sequentialStartPage %1 pageSize 1 headerSize 0
+    set pageCount %1 fileSize %1; open; fail pread=1 pwrite=1
+    read %1 -> ok pread 1@9223372036854775806; read %1 -> ok
+    write %1 -> ok pwrite 1@9223372036854775806; is nextPage %1)",
+           "9223372036854775807");
 }
 
 TEST_F(UnusualTest, NoJournalAnywhere) {
-  makeFile(0, 8);
-  settle(Shape::buffered);
   journal = nullptr;
   host.handle()->defaultJournal = nullptr;
-  char header[16];
-  EXPECT_EQ(did(preopen(header, sizeof header)), "816 read 16=8");
+  play("file 0 8; settle buffered; preopen 16 -> 816 read 16=8");
   setenv("QZIOP_DISPLAY_IOP_TYPE", "", 1);
-  h->headerSize = 8;
-  EXPECT_EQ(did(open()), "ok");
-  EXPECT_EQ(did(close()), "ok");
+  play("set headerSize 8; open; close");
   journal = &recorder;
-  h->readAccess = 32;  // no hint that has a name
-  EXPECT_NE(did(open()).find("Write Access"), std::string::npos) << recorder.entries;
+  play("set readAccess 32; open");  // no hint that has a name
+  EXPECT_NE(recorder.entries.find("Write Access"), std::string::npos) << recorder.entries;
   EXPECT_EQ(recorder.entries.find("Read Access"), std::string::npos);
   unsetenv("QZIOP_DISPLAY_IOP_TYPE");
 }
 
 TEST_F(UnusualTest, BufferCountsAtTheirLimits) {
-  openWith(Shape::block, 8);
-  EXPECT_EQ(add(INT32_MIN), Status::ok);
-  h->bufferCount = INT32_MIN;
-  EXPECT_EQ(remove(1), Status::ok);
-  EXPECT_EQ(h->bufferCount, INT32_MIN);
-  EXPECT_EQ(close(), Status::ok);
-  openWith(Shape::block, 8);
-  h->bufferCount = 6;
-  EXPECT_EQ(reopen(Shape::block), Status::ok);
-  EXPECT_TRUE(h->blocksAllocated == 7 && listed(h->blockFreeList) == 6);
+  play(R"(
+    open block 8; add -2147483648; set bufferCount -2147483648; remove 1
+    is bufferCount -2147483648; close
+    open block 8; set bufferCount 6; reopen block; lists -> blocks 0 0 0 0 0 0 write 0-0)");
 }
 
 TEST_F(UnusualTest, AddressesNearTheEndOfABlock) {
-  openWith(Shape::block, 8);
-  EXPECT_EQ(read(4), Status::ok);
-  EXPECT_EQ(did(write(4, at + 8)), "814 {!814}");
-  EXPECT_EQ(giveBack(at), Status::ok);
+  play("open block 8; read 4 a; write 4 a+8 -> !814; give a");
 }
 
 // A held block that came short does not grow over an appended page. A second copy of the block has
 // it, and either serves the pages that both have.
 TEST_F(UnusualTest, AppendBehindABlockThatCameShort) {
-  for (const std::int32_t buffers : {3, 20}) {
-    openWith(Shape::block, 3, buffers);
-    calls().plan({{Call::pread, 1, 1, 2 * kPage + 100}});
-    EXPECT_EQ(read(1), Status::ok);
-    held = at;
-    calls().plan({});
-    EXPECT_EQ(writeOwn(4, 1), Status::ok);
-    EXPECT_EQ(did(read(4)), "ok pread 16384@4096");
-    EXPECT_TRUE(holdsPage(4, 1));
-    EXPECT_EQ(writeOwn(5, 1), Status::ok);
-    EXPECT_EQ(read(5), Status::ok);
-    EXPECT_EQ(giveBack(at), Status::ok);
-    EXPECT_EQ(did(read(1)), "ok");
-    EXPECT_TRUE(holdsPage(1, 0));
-    EXPECT_TRUE(giveBack(at) == Status::ok && giveBack(held) == Status::ok);
-    EXPECT_EQ(close(), Status::ok);
-  }
+  playRows(R"(
+    open block 3 %1; fail pread=8292; read 1 a; fail; own 4:1; read 4:1 -> ok pread 16384@4096
+    own 5:1; read 5 b; give b; read 1:0 -> ok; give; give a; close)",
+           "3\n20");
 }
 
 // Where a host puts something in the place of the close, nothing of a block that came short stays
@@ -139,47 +75,37 @@ TEST_F(UnusualTest, AShortPageWhoseCloseIsReplaced) {
     original(file, flags, log);
     return file->ops->operations.qzpopen(file, log);
   };
+  const std::string shortRead = "read 2 -> 818 pread 16384@4096=4196 {!818}; fail";
+  const std::string again = "read 2:0 -> ok pread 16384@4096; close";
   const struct {
     decltype(original) close;
-    bool holds;
-    const char *first, *second;
-  } rows[] = {{puttingOff, false, "818 pread 16384@4096=4196 {!818}", "ok pread 16384@4096"},
-              {puttingOff, true, "818 {!818}", "818 {!818}"},
-              {openingAgain, false, "818 pread 16384@4096=4196 {!818}", "ok pread 16384@4096"}};
+    std::string first, second;
+  } rows[] = {{puttingOff, shortRead, again},
+              {openingAgain, shortRead, again},
+              {puttingOff, "read 1; read 2 -> !818; fail", "read 2 -> !818"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(&row - rows);
-    openWith(Shape::block, 8);
+    play("open block 8; fail pread=4196");
     module->operations.qzpclose = row.close;
-    calls().plan({{Call::pread, 1, 1, kPage + 100}});
-    EXPECT_TRUE(!row.holds || read(1) == Status::ok);
-    EXPECT_EQ(did(read(2)), row.first);
-    calls().plan({});
+    play(row.first);
     module->operations.qzpclose = original;
-    EXPECT_EQ(did(read(2)), row.second);
-    EXPECT_TRUE(row.holds || (holdsPage(2, 0) && close() == Status::ok));
+    play(row.second);
   }
 }
 
 // Blocks that the caller still holds fix the block size, also where a change of shape stops.
 TEST_F(UnusualTest, AChangeOfShapeThatStopsWithBlocksHeld) {
-  holdAndReopen(Shape::block, Shape::direct);
-  calls().plan({{Call::memFree, 1, 1, -1, qz::hostForeignBlock}});
-  EXPECT_EQ(reopen(Shape::block), Status::ioFailed);
-  calls().plan({});
-  EXPECT_TRUE(h->blockBytes == 4 * kPage && h->pagesPerBlock == 4 && h->blocksAllocated == 1);
-  EXPECT_EQ(giveBack(held), Status::ok);
+  play(R"(
+    open block 8; read 1 a; reopen direct; fail memFree!80FFE101
+    reopen block -> 808 {4:80FFE101}; fail; is blockBytes 16384 pagesPerBlock 4
+    lists -> heldBlocks 1-4; give a)");
 }
 
 // A page that was handed out before goes back without a tree to enter it in.
 TEST_F(UnusualTest, AWriteWithoutAPageTree) {
-  holdAndReopen(Shape::direct, Shape::block);
-  calls().plan({{Call::treeCreate}});
-  EXPECT_EQ(reopen(Shape::direct), Status::noMemory);
-  calls().plan({});
-  stamp(held, kPage, 1, 1);
-  EXPECT_EQ(did(write(1, held)), "ok pwrite 4096@4096");
-  EXPECT_EQ(did(read(1)), "80D {!80D}");
-  EXPECT_TRUE(onDisk(1, 1));
+  play(R"(
+    open direct 8; read 1 a; reopen block; fail treeCreate; reopen direct -> 002 {4:002}; fail
+    write 1:1 a -> ok pwrite 4096@4096; read 1 -> !80D; disk 1:1)");
 }
 
 }  // namespace

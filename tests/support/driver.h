@@ -81,6 +81,7 @@ class Driver {
 
   bool inBlocks() const { return (world_.h->directIoMode & qz::blockMode) != 0; }
   std::int64_t offsetOf(std::int64_t page) const { return (page - 1) * pageSize_ + header_; }
+  std::int64_t size() const { return static_cast<std::int64_t>(disk_.size()); }
   std::int64_t lastCollected() const {
     return firstCollected_ + static_cast<std::int64_t>(collected_.size()) - 1;
   }
