@@ -6,21 +6,10 @@ namespace {
 
 class BuffersTest : public ScriptTest {};
 
-TEST_F(BuffersTest, RefusedOnAClosedHandle) {
-  play("acquire -> !81E; give null -> !81E; add -1 -> !81E; remove 0 -> !81E");
-}
-
-TEST_F(BuffersTest, HoldsAreLimited) {
-  playRows(R"(
-    open %1 9 2; acquire a -> ok; read 9 b; acquire -> !80D; read 1 -> !80D; is heldCount 2
-    give a -> ok; give a -> !814; give b -> ok; give b -> !814; give stray -> !814
-    give null -> !814; is heldCount 0; close)",
-           kShapeRows);
-}
-
 TEST_F(BuffersTest, PageBuffersMoveBetweenTheirLists) {
   play(R"(
-    open direct 9 2; acquire a; give a+1 -> !814; give a; lists -> free 0 0 0
+    acquire -> !81E; give null -> !81E; add -1 -> !81E; remove 0 -> !81E
+    open direct 9 2; give stray -> !814; give null -> !814; acquire a; give a+1 -> !814; give a; lists -> free 0 0 0
     read 3 b; lists -> free 0 0 held 3; give b; lists -> free 0 0 0
     read 3 -> ok pread 4096@12288; write 3; rewrite 4 5; lists -> free 3 4 5)");
   EXPECT_EQ(named("a"), named("b")) << "emptied buffers are used first";

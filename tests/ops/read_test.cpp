@@ -7,13 +7,9 @@ namespace {
 class ReadTest : public ScriptTest {};
 
 TEST_F(ReadTest, ChecksComeInOrder) {
-  play("read 0 -> !81E");
-  playRows(R"(
-    open %1 3 1; read 0 -> !80C; read -1 -> !80C; read -9223372036854775808 -> !80C
-    read 4 -> 80B; read 5 -> !80C; read 9223372036854775807 -> !80C; set readAccess 1
-    read 0 -> !812; read 4 -> !812; read 5 -> !812; read 2 -> !812; read 1; read 3 -> !812
-    read 2 -> !80D; close)",
-           kShapeRows);
+  play(R"(
+    read 0 -> !81E; open buffered 3 1; set readAccess 1; read 0 -> !812; read 4 -> !812
+    read 1; read 3 -> !812; read 2 -> !80D)");
 }
 
 TEST_F(ReadTest, SequentialReadersFollowTheOrderOrRestart) {
@@ -57,21 +53,13 @@ TEST_F(ReadTest, PageModeTellsShortMissingAndFailedPages) {
     read 2:0 -> ok pread 4096@8192)");
 }
 
-// Of page 6 too, which is not the block's last.
 TEST_F(ReadTest, BlockModeTellsShortAndFailedBlocks) {
-  playRows(R"(
-    open block 7; cut %1; fail %2; read %3 -> 818 pread 16384@20480%4 {!818}
-    is lastErrno %5 readLength 0 fd -1)",
-           R"(
-28771 |  | 7 | =8291 | 0
-24675 |  | 6 | =4195 | 0
-20480 |  | 7 | =0 | 0
-32768 | pread | 5 | !5 | 5
-32768 | pread | 7 | !5 | 5
-32768 | pread*2!4 pread#3!6 | 5 | !4 pread 16384@20480!4 pread 16384@20480!6 | 6)");
-  play(R"(
-    open block 7; fail pread*2!4
-    read 7 -> ok pread 16384@20480!4 pread 16384@20480!4 pread 16384@20480=12288)");
+  playRows(
+      "open block 7; cut %1; fail %2; read %3 -> 818 pread 16384@20480%4 {!818}; is readLength 0",
+      R"(
+24675 |  | 6 | =4195
+32768 | pread | 7 | !5
+32768 | pread*2!4 pread#3!6 | 5 | !4 pread 16384@20480!4 pread 16384@20480!6)");
 }
 
 // Writing the page after it does not make a block whole that came short.
@@ -82,22 +70,17 @@ TEST_F(ReadTest, ShortBlocksDoNotGrow) {
 }
 
 TEST_F(ReadTest, StalePagesAreReadAgainAlone) {
-  playRows(R"(
+  play(R"(
     open block 7; read 5 a; read 6; give a; fail pread!4
-    read 5:0 -> ok pread 4096@20480!4 pread 4096@20480; is nextPage 6; give; fail pread%1
-    read 5 -> 818 pread 4096@20480%2 {!818}; is lastErrno %3 fd -1)",
-           R"(
-!5 | !5 | 5
-=half | =2048 | 0)");
+    read 5:0 -> ok pread 4096@20480!4 pread 4096@20480; give; fail pread
+    read 5 -> 818 pread 4096@20480!5 {!818})");
 }
 
 TEST_F(ReadTest, CollectedPagesAreWrittenBeforeTheyAreRead) {
   play(R"(
     open block 8; read 8; own 9:1 10:1 11:1; read 7 -> ok
-    read 10:1 -> ok pwrite 12288@36864 pread 16384@36864=12288; give
-    own 12:1 -> ok pwrite 4096@49152; own 13:1 -> ok; fail pwrite!28
-    read 13 -> 80F pwrite 4096@53248!28 lseek 53248 ftruncate 53248 {!80F !80F}
-    is pageCount 12 lastErrno 28)");
+    read 10:1 -> ok pwrite 12288@36864 pread 16384@36864=12288; give; own 12 13; fail pwrite!28
+    read 13 -> 80F pwrite 4096@53248!28 lseek 53248 ftruncate 53248 {!80F !80F})");
 }
 
 TEST_F(ReadTest, RunsGoStraightToTheCaller) {
@@ -108,12 +91,6 @@ TEST_F(ReadTest, RunsGoStraightToTheCaller) {
     settle(shape);
     play("open");
     playRows("set nextPage 1; many %1 %2 %3 -> %4; is nextPage %5", R"(
-0 | 0 | 0 | !80C | 1
--1 | 1 | 0 | !80C | 1
-2601 | 0 | 8 | 80B | 1
-2602 | 1 | 0 | !80C | 1
-1 | 0 | 8 | !80C | 1
-1 | -1 | 0 | !80C | 1
 1 | 524288 | 8 | !80C | 1
 3 | 2500 | 0 | ok lseek 12288 readv 1024 readv 1024 readv 452 | 2503
 2 | 1024 | 7 | ok lseek 8192 readv 1024 | 1026
@@ -134,7 +111,6 @@ TEST_F(ReadTest, FailedRunsTellHowFarTheyCame) {
 8 | pread=0 | 80B pread 8601600@4096=0 | 0 | 77
 0 | lseek | 808 lseek 4096!5 {!808} | 0 | 77
 0 | readv#2!4 | 808 lseek 4096 readv 1024 readv 1024!4 {!808} | 0 | 1025
-0 | readv#3=0 | 80B lseek 4096 readv 1024 readv 1024 readv 52 | 0 | 2049
 0 | readv#3=half | ok lseek 4096 readv 1024 readv 1024 readv 52 | 0 | 2101)");
   play("close; open block 4; own 5; fail; many 4 2 8 -> ok pread 8192@16384=4096");
 }
