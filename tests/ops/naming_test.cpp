@@ -30,18 +30,12 @@ TEST_F(NamingTest, FreshHandle) {
   expected.fd = -1;
   // NOLINTNEXTLINE(bugprone-suspicious-memory-comparison): gaps between fields are zero as well
   EXPECT_EQ(std::memcmp(h, &expected, sizeof expected), 0);
-  const qz::StatusReport reports[] = {{}, {Status::busy, 2, 3, 4, 5}};
-  for (const qz::StatusReport& wanted : reports) {
-    h->status = wanted.status;
-    h->lastErrno = wanted.lastErrno;
-    h->hostErrorDetail1 = wanted.hostErrorDetail1;
-    h->hostErrorDetail2 = wanted.hostErrorDetail2;
-    h->directIoMode = wanted.directIoMode;
-    qz::StatusReport report;
-    std::memset(&report, 0xFF, sizeof report);
-    EXPECT_EQ(module->operations.qzpgetstatus(h, &report), Status::ok);
-    EXPECT_EQ(std::memcmp(&report, &wanted, sizeof report), 0);
-  }
+  h->status = Status::busy;
+  play("set lastErrno 2 hostErrorDetail1 3 hostErrorDetail2 4 directIoMode 5");
+  const qz::StatusReport wanted{Status::busy, 2, 3, 4, 5};
+  qz::StatusReport report{};
+  EXPECT_EQ(module->operations.qzpgetstatus(h, &report), Status::ok);
+  EXPECT_EQ(std::memcmp(&report, &wanted, sizeof report), 0);
 }
 
 TEST_F(NamingTest, HandlesAreMadeAndFreed) {
@@ -97,28 +91,16 @@ TEST_F(NamingTest, NothingIsNamedOrPreopenedTwice) {
 }
 
 TEST_F(NamingTest, PreopenReadsTheHeader) {
-  const struct {
-    Shape shape;
-    std::int32_t wanted, misalignment;
-    std::string hostCalls;
-  } rows[] = {{Shape::buffered, 4096, 8, "2@5"},
-              {Shape::direct, 4096, 0, "4002@5"},
-              {Shape::direct, 512, 8, "4002@5 memAlloc:b4096z memFree:b"},
-              {Shape::block, 4096, 8, "4002@5 memAlloc:b8192z memFree:b"},
-              {Shape::buffered, 0, 0, "2@5"}};
-  makeFile(1);
-  const CallerMemory memory = callerMemory(12288);
-  for (const auto& row : rows) {
-    settle(row.shape);
-    std::memset(memory.get(), 0, 12288);
-    char* header = memory.get() + row.misalignment;
-    EXPECT_EQ(did(preopen(header, row.wanted)), "ok read " + std::to_string(row.wanted));
-    EXPECT_EQ(calls().hostCalls(), "fileOpen:" + row.hostCalls);
-    EXPECT_EQ(header, std::string(static_cast<std::size_t>(row.wanted), 'H'));
-    EXPECT_EQ(length, row.wanted);
-    h->fileSize = 1;  // closing an empty file removes it
-    play("close");
-  }
+  // Closing a file that is taken for empty removes it.
+  playRows(R"(
+    file 1; settle %1; preopen %2 %3 -> ok read %2; host -> fileOpen:%4
+    is length %2; set fileSize 1; close)",
+           R"(
+buffered | 4096 | 8 | 2@5
+direct | 4096 | 0 | 4002@5
+direct | 512 | 8 | 4002@5 memAlloc:b4096z memFree:b
+block | 4096 | 8 | 4002@5 memAlloc:b8192z memFree:b
+buffered | 0 | 0 | 2@5)");
 }
 
 TEST_F(NamingTest, PreopenOfAShortHeaderClosesAgain) {

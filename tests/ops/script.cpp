@@ -141,8 +141,6 @@ std::int64_t fieldOf(World& world, const std::string& name, const std::int64_t* 
 
 }  // namespace
 
-ScriptTest::ScriptTest() { std::fill_n(memory_.get(), 2 * kPage, 'x'); }
-
 void ScriptTest::play(const std::string& script) {
   std::string text = script;
   std::replace(text.begin(), text.end(), '\n', ';');
@@ -197,6 +195,15 @@ Status ScriptTest::openAs(Words& words) {
   settle(shape, words.number("3"));
   makeFile(pages);
   return open();
+}
+
+Status ScriptTest::preopenAs(Words& words) {
+  const std::int32_t bytes = words.number();
+  char* const header = memory_.get() + words.number("1");
+  std::fill_n(header, bytes, 'x');
+  const Status status = preopen(header, bytes);
+  EXPECT_TRUE(status != Status::ok || std::count(header, header + bytes, 'H') == bytes);
+  return status;
 }
 
 Status ScriptTest::handOut(Status status, Words& words) {
@@ -280,7 +287,7 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
          const qz::PageSizeRequest wanted{number(), number(), number()};
          return call(&Table::qzppsize, &wanted);
        }},
-      {"preopen", [&] { return preopen(memory_.get() + 1, number()); }},  // not aligned
+      {"preopen", [&] { return preopenAs(words); }},
       {"many", [&] { return readRun(words); }},
       {"header", [&] { return writeHeader(memory_.get(), number()); }},
       {"reopen", [&] { return reopen(shapeOf(words.word())); }},

@@ -20,7 +20,7 @@ namespace qztest {
 //   read 3 [a], acquire [a], touch 1 2 (reads and gives back), give [a], add 2, remove 2
 //   write 3 [a], own 3 4 (from the caller's memory), rewrite 3:1 4:1 (in place)
 //   many PAGE COUNT OPTIONS, truncate 3, flush, close [FLAGS], delete, info, name [NAME],
-//   header BYTES, preopen BYTES, psize MINIMUM MAXIMUM MULTIPLE
+//   header BYTES, preopen BYTES [SHIFT of the memory: 1], psize MINIMUM MAXIMUM MULTIPLE
 //   reopen SHAPE, hint READ WRITE OPTIONS
 //   fail pwrite#2*3!28 fsync      call 2 and the next two fail with 28; "*": all later ones;
 //                                 "=0", "=half": what they return; host calls: "!80FFE101";
@@ -33,7 +33,6 @@ inline const std::string kShapeRows = "buffered\ndirect\nblock";
 
 class ScriptTest : public FileTest {
  protected:
-  ScriptTest();
   void play(const std::string& script);
   // Plays the script for each row, a line of columns between " | ", with the columns in the places
   // of %1, %2... up to %9; nothing for those that the row lacks.
@@ -47,6 +46,7 @@ class ScriptTest : public FileTest {
   std::string check(const std::string& verb, Words& words);
   char* address(const std::string& name);
   qz::Status openAs(Words& words);
+  qz::Status preopenAs(Words& words);
   qz::Status readAs(Words& words);
   qz::Status writeFrom(Words& words);
   qz::Status handOut(qz::Status status, Words& words);
