@@ -8,28 +8,21 @@ namespace qztest {
 
 namespace {
 
-// The stand-in host's own operations. It has one function for each slot, whatever the object.
-struct Originals {
-  decltype(qz::QZHandle::poolCreate) poolCreate;
-  decltype(qz::MemoryPool::memAlloc) memAlloc;
-  decltype(qz::MemoryPool::memFree) memFree;
-  decltype(qz::QZHandle::extensionLoad) extensionLoad;
-  decltype(qz::TreeExtension::treeCreate) treeCreate;
-  decltype(qz::EncodingServices::converterCreate) converterCreate;
-  decltype(qz::FileService::fileOpen) fileOpen;
-  decltype(qz::FileMethods::fileReopen) fileReopen;
-  decltype(qz::FileMethods::fileClose) fileClose;
-};
-Originals originals;
+// The stand-in host's own operations, by their slots. It has one function for each slot, whatever
+// the object.
+template <class Object, class Function>
+Function* functionOf(Function* Object::*slot);
+template <auto slot>
+decltype(functionOf(slot)) original;
+
 const qz::MemoryPool* bufferPool = nullptr;
 DirectIo directIo = DirectIo::simulated;
 
-template <class Slot>
-void replace(Slot& slot, Slot& original, Slot replacement) {
-  if (slot != replacement) {
-    original = slot;
-    slot = replacement;
-  }
+template <auto slot, class Object>
+void replace(Object* object, decltype(functionOf(slot)) replacement) {
+  if (object->*slot == replacement) return;
+  original<slot> = object->*slot;
+  object->*slot = replacement;
 }
 
 // Makes an object, or fails as planned; `create` returns it.
@@ -59,25 +52,20 @@ int idOf(const qz::Converter* /*converter*/) { return 'c'; }
 int idOf(const qz::PageTree* /*tree*/) { return 't'; }
 
 template <class Object>
-decltype(Object::destroy) originalDestroy;
-
-template <class Object>
 qz::HostStatus destroy(Object* object) {
-  return released({Call::destroy, idOf(object)}, [&] { return originalDestroy<Object>(object); });
-}
-
-template <class Object>
-void replaceDestroy(Object* object) {
-  replace(object->destroy, originalDestroy<Object>, destroy<Object>);
+  return released({Call::destroy, idOf(object)},
+                  [&] { return original<&Object::destroy>(object); });
 }
 
 void* memAlloc(qz::MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {
-  return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags},
-                 [&] { return static_cast<char*>(originals.memAlloc(pool, bytes, flags)); });
+  return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags}, [&] {
+    return static_cast<char*>(original<&qz::MemoryPool::memAlloc>(pool, bytes, flags));
+  });
 }
 
 qz::HostStatus memFree(qz::MemoryPool* pool, void* block) {
-  return released({Call::memFree, idOf(pool)}, [&] { return originals.memFree(pool, block); });
+  return released({Call::memFree, idOf(pool)},
+                  [&] { return original<&qz::MemoryPool::memFree>(pool, block); });
 }
 
 qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attributes,
@@ -85,36 +73,36 @@ qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attribu
   const bool forBuffers = std::string_view(name) == "qziop buffer pool";
   qz::MemoryPool* pool =
       created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0]},
-              [&] { return originals.poolCreate(host, attributes, journal, name); });
+              [&] { return original<&qz::QZHandle::poolCreate>(host, attributes, journal, name); });
   if (pool == nullptr) return nullptr;
   if (forBuffers) {
     bufferPool = pool;
   } else if (bufferPool == pool) {
     bufferPool = nullptr;  // the address of an earlier one, used again
   }
-  replace(pool->memAlloc, originals.memAlloc, memAlloc);
-  replace(pool->memFree, originals.memFree, memFree);
-  replaceDestroy(pool);
+  replace<&qz::MemoryPool::memAlloc>(pool, memAlloc);
+  replace<&qz::MemoryPool::memFree>(pool, memFree);
+  replace<&qz::MemoryPool::destroy>(pool, destroy<qz::MemoryPool>);
   return pool;
 }
 
 qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes* attributes,
                          qz::Journal* journal, const char* name) {
   qz::PageTree* tree = created({Call::treeCreate, 't', attributes->keyOffset}, [&] {
-    return originals.treeCreate(extension, attributes, journal, name);
+    return original<&qz::TreeExtension::treeCreate>(extension, attributes, journal, name);
   });
-  if (tree != nullptr) replaceDestroy(tree);
+  if (tree != nullptr) replace<&qz::PageTree::destroy>(tree, destroy<qz::PageTree>);
   return tree;
 }
 
 qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::uint32_t length,
                                  qz::Journal* journal) {
   qz::TreeExtension* extension = created({Call::extensionLoad, 'e', length}, [&] {
-    return originals.extensionLoad(host, name, length, journal);
+    return original<&qz::QZHandle::extensionLoad>(host, name, length, journal);
   });
   if (extension != nullptr) {
-    replaceDestroy(extension);
-    replace(extension->treeCreate, originals.treeCreate, treeCreate);
+    replace<&qz::TreeExtension::destroy>(extension, destroy<qz::TreeExtension>);
+    replace<&qz::TreeExtension::treeCreate>(extension, treeCreate);
   }
   return extension;
 }
@@ -122,9 +110,10 @@ qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::
 qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding, qz::Word word,
                                qz::Journal* journal) {
   qz::Converter* converter =
-      created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word)},
-              [&] { return originals.converterCreate(services, encoding, word, journal); });
-  if (converter != nullptr) replaceDestroy(converter);
+      created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word)}, [&] {
+        return original<&qz::EncodingServices::converterCreate>(services, encoding, word, journal);
+      });
+  if (converter != nullptr) replace<&qz::Converter::destroy>(converter, destroy<qz::Converter>);
   return converter;
 }
 
@@ -154,8 +143,9 @@ void opened(CallRecord record, qz::OpenParameters* parameters, qz::HostStatus* s
 qz::HostStatus fileReopen(qz::HostFile* file, qz::OpenParameters* parameters,
                           std::uint32_t accessMode, qz::Journal* journal) {
   qz::HostStatus status = 0;
-  opened({Call::fileReopen, 0, 0, accessMode}, parameters, &status,
-         [&] { status = originals.fileReopen(file, parameters, accessMode, journal); });
+  opened({Call::fileReopen, 0, 0, accessMode}, parameters, &status, [&] {
+    status = original<&qz::FileMethods::fileReopen>(file, parameters, accessMode, journal);
+  });
   return status;
 }
 
@@ -164,7 +154,8 @@ qz::HostStatus fileClose(qz::HostFile* file, qz::OpenParameters* parameters, qz:
   record.flags = parameters->removeAtClose;
   const Fault* fault = calls().next(Call::fileClose);
   const qz::HostStatus status =
-      fault != nullptr ? fault->error : originals.fileClose(file, parameters, journal);
+      fault != nullptr ? fault->error
+                       : original<&qz::FileMethods::fileClose>(file, parameters, journal);
   record.result = status;
   calls().record(record);
   return status;
@@ -175,11 +166,13 @@ qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters,
   qz::HostFile* file = nullptr;
   opened({Call::fileOpen, static_cast<int>(parameters->permissions), static_cast<std::int64_t>(one),
           accessMode},
-         parameters, status,
-         [&] { file = originals.fileOpen(service, parameters, one, accessMode, journal, status); });
+         parameters, status, [&] {
+           file = original<&qz::FileService::fileOpen>(service, parameters, one, accessMode,
+                                                       journal, status);
+         });
   if (file != nullptr) {
-    replace(file->fileMethods->fileReopen, originals.fileReopen, fileReopen);
-    replace(file->fileMethods->fileClose, originals.fileClose, fileClose);
+    replace<&qz::FileMethods::fileReopen>(file->fileMethods, fileReopen);
+    replace<&qz::FileMethods::fileClose>(file->fileMethods, fileClose);
   }
   return file;
 }
@@ -196,10 +189,10 @@ qz::HostStatus taskWait(qz::Task* /*task*/, qz::Word a1, qz::Word a2, qz::Word a
 
 void recordHostCalls(qz::StandInHost& host) {
   qz::QZHandle* handle = host.handle();
-  replace(handle->poolCreate, originals.poolCreate, poolCreate);
-  replace(handle->extensionLoad, originals.extensionLoad, extensionLoad);
-  replace(handle->encodingServices->converterCreate, originals.converterCreate, converterCreate);
-  replace(handle->fileService->fileOpen, originals.fileOpen, fileOpen);
+  replace<&qz::QZHandle::poolCreate>(handle, poolCreate);
+  replace<&qz::QZHandle::extensionLoad>(handle, extensionLoad);
+  replace<&qz::EncodingServices::converterCreate>(handle->encodingServices, converterCreate);
+  replace<&qz::FileService::fileOpen>(handle->fileService, fileOpen);
   handle->mainTask->taskWait = taskWait;
   if (qz::Task* task = handle->currentTask(handle); task != nullptr) task->taskWait = taskWait;
 }
