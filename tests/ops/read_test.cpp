@@ -30,16 +30,6 @@ direct | 4096@24576 | 0 | 1 | 0 |  |  pread 4096@28672 | 4096@40960
 block | 16384@20480 | 4096 | 9 | 2 |  pread 16384@20480 |  | 16384@36864=8192)");
 }
 
-// A page that a page-mode caller already holds: another hold of the same buffer.
-TEST_F(ReadTest, HeldPagesAreSharedInPageMode) {
-  play(R"(
-    open buffered 5 4; read 2 a; read 2 b -> ok; lists -> free 0 0 0 0 held 2+1; is heldCount 2
-    give a; lists -> free 0 0 0 0 held 2; read 2; write 2:1 -> ok pwrite 4096@8192
-    lists -> free 0 0 0 0 held 2; read 2; write 3 -> ok pwrite 4096@12288
-    lists -> free 0 0 0 0 held 2; give a; give a -> !814; read 2:1 -> ok pread 4096@8192)");
-  EXPECT_EQ(named("a"), named("b"));
-}
-
 TEST_F(ReadTest, PageModeTellsShortMissingAndFailedPages) {
   play(R"(
     open direct 3; cut 12388; read 3 -> 818 pread 4096@12288=100 {!818}; is readLength 100 fd -1
@@ -62,25 +52,11 @@ TEST_F(ReadTest, BlockModeTellsShortAndFailedBlocks) {
 32768 | pread*2!4 pread#3!6 | 5 | !4 pread 16384@20480!4 pread 16384@20480!6)");
 }
 
-// Writing the page after it does not make a block whole that came short.
-TEST_F(ReadTest, ShortBlocksDoNotGrow) {
-  play(R"(
-    open block 6; cut 24576; read 5 -> ok pread 16384@20480=4096; own 7:1 -> ok pwrite 4096@28672
-    lists -> blocks 0 0 heldBlocks 5-6=4096 write 0-0; read 7:1 -> ok pread 16384@20480=12288)");
-}
-
 TEST_F(ReadTest, StalePagesAreReadAgainAlone) {
   play(R"(
     open block 7; read 5 a; read 6; give a; fail pread!4
     read 5:0 -> ok pread 4096@20480!4 pread 4096@20480; give; fail pread
     read 5 -> 818 pread 4096@20480!5 {!818})");
-}
-
-TEST_F(ReadTest, CollectedPagesAreWrittenBeforeTheyAreRead) {
-  play(R"(
-    open block 8; read 8; own 9:1 10:1 11:1; read 7 -> ok
-    read 10:1 -> ok pwrite 12288@36864 pread 16384@36864=12288; give; own 12 13; fail pwrite!28
-    read 13 -> 80F pwrite 4096@53248!28 lseek 53248 ftruncate 53248 {!80F !80F})");
 }
 
 TEST_F(ReadTest, RunsGoStraightToTheCaller) {
@@ -101,18 +77,12 @@ TEST_F(ReadTest, RunsGoStraightToTheCaller) {
   }
 }
 
-// Collected pages are not seen.
 TEST_F(ReadTest, FailedRunsTellHowFarTheyCame) {
-  play("open buffered 2100");
-  playRows(R"(
-    set lastErrno 0 nextPage 77; fail %2; many 1 2100 %1 -> %3; is lastErrno %4 nextPage %5)",
+  playRows("open buffered 2100; fail %1; many 1 2100 0 -> %2; is lastErrno 0 nextPage %3; close",
            R"(
-8 | pread!4 | 808 pread 8601600@4096!4 {!808} | 4 | 77
-8 | pread=0 | 80B pread 8601600@4096=0 | 0 | 77
-0 | lseek | 808 lseek 4096!5 {!808} | 0 | 77
-0 | readv#2!4 | 808 lseek 4096 readv 1024 readv 1024!4 {!808} | 0 | 1025
-0 | readv#3=half | ok lseek 4096 readv 1024 readv 1024 readv 52 | 0 | 2101)");
-  play("close; open block 4; own 5; fail; many 4 2 8 -> ok pread 8192@16384=4096");
+lseek | 808 lseek 4096!5 {!808} | 1
+readv#2!4 | 808 lseek 4096 readv 1024 readv 1024!4 {!808} | 1025
+readv#3=half | ok lseek 4096 readv 1024 readv 1024 readv 52 | 2101)");
 }
 
 }  // namespace

@@ -25,28 +25,6 @@ TEST_F(WriteTest, PageModeWritesAtOnceAndKeepsTheCopy) {
            "buffered\ndirect");
 }
 
-// No tree entry may be lost or lead to the wrong buffer when a buffer changes its page.
-TEST_F(WriteTest, PageModeRekeysBuffers) {
-  play(R"(
-    open buffered 5 4; rewrite 2:1; read 1; write 2:2 -> ok pwrite 4096@8192; read 2:2 b -> ok
-    read 1 a -> ok pread 4096@4096; lists -> free 0 0 0 held 1 2)");
-  // Page 2 is held elsewhere: that buffer leaves the tree and can still be given back.
-  play(R"(
-    write 2 a -> ok pwrite 4096@8192; lists -> free 0 0 0 2 held 0; read 2 c -> ok; has c 1:0
-    give b; give c; read 3 a; read 4 b; write 3 b -> ok pwrite 4096@12288
-    write 5 a -> ok pwrite 4096@20480; lists -> free 0 0 0 3 5; read 5 -> ok; has it 3:0)");
-}
-
-TEST_F(WriteTest, BlockModeCollectsAppendedPages) {
-  play(R"(
-    open block 0; own 1:1 -> ok; host ->; own 2 -> ok; host ->; own 3:1 -> ok; host ->
-    is pageCount 3 fileSize 4096 nextPage 1; own 2:2 -> ok; lists -> blocks 0 0 0 write 1-3
-    own 4:1 -> ok pwrite 16384@4096; is fileSize 20480 nextPage 5 pageCount 4
-    disk 1:1 2:2 3:1 4:1; own 5 -> ok; flush -> ok pwrite 4096@20480 fsync
-    own 6 -> ok pwrite 4096@24576; own 7 -> ok pwrite 4096@28672; own 8 -> ok pwrite 4096@32768
-    own 9:1 -> ok; own 4:3 -> ok pwrite 4096@16384; close -> ok pwrite 4096@36864; disk 4:3 9:1)");
-}
-
 // Another buffer's write reaches the held block, and lets it grow by the page after its last; a
 // free copy of the block is emptied where it lies.
 TEST_F(WriteTest, BlockModeEndsHoldsAndUpdatesBlocks) {
@@ -60,26 +38,12 @@ TEST_F(WriteTest, BlockModeEndsHoldsAndUpdatesBlocks) {
     is heldCount 0; read 3:5 -> ok pread 16384@4096)");
 }
 
-// A page's address written as another page leaves foreign bytes in the slot of the first.
-TEST_F(WriteTest, BlockModeDistrustsSlotsWrittenAsAnotherPage) {
-  play(R"(
-    open block 8; read 5; read 6; write 1:1 -> ok pwrite 4096@4096
-    read 6:0 -> ok pread 4096@24576)");
-}
-
 // An address inside the write block ends no hold.
 TEST_F(WriteTest, BlockModeRewritesCollectedPagesInPlace) {
   play(R"(
     open block 8; own 9 10; acquire; write 9:2 -> ok; is heldCount 0; write 10:2 wb+4096 -> ok
     write 8 wb+4096 -> !814; write 11 wb+4096 -> !814; flush -> ok pwrite 8192@36864 fsync
     disk 9:2 10:2; write 10 wb+4096 -> !814; acquire; write 11 -> ok pwrite 4096@45056)");
-}
-
-// A page written below a held block after a truncate: both copies of the block are kept right.
-TEST_F(WriteTest, BlockModeKeepsEveryCopyRight) {
-  play(R"(
-    open block 8; read 6 a; truncate 5 -> ok lseek 24576 ftruncate 24576
-    own 6:1 -> ok pwrite 4096@24576; has a 6:1; own 7:1 -> ok pwrite 4096@28672; read 7:1 -> ok)");
 }
 
 TEST_F(WriteTest, UnalignedMemoryBouncesUnderDirectIo) {
@@ -98,11 +62,10 @@ TEST_F(WriteTest, UnalignedMemoryBouncesUnderDirectIo) {
 }
 
 TEST_F(WriteTest, FailedDirectWritesCutBackAndKeepTheHold) {
-  playRows(R"(
-    open %1 5; acquire; fail pwrite=half ftruncate
+  play(R"(
+    open direct 5; acquire; fail pwrite=half ftruncate
     write 6:1 -> 80F pwrite 4096@24576=2048 lseek 24576 ftruncate 24576!5 {!81C !80F}
-    write 6 -> ok pwrite 4096@24576; disk 6:1; is heldCount 0; close)",
-           kShapeRows);
+    write 6 -> ok pwrite 4096@24576; disk 6:1; is heldCount 0)");
 }
 
 // The cut-back of a failed direct write writes the write block first; when that fails too, the
