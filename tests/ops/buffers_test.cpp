@@ -65,23 +65,15 @@ TEST_F(BuffersTest, AddedAndRemovedPageBuffers) {
 
 TEST_F(BuffersTest, AddedAndRemovedBlocks) {
   play("open block 9 1; add 2; is bufferCount 3 length 2; lists -> blocks 0 0 0 write 0-0");
-  for (const std::string part :
-       {"4; add 3 -> !811", "5; add 3 -> !811", "6; add 3 -> 811 {4:811 !811}"})
-    play("fail memAlloc#" + part + "; is length 1 bufferCount 4; remove 1");
+  playRows("fail memAlloc#%1; add 3 -> %2; is length 1 bufferCount 4; remove 1", R"(
+4 | !811
+5 | !811
+6 | 811 {4:811 !811})");
   play(R"(
     fail; add 0; is bufferCount 3 length 0; add -1; is bufferCount 2; set bufferCount 3
     remove 0; remove -3; lists -> blocks 0 0 0 write 0-0
     read 9 a; remove 4 -> !80D; lists -> heldBlocks 9-9 write 0-0; is bufferCount 1
     read 1 -> !80D; give a)");
-}
-
-TEST_F(BuffersTest, RemoveGoesOnOrStopsAtAFailedRelease) {
-  play(R"(
-    open block 9 3; fail memFree#2*2!80FFE101; remove 2 -> 808 {4:80FFE101 4:80FFE101}
-    lists -> blocks 0 write 0-0; is bufferCount 1; fail; close
-    open buffered 9 3; rewrite 7:1; fail memFree*2!80FFE101
-    remove 2 -> 808 {4:80FFE101 4:80FFE101}; lists -> free 0 0 7; is bufferCount 2
-    fail; remove 3; read 7 -> !80D)");
 }
 
 }  // namespace

@@ -30,12 +30,11 @@ TEST_F(WholeFileTest, HeaderIsPaddedOrWrittenWhole) {
 }
 
 TEST_F(WholeFileTest, FlushWritesBackThenSyncs) {
-  play("flush -> !81E");
-  playRows("open block 4; own 5; fail %1; flush -> %2; close", R"(
-fsync#2 | ok pwrite 4096@20480 fsync
-fsync!110 fsync#2!4 fsync#3!110 | 808 pwrite 4096@20480 fsync!110 fsync!4 fsync!110 {!808}
-pwrite | 808 pwrite 4096@20480!5 lseek 20480 ftruncate 20480 fsync {!808 !808}
-pwrite fsync!28 | 80F pwrite 4096@20480!5 lseek 20480 ftruncate 20480 fsync!28 {!808 !80F})");
+  play(R"(
+    flush -> !81E; open block 4; own 5; fail fsync!110 fsync#2!4 fsync#3!110
+    flush -> 808 pwrite 4096@20480 fsync!110 fsync!4 fsync!110 {!808}; own 6 7 8 9
+    fail pwrite fsync!28
+    flush -> 80F pwrite 4096@36864!5 lseek 36864 ftruncate 36864 fsync!28 {!808 !80F})");
 }
 
 int guardCalls = 0;
@@ -157,29 +156,13 @@ TEST_F(WholeFileTest, ReopenFromBlocksToPages) {
     reopen block; lists -> held 0 blocks 0 0 0 write 0-0; read 10 -> ok pread 16384@36864=8192)");
 }
 
-TEST_F(WholeFileTest, FailedReopenGoesOnAsBefore) {
-  play(R"(
-    open block 8; read 1 a; own 9:1
-    fail pwrite!28; reopen direct -> 80F pwrite 4096@36864!28 lseek 36864 ftruncate 36864 {!80F}
-    host -> memAlloc:m4096 memFree:m
-    fail fileReopen!80FFE007=13; set openOptions 0; hint 2 0 0 -> 826
-    is directIoMode 3 writeAccess 2 readAccess 4; read 2 -> ok)");
-  // Direct I/O is no longer possible.
-  play(R"(
-    fail fileReopen!80FFE002=22; reopen block -> ok; is directIoMode 0
-    lists -> free 0 0 0 0 heldBlocks 1-4x2; give a)");
-}
-
-// A change of shape that stops half-way: nothing is handed out, everything can be given back.
+// Nothing is handed out after a change of shape that stopped half-way.
 TEST_F(WholeFileTest, HalfWayReopenServesNothing) {
-  playRows(R"(
-    open %1 8 2; read 1 a; fail %3; reopen %2 -> %4; is stateFlags 2 directIoMode %5
-    fail; read 2 -> !80D; own 9:1 -> ok pwrite 4096@36864; own 1:1 -> ok pwrite 4096@4096; %6
-    truncate 8 -> ok lseek 36864 ftruncate 36864; give a; close; disk 1:1)",
+  playRows("open %1 8 2; read 1 a; fail %3; reopen %2 -> %4; fail; read 2 -> !80D; close",
            R"(
-buffered | block | memFree!80FFE101 | 808 {4:80FFE101} | 3 | add 1 -> !811; acquire -> !80D
-block | buffered | memFree!80FFE101 | 808 {4:80FFE101} | 0 | acquire -> !80D
-block | buffered | treeCreate | 002 {4:002} | 0 | acquire -> !80D)");
+buffered | block | memFree!80FFE101 | 808 {4:80FFE101}
+block | buffered | memFree!80FFE101 | 808 {4:80FFE101}
+block | buffered | treeCreate | 002 {4:002})");
 }
 
 }  // namespace

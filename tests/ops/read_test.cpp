@@ -6,12 +6,6 @@ namespace {
 
 class ReadTest : public ScriptTest {};
 
-TEST_F(ReadTest, ChecksComeInOrder) {
-  play(R"(
-    read 0 -> !81E; open buffered 3 1; set readAccess 1; read 0 -> !812; read 4 -> !812
-    read 1; read 3 -> !812; read 2 -> !80D)");
-}
-
 TEST_F(ReadTest, SequentialReadersFollowTheOrderOrRestart) {
   playRows(R"(
     settle block; file 5; set readAccess 1 sequentialStartPage %1; open; touch 1 2 3
@@ -52,15 +46,8 @@ TEST_F(ReadTest, BlockModeTellsShortAndFailedBlocks) {
 32768 | pread*2!4 pread#3!6 | 5 | !4 pread 16384@20480!4 pread 16384@20480!6)");
 }
 
-TEST_F(ReadTest, StalePagesAreReadAgainAlone) {
-  play(R"(
-    open block 7; read 5 a; read 6; give a; fail pread!4
-    read 5:0 -> ok pread 4096@20480!4 pread 4096@20480; give; fail pread
-    read 5 -> 818 pread 4096@20480!5 {!818})");
-}
-
 TEST_F(ReadTest, RunsGoStraightToTheCaller) {
-  play("many 1 1 0 -> !81E");
+  play("read 0 -> !81E; many 1 1 0 -> !81E");
   settle(Shape::buffered);
   makeFile(2600);
   for (const Shape shape : kShapes) {

@@ -6,23 +6,12 @@ namespace {
 
 class WriteTest : public ScriptTest {};
 
-TEST_F(WriteTest, ChecksComeInOrder) {
-  playRows(R"(
-    open %1 3; set fileSize 4095; own 0 -> !80C; own 5 -> !815; own 3 -> !816; own 4 -> !816
-    set fileSize 16384 writeAccess 1; write 3 stray -> !815; write 4 stray -> !814; close)",
-           kShapeRows);
-}
-
 // The caller's own memory replaces a copy that nobody holds, and leaves a held one as it is.
 TEST_F(WriteTest, PageModeWritesAtOnceAndKeepsTheCopy) {
-  playRows(R"(
-    open %1 7; read 7 a; write 7:1 a -> ok pwrite 4096@28672; host ->; count getenv 0
-    is ownAllocations 0 nextPage 8; disk 7:1
-    lists -> free 0 0 0 7; write 7 a -> !814; read 7 -> ok; give
-    acquire; write 8:0 -> ok pwrite 4096@32768; is pageCount 8 fileSize 36864 nextPage 9
-    own 8:2 -> ok pwrite 4096@32768; read 8:2 -> ok pread 4096@32768
-    own 8:3 -> ok pwrite 4096@32768; has it 8:2; write 8; disk 8:2; close)",
-           "buffered\ndirect");
+  play(R"(
+    open direct 7; read 7 a; write 7:1 a -> ok pwrite 4096@28672; host ->; count getenv 0
+    is ownAllocations 0; lists -> free 0 0 0 7; write 7 a -> !814; read 7:1 -> ok
+    own 7:2; has it 7:1; write 7:3; own 7:2; read 7:2 -> ok pread 4096@28672)");
 }
 
 // Another buffer's write reaches the held block, and lets it grow by the page after its last; a
@@ -59,26 +48,6 @@ TEST_F(WriteTest, UnalignedMemoryBouncesUnderDirectIo) {
     EXPECT_EQ(did(write(2, memory.get() + 8, kOwn)), "ok pwrite 4096@8192");
     play("fail; close");
   }
-}
-
-TEST_F(WriteTest, FailedDirectWritesCutBackAndKeepTheHold) {
-  play(R"(
-    open direct 5; acquire; fail pwrite=half ftruncate
-    write 6:1 -> 80F pwrite 4096@24576=2048 lseek 24576 ftruncate 24576!5 {!81C !80F}
-    write 6 -> ok pwrite 4096@24576; disk 6:1; is heldCount 0)");
-}
-
-// The cut-back of a failed direct write writes the write block first; when that fails too, the
-// file ends before it.
-TEST_F(WriteTest, FailedWriteBacksDropTheCollectedPages) {
-  play(R"(
-    open block 4; own 5 6 7; acquire; fail pwrite=half
-    write 8 -> 80F pwrite 16384@20480=8192 lseek 20480 ftruncate 20480 {!80F !80F}
-    is heldCount 0; close
-    open block 4; own 5:1; fail pwrite
-    own 2 -> 808 pwrite 4096@8192!5 pwrite 4096@20480 lseek 24576 ftruncate 24576 {!808}; close
-    open block 4; own 5:1; fail pwrite*2
-    own 2 -> 808 pwrite 4096@8192!5 pwrite 4096@20480!5 lseek 20480 ftruncate 20480 {!808 !808})");
 }
 
 TEST_F(WriteTest, TruncateForgetsWhatLiesBeyond) {

@@ -570,7 +570,7 @@ Status Driver::readMany(std::int64_t page, std::int32_t count, std::uint32_t opt
     }
   }
   return check(fmt::format("readmany {} {} {}", page, count, options), actual, wanted,
-               Reports::numberless);
+               (options & qz::kContiguous) != 0 ? Reports::all : Reports::numberless);
 }
 
 // --- Writing
