@@ -19,28 +19,26 @@ class Checker {
     checkBlocks();
     checkTree();
     checkWriteBlock();
-    require(h_.heldCount == holds_, "heldCount {} for {} holds", h_.heldCount, holds_);
+    require(h_.heldCount == holds_, "another heldCount than holds", holds_);
     return broken_;
   }
 
  private:
-  template <class... Arguments>
-  void require(bool holds, fmt::format_string<Arguments...> text, Arguments&&... arguments) {
-    if (!holds && broken_.empty())
-      broken_ = fmt::format(text, std::forward<Arguments>(arguments)...);
+  void require(bool holds, const char* text, std::int64_t number = 0) {
+    if (!holds && broken_.empty()) broken_ = fmt::format("{} ({})", text, number);
   }
 
   // Calls visit for each record of a list, which must be linked both ways. A visit that finds a
   // record for the second time ends the walk.
   template <class Node, class Visit>
-  void walk(const char* name, const qz::List<Node>& list, Visit visit) {
+  void walk(const qz::List<Node>& list, Visit visit) {
     const Node* previous = nullptr;
     for (const Node* node = list.head; node != nullptr && broken_.empty(); node = node->next) {
-      require(node->prev == previous, "{}: not linked back", name);
+      require(node->prev == previous, "not linked back");
       visit(*node);
       previous = node;
     }
-    require(list.tail == previous, "{}: the tail is not the last record", name);
+    require(list.tail == previous, "the tail is not the last record");
   }
 
   void checkState() {
@@ -50,49 +48,47 @@ class Checker {
                 (h_.fd == -1 && h_.pageTree == nullptr && h_.lastBlock == nullptr &&
                  h_.writeBlock == nullptr && h_.pageBuffersAllocated == 0 &&
                  h_.blocksAllocated == 0 && h_.nextPage == 0),
-            "fd {}, buffers or cursors without a file", h_.fd);
+            "descriptor, buffers or cursors without a file", h_.fd);
   }
 
   void checkPages() {
-    const auto check = [this](const char* name, const qz::List<qz::PageBuffer>& list, int held) {
-      walk(name, list, [&](const qz::PageBuffer& buffer) {
-        require(pages_.insert(&buffer).second, "{}: on two lists", name);
+    const auto check = [this](const qz::List<qz::PageBuffer>& list, int held) {
+      walk(list, [&](const qz::PageBuffer& buffer) {
+        require(pages_.insert(&buffer).second, "page buffer listed twice", buffer.pageNumber);
         const int extra = buffer.extraHolds;
         require(buffer.held == held && (held == 1 ? extra >= 0 : extra == 0),
-                "{}: held {}, {} extra holds", name, buffer.held, extra);
+                "page buffer held otherwise than listed", buffer.pageNumber);
         holds_ += held + extra;
       });
     };
-    check("pageFreeList", h_.pageFreeList, 0);
-    check("pageHeldList", h_.pageHeldList, 1);
+    check(h_.pageFreeList, 0);
+    check(h_.pageHeldList, 1);
     require(h_.pageBuffersAllocated == static_cast<std::int64_t>(pages_.size()),
-            "{} page buffers counted, {} on lists", h_.pageBuffersAllocated, pages_.size());
+            "other page buffers counted than listed", h_.pageBuffersAllocated);
   }
 
   void checkBlocks() {
     // A read that came short and could not close the file leaves its block among the held ones.
     const bool open = (h_.stateFlags & qz::stateOpen) != 0;
-    const auto check = [&](const char* name, const qz::List<qz::BlockRecord>& list, bool held) {
-      walk(name, list, [&](const qz::BlockRecord& block) {
-        require(blocks_.insert(&block).second, "{}: on two lists", name);
-        require(
-            held ? block.holdCount > 0 || (block.holdCount == 0 && !open) : block.holdCount == 0,
-            "{}: holdCount {}", name, block.holdCount);
+    const auto check = [&](const qz::List<qz::BlockRecord>& list, bool held) {
+      walk(list, [&](const qz::BlockRecord& block) {
+        require(blocks_.insert(&block).second, "block listed twice", block.blockNumber);
+        require(held ? block.holdCount > (open ? 0 : -1) : block.holdCount == 0,
+                "block held otherwise than listed", block.blockNumber);
         const bool empty = block.blockNumber == 0;
         require(empty == (block.firstPage == 0) && empty == (block.lastPage == 0) &&
                     block.firstPage <= block.lastPage && block.dirtyPages == 0 &&
                     (empty || &list != &h_.blockAcquiredList),
-                "{}: block {} has pages {} to {}, {} of them dirty", name, block.blockNumber,
-                block.firstPage, block.lastPage, block.dirtyPages);
+                "block with other pages than its own", block.blockNumber);
         holds_ += static_cast<int>(block.holdCount);
       });
     };
-    check("blockFreeList", h_.blockFreeList, false);
-    check("blockHeldList", h_.blockHeldList, true);
-    check("blockAcquiredList", h_.blockAcquiredList, true);
+    check(h_.blockFreeList, false);
+    check(h_.blockHeldList, true);
+    check(h_.blockAcquiredList, true);
     require(h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1, "lastBlock is stray");
     const auto all = static_cast<std::int64_t>(blocks_.size()) + (h_.writeBlock != nullptr ? 1 : 0);
-    require(h_.blocksAllocated == all, "{} blocks counted, {} there", h_.blocksAllocated, all);
+    require(h_.blocksAllocated == all, "other blocks counted than there are", all);
   }
 
   // Every buffer with a page stands in the tree under it, and nothing else does.
@@ -101,14 +97,12 @@ class Checker {
     for (const qz::PageBuffer* buffer : pages_) {
       if (buffer->pageNumber == 0) continue;
       ++withPage;
-      require(h_.pageTree != nullptr, "page {} in a buffer without a tree", buffer->pageNumber);
-      if (h_.pageTree != nullptr) {
-        require(h_.pageTree->treeFind(&h_.pageTree->anchor, &buffer->pageNumber) == buffer,
-                "the tree has another buffer for page {}", buffer->pageNumber);
-      }
+      require(h_.pageTree != nullptr &&
+                  h_.pageTree->treeFind(&h_.pageTree->anchor, &buffer->pageNumber) == buffer,
+              "page not in the tree", buffer->pageNumber);
     }
     const std::size_t entries = h_.pageTree == nullptr ? 0 : entriesBelow(h_.pageTree->anchor.root);
-    require(entries == withPage, "{} tree entries for {} pages", entries, withPage);
+    require(entries == withPage, "entries in the tree without a buffer");
   }
 
   // The stand-in host links nodes through their first two words and tags the low bits.
@@ -135,8 +129,7 @@ class Checker {
                                        (block.firstPage - 1) % h_.pagesPerBlock == 0 &&
                                        block.lastPage == h_.pageCount;
     require(fits && block.dirtyPages == pages && block.holdCount == 0,
-            "write block {} to {} of {}, {} dirty, held {} times", block.firstPage, block.lastPage,
-            h_.pageCount, block.dirtyPages, block.holdCount);
+            "write block with other pages than the file's last", block.firstPage);
   }
 
   const qz::FileHandle& h_;
@@ -150,16 +143,12 @@ class Checker {
 
 std::string brokenInvariant(const qz::FileHandle& h, std::size_t moduleBlocks,
                             std::size_t bufferBlocks) {
-  std::string broken = Checker(h).broken();
-  if (!broken.empty()) return broken;
+  const std::string broken = Checker(h).broken();
   const auto pages = static_cast<std::size_t>(h.pageBuffersAllocated);
   const auto blocks = static_cast<std::size_t>(h.blocksAllocated);
   const std::size_t own = 2 + (h.fileName != nullptr ? 1 : 0) + pages + 2 * blocks;
-  if (moduleBlocks != own || bufferBlocks != pages + blocks) {
-    return fmt::format("pools have {} and {} blocks out, the handle accounts for {} and {}",
-                       moduleBlocks, bufferBlocks, own, pages + blocks);
-  }
-  return {};
+  const bool balanced = moduleBlocks == own && bufferBlocks == pages + blocks;
+  return broken.empty() && !balanced ? "pools have other blocks out than the handle" : broken;
 }
 
 }  // namespace qztest
