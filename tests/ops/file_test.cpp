@@ -29,14 +29,6 @@ TEST_F(WholeFileTest, HeaderIsPaddedOrWrittenWhole) {
            kShapeRows);
 }
 
-TEST_F(WholeFileTest, FlushWritesBackThenSyncs) {
-  play(R"(
-    flush -> !81E; open block 4; own 5; fail fsync!110 fsync#2!4 fsync#3!110
-    flush -> 808 pwrite 4096@20480 fsync!110 fsync!4 fsync!110 {!808}; own 6 7 8 9
-    fail pwrite fsync!28
-    flush -> 80F pwrite 4096@36864!5 lseek 36864 ftruncate 36864 fsync!28 {!808 !80F})");
-}
-
 int guardCalls = 0;
 
 TEST_F(WholeFileTest, CloseReleasesEverything) {
@@ -65,16 +57,9 @@ TEST_F(WholeFileTest, CloseReleasesEverything) {
   play("is fileSize 28672 firstBlockRead 0; close -> !81E");
 }
 
-TEST_F(WholeFileTest, CloseRemovesWhatIsAskedOrEmpty) {
-  playRows("file %1; settle buffered; set headerSize 0 writeAccess %2; open; close %3; bytes -> %4",
-           R"(
-0 0 | 0 | 0 | 0
-0 0 | 1 | 0 | -1
-2 0 | 2 | 0xFFFFFFFE | 8192)");
-}
-
 TEST_F(WholeFileTest, CloseFlushesFirstWhereAsked) {
   play(R"(
+    open buffered 2; close 0xFFFFFFFE; bytes -> 12288
     open block 4; set openOptions 0x300; own 5; close -> ok pwrite 4096@20480 fsync
     open block 4; set openOptions 0x300; read 1; own 5
     fail fsync; close -> 808 pwrite 4096@20480 fsync!5 {!808}
