@@ -75,12 +75,6 @@ TEST_F(WholeFileTest, CloseKeepsItsFirstFailure) {
     open block 4 2; own 5; fail pwrite!28 memFree#4*2!80FFE101
     close -> 80F pwrite 4096@20480!28 lseek 20480 ftruncate 20480 {!80F 4:80FFE101 4:80FFE101}
     is fd -1)");
-  for (const Shape shape : kShapes) {
-    openWith(shape, 4, 2);
-    std::string entries = "4:80FFE101";
-    for (int i = 1; i < (shape == Shape::block ? 9 : 6); ++i) entries += " 4:80FFE101";
-    play("fail memFree*!80FFE101; close -> 808 {" + entries + "}; is fd -1; fail");
-  }
   play(R"(
     open direct 4 2; fail fileClose!80FFE00D fileClose#2!80FFE00C; close -> 809
     lists -> free 0 0 0)");

@@ -57,15 +57,6 @@ TEST_F(UnusualTest, AddressesNearTheEndOfABlock) {
   play("open block 8; read 4 a; write 4 a+8 -> !814; give a");
 }
 
-// A held block that came short does not grow over an appended page. A second copy of the block has
-// it, and either serves the pages that both have.
-TEST_F(UnusualTest, AppendBehindABlockThatCameShort) {
-  playRows(R"(
-    open block 3 %1; fail pread=8292; read 1 a; fail; own 4:1; read 4:1 -> ok pread 16384@4096
-    own 5:1; read 5 b; give b; read 1:0 -> ok; give; give a; close)",
-           "3\n20");
-}
-
 // Where a host puts something in the place of the close, nothing of a block that came short stays
 // cached, unless it is held.
 TEST_F(UnusualTest, AShortPageWhoseCloseIsReplaced) {
