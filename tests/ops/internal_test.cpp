@@ -1,35 +1,35 @@
 // The four operations that the module calls itself go through the table, where a host may have
 // put another entry.
+#include <fmt/format.h>
+
 #include "script.h"
 
 namespace qztest {
 namespace {
 
 qz::OperationTable originals;
-std::string replaced;  // the calls of replaced entries, with their first argument
-
-// Puts an entry of that name before an operation.
-template <auto operation, class... Arguments>
-void replace(qz::Status (*&entry)(qz::FileHandle*, Arguments...), const char* name) {
-  static std::string called;
-  called = name;
-  entry = [](qz::FileHandle* file, Arguments... arguments) {
-    replaced += called;
-    if constexpr (sizeof...(arguments) == 2)
-      replaced += std::to_string(std::get<0>(std::tuple(arguments...))) + " ";
-    return (originals.*operation)(file, arguments...);
-  };
-}
+std::string replaced;  // the calls of replaced entries
 
 class InternalCallTest : public ScriptTest {
  protected:
   void SetUp() override {
-    qz::OperationTable& table = module->operations;
-    originals = table;
-    replace<&qz::OperationTable::qzpclose>(table.qzpclose, "close ");
-    replace<&qz::OperationTable::qzpinfo>(table.qzpinfo, "info ");
-    replace<&qz::OperationTable::qzptruncate>(table.qzptruncate, "truncate ");
-    replace<&qz::OperationTable::qzpflush>(table.qzpflush, "flush ");
+    originals = module->operations;
+    module->operations.qzpclose = [](qz::FileHandle* file, std::uint32_t flags, qz::Journal* j) {
+      replaced += fmt::format("close {} ", flags);
+      return originals.qzpclose(file, flags, j);
+    };
+    module->operations.qzpinfo = [](qz::FileHandle* file, qz::Journal* j) {
+      replaced += "info ";
+      return originals.qzpinfo(file, j);
+    };
+    module->operations.qzptruncate = [](qz::FileHandle* file, std::int64_t pages, qz::Journal* j) {
+      replaced += fmt::format("truncate {} ", pages);
+      return originals.qzptruncate(file, pages, j);
+    };
+    module->operations.qzpflush = [](qz::FileHandle* file, qz::Journal* j) {
+      replaced += "flush ";
+      return originals.qzpflush(file, j);
+    };
   }
 };
 
