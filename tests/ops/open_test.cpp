@@ -8,8 +8,6 @@
 namespace qztest {
 namespace {
 
-using qz::Status;
-
 class OpenTest : public ScriptTest {};
 
 TEST_F(OpenTest, HintsBecomeFlagsAndAccessMode) {
