@@ -35,7 +35,6 @@ void RecordMap::insert(std::uint64_t key, void* record) {
   std::size_t i = home(key);
   while (slots_[i].record != nullptr) i = next(i);
   slots_[i] = {key, record};
-  ++used_;
 }
 
 void RecordMap::erase(std::uint64_t key, const void* record) {
@@ -48,10 +47,11 @@ void RecordMap::erase(std::uint64_t key, const void* record) {
     if (fromHome >= fromGap) slots_[std::exchange(gap, i)] = slots_[i];
   }
   slots_[gap].record = nullptr;
-  --used_;
 }
 
 bool RecordIndex::reserve(const FileHandle& h, std::int64_t pageBuffers, std::int64_t blocks) {
+  roomForBuffers_ = pageBuffers;
+  roomForBlocks_ = blocks;
   const auto bufferEntries = static_cast<std::size_t>(pageBuffers);
   const auto blockEntries = static_cast<std::size_t>(blocks);
   pageShift_ = static_cast<int>(std::bit_width(static_cast<std::uint32_t>(h.pageSize) / 2));
@@ -62,11 +62,6 @@ bool RecordIndex::reserve(const FileHandle& h, std::int64_t pageBuffers, std::in
          blocksByNumber_.reserve(blockEntries);
 }
 
-// Where the blocks have room by address they have it by number: not each has one.
-bool RecordIndex::hasRoom() const {
-  return buffersByAddress_.hasRoom(1) && blocksByAddress_.hasRoom(kStretchesOfBlock);
-}
-
 template <class Visit>
 void RecordIndex::visitStretches(const BlockRecord& block, Visit visit) const {
   const std::uint64_t last = keyOf(block.data + blockBytes_ - 1) >> blockShift_;
@@ -74,19 +69,23 @@ void RecordIndex::visitStretches(const BlockRecord& block, Visit visit) const {
 }
 
 void RecordIndex::add(PageBuffer* buffer) {
+  --roomForBuffers_;
   buffersByAddress_.insert(keyOf(buffer->data) >> pageShift_, buffer);
 }
 
 void RecordIndex::remove(PageBuffer* buffer) {
+  ++roomForBuffers_;
   buffersByAddress_.erase(keyOf(buffer->data) >> pageShift_, buffer);
 }
 
 void RecordIndex::add(BlockRecord* block) {
+  --roomForBlocks_;
   visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.insert(stretch, block); });
   if (block->blockNumber != 0) blocksByNumber_.insert(keyOf(block->blockNumber), block);
 }
 
 void RecordIndex::remove(BlockRecord* block) {
+  ++roomForBlocks_;
   visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.erase(stretch, block); });
   if (block->blockNumber != 0) blocksByNumber_.erase(keyOf(block->blockNumber), block);
 }

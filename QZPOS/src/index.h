@@ -27,11 +27,7 @@ class RecordMap {
   // Makes room for this many entries; once, before anything else. False: no memory.
   bool reserve(std::size_t entries);
 
-  [[nodiscard]] bool hasRoom(std::size_t entries) const {
-    return (used_ + entries) * 2 <= slotCount_;
-  }
-
-  // There must be room.
+  // No more entries at a time than there is room for.
   void insert(std::uint64_t key, void* record);
   // The record must be there, under that key.
   void erase(std::uint64_t key, const void* record);
@@ -60,7 +56,6 @@ class RecordMap {
 
   Slot* slots_ = nullptr;
   std::size_t slotCount_ = 0;  // a power of two
-  std::size_t used_ = 0;
   int homeShift_ = 0;
 };
 
@@ -70,7 +65,7 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   bool reserve(const FileHandle& h, std::int64_t pageBuffers, std::int64_t blocks);
 
   // Room for one more record of either shape.
-  [[nodiscard]] bool hasRoom() const;
+  [[nodiscard]] bool hasRoom() const { return roomForBuffers_ > 0 && roomForBlocks_ > 0; }
 
   void add(PageBuffer* buffer);
   void add(BlockRecord* block);
@@ -119,6 +114,8 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   RecordMap buffersByAddress_;
   RecordMap blocksByAddress_;
   RecordMap blocksByNumber_;
+  std::int64_t roomForBuffers_ = 0;
+  std::int64_t roomForBlocks_ = 0;
   std::int32_t blockBytes_ = 0;
   int pageShift_ = 0;  // of an address to the number of its stretch
   int blockShift_ = 0;

@@ -143,8 +143,7 @@ class ManyBuffers {
 class BareBuffers {
  public:
   BareBuffers(const std::string& path, Shape shape, std::size_t held)
-      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)),
-        ring_(held, kPageSize) {
+      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)), ring_(held, kPageSize) {
     for (std::size_t i = 0; i < held; ++i) free_.push_back(ring_.at(i));
   }
 

@@ -43,10 +43,10 @@ void checkOutput(const std::string& path, const Geometry& geometry) {
 
 // Has the input in the page cache, and room for the output in memory that was in use just now: a
 // machine under another one has to ask that one for pages that it has not used for some seconds.
+// Takes as much memory as the file has bytes.
 void settleMemory(const std::string& input, const Geometry& geometry) {
-  Ring(static_cast<std::size_t>(geometry.pages), kPageSize);
   const Descriptor file(input, O_RDONLY);
-  const Ring ring(1, kPageSize);
+  const Ring ring(static_cast<std::size_t>(geometry.pages), kPageSize);
   while (const ssize_t bytes = read(file.get(), ring.at(0), kPageSize)) {
     if (bytes < 0) failWithErrno(input);
   }
