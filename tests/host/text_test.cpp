@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdarg>
 #include <cstdint>
 #include <iterator>
 #include <map>
@@ -11,8 +10,7 @@
 #include <set>
 #include <string>
 
-#include "qzpos.h"
-#include "qzstandin.h"
+#include "qziop.hpp"
 
 namespace {
 
@@ -40,35 +38,19 @@ TEST(CatalogueTest, EveryStatusHasItsOwnTextAndOnlyItsInserts) {
   EXPECT_NE(qz::statusText(0x80FFE016).find("0x80FFE016"), std::string::npos);
 }
 
-// Hands the arguments behind the first two to `use` as an argument list.
-template <class Use>
-HostStatus withInserts(Use use, int before, ...) {
-  std::va_list inserts;
-  va_start(inserts, before);
-  const HostStatus status = use(inserts);
-  va_end(inserts);
-  return status;
-}
-
 struct JournalTest : testing::Test {
-  auto message(std::u32string_view text) {
-    return [this, text](std::va_list inserts) {
-      return journal.messageToJnl(&journal, JournalLevel::note, text.data(),
-                                  static_cast<std::uint32_t>(text.size()), inserts);
-    };
-  }
-  auto entry(std::uint32_t status) {
-    return [this, status](std::va_list inserts) {
-      return journal.statusToJnl(&journal, JournalLevel::error, status, inserts);
-    };
-  }
-  auto line(std::uint32_t status) {
-    return [this, status](std::va_list inserts) {
-      return journal.statusToBuf(&journal, status, buffer.data(),
-                                 static_cast<std::uint32_t>(buffer.size()), &added, inserts);
-    };
+  // The module's own ways to a journal: they make lists of the arguments behind the others.
+  template <class Function>
+  Function* exported(const char* name) const {
+    return reinterpret_cast<Function*>(module->symbol(name));
   }
 
+  qz::StandInHost host;
+  qz::Result<qz::Module> module = qz::Module::load(host.handle(), nullptr, QZIOP_MODULE);
+  decltype(qzlMessageToBuf)* messageToBuf = exported<decltype(qzlMessageToBuf)>("qzlMessageToBuf");
+  decltype(qzlMessageToJnl)* messageToJnl = exported<decltype(qzlMessageToJnl)>("qzlMessageToJnl");
+  decltype(qzlStatusToBuf)* statusToBuf = exported<decltype(qzlStatusToBuf)>("qzlStatusToBuf");
+  decltype(qzlStatusToJnl)* statusToJnl = exported<decltype(qzlStatusToJnl)>("qzlStatusToJnl");
   qz::StandInJournal journal;
   std::u32string buffer = std::u32string(1024, U'#');
   std::uint32_t added = 99;
@@ -76,8 +58,13 @@ struct JournalTest : testing::Test {
 
 TEST_F(JournalTest, FillsInInserts) {
   const char32_t* const none = nullptr;
-  EXPECT_EQ(withInserts(message(U"%s|%s|%d|%d|100%%|%x|%"), 0, U"a%s%n", none, -7, INT32_MAX), 0U);
-  EXPECT_EQ(withInserts(entry(0x803FC821), 0, U"Read Access: \u00E9", U"/d/\U0001F4BE"), 0U);
+  const std::u32string text = U"%s|%s|%d|%d|100%%|%x|%";
+  EXPECT_EQ(messageToJnl(&journal, JournalLevel::note, text.data(),
+                         static_cast<std::uint32_t>(text.size()), U"a%s%n", none, -7, INT32_MAX),
+            0U);
+  EXPECT_EQ(statusToJnl(&journal, JournalLevel::error, 0x803FC821, U"Read Access: \u00E9",
+                        U"/d/\U0001F4BE"),
+            0U);
   const auto entries = journal.entries();
   ASSERT_EQ(entries.size(), 2U);
   EXPECT_EQ(entries[0].text, "a%s%n|(no name)|-7|2147483647|100%|%x|%");
@@ -85,18 +72,13 @@ TEST_F(JournalTest, FillsInInserts) {
   EXPECT_EQ(entries[1].text, "Read Access: \u00E9 [file /d/\U0001F4BE]");
   EXPECT_EQ(entries[1].status, 0x803FC821U);
   EXPECT_EQ(entries[1].level, JournalLevel::error);
-  const auto toBuffer = [this](std::va_list inserts) {
-    const auto word = [](const void* place) { return reinterpret_cast<qz::Word>(place); };
-    return journal.messageToBuf(&journal, word(U"<%s>"), 4, word(buffer.data()), 1024, word(&added),
-                                inserts);
-  };
-  EXPECT_EQ(withInserts(toBuffer, 0, U"100%s"), 0U);
+  const auto word = [](const void* place) { return reinterpret_cast<qz::Word>(place); };
+  EXPECT_EQ(
+      messageToBuf(&journal, word(U"<%s>"), 4, word(buffer.data()), 1024, word(&added), U"100%s"),
+      0U);
   EXPECT_EQ(buffer.substr(0, added), U"<100%%s>") << "a text once more, not a format";
-  journal.clear();
-  EXPECT_EQ(withInserts(message(std::u32string_view(nullptr, 0)), 0), 0U);
-  EXPECT_EQ(journal.messageToJnl(&journal, JournalLevel::note, nullptr, 3, nullptr),
-            qz::hostBadText);
-  EXPECT_EQ(journal.entries().size(), 1U);
+  EXPECT_EQ(messageToJnl(&journal, JournalLevel::note, nullptr, 0), 0U);
+  EXPECT_EQ(messageToJnl(&journal, JournalLevel::note, nullptr, 3), qz::hostBadText);
 }
 
 TEST_F(JournalTest, ATextThatDoesNotFitIsRefusedWhole) {
@@ -105,7 +87,8 @@ TEST_F(JournalTest, ATextThatDoesNotFitIsRefusedWhole) {
   for (const std::uint32_t capacity : {0U, 1U, needed - 1, needed}) {
     buffer.assign(capacity, U'#');
     const bool fits = capacity == needed;
-    EXPECT_EQ(withInserts(line(kFileNameLine), 0, name.c_str()), fits ? 0U : qz::hostTextTooLong);
+    EXPECT_EQ(statusToBuf(&journal, kFileNameLine, buffer.data(), capacity, &added, name.c_str()),
+              fits ? 0U : qz::hostTextTooLong);
     EXPECT_EQ(added, fits ? needed : 0U);
     EXPECT_TRUE(fits || buffer == std::u32string(capacity, U'#'));
   }
