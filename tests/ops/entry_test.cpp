@@ -54,8 +54,8 @@ TEST(Library, IsHardenedAndVersioned) {
 
 class EntryTest : public ScriptTest {
  protected:
-  qz::ExtensionObject* enter(std::vector<Fault> faults) {
-    calls().plan(std::move(faults));
+  qz::ExtensionObject* enter(const std::string& faults) {
+    play("fail " + faults);
     calls().clear();
     recorder.entries.clear();
     return Library::get().qziop(host.handle(), journal);
@@ -84,77 +84,63 @@ TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
   const std::string made =
       fmt::format("poolCreate:m poolCreate:b memAlloc:m{}", sizeof(qz::ExtensionObject));
   const std::string services = made + " extensionLoad:e converterCreate:c!";
-  const struct {
-    Fault fault;
-    std::string hostCalls;
-    const char *journal, *refused;  // entries; those where releases are refused
-  } rows[] = {
-      {{Call::poolCreate, 1}, "poolCreate:m!", "", ""},
-      {{Call::poolCreate, 2}, "poolCreate:m poolCreate:b! destroy:m", "", "4:00000002"},
-      {{Call::memAlloc}, made + "! destroy:b destroy:m", "4:002", "4:002 4:00000002 4:00000002"},
-      {{Call::extensionLoad},
-       made + " extensionLoad:e! memFree:m destroy:b destroy:m",
-       "",
+  const std::string undone = " memFree:m destroy:b destroy:m";
+  // The calls; the journal's entries; those where releases are refused.
+  const std::array<std::string, 4> rows[] = {
+      {"poolCreate", "poolCreate:m!", "", ""},
+      {"poolCreate#2", "poolCreate:m poolCreate:b! destroy:m", "", "4:00000002"},
+      {"memAlloc", made + "! destroy:b destroy:m", "4:002", "4:002 4:00000002 4:00000002"},
+      {"extensionLoad", made + " extensionLoad:e!" + undone, "",
        "4:00000001 4:00000002 4:00000002"},
-      {{Call::converterCreate},
-       services + " destroy:e memFree:m destroy:b destroy:m",
-       "",
-       "4:00000002 4:00000001 4:00000002 4:00000002"},
-  };
-  const Fault noDestroy{Call::destroy, 1, kEveryLater, -1, 2};
-  const Fault noFree{Call::memFree, 1, kEveryLater, -1, 1};
-  for (const auto& row : rows) {
-    EXPECT_EQ(enter({row.fault}), nullptr);
-    EXPECT_EQ(calls().hostCalls(), row.hostCalls);
-    EXPECT_EQ(recorder.entries, row.journal);
-    EXPECT_EQ(enter({row.fault, noDestroy, noFree}), nullptr);
-    EXPECT_EQ(recorder.entries, row.refused);
+      {"converterCreate", services + " destroy:e" + undone, "",
+       "4:00000002 4:00000001 4:00000002 4:00000002"}};
+  for (const auto& [fault, hostCalls, journalled, refused] : rows) {
+    EXPECT_EQ(enter(fault), nullptr);
+    EXPECT_EQ(calls().hostCalls(), hostCalls);
+    EXPECT_EQ(recorder.entries, journalled);
+    EXPECT_EQ(enter(fault + " destroy*!2 memFree*!1"), nullptr);
+    EXPECT_EQ(recorder.entries, refused);
     journal = nullptr;
-    EXPECT_EQ(enter({row.fault}), nullptr);
+    EXPECT_EQ(enter(fault), nullptr);
     EXPECT_EQ(recorder.entries, "");
     journal = &recorder;
   }
 }
 
 TEST_F(EntryTest, DestroyReleasesAllAndReturnsTheModulePoolsStatus) {
-  for (const int failing : {0, 1, 2, 3, 4}) {
-    qz::ExtensionObject* second = enter({});
+  const std::pair<std::string, std::string> rows[] = {
+      {"", "destroy:c destroy:e destroy:b memFree:m destroy:m"},
+      {"destroy*3!80FFE102", "destroy:c! destroy:e! destroy:b! memFree:m destroy:m"},
+      {"destroy#4!80FFE102", "destroy:c destroy:e destroy:b memFree:m destroy:m!"}};
+  for (const auto& [faults, hostCalls] : rows) {
+    qz::ExtensionObject* second = enter("");
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(calls().at(Call::poolCreate, 0).offset, 0);
     EXPECT_EQ(calls().at(Call::poolCreate, 1).offset, 0x100000);
     calls().clear();
-    calls().plan({{Call::destroy, failing, 1, -1, 0x80FFE102}});
-    EXPECT_EQ(second->qzpdestroy(second), failing == 4 ? 0x80FFE102 : 0);
-    std::string trace = calls().hostCalls();
-    trace.erase(std::remove(trace.begin(), trace.end(), '!'), trace.end());
-    EXPECT_EQ(trace, "destroy:c destroy:e destroy:b memFree:m destroy:m");
+    play("fail " + faults);
+    EXPECT_EQ(second->qzpdestroy(second), hostCalls.back() == '!' ? 0x80FFE102 : 0);
+    EXPECT_EQ(calls().hostCalls(), hostCalls);
     EXPECT_EQ(recorder.entries, "");
   }
 }
 
-template <class Function>
-Function* service(const char* name) {
-  return reinterpret_cast<Function*>(Library::get().symbol(name));
-}
-
-std::string waited;  // what was waited for, and how
+qz::Task tasks[3];
 qz::Task* currentTask = nullptr;
+std::string waited;  // which task, and how
 
+// The other services are seen with the host's own journal.
 TEST(Wait, ResolvesItsTask) {
   // The flag as a full word: only its low byte may arrive.
-  auto* const wait =
-      service<qz::HostStatus(void*, qz::Word, qz::Word, qz::Word, unsigned, unsigned)>("qzWait");
-  qz::Task tasks[3]{};
+  using Wait = qz::HostStatus(void*, qz::Word, qz::Word, qz::Word, unsigned, unsigned);
+  auto* const wait = reinterpret_cast<Wait*>(Library::get().symbol("qzWait"));
   for (qz::Task& task : tasks) {
     task.taskWait = [](qz::Task* self, qz::Word a1, qz::Word a2, qz::Word a3, std::uint8_t flag,
                        std::uint32_t time) -> qz::HostStatus {
-      waited = fmt::format("{} {} {} {} {} {}", fmt::ptr(self), a1, a2, a3, flag, time);
+      waited += fmt::format("{}: {} {} {} {} {};", self - tasks, a1, a2, a3, flag, time);
       return 77;
     };
   }
-  const auto waitedFor = [](const qz::Task& task) {
-    return waited == fmt::format("{} 1 2 3 254 4", fmt::ptr(&task));
-  };
   qz::QZHandle host{};
   host.currentTask = [](qz::QZHandle*) { return currentTask; };
   for (qz::QZHandle* const known : {static_cast<qz::QZHandle*>(nullptr), &host}) {
@@ -162,31 +148,12 @@ TEST(Wait, ResolvesItsTask) {
     EXPECT_EQ(*Library::get().exportedHandle, known);
     EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), 0x803FC009);
   }
-  EXPECT_EQ(waited, "");
   host.mainTask = &tasks[1];
-  EXPECT_TRUE(wait(&host, 1, 2, 3, 0x1FE, 4) == 77 && waitedFor(tasks[1]));
+  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), 77);
   currentTask = tasks;
-  EXPECT_TRUE(wait(&host, 1, 2, 3, 0x1FE, 4) == 77 && waitedFor(tasks[0]));
-  EXPECT_TRUE(wait(&tasks[2], 1, 2, 3, 0x1FE, 4) == 77 && waitedFor(tasks[2]));
-}
-
-TEST(Forwarding, HandsArgumentsOnAndResultsBack) {
-  ShortJournal journal;
-  journal.fileName = U"f";
-  journal.messageResult = 77;
-  char32_t buffer[8];
-  std::uint32_t length = 0;
-  const auto level = qz::JournalLevel::note;
-  EXPECT_EQ(service<decltype(qzlMessageToBuf)>("qzlMessageToBuf")(&journal, 1, 2, 3, 4, 5, 6),
-            qz::hostBadText);
-  EXPECT_EQ(service<decltype(qzlMessageToJnl)>("qzlMessageToJnl")(&journal, level, U"a %d %s", 7, 5,
-                                                                  U"f"),
-            77U);
-  service<decltype(qzlStatusToJnl)>("qzlStatusToJnl")(&journal, level, 0x803FC824, U"f");
-  EXPECT_EQ(journal.entries, "buf123456 2:a 5 ~ 2:824(~)");
-  EXPECT_EQ(service<decltype(qzlStatusToBuf)>("qzlStatusToBuf")(&journal, 0x803FC825, buffer, 2,
-                                                                &length, U"g"),
-            qz::hostTextTooLong);
+  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), 77);
+  EXPECT_EQ(wait(&tasks[2], 1, 2, 3, 0x1FE, 4), 77);
+  EXPECT_EQ(waited, "1: 1 2 3 254 4;0: 1 2 3 254 4;2: 1 2 3 254 4;");
 }
 
 // A report is the status's text and the line with the file's name in one message, in a buffer
