@@ -154,7 +154,6 @@ TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
     SCOPED_TRACE(testing::Message() << c.held << " to " << c.wanted << ": " << c.status);
     HostFile* file = open("data", c.flags, c.held);
     ASSERT_NE(file, nullptr);
-    EXPECT_EQ(parameters.systemErrno, 0);
     HostFile* other = c.sharedElsewhere ? open("data", read, kShared) : nullptr;
     expectLock(c.held, c.sharedElsewhere);
     const qz::FileInfo* info = file->fileInfo;
@@ -182,36 +181,32 @@ TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
 TEST_F(FilesTest, WithoutDescriptorsAReopenKeepsTheOldOne) {
   HostFile* file = open("data", read, kShared);
   ASSERT_NE(file, nullptr);
-  EXPECT_EQ(host.liveObjects(), 1U);
-  const int fd = file->fileInfo->fd;
   rlimit limit = {};
   getrlimit(RLIMIT_NOFILE, &limit);
   const rlimit none = {0, limit.rlim_max};
   setrlimit(RLIMIT_NOFILE, &none);
-  EXPECT_EQ(open("data", read, kUnlocked), nullptr);
-  EXPECT_EQ(status, qz::hostNoDescriptor);
+  EXPECT_EQ(otherOpen(read, kUnlocked), qz::hostNoDescriptor);
   EXPECT_EQ(reopen(file, both, kExclusive), qz::hostNoDescriptor);
   EXPECT_EQ(parameters.systemErrno, EMFILE);
   setrlimit(RLIMIT_NOFILE, &limit);
-  EXPECT_EQ(file->fileInfo->fd, fd);
-  EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-  fs::rename(path("data"), path("moved"));  // the same file, whatever it is called
-  make("data", 77);
-  EXPECT_EQ(reopen(file, both | O_CREAT | O_TRUNC, kExclusive), 0U);
-  EXPECT_EQ(file->fileInfo->size, 5);
+  EXPECT_EQ(fcntl(file->fileInfo->fd, F_GETFL) & O_ACCMODE, O_RDONLY);
   EXPECT_EQ(close_(file), 0U);
 }
 
-TEST_F(FilesTest, RemovesOnlyTheFileThatIsOpen) {
+// Reopens and removes the file that is open, whatever its name stands for by now.
+TEST_F(FilesTest, NamesAreOnlyWaysToTheFile) {
   fs::remove(path("data"));
   HostFile* file = open("data", both | O_CREAT, kExclusive);
   ASSERT_NE(file, nullptr);
   EXPECT_EQ(fs::status(path("data")).permissions(), fs::perms{0600});
   fs::rename(path("data"), path("moved"));
   EXPECT_EQ(close_(file, true), qz::hostNotRemoved);
+  make("moved", 5);
   make("data", 1);
-  EXPECT_EQ(close_(file, true), qz::hostNotRemoved) << "another file by now";
-  EXPECT_TRUE(fs::exists(path("data")));
+  EXPECT_EQ(reopen(file, both | O_CREAT | O_TRUNC, kExclusive), 0U);
+  EXPECT_EQ(file->fileInfo->size, 5);
+  EXPECT_EQ(close_(file, true), qz::hostNotRemoved);
+  EXPECT_EQ(fs::file_size(path("data")), 1);
   ASSERT_EQ(journal.entries().size(), 2U);
   EXPECT_NE(journal.entries()[1].text.find("[file " + path("data") + "]"), std::string::npos);
   EXPECT_NE(fcntl(file->fileInfo->fd, F_GETFD), -1) << "still open";
