@@ -1,0 +1,121 @@
+// Reading pages one by one and in runs, writing them, and cutting the file.
+#include "script.h"
+
+namespace qztest {
+namespace {
+
+class PagesTest : public ScriptTest {};
+
+TEST_F(PagesTest, SequentialReadersFollowTheOrderOrRestart) {
+  playRows(R"(
+    settle block; file 5; set readAccess 1 sequentialStartPage %1; open; touch 1 2 3
+    read 5 -> !812; touch %2; set lastPageRead 5; read 6 -> 80B; close)",
+           "0 | 1\n3 | 3");
+}
+
+TEST_F(PagesTest, OneTransferForAPageOrABlock) {
+  playRows(R"(
+    open %1 10; read 6:0 -> ok pread %2; host ->; count getenv 0
+    is ownAllocations 0 lastPageRead 6 readLength %3 nextPage %4 firstBlockRead %5; write 6
+    read 6 -> ok%6; read 7 -> ok%7; read 10:0 -> ok pread %8; is firstBlockRead %5; close)",
+           R"(
+buffered | 4096@24576 | 0 | 1 | 0 |  |  pread 4096@28672 | 4096@40960
+direct | 4096@24576 | 0 | 1 | 0 |  |  pread 4096@28672 | 4096@40960
+block | 16384@20480 | 4096 | 9 | 2 |  pread 16384@20480 |  | 16384@36864=8192)");
+}
+
+// A failure is judged again without a call, until another read takes its buffer.
+TEST_F(PagesTest, PageModeKeepsFailures) {
+  play(R"(
+    open direct 3; fail pread; read 2 -> 808 pread 4096@8192!5 {!808}; set lastErrno 77
+    read 2 -> !808; is lastErrno 77; lists -> free 2=-1 0 0 0; fail
+    read 1:0 -> ok pread 4096@4096; read 2:0 -> ok pread 4096@8192)");
+}
+
+// The bytes that came are told in page mode only.
+TEST_F(PagesTest, ShortPagesTellTheirBytes) {
+  playRows("open %1 3; cut 12388; read 3 -> 818 pread %2 {!818}; is readLength %3 fd -1", R"(
+direct | 4096@12288=100 | 100
+block | 16384@4096=8292 | 0)");
+}
+
+TEST_F(PagesTest, RunsGoStraightToTheCaller) {
+  play("read 0 -> !81E; many 1 1 0 -> !81E");
+  settle(Shape::buffered);
+  makeFile(2600);
+  for (const Shape shape : kShapes) {
+    settle(shape);
+    play("open");
+    playRows("set nextPage 1; many %1 %2 %3 -> %4; is nextPage %5", R"(
+1 | 524288 | 8 | !80C | 1
+3 | 2500 | 0 | ok lseek 12288 readv 1024 readv 1024 readv 452 | 2503
+2 | 1024 | 7 | ok lseek 8192 readv 1024 | 1026
+4 | 2 | 8 | ok pread 8192@16384 | 6
+2599 | 5 | 9 | ok pread 20480@10645504=8192 | 2604
+2599 | 5 | 0 | ok lseek 10645504 readv 5 | 2604)");
+    play("host ->; close");
+  }
+}
+
+TEST_F(PagesTest, FailedRunsTellHowFarTheyCame) {
+  playRows("open buffered 2100; fail %1; many 1 2100 0 -> %2; is lastErrno 0 nextPage %3; close",
+           R"(
+lseek | 808 lseek 4096!5 {!808} | 1
+readv#2!4 | 808 lseek 4096 readv 1024 readv 1024!4 {!808} | 1025
+readv#3=half | ok lseek 4096 readv 1024 readv 1024 readv 52 | 2101)");
+}
+
+// The caller's own memory replaces a copy that nobody holds, and leaves a held one as it is.
+TEST_F(PagesTest, PageModeWritesAtOnceAndKeepsTheCopy) {
+  play(R"(
+    open direct 7; read 7 a; write 7:1 a -> ok pwrite 4096@28672; host ->; count getenv 0
+    is ownAllocations 0; lists -> free 0 0 0 7; write 7 a -> !814; read 7:1 -> ok
+    own 7:2; has it 7:1; write 7:3; own 7:2; read 7:2 -> ok pread 4096@28672)");
+}
+
+// Another buffer's write reaches the held block, and lets it grow by the page after its last; a
+// free copy of the block is emptied where it lies.
+TEST_F(PagesTest, BlockModeEndsHoldsAndUpdatesBlocks) {
+  play(R"(
+    open block 7; read 5 a; read 6 b; own 6:1 -> ok pwrite 4096@24576; has b 6:1
+    own 8:1 -> ok pwrite 4096@32768; lists -> blocks 0 0 heldBlocks 5-8x2 write 0-0; has a+12288 8:1
+    read 8 -> ok; write 8 -> ok pwrite 4096@32768; write 6 b -> ok pwrite 4096@24576
+    lists -> blocks 0 0 heldBlocks 5-8 write 0-0; write 5 a -> ok pwrite 4096@20480
+    lists -> blocks 0 0 0 write 0-0
+    touch 1; acquire; write 3:5 -> ok pwrite 4096@12288; lists -> blocks 0 0 0/1 write 0-0
+    is heldCount 0; read 3:5 -> ok pread 16384@4096)");
+}
+
+// An address inside the write block ends no hold.
+TEST_F(PagesTest, BlockModeRewritesCollectedPagesInPlace) {
+  play(R"(
+    open block 8; own 9 10; acquire; write 9:2 -> ok; is heldCount 0; write 10:2 wb+4096 -> ok
+    write 8 wb+4096 -> !814; write 11 wb+4096 -> !814; flush -> ok pwrite 8192@36864 fsync
+    disk 9:2 10:2; write 10 wb+4096 -> !814; acquire; write 11 -> ok pwrite 4096@45056)");
+}
+
+TEST_F(PagesTest, UnalignedMemoryBouncesUnderDirectIo) {
+  const CallerMemory memory = callerMemory(2LL * kPage);
+  for (const Shape shape : kShapes) {
+    openWith(shape, 3);
+    const char* const bounce = shape == Shape::buffered ? "" : "memAlloc:b4096z memFree:b";
+    for (const std::int32_t shift : {0, 8, 512}) {
+      EXPECT_EQ(did(write(2, memory.get() + shift, kOwn)), "ok pwrite 4096@8192");
+      EXPECT_EQ(calls().hostCalls(), shift == 0 ? "" : bounce);
+    }
+    calls().plan({{Call::memFree, 1, 1, -1, 0x80FFE101}});
+    EXPECT_EQ(did(write(2, memory.get() + 8, kOwn)), "ok pwrite 4096@8192");
+    play("fail; close");
+  }
+}
+
+TEST_F(PagesTest, TruncateForgetsWhatLiesBeyond) {
+  play(R"(
+    open block 16 4; touch 1 5 9 13; truncate 10; lists -> blocks 0/1 1-4/1 5-8/1 9-10/1 write 0-0
+    read 10 -> ok; give; truncate 8; lists -> blocks 0/3 0/1 1-4/1 5-8/1 write 0-0; touch 6 -> ok
+    close; open buffered 6 3; rewrite 2:1 4:1 6:1; read 6 a; truncate 3; touch 2 -> ok
+    own 4:2 5:2 6:2; read 4:2 -> ok pread 4096@16384; has a 6:1)");
+}
+
+}  // namespace
+}  // namespace qztest
