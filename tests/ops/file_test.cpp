@@ -135,14 +135,5 @@ TEST_F(WholeFileTest, ReopenFromBlocksToPages) {
     reopen block; lists -> held 0 blocks 0 0 0 write 0-0; read 10 -> ok pread 16384@36864=8192)");
 }
 
-// Nothing is handed out after a change of shape that stopped half-way.
-TEST_F(WholeFileTest, HalfWayReopenServesNothing) {
-  playRows("open %1 8 2; read 1 a; fail %3; reopen %2 -> %4; fail; read 2 -> !80D; close",
-           R"(
-buffered | block | memFree!80FFE101 | 808 {4:80FFE101}
-block | buffered | memFree!80FFE101 | 808 {4:80FFE101}
-block | buffered | treeCreate | 002 {4:002})");
-}
-
 }  // namespace
 }  // namespace qztest
