@@ -8,14 +8,7 @@
 namespace qztest {
 namespace {
 
-class WholeFileTest : public ScriptTest {
- protected:
-  // The last operation's host calls, up to the first allocation.
-  static std::string releases() {
-    const std::string made = calls().hostCalls();
-    return made.substr(0, made.find(" memAlloc"));
-  }
-};
+class WholeFileTest : public ScriptTest {};
 
 TEST_F(WholeFileTest, HeaderIsPaddedOrWrittenWhole) {
   playRows(R"(
@@ -107,25 +100,13 @@ TEST_F(WholeFileTest, ReopenAppliesHints) {
     is openOptions 0x00250202)");
 }
 
-TEST_F(WholeFileTest, ReopenFromPagesToBlocks) {
-  for (const Shape shape : {Shape::buffered, Shape::direct}) {
-    openWith(shape, 8, 3);
-    play("read 2 a; read 4 b; rewrite 3:1; reopen block -> ok");
-    EXPECT_EQ(releases(), "fileReopen:4002@5 destroy:t memFree:b memFree:m memFree:b memFree:m");
-    play(R"(
-      lists -> held 0 0 blocks 0 0 0 write 0-0; is heldCount 2
-      write 2:7 a -> ok pwrite 4096@8192; read 2:7 -> ok pread 16384@4096
-      give b; host -> memFree:b memFree:m memFree:b memFree:m; give b -> !814; close)");
-  }
-}
-
 TEST_F(WholeFileTest, ReopenFromBlocksToPages) {
   play(R"(
     open block 8 3; read 1 a; read 2 b; acquire c; own 9:1
     reopen direct -> ok pwrite 4096@36864)");
-  EXPECT_EQ(releases(),
-            "fileReopen:4002@5 memFree:m memFree:b memFree:m memFree:m memFree:b memFree:m "
-            "treeCreate:t");
+  const std::string released =
+      "fileReopen:4002@5 memFree:m memFree:b memFree:m memFree:m memFree:b memFree:m treeCreate:t ";
+  EXPECT_EQ(calls().hostCalls().find(released), 0) << calls().hostCalls();
   EXPECT_EQ(h->lastBlock, nullptr);
   play(R"(
     lists -> free 0 0 0 0 heldBlocks 1-4x2 acquired 0; is heldCount 3

@@ -38,15 +38,12 @@ TEST_F(OpenTest, HostStatusesAreMapped) {
   play("open -> 801");
 }
 
-TEST_F(OpenTest, DirectIoFallsBackToBuffered) {
+TEST_F(OpenTest, RefusedDirectIoAndBusyFilesAreTriedAgain) {
   play(R"(
     settle block; file 2; fail fileOpen*2!80FFE002=22; open -> 808
     host -> fileOpen:4002@5! fileOpen:2@5!)");
-}
-
-TEST_F(OpenTest, BusyFilesAreWaitedForByTheHost) {
-  Library::get().qzextent(nullptr);
-  play("settle direct; file 2; set openRetryCount 5; fail fileOpen*2!80FFE011=0; open -> 807");
+  Library::get().qzextent(nullptr);  // nobody to wait with
+  play("settle direct; set openRetryCount 5; fail fileOpen*2!80FFE011=0; open -> 807");
   Library::get().qzextent(host.handle());
 }
 
