@@ -145,7 +145,7 @@ TEST(Wait, ResolvesItsTask) {
   host.currentTask = [](qz::QZHandle*) { return currentTask; };
   for (qz::QZHandle* const known : {static_cast<qz::QZHandle*>(nullptr), &host}) {
     EXPECT_EQ(Library::get().qzextent(known), 0U);
-    EXPECT_EQ(*Library::get().exportedHandle, known);
+    EXPECT_EQ(*static_cast<qz::QZHandle**>(Library::get().symbol("Exported_QZHandle")), known);
     EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), 0x803FC009);
   }
   host.mainTask = &tasks[1];

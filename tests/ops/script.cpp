@@ -11,8 +11,6 @@
 
 namespace qztest {
 
-using qz::Status;
-
 // The words of a step, taken one after another.
 class ScriptTest::Words : public std::istringstream {
  public:
@@ -38,10 +36,9 @@ class ScriptTest::Words : public std::istringstream {
 namespace {
 
 Shape shapeOf(const std::string& name) {
-  for (const Shape shape : kShapes) {
-    if (name == nameOf(shape)) return shape;
-  }
-  throw std::invalid_argument("no shape: " + name);
+  static const std::map<std::string, Shape> shapes = {
+      {"buffered", Shape::buffered}, {"direct", Shape::direct}, {"block", Shape::block}};
+  return shapes.at(name);
 }
 
 Call callOf(const std::string& name) {
@@ -124,6 +121,15 @@ std::map<std::string, Field> fieldsOf(qz::FileHandle& h) {
 #undef FIELD
 }
 
+std::string listsOf(const qz::FileHandle& h) {
+  std::string text = shown("free", h.pageFreeList) + shown("held", h.pageHeldList) +
+                     shown("blocks", h.blockFreeList) + shown("heldBlocks", h.blockHeldList) +
+                     shown("acquired", h.blockAcquiredList);
+  if (h.writeBlock != nullptr)
+    text += fmt::format(" write {}-{}", h.writeBlock->firstPage, h.writeBlock->lastPage);
+  return text.empty() ? text : text.substr(1);
+}
+
 // A field's value, after it has been given `value`, if any.
 std::int64_t fieldOf(World& world, const std::string& name, const std::int64_t* value) {
   std::map<std::string, Field> fields = fieldsOf(*world.h);
@@ -169,9 +175,8 @@ void ScriptTest::playRows(const std::string& script, const std::string& rows) {
     std::string text = script;
     for (int column = 1;; ++column) {
       const std::size_t bar = row.find(" | ");
-      const std::string place = fmt::format("%{}", column);
-      for (std::size_t i = 0; (i = text.find(place)) != std::string::npos;)
-        text.replace(i, place.size(), row.substr(0, bar));
+      const std::regex place(fmt::format("%{}", column));
+      text = std::regex_replace(text, place, row.substr(0, bar));
       if (bar == std::string::npos) break;
       row.erase(0, bar + 3);
     }
@@ -240,17 +245,20 @@ Status ScriptTest::readRun(Words& words) {
   return status;
 }
 
-template <class Operation>
-Status ScriptTest::eachPage(Words& words, Operation operation) {
-  for (;;) {
+// "own", "rewrite" or "touch": page after page, up to the first failure.
+Status ScriptTest::eachPage(const std::string& verb, Words& words) {
+  Status status = Status::ok;
+  while (status == Status::ok && !words.ended()) {
     const auto [page, version] = words.page();
-    const Status status = operation(page, version.value_or(0));
-    if (status != Status::ok || words.ended()) return status;
+    if (verb == "own") status = writeOwn(page, version.value_or(0));
+    if (verb == "rewrite") status = rewrite(page, version.value_or(0));
+    if (verb == "touch") status = read(page);
+    if (verb == "touch" && status == Status::ok) status = giveBack(at);
   }
+  return status;
 }
 
 std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
-  using Table = qz::OperationTable;
   const auto number = [&] { return words.number(); };
   const auto bits = [&] { return static_cast<std::uint32_t>(words.number<std::int64_t>()); };
   const std::map<std::string, std::function<Status()>> operations = {
@@ -262,17 +270,9 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
       {"remove", [&] { return remove(number()); }},
       {"read", [&] { return readAs(words); }},
       {"write", [&] { return writeFrom(words); }},
-      {"own",
-       [&] { return eachPage(words, [&](auto page, auto v) { return writeOwn(page, v); }); }},
-      {"rewrite",
-       [&] { return eachPage(words, [&](auto page, auto v) { return rewrite(page, v); }); }},
-      {"touch",
-       [&] {
-         return eachPage(words, [&](auto page, auto) {
-           const Status status = read(page);
-           return status == Status::ok ? giveBack(at) : status;
-         });
-       }},
+      {"own", [&] { return eachPage(verb, words); }},
+      {"rewrite", [&] { return eachPage(verb, words); }},
+      {"touch", [&] { return eachPage(verb, words); }},
       {"truncate", [&] { return truncate(words.number<std::int64_t>()); }},
       {"flush", [&] { return flush(); }},
       {"delete", [&] { return call(&Table::qzpdelete); }},
@@ -304,7 +304,7 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
 
 std::string ScriptTest::check(const std::string& verb, Words& words) {
   if (verb == "host") return calls().hostCalls();
-  if (verb == "lists") return lists();
+  if (verb == "lists") return listsOf(*h);
   if (verb == "bytes") return std::to_string(bytesOnDisk());
   if (verb == "texts")
     return fmt::format("{} [{}]", recorder.lastLength, fmt::join(recorder.capacities, " "));
@@ -339,16 +339,6 @@ std::string ScriptTest::check(const std::string& verb, Words& words) {
     }
   }
   return wrong.empty() ? "ok" : wrong;
-}
-
-std::string ScriptTest::lists() const {
-  std::string text = shown("free", h->pageFreeList) + shown("held", h->pageHeldList) +
-                     shown("blocks", h->blockFreeList) + shown("heldBlocks", h->blockHeldList) +
-                     shown("acquired", h->blockAcquiredList);
-  if (h->writeBlock != nullptr) {
-    text += fmt::format(" write {}-{}", h->writeBlock->firstPage, h->writeBlock->lastPage);
-  }
-  return text.empty() ? text : text.substr(1);
 }
 
 }  // namespace qztest

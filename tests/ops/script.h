@@ -45,15 +45,13 @@ class ScriptTest : public FileTest {
   std::string carryOut(const std::string& verb, Words& words);
   std::string check(const std::string& verb, Words& words);
   char* address(const std::string& name);
-  qz::Status openAs(Words& words);
-  qz::Status preopenAs(Words& words);
-  qz::Status readAs(Words& words);
-  qz::Status writeFrom(Words& words);
-  qz::Status handOut(qz::Status status, Words& words);
-  qz::Status readRun(Words& words);
-  template <class Operation>
-  qz::Status eachPage(Words& words, Operation operation);
-  std::string lists() const;
+  Status openAs(Words& words);
+  Status preopenAs(Words& words);
+  Status readAs(Words& words);
+  Status writeFrom(Words& words);
+  Status handOut(Status status, Words& words);
+  Status readRun(Words& words);
+  Status eachPage(const std::string& verb, Words& words);
 
   std::map<std::string, char*> named_;
   CallerMemory memory_ = callerMemory(2LL * kPage);  // of headers

@@ -22,6 +22,12 @@ struct Geometry {
   std::int32_t buffers;
 };
 
+// What a system call comes to.
+struct Outcome {
+  std::int64_t result;
+  std::uint32_t error;
+};
+
 class Driver {
  public:
   // The file that is there already, if any, becomes the model's.
@@ -30,26 +36,25 @@ class Driver {
   // Faults for the next operation only.
   void plan(const std::vector<Fault>& faults);
 
-  qz::Status preopen(std::int32_t bytes);
-  qz::Status open(std::uint32_t mode, std::uint32_t options, std::uint32_t read,
-                  std::uint32_t write);
-  qz::Status close(std::uint32_t flags);
-  qz::Status erase();
-  qz::Status reopen(bool direct, std::uint32_t read, std::uint32_t write);
-  qz::Status read(std::int64_t page);
-  qz::Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options);
+  Status preopen(std::int32_t bytes);
+  Status open(std::uint32_t mode, std::uint32_t options, std::uint32_t read, std::uint32_t write);
+  Status close(std::uint32_t flags);
+  Status erase();
+  Status reopen(bool direct, std::uint32_t read, std::uint32_t write);
+  Status read(std::int64_t page);
+  Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options);
   // From hold number `hold`, whose bytes are stamped first unless `asItIs`; -1: from the caller's
   // own memory, `shift` bytes off its alignment.
-  qz::Status write(std::int64_t page, int hold, int shift = 0, bool asItIs = false);
-  qz::Status writeSized(std::int64_t page, std::int32_t bytes);
-  qz::Status acquire();
-  qz::Status giveBack(int hold);
-  qz::Status giveBackForeign(void* address);
-  qz::Status add(std::int32_t count);
-  qz::Status remove(std::int32_t count);
-  qz::Status truncate(std::int64_t pages);
-  qz::Status flush();
-  qz::Status writeHeader(std::int32_t bytes);
+  Status write(std::int64_t page, int hold, int shift = 0, bool asItIs = false);
+  Status writeSized(std::int64_t page, std::int32_t bytes);
+  Status acquire();
+  Status giveBack(int hold);
+  Status giveBackForeign(void* address);
+  Status add(std::int32_t count);
+  Status remove(std::int32_t count);
+  Status truncate(std::int64_t pages);
+  Status flush();
+  Status writeHeader(std::int32_t bytes);
 
   // The file on disk and the model's, byte for byte.
   void compareFile() const;
@@ -68,10 +73,6 @@ class Driver {
   std::uint64_t digest() const { return digest_; }
 
  private:
-  struct Outcome {
-    std::int64_t result;
-    std::uint32_t error;
-  };
   struct Hold {
     char* at;
     std::int64_t page;  // 0: acquired
@@ -80,15 +81,19 @@ class Driver {
   };
 
   bool inBlocks() const { return (world_.h->directIoMode & qz::blockMode) != 0; }
-  std::int64_t offsetOf(std::int64_t page) const { return (page - 1) * pageSize_ + header_; }
+  std::int64_t offsetOf(std::int64_t page) const { return (page - 1) * file_.pageSize + header_; }
   std::int64_t size() const { return static_cast<std::int64_t>(disk_.size()); }
-  std::int64_t lastCollected() const {
-    return firstCollected_ + static_cast<std::int64_t>(collected_.size()) - 1;
+  std::int64_t collectedEnd() const {
+    return firstCollected_ + static_cast<std::int64_t>(collected_.size());
   }
   bool isCollected(std::int64_t page) const {
-    return !collected_.empty() && page >= firstCollected_ && page <= lastCollected();
+    return page >= firstCollected_ && page < collectedEnd();
   }
-  std::string_view onDisk(std::int64_t page) const;
+  // Of the model's file, as far as it reaches.
+  std::string_view bytesAt(std::int64_t offset, std::int64_t bytes) const;
+  std::string_view onDisk(std::int64_t page) const {
+    return bytesAt(offsetOf(page), file_.pageSize);
+  }
 
   // Which operations report their failures themselves, without an error number or with one, and
   // which keep them in the handle.
@@ -98,32 +103,29 @@ class Driver {
   // The outcome that a system call of that length must have had.
   Outcome expect(Call call, std::int64_t length);
   Outcome store(std::int64_t offset, const std::string& bytes);
-  qz::Status writeBack();
-  qz::Status cut(std::int64_t pages);
-  qz::Status sync();
-  qz::Status closing(std::uint32_t flags);
-  qz::Status opening(std::uint32_t mode);
-  qz::Status physicalOpen(std::uint32_t mode);
-  qz::Status settling(std::uint32_t mode);
-  qz::Status transferred(const CallRecord& call, std::int64_t page);
-  qz::Status readChecks(std::int64_t page) const;
-  qz::Status writeChecks(std::int64_t page) const;
-  qz::Status writing(std::int64_t page, const std::string& data, bool* holdEnds);
+  Status writeBack();
+  Status cut(std::int64_t pages);
+  Status sync();
+  Status closing(std::uint32_t flags);
+  Status opening(std::uint32_t mode);
+  Status physicalOpen(std::uint32_t mode);
+  Status settling(std::uint32_t mode);
+  Status transferred(const CallRecord& call, std::int64_t page);
+  Status readChecks(std::int64_t page) const;
+  Status writeChecks(std::int64_t page) const;
+  Status writing(std::int64_t page, const std::string& data, bool* holdEnds);
   bool isModified(const char* at) const;
   void expectHeldBytes(std::int64_t page) const;
   static bool lackedMemory();
   static bool releaseFailed();
 
-  void expectErrorNumber(qz::Status status) const;
-  qz::Status check(const std::string& what, qz::Status actual, qz::Status wanted,
-                   Reports reports = Reports::all);
+  void expectErrorNumber(Status status) const;
+  Status check(const std::string& what, Status actual, Status wanted,
+               Reports reports = Reports::all);
   void expectWritesInPlace() const;
 
   World& world_;
-  std::int32_t pageSize_;
-  std::int32_t pagesPerBlock_;
-  std::int64_t headerBytes_;
-  std::int32_t buffers_;
+  const Geometry file_;
   Calls expected_;  // which faults the model's calls meet
   std::uint32_t version_ = 0;
   std::int32_t lastErrno_ = 0;
@@ -146,9 +148,9 @@ class Driver {
   std::int64_t firstCollected_ = 0;
   std::vector<std::string> collected_;
   std::vector<Hold> holds_;
-  std::multimap<std::int64_t, std::string> torn_;   // what a cache may have of half written pages
-  std::map<std::int64_t, qz::Status> failedReads_;  // page mode keeps the result of a failed read
-  std::set<std::int64_t> shortBlocks_;              // block mode keeps a block that came short
+  std::multimap<std::int64_t, std::string> torn_;  // what a cache may have of half written pages
+  std::map<std::int64_t, Status> failedReads_;     // page mode keeps the result of a failed read
+  std::set<std::int64_t> shortBlocks_;             // block mode keeps a block that came short
 };
 
 }  // namespace qztest

@@ -26,8 +26,6 @@ const Library& Library::get() {
     }
     loaded.qziop = reinterpret_cast<decltype(loaded.qziop)>(loaded.symbol("qziop"));
     loaded.qzextent = reinterpret_cast<decltype(loaded.qzextent)>(loaded.symbol("qzextent"));
-    loaded.exportedHandle =
-        static_cast<decltype(loaded.exportedHandle)>(loaded.symbol("Exported_QZHandle"));
     calls().watch(loaded.symbol("qziop"));
     return loaded;
   }();
@@ -52,10 +50,22 @@ std::string nameIn(const char32_t* name, const std::u32string& expected) {
   return name == expected ? "~" : qz::toUtf8(name);
 }
 
-// How many texts a status takes as its inserts.
-int insertsOf(std::uint32_t status) {
-  if (status == 0x803FC821) return 2;
-  return status == 0x803FC824 || status == 0x803FCFD4 ? 1 : 0;
+std::string withInserts(std::u32string_view text, const std::u32string& name,
+                        std::va_list arguments) {
+  std::string filled = qz::toUtf8(text);
+  for (std::size_t place = 0; (place = filled.find('%', place)) != std::string::npos;) {
+    const bool number = filled.at(place + 1) == 'd';
+    filled.replace(place, 2,
+                   number ? std::to_string(va_arg(arguments, int))
+                          : nameIn(va_arg(arguments, const char32_t*), name));
+  }
+  return filled;
+}
+
+// The texts that a status takes as its inserts.
+std::u32string_view insertsOf(std::uint32_t status) {
+  if (status == 0x803FC821) return U"(%s|%s)";
+  return status == 0x803FC824 || status == 0x803FCFD4 ? U"(%s)" : U"";
 }
 
 ShortJournal& self(qz::Journal* journal) { return *static_cast<ShortJournal*>(journal); }
@@ -83,7 +93,7 @@ qz::HostStatus messageToJnl(qz::Journal* journal, qz::JournalLevel level, const 
   ShortJournal& me = self(journal);
   me.lastLength = textLength;
   if (level != qz::JournalLevel::error) {
-    me.add("2:" + me.withInserts({text, textLength}, arguments));
+    me.add("2:" + withInserts({text, textLength}, me.fileName, arguments));
   } else if (text[0] == U'!') {
     std::string entry = qz::toUtf8({text, textLength});
     std::erase(entry, ' ');
@@ -96,10 +106,7 @@ qz::HostStatus statusToJnl(qz::Journal* journal, qz::JournalLevel level, std::ui
                            std::va_list arguments) {
   ShortJournal& me = self(journal);
   std::string entry = fmt::format("{}:{}", static_cast<std::uint32_t>(level), shortCode(status));
-  const int inserts = insertsOf(status);
-  for (int i = 0; i < inserts; ++i)
-    entry += (i == 0 ? "(" : "|") + nameIn(va_arg(arguments, const char32_t*), me.fileName);
-  me.add(entry + (inserts == 0 ? "" : ")"));
+  me.add(entry + withInserts(insertsOf(status), me.fileName, arguments));
   return 0;
 }
 
@@ -116,17 +123,6 @@ ShortJournal::ShortJournal() : qz::Journal{} {
   Journal::messageToJnl = qztest::messageToJnl;
   Journal::statusToBuf = qztest::statusToBuf;
   Journal::statusToJnl = qztest::statusToJnl;
-}
-
-std::string ShortJournal::withInserts(std::u32string_view text, std::va_list arguments) const {
-  std::string filled = qz::toUtf8(text);
-  for (std::size_t place = 0; (place = filled.find('%', place)) != std::string::npos;) {
-    const bool number = filled.at(place + 1) == 'd';
-    filled.replace(place, 2,
-                   number ? std::to_string(va_arg(arguments, int))
-                          : nameIn(va_arg(arguments, const char32_t*), fileName));
-  }
-  return filled;
 }
 
 // --- Pages
@@ -148,12 +144,11 @@ bool isStamped(const char* data, std::int64_t bytes, std::int64_t page, std::uin
 
 CallerMemory callerMemory(std::int64_t bytes) {
   const std::size_t rounded = (static_cast<std::size_t>(bytes) + 4095) / 4096 * 4096;
-  return CallerMemory(static_cast<char*>(std::aligned_alloc(4096, rounded)));
+  return {static_cast<char*>(std::aligned_alloc(4096, rounded)), std::free};
 }
 
 const char* nameOf(Shape shape) {
-  static const char* const names[] = {"buffered", "direct", "block"};
-  return names[static_cast<int>(shape)];
+  return shape == Shape::buffered ? "buffered" : shape == Shape::direct ? "direct" : "block";
 }
 
 // --- The world
@@ -188,7 +183,7 @@ World::~World() {
 void World::setName(const std::string& utf8Name) {
   path = utf8Name;
   recorder.fileName = qz::toUtf32(utf8Name);
-  call(&qz::OperationTable::qzpsetfilename, recorder.fileName.data(),
+  call(&Table::qzpsetfilename, recorder.fileName.data(),
        static_cast<std::int32_t>(recorder.fileName.size()));
 }
 
@@ -223,64 +218,66 @@ void World::openWith(Shape shape, std::int64_t pages, std::int32_t buffers) {
   ASSERT_EQ(did(open()), "ok") << nameOf(shape);
 }
 
-qz::Status World::preopen(void* buffer, std::int32_t bytes) {
+Status World::preopen(void* buffer, std::int32_t bytes) {
   length = bytes;
-  return call(&qz::OperationTable::qzppreopen, buffer, &length);
+  return call(&Table::qzppreopen, buffer, &length);
 }
 
-qz::Status World::read(std::int64_t page) {
-  request = {};
-  request.pageNumber = page;
-  request.buffer = reinterpret_cast<char*>(&request);  // to be cleared
-  const qz::Status status = call(&qz::OperationTable::qzpread, &request);
+Status World::read(std::int64_t page) {
+  request = {page, reinterpret_cast<char*>(&request), 0, 0, 0};  // the address is to be cleared
+  const Status status = call(&Table::qzpread, &request);
   at = request.buffer;
   return status;
 }
 
-qz::Status World::write(std::int64_t page, void* from, std::uint32_t flags) {
+Status World::write(std::int64_t page, void* from, std::uint32_t flags) {
   request = {page, static_cast<char*>(from), flags, 0, h->pageSize};
-  return call(&qz::OperationTable::qzpwrite, &request);
+  return call(&Table::qzpwrite, &request);
 }
 
-qz::Status World::writeOwn(std::int64_t page, std::uint32_t version) {
+Status World::writeOwn(std::int64_t page, std::uint32_t version) {
   const CallerMemory memory = callerMemory(h->pageSize);
   stamp(memory.get(), h->pageSize, page, version);
   return write(page, memory.get(), kOwn);
 }
 
-qz::Status World::rewrite(std::int64_t page, std::uint32_t version) {
-  const qz::Status status = read(page);
-  if (status != qz::Status::ok) return status;
+Status World::rewrite(std::int64_t page, std::uint32_t version) {
+  const Status status = read(page);
+  if (status != Status::ok) return status;
   stamp(at, h->pageSize, page, version);
   return write(page, at);
 }
 
-qz::Status World::acquire() {
+Status World::acquire() {
   void* address = nullptr;
-  const qz::Status status = call(&qz::OperationTable::qzpbufacquire, &address);
+  const Status status = call(&Table::qzpbufacquire, &address);
   at = static_cast<char*>(address);
   return status;
 }
 
-qz::Status World::add(std::int32_t buffers) {
+Status World::add(std::int32_t buffers) {
   length = buffers;
-  return call(&qz::OperationTable::qzpbufadd, &length);
+  return call(&Table::qzpbufadd, &length);
 }
 
-qz::Status World::writeHeader(const void* header, std::int32_t bytes) {
+Status World::writeHeader(const void* header, std::int32_t bytes) {
   length = bytes;
-  return call(&qz::OperationTable::qzpwritehdr, header, &length);
+  return call(&Table::qzpwritehdr, header, &length);
 }
 
 // The request for direct I/O comes from the handle, whose options a reopen only adds to.
-qz::Status World::reopen(Shape shape, std::uint32_t write) {
-  h->openOptions &= ~qz::optionDirectIo;
-  if (shape != Shape::buffered) h->openOptions |= qz::optionDirectIo;
-  return reopen(shape == Shape::block ? qz::readOrdered : qz::readRandom, write, 0);
+Status World::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
+  h->openOptions = (h->openOptions & ~qz::optionDirectIo) | (direct ? qz::optionDirectIo : 0U);
+  const qz::AccessHints hints{read, write, 0};
+  return call(&Table::qzpreopen, &hints);
 }
 
-qz::Status World::readMany(std::int64_t page, std::int32_t count, std::uint32_t options,
-                           char* area) {
+Status World::reopen(Shape shape) {
+  const auto access = shape == Shape::block ? qz::readOrdered : qz::readRandom;
+  return reopen(shape != Shape::buffered, access, qz::rewritePages);
+}
+
+Status World::readMany(std::int64_t page, std::int32_t count, std::uint32_t options, char* area) {
   const auto entries = static_cast<std::size_t>(std::max(count, 1));
   std::vector<qz::PageRequest> requests(entries);
   std::vector<qz::PageRequest*> addresses(entries);
@@ -288,7 +285,7 @@ qz::Status World::readMany(std::int64_t page, std::int32_t count, std::uint32_t 
     requests[i].buffer = area + i * static_cast<std::size_t>(h->pageSize);
     addresses[i] = &requests[i];
   }
-  return call(&qz::OperationTable::qzpreadmany, addresses.data(), page, count, options);
+  return call(&Table::qzpreadmany, addresses.data(), page, count, options);
 }
 
 void World::begin() {
@@ -304,7 +301,7 @@ void World::end() {
   EXPECT_EQ(brokenInvariant(*h, blocks("qziop pool"), blocks("qziop buffer pool")), "");
 }
 
-std::string World::did(qz::Status status) const {
+std::string World::did(Status status) const {
   const std::string io = calls().io();
   return shortCode(static_cast<std::uint32_t>(status)) + (io.empty() ? "" : " " + io) +
          (recorder.entries.empty() ? "" : " {" + recorder.entries + "}");
@@ -328,11 +325,9 @@ void World::finish() {
   calls().plan({});
   if (module == nullptr) return;
   if (h != nullptr) {
-    if (h->hostFile != nullptr) {
-      h->openOptions &= ~qz::optionFlushAtClose;
-      EXPECT_EQ(close(), qz::Status::ok);
-    }
-    EXPECT_EQ(module->operations.qzpfreememhandle(h, journal), qz::Status::ok);
+    h->openOptions &= ~qz::optionFlushAtClose;
+    EXPECT_TRUE(h->hostFile == nullptr || close() == Status::ok);
+    EXPECT_EQ(module->operations.qzpfreememhandle(h, journal), Status::ok);
     h = nullptr;
   }
   EXPECT_EQ(module->qzpdestroy(module), 0U);

@@ -16,12 +16,14 @@
 
 namespace qztest {
 
+using qz::Status;
+using Table = qz::OperationTable;
+
 // The library under test, loaded once per process.
 struct Library {
   void* handle;
   decltype(&::qziop) qziop;
   decltype(&::qzextent) qzextent;
-  qz::QZHandle** exportedHandle;
 
   static const Library& get();
   void* symbol(const char* name) const;
@@ -45,7 +47,6 @@ class ShortJournal : public qz::Journal {
   qz::HostStatus messageResult = 0;
 
   void add(const std::string& entry) { entries += (entries.empty() ? "" : " ") + entry; }
-  std::string withInserts(std::u32string_view text, std::va_list arguments) const;
 };
 
 // The code without the module's prefix: "80C"; a host status whole; "ok" for 0.
@@ -66,10 +67,7 @@ void stamp(char* data, std::int64_t bytes, std::int64_t page, std::uint32_t vers
 bool isStamped(const char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version);
 
 // Memory of the caller's, aligned for direct I/O.
-struct FreeMemory {
-  void operator()(char* memory) const { std::free(memory); }
-};
-using CallerMemory = std::unique_ptr<char, FreeMemory>;
+using CallerMemory = std::shared_ptr<char>;
 CallerMemory callerMemory(std::int64_t bytes);
 
 // A file system of memory, for World; empty where there is none.
@@ -94,43 +92,37 @@ class World {
   void openWith(Shape shape, std::int64_t pages, std::int32_t buffers = 3);
   void setName(const std::string& utf8Name);
 
-  qz::Status open() { return call(&qz::OperationTable::qzpopen); }
-  qz::Status preopen(void* buffer, std::int32_t bytes);
-  qz::Status close(std::uint32_t flags = 0) { return call(&qz::OperationTable::qzpclose, flags); }
-  qz::Status read(std::int64_t page);  // `at` receives the address
-  qz::Status write(std::int64_t page, void* from, std::uint32_t flags = 0);
+  Status open() { return call(&Table::qzpopen); }
+  Status preopen(void* buffer, std::int32_t bytes);
+  Status close(std::uint32_t flags = 0) { return call(&Table::qzpclose, flags); }
+  Status read(std::int64_t page);  // `at` receives the address
+  Status write(std::int64_t page, void* from, std::uint32_t flags = 0);
   // Writes a page of the given version from the caller's own memory.
-  qz::Status writeOwn(std::int64_t page, std::uint32_t version = 0);
+  Status writeOwn(std::int64_t page, std::uint32_t version = 0);
   // Reads the page, stamps it and writes it back in place.
-  qz::Status rewrite(std::int64_t page, std::uint32_t version);
-  qz::Status acquire();  // `at` receives the address
-  qz::Status giveBack(void* address) { return call(&qz::OperationTable::qzpbufreturn, address); }
-  qz::Status add(std::int32_t buffers);  // `length` receives how many
-  qz::Status remove(std::int32_t buffers) {
-    return call(&qz::OperationTable::qzpbufremove, buffers);
-  }
-  qz::Status truncate(std::int64_t pages) { return call(&qz::OperationTable::qzptruncate, pages); }
-  qz::Status flush() { return call(&qz::OperationTable::qzpflush); }
-  qz::Status writeHeader(const void* header, std::int32_t bytes);  // `length` receives the result
-  qz::Status reopen(std::uint32_t read, std::uint32_t write, std::uint32_t options) {
-    const qz::AccessHints hints{read, write, options};
-    return call(&qz::OperationTable::qzpreopen, &hints);
-  }
-  qz::Status reopen(Shape shape, std::uint32_t write = qz::rewritePages);
-  qz::Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options, char* area);
+  Status rewrite(std::int64_t page, std::uint32_t version);
+  Status acquire();  // `at` receives the address
+  Status giveBack(void* address) { return call(&Table::qzpbufreturn, address); }
+  Status add(std::int32_t buffers);  // `length` receives how many
+  Status remove(std::int32_t buffers) { return call(&Table::qzpbufremove, buffers); }
+  Status truncate(std::int64_t pages) { return call(&Table::qzptruncate, pages); }
+  Status flush() { return call(&Table::qzpflush); }
+  Status writeHeader(const void* header, std::int32_t bytes);  // `length` receives the result
+  Status reopen(bool direct, std::uint32_t read, std::uint32_t write);
+  Status reopen(Shape shape);
+  Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options, char* area);
 
   template <class... Parameters, class... Arguments>
-  qz::Status call(qz::Status (*qz::OperationTable::*operation)(qz::FileHandle*, Parameters...),
-                  Arguments... arguments) {
+  Status call(Status (*Table::*operation)(qz::FileHandle*, Parameters...), Arguments... arguments) {
     begin();
-    const qz::Status status = (module->operations.*operation)(h, arguments..., journal);
+    const Status status = (module->operations.*operation)(h, arguments..., journal);
     end();
     return status;
   }
 
   // What an operation came to, for comparison in one line: "80C pread 4096@0!5 {!80C}": its short
   // code, its system calls and its journal entries, the latter two only when there are any.
-  std::string did(qz::Status status) const;
+  std::string did(Status status) const;
 
   // The file's bytes by plain calls; -1 when there is no file.
   std::int64_t bytesOnDisk() const;
@@ -139,12 +131,6 @@ class World {
   // True when the memory at `at` has it.
   bool holdsPage(std::int64_t page, std::uint32_t version) const {
     return isStamped(at, h->pageSize, page, version);
-  }
-  template <class Record>
-  static std::size_t listed(const qz::List<Record>& list) {
-    std::size_t records = 0;
-    for (const Record* record = list.head; record != nullptr; record = record->next) ++records;
-    return records;
   }
 
   // Closes what is open, frees the handle and destroys the module; everything must balance.
