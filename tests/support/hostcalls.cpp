@@ -34,12 +34,13 @@ auto created(CallRecord record, Create create) -> decltype(create()) {
   return object;
 }
 
-// Releases an object; a planned fault only takes the place of the result.
+// Releases an object; a planned fault only takes the place of the result. A file stays open.
 template <class Release>
 qz::HostStatus released(CallRecord record, Release release) {
   const Fault* fault = calls().next(record.call);
   qz::HostStatus status = 0;
-  if (fault == nullptr || fault->result != kNotDone) status = release();
+  const bool keeps = record.call == Call::fileClose;
+  if (fault == nullptr || (!keeps && fault->result != kNotDone)) status = release();
   if (fault != nullptr) status = fault->error;
   record.result = status;
   calls().record(record);
@@ -75,11 +76,8 @@ qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attribu
       created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0]},
               [&] { return original<&qz::QZHandle::poolCreate>(host, attributes, journal, name); });
   if (pool == nullptr) return nullptr;
-  if (forBuffers) {
-    bufferPool = pool;
-  } else if (bufferPool == pool) {
-    bufferPool = nullptr;  // the address of an earlier one, used again
-  }
+  // The other pool may have the address of an earlier one, used again.
+  if (forBuffers || bufferPool == pool) bufferPool = forBuffers ? pool : nullptr;
   replace<&qz::MemoryPool::memAlloc>(pool, memAlloc);
   replace<&qz::MemoryPool::memFree>(pool, memFree);
   replace<&qz::MemoryPool::destroy>(pool, destroy<qz::MemoryPool>);
@@ -150,15 +148,8 @@ qz::HostStatus fileReopen(qz::HostFile* file, qz::OpenParameters* parameters,
 }
 
 qz::HostStatus fileClose(qz::HostFile* file, qz::OpenParameters* parameters, qz::Journal* journal) {
-  CallRecord record{Call::fileClose};
-  record.flags = parameters->removeAtClose;
-  const Fault* fault = calls().next(Call::fileClose);
-  const qz::HostStatus status =
-      fault != nullptr ? fault->error
-                       : original<&qz::FileMethods::fileClose>(file, parameters, journal);
-  record.result = status;
-  calls().record(record);
-  return status;
+  return released({.call = Call::fileClose, .flags = parameters->removeAtClose},
+                  [&] { return original<&qz::FileMethods::fileClose>(file, parameters, journal); });
 }
 
 qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters, qz::Word one,

@@ -52,7 +52,7 @@ Calls& calls() {
 
 const char* nameOf(Call call) {
   static const char* const names[] = {
-      "pread",         "pwrite",          "read",       "readv",     "lseek",
+      "read",          "readv",           "pread",      "pwrite",    "lseek",
       "ftruncate",     "fsync",           "statfs",     "getenv",    "poolCreate",
       "extensionLoad", "converterCreate", "treeCreate", "memAlloc",  "memFree",
       "destroy",       "fileOpen",        "fileReopen", "fileClose", "taskWait"};
@@ -62,9 +62,9 @@ const char* nameOf(Call call) {
 
 void Calls::watch(void* address) {
   dl_find_object library{};
-  const bool found = address != nullptr && _dl_find_object(address, &library) == 0;
-  begin_ = found ? library.dlfo_map_start : nullptr;
-  end_ = found ? library.dlfo_map_end : nullptr;
+  _dl_find_object(address, &library);
+  begin_ = library.dlfo_map_start;
+  end_ = library.dlfo_map_end;
 }
 
 void Calls::plan(std::vector<Fault> faults) {
@@ -75,15 +75,14 @@ void Calls::plan(std::vector<Fault> faults) {
 const Fault* Calls::next(Call call) {
   if (faults_.empty()) return nullptr;
   const int number = ++made_[static_cast<int>(call)];
-  const auto fault = std::find_if(faults_.begin(), faults_.end(), [&](const Fault& planned) {
+  const auto fault = std::ranges::find_if(faults_, [&](const Fault& planned) {
     return planned.call == call && number >= planned.nth && number - planned.nth < planned.count;
   });
   return fault != faults_.end() ? &*fault : nullptr;
 }
 
 int Calls::count(Call call) const {
-  return static_cast<int>(std::count_if(
-      trace_.begin(), trace_.end(), [call](const auto& record) { return record.call == call; }));
+  return static_cast<int>(std::ranges::count(trace_, call, &CallRecord::call));
 }
 
 const CallRecord& Calls::at(Call call, int place) const {
@@ -103,9 +102,8 @@ std::string Calls::io() const {
   std::string text;
   for (const CallRecord& record : trace_) {
     if (record.call > Call::lastSystemCall) continue;
-    const bool transfers = record.call <= Call::readv;
-    const bool positioned = record.call != Call::fsync && record.call != Call::statfs &&
-                            record.call != Call::read && record.call != Call::readv;
+    const bool transfers = record.call <= Call::pwrite;
+    const bool positioned = record.call >= Call::pread && record.call <= Call::ftruncate;
     text += (text.empty() ? "" : " ") + std::string(nameOf(record.call));
     if (transfers) text += " " + std::to_string(record.length);
     if (positioned) text += (transfers ? "@" : " ") + std::to_string(record.offset);

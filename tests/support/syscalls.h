@@ -13,10 +13,10 @@
 namespace qztest {
 
 enum class Call : std::uint8_t {
-  pread,
-  pwrite,
   read,
   readv,
+  pread,
+  pwrite,
   lseek,
   ftruncate,
   fsync,
