@@ -61,6 +61,23 @@ bool isLargeModuleBlock(const CallRecord& record) {
   return record.call == Call::memAlloc && record.target == 'm' && record.length >= 4096;
 }
 
+bool lackedMemory() {
+  return std::ranges::any_of(calls().trace(), [](const CallRecord& record) {
+    return (record.call == Call::memAlloc || record.call == Call::treeCreate) &&
+           record.result == 0 && !isLargeModuleBlock(record);
+  });
+}
+
+// A release that failed, but for those of report texts.
+bool releaseFailed() {
+  const CallRecord* before = nullptr;
+  return std::ranges::any_of(calls().trace(), [&before](const CallRecord& record) {
+    const bool ofText = before != nullptr && isLargeModuleBlock(*before);
+    before = &record;
+    return record.call == Call::memFree && record.result != 0 && !ofText;
+  });
+}
+
 }  // namespace
 
 Driver::Driver(World& world, const Geometry& geometry) : world_(world), file_(geometry) {
@@ -70,23 +87,6 @@ Driver::Driver(World& world, const Geometry& geometry) : world_(world), file_(ge
 }
 
 // --- What the model knows of a call
-
-bool Driver::lackedMemory() {
-  return std::ranges::any_of(calls().trace(), [](const CallRecord& record) {
-    return (record.call == Call::memAlloc || record.call == Call::treeCreate) &&
-           record.result == 0 && !isLargeModuleBlock(record);
-  });
-}
-
-// A release that failed, but for those of report texts.
-bool Driver::releaseFailed() {
-  const CallRecord* before = nullptr;
-  return std::ranges::any_of(calls().trace(), [&before](const CallRecord& record) {
-    const bool ofText = before != nullptr && isLargeModuleBlock(*before);
-    before = &record;
-    return record.call == Call::memFree && record.result != 0 && !ofText;
-  });
-}
 
 std::string_view Driver::bytesAt(std::int64_t offset, std::int64_t bytes) const {
   return std::string_view(disk_).substr(static_cast<std::size_t>(std::min(offset, size())),
@@ -464,15 +464,15 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   return call.result < (page - first + 1) * file_.pageSize ? Status::misfit : Status::ok;
 }
 
-bool Driver::isModified(const char* at) const {
-  return std::ranges::any_of(holds_,
-                             [at](const Hold& hold) { return hold.at == at && hold.modified; });
-}
-
-void Driver::expectHeldBytes(std::int64_t page) const {
+// Takes the page that was handed out. Its bytes are the file's unless another hold has changed
+// them.
+void Driver::hold(std::int64_t page) {
+  const bool modified = std::ranges::any_of(
+      holds_, [this](const Hold& other) { return other.at == world_.at && other.modified; });
+  holds_.push_back({world_.at, page, inBlocks(), modified});
   const std::string_view bytes = view(world_.at, file_.pageSize);
   const auto [first, last] = torn_.equal_range(page);
-  EXPECT_TRUE(isModified(world_.at) || bytes == onDisk(page) ||
+  EXPECT_TRUE(modified || bytes == onDisk(page) ||
               std::any_of(first, last, [bytes](const auto& torn) { return torn.second == bytes; }))
       << "other bytes than page " << page << " has";
 }
@@ -500,8 +500,7 @@ Status Driver::read(std::int64_t page) {
     closing(0);
   } else if (wanted == Status::ok && actual == Status::ok) {
     lastPageRead_ = page;
-    expectHeldBytes(page);
-    holds_.push_back({world_.at, page, inBlocks(), isModified(world_.at)});
+    hold(page);
   }
   return check(fmt::format("read {}", page), actual, wanted);
 }

@@ -114,10 +114,7 @@ class Driver {
   Status readChecks(std::int64_t page) const;
   Status writeChecks(std::int64_t page) const;
   Status writing(std::int64_t page, const std::string& data, bool* holdEnds);
-  bool isModified(const char* at) const;
-  void expectHeldBytes(std::int64_t page) const;
-  static bool lackedMemory();
-  static bool releaseFailed();
+  void hold(std::int64_t page);
 
   void expectErrorNumber(Status status) const;
   Status check(const std::string& what, Status actual, Status wanted,

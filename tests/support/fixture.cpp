@@ -169,10 +169,8 @@ World::World(const std::string& folder) {
   folder_ = mkdtemp(made.data()) != nullptr ? made : "";
   path = folder_ + "/file.qzp";
   module = library.qziop(host.handle(), journal);
-  if (module != nullptr) {
-    h = module->operations.qzpgetmemhandle(module, journal);
-    setName(path);
-  }
+  h = module->operations.qzpgetmemhandle(module, journal);
+  setName(path);
 }
 
 World::~World() {

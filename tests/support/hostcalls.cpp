@@ -95,7 +95,7 @@ qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes*
 
 qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::uint32_t length,
                                  qz::Journal* journal) {
-  qz::TreeExtension* extension = created({Call::extensionLoad, 'e', length}, [&] {
+  qz::TreeExtension* extension = created({Call::extensionLoad, 'e'}, [&] {
     return original<&qz::QZHandle::extensionLoad>(host, name, length, journal);
   });
   if (extension != nullptr) {
@@ -107,10 +107,9 @@ qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::
 
 qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding, qz::Word word,
                                qz::Journal* journal) {
-  qz::Converter* converter =
-      created({Call::converterCreate, 'c', 0, static_cast<std::int64_t>(word)}, [&] {
-        return original<&qz::EncodingServices::converterCreate>(services, encoding, word, journal);
-      });
+  qz::Converter* converter = created({Call::converterCreate, 'c'}, [&] {
+    return original<&qz::EncodingServices::converterCreate>(services, encoding, word, journal);
+  });
   if (converter != nullptr) replace<&qz::Converter::destroy>(converter, destroy<qz::Converter>);
   return converter;
 }
@@ -169,10 +168,9 @@ qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters,
 }
 
 // Waits for nothing.
-qz::HostStatus taskWait(qz::Task* /*task*/, qz::Word a1, qz::Word a2, qz::Word a3,
-                        std::uint8_t flag, std::uint32_t waitTime) {
-  const auto words = static_cast<std::int64_t>(a1 | a2 | a3 | flag);
-  calls().record({Call::taskWait, 0, waitTime, words});
+qz::HostStatus taskWait(qz::Task* /*task*/, qz::Word /*a1*/, qz::Word /*a2*/, qz::Word /*a3*/,
+                        std::uint8_t /*flag*/, std::uint32_t waitTime) {
+  calls().record({Call::taskWait, 0, waitTime});
   return 0;
 }
 
