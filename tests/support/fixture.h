@@ -44,7 +44,6 @@ class ShortJournal : public qz::Journal {
   std::uint32_t nameLineLength = 0;       // the same for the line that names the file
   std::vector<std::uint32_t> capacities;  // of the buffers that statusToBuf was given
   std::uint32_t lastLength = 0;           // of the last message
-  qz::HostStatus messageResult = 0;
 
   void add(const std::string& entry) { entries += (entries.empty() ? "" : " ") + entry; }
 };
