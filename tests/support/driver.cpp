@@ -492,9 +492,9 @@ Status Driver::read(std::int64_t page) {
     wanted = transferred(calls().at(Call::pread, transfers - 1), page);
   } else if (wanted == Status::ok && !inBlocks() && failedReads_.contains(page)) {
     wanted = failedReads_[page];
-  } else if (wanted == Status::ok && inBlocks() && actual == Status::misfit &&
-             shortBlocks_.contains((page - 1) / file_.pagesPerBlock * file_.pagesPerBlock + 1)) {
-    wanted = actual;
+  } else if (wanted == Status::ok && inBlocks() && actual == Status::misfit) {
+    const std::int64_t first = (page - 1) / file_.pagesPerBlock * file_.pagesPerBlock + 1;
+    wanted = shortBlocks_.contains(first) ? actual : wanted;
   }
   if (wanted == Status::misfit) {
     closing(0);
