@@ -169,6 +169,7 @@ TEST_F(NamingTest, PageSizesAreChosen) {
 65536 | 0 | 8192 | 0 | 8192 | ok
 0x60000000 | 0x40000001 | 0x40000002 | 0 | 0x60000000 | 80A
 0x60000000 | 1000 | 600 | 0x50000000 | 0x60000000 | 80A)");
+  play("option 8192; set hostPageSize 4096; psize 0 0 0 -> ok");
   renew();
   play("set pageSize 7; psize 0 0 0 -> 805 {4:805}; is pageSize 7");
   h->status = Status::ok;

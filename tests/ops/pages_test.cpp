@@ -39,6 +39,18 @@ direct | 4096@12288=100 | 100
 block | 16384@4096=8292 | 0)");
 }
 
+// Nothing is written into a file that ends inside its header.
+TEST_F(PagesTest, PagesWaitForTheHeader) {
+  playRows("open %1 2; set fileSize 4095; own 3:1 -> !816; set fileSize 12288; close", kShapeRows);
+}
+
+// A held block whose page was cut away has no copy of the page that came after.
+TEST_F(PagesTest, HeldBlocksEndWhereTheyWereCut) {
+  play(R"(
+    open block 7 40; read 5 a; truncate 5; own 6:1 7:1; read 7:1; read 6:1; give a
+    truncate 4; own 5:2; read 5:2)");
+}
+
 TEST_F(PagesTest, RunsGoStraightToTheCaller) {
   play("read 0 -> !81E; many 1 1 0 -> !81E");
   settle(Shape::buffered);
