@@ -13,7 +13,8 @@ namespace qzpfile {
 namespace {
 
 // As long as a page, so that each page lies at a multiple of its size: the page cache then keeps it
-// in one piece. More than 64 KiB gain nothing. Any other page stays aligned for direct I/O.
+// in one piece. More than 64 KiB would be much for a header. Any other page stays aligned for
+// direct I/O.
 std::int64_t defaultHeaderSize(std::int64_t pageSize) {
   constexpr std::int64_t kLargest = 64 << 10;
   return pageSize % kDirectAlignment == 0 ? std::min(pageSize, kLargest) : kDirectAlignment;
