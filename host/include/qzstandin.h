@@ -84,13 +84,22 @@ struct JournalEntry {
 enum class JournalSink {
   memory,         // entries() has them
   standardError,  // one line each, "note: ..." or "error: ..."
+  function,       // of the program, which is called for each entry
 };
+
+// A function of the program that gets each entry of a journal. `entry` is valid during the call.
+// The call comes on the thread that reports and holds no lock: when threads share a journal, calls
+// may come from several at once. The function must not use the file handle that is being reported.
+using JournalFunction = void (*)(void* context, const JournalEntry& entry) noexcept;
 
 // A journal with the stand-in host's message catalogue. Safe to use from several threads. Its
 // operations never throw: an entry for which there is no memory is lost with hostNoMemory.
 class StandInJournal : public Journal {
  public:
-  explicit StandInJournal(JournalSink sink = JournalSink::memory) noexcept;
+  // With JournalSink::function each entry is handed to function(context, entry). The context is
+  // the program's and may be null; a null function discards the entries.
+  explicit StandInJournal(JournalSink sink = JournalSink::memory,
+                          JournalFunction function = nullptr, void* context = nullptr) noexcept;
   StandInJournal(const StandInJournal&) = delete;
   StandInJournal& operator=(const StandInJournal&) = delete;
 
@@ -103,6 +112,8 @@ class StandInJournal : public Journal {
 
  private:
   JournalSink sink_;
+  JournalFunction function_;
+  void* context_;
   mutable std::mutex mutex_;
   std::vector<JournalEntry> entries_;
 };
@@ -119,6 +130,9 @@ struct PoolCounts {
 struct StandInOptions {
   std::optional<std::int32_t> hostPageSize;  // the option "host.pagesize", bytes; absent: not set
   JournalSink defaultJournal = JournalSink::standardError;
+  // With JournalSink::function: what the default journal calls, as StandInJournal does.
+  JournalFunction journalFunction = nullptr;
+  void* journalContext = nullptr;
 };
 
 struct HostRecords;

@@ -1,4 +1,4 @@
-// The journal: formats texts with their inserts and keeps or prints the entries.
+// The journal: formats texts with their inserts and stores, prints or passes on the entries.
 //
 // What the two operations that fill a buffer produce is message text once more: the module appends
 // the file-name line to a status text and hands the whole to messageToJnl as the text. A percent
@@ -136,7 +136,8 @@ HostStatus print(JournalLevel level, const std::string& text) {
 
 }  // namespace
 
-StandInJournal::StandInJournal(JournalSink sink) noexcept : Journal{}, sink_(sink) {
+StandInJournal::StandInJournal(JournalSink sink, JournalFunction function, void* context) noexcept
+    : Journal{}, sink_(sink), function_(function), context_(context) {
   Journal::messageToBuf = qz::messageToBuf;
   Journal::messageToJnl = qz::messageToJnl;
   Journal::statusToBuf = qz::statusToBuf;
@@ -156,8 +157,13 @@ void StandInJournal::clear() {
 HostStatus StandInJournal::append(JournalLevel level, std::uint32_t status,
                                   std::string text) noexcept try {
   if (sink_ == JournalSink::standardError) return print(level, text);
+  JournalEntry entry = {level, status, std::move(text)};
+  if (sink_ == JournalSink::function) {
+    if (function_ != nullptr) function_(context_, entry);
+    return hostOk;
+  }
   const std::lock_guard lock(mutex_);
-  entries_.push_back({level, status, std::move(text)});
+  entries_.push_back(std::move(entry));
   return hostOk;
 } catch (const std::bad_alloc&) {
   return hostNoMemory;

@@ -115,7 +115,7 @@ Encodings::Encodings(HostRecords* owner) : EncodingServices{}, host(owner) {
 HostRecords::HostRecords(const StandInOptions& options)
     : QZHandle{},
       hostPageSize(options.hostPageSize),
-      journal(options.defaultJournal),
+      journal(options.defaultJournal, options.journalFunction, options.journalContext),
       files(this),
       encodings(this) {
   current.taskWait = taskWait;

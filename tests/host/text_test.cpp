@@ -9,6 +9,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "qziop.hpp"
 
@@ -101,6 +102,33 @@ TEST_F(JournalTest, StandardErrorGetsOneCleanLinePerEntry) {
   printed.append(JournalLevel::error, 1, "two");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "note: one a?b?[31m\nerror: two\n");
   EXPECT_TRUE(printed.entries().empty());
+}
+
+// A program's own log gets whole entries, of its own journal and of the host's default one.
+TEST(JournalFunctionTest, EachEntryReachesTheProgram) {
+  using Entries = std::vector<qz::JournalEntry>;
+  const qz::JournalFunction store = [](void* context, const qz::JournalEntry& entry) noexcept {
+    static_cast<Entries*>(context)->push_back(entry);
+  };
+  Entries own;
+  Entries ofDefault;
+  qz::StandInJournal journal(qz::JournalSink::function, store, &own);
+  qz::StandInHost host({{}, qz::JournalSink::function, store, &ofDefault});
+  qz::QZHandle* handle = host.handle();
+  EXPECT_EQ(handle->extensionLoad(handle, U"other", 5, &journal), nullptr);
+  EXPECT_EQ(handle->extensionLoad(handle, U"other", 5, handle->defaultJournal), nullptr);
+  EXPECT_EQ(journal.append(JournalLevel::note, 0, "a\nb"), 0U);
+  ASSERT_EQ(own.size(), 2U);
+  EXPECT_EQ(own[0].level, JournalLevel::error);
+  EXPECT_EQ(own[0].status, qz::hostNoSuchExtension);
+  EXPECT_EQ(own[0].text, qz::statusText(qz::hostNoSuchExtension));
+  EXPECT_EQ(own[1].level, JournalLevel::note);
+  EXPECT_EQ(own[1].text, "a\nb") << "unlike on a terminal, nothing is replaced";
+  ASSERT_EQ(ofDefault.size(), 1U);
+  EXPECT_EQ(ofDefault[0].text, own[0].text);
+  EXPECT_TRUE(journal.entries().empty() && host.defaultJournal().entries().empty());
+  qz::StandInJournal discarding(qz::JournalSink::function);
+  EXPECT_EQ(discarding.append(JournalLevel::error, 1, "two"), 0U);
 }
 
 TEST(TextTest, NamesSurviveWhateverTheirBytes) {
