@@ -20,36 +20,36 @@
 
 namespace qz {
 
-// Statuses of the host's own operations. The file service uses the range 0x80FFE001 to 0x80FFE015,
-// which the module maps to its own codes; the others reach a journal as they are.
+// Statuses of the host's own operations. The module maps those of the file service, 0x80FFE001 to
+// 0x80FFE015, to its own codes.
 enum HostCode : HostStatus {
   hostOk = 0,
-  hostNoMemory = 0x80FFE001,
-  hostBadParameters = 0x80FFE002,       // also O_DIRECT where the file system refuses it
+  hostNoMemory = 0x80FFE001,            // ENOMEM, ENOBUFS, or the host's own memory
+  hostBadParameters = 0x80FFE002,       // EINVAL, as for O_DIRECT that is refused; EBADF
   hostDeviceError = 0x80FFE003,         // EIO
-  hostNoDevice = 0x80FFE004,            // ENODEV, ENXIO: nothing behind the name
-  hostStaleFile = 0x80FFE005,           // ESTALE, ENOTCONN: a file server lost it
-  hostFileNotFound = 0x80FFE006,        // the file, or a folder on the way to it
+  hostNoDevice = 0x80FFE004,            // ENODEV
+  hostStaleFile = 0x80FFE005,           // ESTALE, ENOTCONN, ETIMEDOUT: a file server lost it
+  hostFileNotFound = 0x80FFE006,        // ENOENT, ENOTDIR: the file, or a folder on the way to it
   hostAccessRefused = 0x80FFE007,       // EACCES, EPERM
-  hostNoSpace = 0x80FFE008,             // no room for a new file: ENOSPC, EDQUOT
-  hostIsDirectory = 0x80FFE009,         // EISDIR
-  hostBadName = 0x80FFE00A,             // empty, too long, a loop of links, or not representable
+  hostNoSpace = 0x80FFE008,             // ENOSPC, EDQUOT: no room for a new file
+  hostIsDirectory = 0x80FFE009,         // EISDIR, also when only opened for reading
+  hostBadName = 0x80FFE00A,             // empty, ENAMETOOLONG, ELOOP, or not representable
   hostNoDescriptor = 0x80FFE00B,        // EMFILE, ENFILE
-  hostCloseFailed = 0x80FFE00C,         // close(2) reported lost data
+  hostCloseFailed = 0x80FFE00C,         // close(2) reported a failure: data may be lost
   hostNotRemoved = 0x80FFE00D,          // the file could not be removed
   hostReadOnlyFileSystem = 0x80FFE00E,  // EROFS
   hostLocked = 0x80FFE00F,              // locked by another open file; worth waiting for
   hostProgramRunning = 0x80FFE010,      // ETXTBSY: the file is a running program
   hostDeviceBusy = 0x80FFE011,          // EBUSY; worth waiting for
-  hostNoLocks = 0x80FFE012,             // ENOLCK: the system has no lock to give
-  hostTryAgain = 0x80FFE013,            // EAGAIN, EINTR; worth waiting for
+  hostNoLocks = 0x80FFE012,             // the system could not lock, as with ENOLCK
+  hostTryAgain = 0x80FFE013,            // EAGAIN of the open; worth waiting for
   hostOtherFailure = 0x80FFE014,        // any other error number
-  hostUnsupportedFile = 0x80FFE015,     // pipe, socket or character device, or a size too large
-  // Outside the file service's range.
+  hostUnsupportedFile = 0x80FFE015,     // no regular file or block device; EFBIG, EOVERFLOW, ENXIO
+  // Outside the file service's range, which the module journals or ignores.
   hostForeignBlock = 0x80FFE101,     // memFree of a block that the pool has not handed out
   hostBlocksLive = 0x80FFE102,       // destroy of a pool with blocks still handed out
   hostTextTooLong = 0x80FFE103,      // a text does not fit its buffer; nothing was stored
-  hostBadText = 0x80FFE104,          // null text, or a length beyond reason
+  hostBadText = 0x80FFE104,          // null text, a length beyond reason, or no UTF-8 for it
   hostUnknownOption = 0x80FFE105,    // no such option, or it is not set
   hostWrongValueType = 0x80FFE106,   // the option has another type or needs more room
   hostNoSuchExtension = 0x80FFE107,  // extensionLoad of a name other than "qzeavl"

@@ -18,8 +18,12 @@ constexpr std::size_t kSlabBytes = kSlabPages * kStorePage;
 constexpr std::size_t kHugeFrom = std::size_t{64} << 10U;
 constexpr std::size_t kMostSpareBytes = std::size_t{20} << 20U;  // five blocks of 4 MiB
 
-constexpr std::array<std::uint16_t, 15> kSlotBytes = {32,  48,  64,   96,   128,  192,  256, 384,
-                                                      512, 768, 1024, 1536, 2048, 3072, 4096};
+constexpr std::array<std::uint16_t, 14> kSlotBytes = {32,  48,  64,   96,   128,  192,  256,
+                                                      384, 512, 1024, 1536, 2048, 3072, 4096};
+// Slots of a slab are as aligned as their size is.
+static_assert(std::ranges::all_of(kSlotBytes, [](std::size_t bytes) {
+  return bytes % alignmentOf(bytes) == 0;
+}));
 
 // The index of the smallest slot for so many bytes, by sixteens of them.
 constexpr std::size_t kSlotStep = 16;
@@ -325,8 +329,9 @@ HeapStore::~HeapStore() {
 
 void* HeapStore::allocate(std::size_t bytes, bool zeroed) noexcept try {
   void* block = nullptr;
-  const std::size_t alignment = bytes < kStorePage ? 16 : kStorePage;
-  if (bytes > kLargestBlock || posix_memalign(&block, alignment, bytes) != 0) return nullptr;
+  if (bytes > kLargestBlock || posix_memalign(&block, alignmentOf(bytes), bytes) != 0) {
+    return nullptr;
+  }
   std::unique_ptr<void, decltype(&std::free)> owner(block, &std::free);
   blocks_.emplace(block, bytes);
   if (zeroed) std::memset(block, 0, bytes);

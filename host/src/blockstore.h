@@ -15,6 +15,15 @@ namespace qz {
 
 inline constexpr std::size_t kStorePage = 4096;
 inline constexpr std::size_t kRegionBytes = std::size_t{2} << 20U;  // also a huge page
+
+// What direct I/O asks of a block that it reads or writes: pages below 4096 bytes go to disks with
+// sectors of 512.
+constexpr std::size_t alignmentOf(std::size_t blockBytes) {
+  constexpr std::size_t kSector = 512;
+  if (blockBytes >= kStorePage) return kStorePage;
+  return blockBytes >= kSector ? kSector : 16;
+}
+
 // A larger request is taken for a mistake: 4 GiB, where an address has 32 bits 2 GiB.
 inline constexpr std::size_t kLargestBlock =
     sizeof(void*) == 8 ? std::size_t{1} << (sizeof(void*) * 4) : std::size_t{1} << 31U;
@@ -51,7 +60,7 @@ class RegionStore {
   RegionStore& operator=(const RegionStore&) = delete;
   ~RegionStore();
 
-  // A block aligned to 16 bytes, from 4096 bytes on to 4096; null when there is no memory.
+  // A block aligned as alignmentOf says; null when there is no memory.
   void* allocate(std::size_t bytes, bool zeroed) noexcept;
 
   // Takes a block back: the bytes that were asked for, or nothing when it is not one of ours.
@@ -64,7 +73,7 @@ class RegionStore {
     std::size_t asked;
     std::size_t mapped;
   };
-  static constexpr std::size_t kSlotSizes = 15;
+  static constexpr std::size_t kSlotSizes = 14;
 
   // Where pages were found; no region: there is no memory.
   struct PageRun {
@@ -102,6 +111,7 @@ class HeapStore {
   HeapStore& operator=(const HeapStore&) = delete;
   ~HeapStore();
 
+  // As those of RegionStore.
   void* allocate(std::size_t bytes, bool zeroed) noexcept;
   std::optional<std::size_t> release(void* block) noexcept;
 

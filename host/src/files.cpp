@@ -29,7 +29,7 @@ static_assert(sizeof(off_t) == 8, "files beyond 2 GiB need 64-bit offsets");
 
 // What the first detail word says: the step that failed. The second has the open flags as the
 // system got them.
-enum Step : std::uint32_t { stepName = 1, stepOpen, stepInspect, stepLock, stepSwap };
+enum Step : std::uint32_t { stepName = 1, stepOpen, stepInspect, stepLock };
 
 struct Failure {
   HostStatus status;

@@ -50,8 +50,8 @@ static_assert(sizeof(PoolAttributes) == 12);
 inline constexpr HostStatus kNoTask = 0x803FC009;
 
 // A source of memory. Blocks go back to the pool that they came from.
-// Blocks of 4096 bytes and more from the pool "qziop buffer pool" are aligned to 4096 bytes:
-// direct I/O relies on it.
+// Blocks of 4096 bytes and more from the pool "qziop buffer pool" are aligned to 4096 bytes, those
+// of 512 and more to 512: direct I/O relies on it.
 struct MemoryPool {
   UnusedSlot unused0[2];
   HostStatus (*destroy)(MemoryPool* pool);
@@ -194,7 +194,8 @@ struct OpenParameters {
   std::uint32_t permissions;  // of a file that the open creates
   std::uint32_t openFlags;    // of openflag
   std::uint32_t removeAtClose;
-  // Filled in by the host when an open fails.
+  // Set by an open or reopen that fails: the system's error number and two words of the host. A
+  // success leaves 0 as error number.
   std::int32_t systemErrno;
   std::uint32_t errorDetail1;
   std::uint32_t errorDetail2;
@@ -222,9 +223,11 @@ struct HostFile;
 
 struct FileMethods {
   UnusedSlot unused0[27];
-  // Releases the host file; removes the file too when parameters->removeAtClose is 1.
+  // Releases the host file; removes the file too when parameters->removeAtClose is 1. After a
+  // failure the host file is still there.
   HostStatus (*fileClose)(HostFile* file, OpenParameters* parameters, Journal* journal);
-  // Swaps in a descriptor with the new flags; the old one stays when that fails.
+  // Reopens the file with the new flags, under a descriptor that may be another; the old one stays
+  // when that fails.
   HostStatus (*fileReopen)(HostFile* file, OpenParameters* parameters, std::uint32_t accessMode,
                            Journal* journal);
 };
