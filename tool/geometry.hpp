@@ -59,12 +59,8 @@ Measure measure(const Geometry& geometry, std::int64_t fileBytes);
 // What a file that is not whole lacks or has too much, in words.
 std::string describe(const Measure& measured, const Geometry& geometry);
 
-// Direct I/O moves whole multiples of this many bytes to offsets that are multiples of it.
+// Direct I/O moves whole multiples of this many bytes to offsets that are multiples of it on every
+// usual device. Sizes that the tool picks fit it, so that a file can be copied anywhere.
 inline constexpr std::int64_t kDirectAlignment = 4096;
-
-// True when pages can be moved by direct I/O.
-constexpr bool isAligned(std::int64_t pageSize, std::int64_t headerSize) {
-  return pageSize % kDirectAlignment == 0 && headerSize % kDirectAlignment == 0;
-}
 
 }  // namespace qzpfile

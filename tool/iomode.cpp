@@ -1,6 +1,8 @@
 #include "iomode.hpp"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 
@@ -11,14 +13,19 @@ namespace {
 
 constexpr std::int32_t kDefaultBlockBytes = 4 << 20;
 
-void refuseUnaligned(const IoRequest& request, const Geometry& geometry, const std::string& file) {
-  if (!isAligned(geometry.pageSize, geometry.headerSize)) {
-    throw Failure(Exit::usage,
-                  fmt::format("--io {} needs a page size and a header size that are multiples of "
-                              "{} bytes, not {} and {}",
-                              ioName(request.choice), kDirectAlignment, geometry.pageSize,
-                              geometry.headerSize),
-                  file)
+bool isAligned(const Geometry& geometry, std::int64_t alignment) {
+  return geometry.pageSize % alignment == 0 && geometry.headerSize % alignment == 0;
+}
+
+void refuseUnaligned(const IoRequest& request, const Geometry& geometry, std::int64_t alignment,
+                     const std::string& file) {
+  if (!isAligned(geometry, alignment)) {
+    throw Failure(
+        Exit::usage,
+        fmt::format("--io {} needs a page size and a header size that are multiples of "
+                    "{} bytes, not {} and {}",
+                    ioName(request.choice), alignment, geometry.pageSize, geometry.headerSize),
+        file)
         .tryThis("use --io buffered or auto, or other sizes");
   }
   if (request.choice == IoChoice::block && request.blockBytes &&
@@ -31,7 +38,7 @@ void refuseUnaligned(const IoRequest& request, const Geometry& geometry, const s
   }
 }
 
-const char* whyNotDirect(const qz::FileHandle& handle) {
+const char* whyRefused(const qz::FileHandle& handle) {
   switch (handle.directIoSupport) {
     case qz::directIoNfs:
       return "the file lies on NFS";
@@ -60,20 +67,34 @@ const char* ioName(IoChoice choice) {
   return "";
 }
 
-IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry,
-                     std::optional<std::int64_t> fileBytes, const std::string& file) {
-  IoOutcome outcome{.asked = request.choice, .mode = request.choice, .why = {}};
-  if (request.choice == IoChoice::direct || request.choice == IoChoice::block) {
-    refuseUnaligned(request, geometry, file);
+std::int64_t directAlignmentOf(const std::string& path) {
+#ifdef STATX_DIOALIGN
+  struct statx about = {};
+  constexpr unsigned kWanted = STATX_DIOALIGN | STATX_MNT_ID;
+  // No mount has the number 0. An emulator that knows neither field leaves both at 0.
+  if (statx(AT_FDCWD, path.c_str(), 0, kWanted, &about) == 0 &&
+      (about.stx_mask & kWanted) == kWanted && about.stx_mnt_id != 0) {
+    return std::max(about.stx_dio_mem_align, about.stx_dio_offset_align);
   }
-  if (request.choice != IoChoice::automatic) {
+#endif
+  return kDirectAlignment;
+}
+
+IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry,
+                     std::int64_t alignment, std::optional<std::int64_t> fileBytes,
+                     const std::string& file) {
+  IoOutcome outcome{.asked = request.choice, .mode = request.choice, .why = {}};
+  const bool asksDirect = request.choice == IoChoice::direct || request.choice == IoChoice::block;
+  if (asksDirect && alignment != 0) refuseUnaligned(request, geometry, alignment, file);
+  const std::string obstacle = whyNotDirect(geometry, alignment);
+  if (request.choice != IoChoice::automatic && (!asksDirect || obstacle.empty())) {
     return outcome;
   }
   outcome.mode = IoChoice::buffered;
-  if (use == Use::somePages) {
+  if (request.choice == IoChoice::automatic && use == Use::somePages) {
     outcome.why = "a few pages are quickest through the system's cache";
-  } else if (!isAligned(geometry.pageSize, geometry.headerSize)) {
-    outcome.why = whyUnaligned();
+  } else if (!obstacle.empty()) {
+    outcome.why = obstacle;
   } else if (fileBytes && *fileBytes < blockBytesFor(request, geometry.pageSize)) {
     outcome.why = "the file is smaller than one block";
   } else {
@@ -83,9 +104,11 @@ IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry
   return outcome;
 }
 
-std::string whyUnaligned() {
+std::string whyNotDirect(const Geometry& geometry, std::int64_t alignment) {
+  if (alignment == 0) return "this file system moves the file through the system's cache";
+  if (isAligned(geometry, alignment)) return {};
   return fmt::format("direct I/O needs page and header sizes that are multiples of {} bytes",
-                     kDirectAlignment);
+                     alignment);
 }
 
 std::int32_t blockBytesFor(const IoRequest& request, std::int32_t pageSize) {
@@ -96,7 +119,7 @@ void noteObtained(IoOutcome* outcome, const qz::FileHandle& handle) {
   const bool wantedDirect = outcome->mode != IoChoice::buffered;
   if (wantedDirect && (handle.directIoMode & qz::directIo) == 0) {
     outcome->mode = IoChoice::buffered;
-    outcome->why = whyNotDirect(handle);
+    outcome->why = whyRefused(handle);
   }
 }
 

@@ -32,13 +32,20 @@ struct IoOutcome {
   std::string why;
 };
 
-// The mode to open a file with. fileBytes: nothing when not known beforehand. Throws the refusal
-// of pages or blocks that direct I/O cannot move.
-IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry,
-                     std::optional<std::int64_t> fileBytes, const std::string& file);
+// What the system needs for direct I/O on a file: page size, header size and memory are multiples
+// of this many bytes. 0: it moves the file through its cache, even when the file is opened with
+// O_DIRECT. kDirectAlignment where the system does not say (Linux before 6.1, most file systems
+// other than ext4 and xfs).
+std::int64_t directAlignmentOf(const std::string& path);
 
-// Why a file with other sizes is not read by direct I/O.
-std::string whyUnaligned();
+// The mode to open a file with. alignment: directAlignmentOf the file. fileBytes: nothing when not
+// known beforehand. Throws the refusal of pages or blocks that direct I/O cannot move.
+IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry,
+                     std::int64_t alignment, std::optional<std::int64_t> fileBytes,
+                     const std::string& file);
+
+// Why direct I/O cannot move these pages: empty if it can.
+std::string whyNotDirect(const Geometry& geometry, std::int64_t alignment);
 
 // Bytes of a block: as asked for, else 4 MiB in whole pages, at least one.
 std::int32_t blockBytesFor(const IoRequest& request, std::int32_t pageSize);

@@ -114,7 +114,8 @@ File::File(qz::PagedFile paged, std::string name, const Geometry& geometry, IoOu
 }
 
 File File::openToRead(Session& session, const Source& source, const IoRequest& io, Use use) {
-  IoOutcome mode = chooseMode(io, use, source.geometry, source.measured.found, source.name);
+  IoOutcome mode = chooseMode(io, use, source.geometry, directAlignmentOf(source.name),
+                              source.measured.found, source.name);
   File file(session.newFile(source.name, Purpose::input), source.name, source.geometry,
             std::move(mode), Purpose::input);
   qz::FileHandle& settings = file.paged_.settings();
@@ -127,9 +128,9 @@ File File::openToRead(Session& session, const Source& source, const IoRequest& i
 
 std::optional<File> File::openInMode(Session& session, const Source& source, const IoRequest& io,
                                      IoOutcome* refused) {
-  if (io.choice != IoChoice::buffered &&
-      !isAligned(source.geometry.pageSize, source.geometry.headerSize)) {
-    *refused = {.asked = io.choice, .mode = IoChoice::buffered, .why = whyUnaligned()};
+  std::string obstacle = whyNotDirect(source.geometry, directAlignmentOf(source.name));
+  if (io.choice != IoChoice::buffered && !obstacle.empty()) {
+    *refused = {.asked = io.choice, .mode = IoChoice::buffered, .why = std::move(obstacle)};
     return std::nullopt;
   }
   File file = openToRead(session, source, io, Use::wholeFile);
@@ -141,8 +142,8 @@ std::optional<File> File::openInMode(Session& session, const Source& source, con
 }
 
 File File::openToChange(Session& session, const Source& source, const IoRequest& io) {
-  IoOutcome mode =
-      chooseMode(io, Use::somePages, source.geometry, source.measured.found, source.name);
+  IoOutcome mode = chooseMode(io, Use::somePages, source.geometry, directAlignmentOf(source.name),
+                              source.measured.found, source.name);
   File file(session.newFile(source.name, Purpose::output), source.name, source.geometry,
             std::move(mode), Purpose::output);
   qz::FileHandle& settings = file.paged_.settings();
@@ -156,7 +157,8 @@ File File::openToChange(Session& session, const Source& source, const IoRequest&
 File File::create(Session& session, const std::string& path, const std::string& name,
                   const Geometry& geometry, const IoRequest& io,
                   std::optional<std::int64_t> fileBytes) {
-  IoOutcome mode = chooseMode(io, Use::wholeFile, geometry, fileBytes, name);
+  IoOutcome mode =
+      chooseMode(io, Use::wholeFile, geometry, directAlignmentOf(path), fileBytes, name);
   File file(session.newFile(path, Purpose::output), name, geometry, std::move(mode),
             Purpose::output);
   qz::FileHandle& settings = file.paged_.settings();

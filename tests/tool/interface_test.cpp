@@ -89,7 +89,6 @@ for s in 4096 4K 4k 4KiB 4096B; do $Q pack -f --page-size $s in x || exit; done 
 $Q pack --page-size 1MB in x -> 0 1 page of 1000000
 $Q pack --page-size 600 in x
   -> 0 I/O buffered (asked: auto; direct I/O needs page and header sizes that are multiples of
-  4096 bytes)
 )");
 }
 

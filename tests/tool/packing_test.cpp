@@ -69,11 +69,11 @@ $Q pack in no/such -> 73 ! try:    make the folder first
 n=$(printf 'p\303\266\344\270\200\377'); $Q pack in "$n" && $Q unpack "$n" - | cmp in -
   -> 0 1 page of 65536
 $Q pack in x >y; stat -c %a x -> 0 644
-$Q pack --io direct --page-size 5000 in x -> 64 ! multiples of 4096 bytes, not 5000 and 4096
-$Q pack --io block --header-size 100 in x -> 64 ! multiples of 4096 bytes, not 65536 and 100
+$Q pack --io direct --page-size 5000 in x -> 64 ! bytes, not 5000 and 4096
+$Q pack --io block --header-size 100 in x -> 64 ! bytes, not 65536 and 100
 $Q pack --io block --block-size 100000 in x -> 64 ! does not hold whole pages of 65536 bytes
-$Q pack -f --page-size 512 in good >y; $Q unpack --io direct good x -> 64 ! not 512 and 4096
-$Q pack -f --page-size 512 in good >y; $Q info good --io auto -> 0 buffered (asked: auto;
+$Q pack -f --page-size 600 in good >y; $Q unpack --io direct good x -> 64 ! not 600 and 4096
+$Q pack -f --page-size 600 in good >y; $Q info good --io auto -> 0 buffered (asked: auto;
 )");
 }
 
