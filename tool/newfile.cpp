@@ -1,6 +1,7 @@
 #include "newfile.hpp"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <system_error>
 
 #include "failure.hpp"
 #include "signals.hpp"
@@ -67,7 +69,11 @@ NewFile::NewFile(const std::string& target, bool force)
 
 NewFile::~NewFile() {
   if (fd_ >= 0) {
-    unlink(temporary_.c_str());
+    if (unlink(temporary_.c_str()) != 0 && errno != ENOENT) {
+      const int error = errno;
+      fmt::print(stderr, "qzpfile: {}: the unfinished file {} could not be removed: {}\n", shown_,
+                 temporary_, std::generic_category().message(error));
+    }
     setUnfinishedFile(nullptr);
     close(fd_);
   }
