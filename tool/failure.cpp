@@ -76,6 +76,13 @@ const char* hintForErrno(Purpose purpose, int errorNumber) {
       return "the disk may be failing: look at the system log, and copy what can still be read";
     case EROFS:
       return "use another file system, or have this one mounted for writing";
+    case ENOTCONN:
+    case ESTALE:
+    case ETIMEDOUT:
+    case EHOSTDOWN:
+    case EHOSTUNREACH:
+      return "the server of this network file system, or too many of its replicas, cannot be "
+             "reached: try again when they are back";
     case EMFILE:
     case ENFILE:
       return "close other files, or raise the limit (ulimit -n)";
@@ -89,7 +96,8 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
     case qz::Status::unsupportedFile:
       return "name a regular file: pages need a file with positions, not a pipe or a device";
     case qz::Status::busy:
-      return "another program has the file open: try again when it is done";
+      return "another program has the file open, or its file system cannot lock it at the moment "
+             "(a network file system that lost replicas or its server): try again later";
     case qz::Status::noMemory:
     case qz::Status::noBuffer:
       return "use smaller pages, a smaller --block-size or fewer --buffers";

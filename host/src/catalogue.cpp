@@ -30,7 +30,7 @@ constexpr CatalogueText kCatalogue[] = {
     text(Status::noHeaderYet, "A file that is to be created or replaced has no header to read yet"),
     text(Status::noFileName, "No file name was given, or it cannot be used"),
     text(Status::noDescriptor, "No further file can be opened: all file descriptors are in use"),
-    text(Status::busy, "The file is in use"),
+    text(Status::busy, "The file is in use, or cannot be locked at the moment"),
     text(Status::ioFailed, "Reading, writing or releasing the file or its memory failed"),
     text(Status::notRemoved, "The file could not be removed or released"),
     text(Status::inexactPageSize, "No page size meets the request exactly; the nearest was chosen"),

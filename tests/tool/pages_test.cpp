@@ -68,6 +68,8 @@ cat in | $Q put --raw --page-size 4K good --append -> 65 ! nothing was appended
 (ulimit -f 100; (cat in in in) | $Q put good --append) -> 74 ! nothing was appended
 mkfifo f; $Q put good --append <f & p=$!; exec 3>f; seq 300000 >&3; sleep 0.3; kill -PIPE $p;
   wait $p -> 141
+mkfifo f; $Q put good 1 <f >y & exec 3>f; head -c 4096 in >&3; sleep 0.3; $Q info good 3>&-; s=$?;
+  exec 3>&-; wait; (exit $s) -> 74 ! try:    another program has the file open, or
 $Q truncate good 12 -> 64 ! it can be cut, not lengthened
 $Q truncate --raw --page-size 4K good 0 -> 64 ! use rm
 $Q header good --set in -> 65 ! is too long
