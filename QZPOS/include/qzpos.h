@@ -241,6 +241,7 @@ struct FileHandle {
   RecordIndex* index;            // null: few records, or no memory for it
   std::int32_t emptyFreePages;   // records without a page on pageFreeList
   std::int32_t emptyFreeBlocks;  // records without pages on blockFreeList
+  std::uint8_t sizeUnknown;      // 1: pre-opened, and not open since; `fileSize` may not be true
 };
 static_assert(std::is_standard_layout_v<FileHandle>);
 static_assert(atContractOffset(offsetof(FileHandle, eyecatcher), 0));

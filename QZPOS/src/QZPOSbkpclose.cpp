@@ -9,9 +9,11 @@ namespace {
 
 constexpr HostStatus kHostNotRemoved = 0x80FFE00D;
 
-// A file that was opened for writing and is still empty is not kept. Collected pages count.
+// A file that was opened for writing and is still empty is not kept. Collected pages count. Of a
+// file that was only pre-opened nobody has asked the size: the handle's 0 says nothing about it.
 bool isToBeRemoved(const FileHandle& h, std::uint32_t flags) {
   if ((flags & kRemoveFile) != 0) return true;
+  if (h.sizeUnknown != 0) return false;
   return h.pageCount == 0 && h.fileSize == 0 && h.writeAccess != noWrite;
 }
 
@@ -50,6 +52,7 @@ void reset(FileHandle* h) {
   h->blockAcquiredList = {};
   h->lastBlock = nullptr;
   h->hostFile = nullptr;
+  h->sizeUnknown = 0;
   h->heldCount = 0;
   h->hostErrorDetail1 = 0;
   h->hostErrorDetail2 = 0;

@@ -15,6 +15,7 @@ Status checkOpen(const FileHandle& h) {
   if (h.pageSize < 0 || h.headerSize < 0 || h.pageCount < 0 || h.fileSize < 0) {
     return Status::misfit;
   }
+  if (h.pageSize > kMostBytesOfACall) return Status::misfit;
   return Status::ok;
 }
 
@@ -63,6 +64,8 @@ Status replaceContents(FileHandle* h, Journal* journal) {
   }
   h->fileSize = 0;
   h->headerSize = 0;
+  // After a pre-open in another mode it may be what the caller read from the old header.
+  h->pageCount = 0;
   if (h->pageSize == 0) {
     askPageSizes(h, journal);
     h->pageSize = h->defaultPageSize;
@@ -74,6 +77,7 @@ Status openBuffers(FileHandle* h, Journal* journal) {
   const Status status = bkpbuffersetup(h, OpenKind::open, journal);
   if (status == Status::ok) {
     h->stateFlags |= stateOpen;
+    h->sizeUnknown = 0;
     return status;
   }
   closeThroughTable(h, h->openMode == openOrKeep ? 0 : kRemoveFile, journal);

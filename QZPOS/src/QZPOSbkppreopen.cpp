@@ -41,6 +41,7 @@ void detach(FileHandle* h, Journal* journal) {
   h->hostFile = nullptr;
   h->fd = -1;
   h->stateFlags &= ~std::uint32_t{statePreopened};
+  h->sizeUnknown = 0;
 }
 
 }  // namespace
@@ -56,6 +57,7 @@ qz::Status qzppreopen(qz::FileHandle* h, void* buffer, std::int32_t* lengthInOut
   const Status opened = bkpdoopen(h, OpenKind::open, h->openMode, hints, journal);
   if (opened != Status::ok) return keep(h, opened);
   h->stateFlags |= statePreopened;
+  h->sizeUnknown = 1;
 
   const std::int32_t length = *lengthInOut;
   const Transfer header = readHeader(*h, buffer, static_cast<std::size_t>(length));
