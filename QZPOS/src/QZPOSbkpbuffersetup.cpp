@@ -21,7 +21,8 @@ std::int64_t requestedBytes(const FileHandle& h) {
 // areas were made for it. False when no transfer can be that large.
 bool settleBlockSize(FileHandle* h) {
   if (h->blocksAllocated > 0) return true;
-  const std::int32_t blockBytes = commonSize(h->pageSize, requestedBytes(*h)).value_or(0);
+  std::int32_t blockBytes = commonSize(h->pageSize, requestedBytes(*h)).value_or(0);
+  if (blockBytes > kMostBytesOfACall) blockBytes = 0;
   h->blockBytes = blockBytes;
   h->pagesPerBlock = blockBytes == 0 ? 0 : blockBytes / h->pageSize;
   h->bitmapBytes = (std::int64_t{h->pagesPerBlock} + 7) / 8;

@@ -2,7 +2,6 @@
 // nor changed, and nothing is retried: the caller sees what the file gave.
 #include <algorithm>
 #include <array>
-#include <limits>
 
 #include "io.h"
 #include "outcome.h"
@@ -12,7 +11,12 @@ namespace qz {
 namespace {
 
 // The most destinations that one readv takes on Linux.
-constexpr std::int32_t kChunkPages = 1024;
+constexpr std::int32_t kMostDestinations = 1024;
+
+// Pages that one readv can bring: at least one, as a page is no larger than what a call moves.
+std::int32_t pagesOfACall(const FileHandle& h) {
+  return std::min(kMostDestinations, kMostBytesOfACall / h.pageSize);
+}
 
 struct PageRun {
   PageRequest* const* requests;
@@ -27,9 +31,7 @@ Status checkReadMany(const FileHandle& h, const PageRun& run, bool contiguous) {
   if (run.startPage - 1 > h.pageCount) return Status::pageOutOfRange;
   if (run.count <= 0) return Status::pageOutOfRange;
   const std::int64_t bytes = std::int64_t{run.count} * h.pageSize;
-  if (contiguous && bytes > std::numeric_limits<std::int32_t>::max()) {
-    return Status::pageOutOfRange;
-  }
+  if (contiguous && bytes > kMostBytesOfACall) return Status::pageOutOfRange;
   return Status::ok;
 }
 
@@ -42,12 +44,12 @@ Status readContiguous(FileHandle* h, const PageRun& run) {
     h->lastErrno = transfer.error;
     return Status::ioFailed;
   }
-  h->nextPage = run.startPage + run.count;
+  h->nextPage = pageOn(run.startPage, run.count);
   return Status::ok;
 }
 
 Status readChunk(FileHandle* h, PageRequest* const* requests, std::int32_t count) {
-  std::array<iovec, kChunkPages> vector;
+  std::array<iovec, kMostDestinations> vector;
   const auto pageBytes = static_cast<std::size_t>(h->pageSize);
   std::transform(requests, requests + count, vector.begin(), [&](const PageRequest* request) {
     return iovec{.iov_base = request->buffer, .iov_len = pageBytes};
@@ -55,7 +57,7 @@ Status readChunk(FileHandle* h, PageRequest* const* requests, std::int32_t count
   const ssize_t result = readv(h->fd, vector.data(), count);
   if (result == 0) return Status::endOfFile;
   if (result < 0) return Status::ioFailed;
-  h->nextPage += count;
+  h->nextPage = pageOn(h->nextPage, count);
   return Status::ok;
 }
 
@@ -63,7 +65,7 @@ Status readScattered(FileHandle* h, const PageRun& run) {
   if (lseek64(h->fd, pageOffset(*h, run.startPage), SEEK_SET) == -1) return Status::ioFailed;
   h->nextPage = run.startPage;
   for (std::int32_t done = 0; done < run.count;) {
-    const std::int32_t chunk = std::min(kChunkPages, run.count - done);
+    const std::int32_t chunk = std::min(pagesOfACall(*h), run.count - done);
     const Status status = readChunk(h, run.requests + done, chunk);
     if (status != Status::ok) return status;
     done += chunk;

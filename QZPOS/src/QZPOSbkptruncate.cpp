@@ -32,7 +32,7 @@ Status cutFile(FileHandle* h, std::int64_t newPageCount) {
   }
   h->fileSize = end;
   h->pageCount = newPageCount;
-  h->nextPage = newPageCount + 1;
+  h->nextPage = pageAfter(newPageCount);
   return Status::ok;
 }
 

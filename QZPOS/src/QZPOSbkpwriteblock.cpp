@@ -17,7 +17,7 @@ Status writeCollected(FileHandle* h, Journal* journal) {
     truncateThroughTable(h, block->firstPage - 1, journal);
     return status;
   }
-  h->nextPage = block->firstPage + pages;
+  h->nextPage = pageOn(block->firstPage, pages);
   h->fileSize += bytes;
   resetWriteBlock(block);
   return Status::ok;

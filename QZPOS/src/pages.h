@@ -12,6 +12,10 @@
 
 namespace qz {
 
+// Linux moves no more bytes with one call, whatever it is asked for. Neither a page nor a block is
+// larger, so that what comes back short is short.
+inline constexpr std::int32_t kMostBytesOfACall = 0x7FFFF000;
+
 constexpr std::int64_t pageOffset(std::int64_t page, std::int32_t pageSize,
                                   std::int64_t headerSize) {
   return (page - 1) * pageSize + headerSize;
@@ -35,10 +39,16 @@ constexpr std::optional<std::int64_t> wholeFileBytes(std::int64_t pageCount, std
 static_assert(wholeFileBytes(4, 512, 100) == 2148);
 static_assert(!wholeFileBytes(std::numeric_limits<std::int64_t>::max(), 512, 0));
 
-// The last page that can be numbered has none after it.
+// The page so many pages on. The last page that can be numbered has none after it.
+constexpr std::int64_t pageOn(std::int64_t page, std::int64_t count) {
+  return page + std::min(count, std::numeric_limits<std::int64_t>::max() - page);
+}
+
 constexpr std::int64_t pageAfter(std::int64_t page) {
   return page == std::numeric_limits<std::int64_t>::max() ? page : page + 1;
 }
+static_assert(pageOn(std::numeric_limits<std::int64_t>::max() - 1, 5) ==
+              pageAfter(std::numeric_limits<std::int64_t>::max()));
 
 constexpr std::int64_t blockOfPage(std::int64_t page, std::int32_t pagesPerBlock) {
   return (page - 1) / pagesPerBlock + 1;
