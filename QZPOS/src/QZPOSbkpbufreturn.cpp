@@ -2,34 +2,15 @@
 // trusted: a page buffer forgets its page, a block marks the page to be read again.
 //
 // A record of the other shape, left over from before a reopen, is freed as it comes back.
-#include "records.h"
+#include "find.h"
 
 namespace qz {
 namespace {
 
-struct Match {
-  BlockRecord* block = nullptr;
-  FoundIn foundIn = FoundIn::nowhere;
-  PageBuffer* buffer = nullptr;
-};
-
-// Records of the mode's own shape are looked at first.
-Match findReturned(const FileHandle& h, const void* address) {
-  Match match;
-  if (inBlockMode(h)) match.block = bkpblockmatch(h, address, &match.foundIn);
-  if (match.block == nullptr) match.buffer = bkpbufmatch(h, address);
-  if (!inBlockMode(h) && match.buffer == nullptr) {
-    match.block = bkpblockmatch(h, address, &match.foundIn);
-  }
-  // Nothing inside the write block was ever handed out.
-  if (match.foundIn == FoundIn::writeBlock) match.block = nullptr;
-  return match;
-}
-
-Status returnBlock(FileHandle* h, const Match& match, const void* address, Journal* journal) {
-  BlockRecord* block = match.block;
+Status returnBlock(FileHandle* h, const Held& held, const void* address, Journal* journal) {
+  BlockRecord* block = held.block;
   const bool leftover = !inBlockMode(*h);
-  const bool freed = endHandOut(h, block, match.foundIn);
+  const bool freed = endHandOut(h, block, held.foundIn);
   if (freed) joinFreeTail(h, block);
   if (freed && leftover) return bkpdeletebuffers(h, &h->blockFreeList, journal);
   markStale(block, slotIndex(*block, address, h->pageSize));
@@ -51,8 +32,11 @@ Status returnPage(FileHandle* h, PageBuffer* buffer, Journal* journal) {
 qz::Status qzpbufreturn(qz::FileHandle* h, void* address, qz::Journal* journal) noexcept {
   using namespace qz;
   if (!isOpen(*h)) return fail(h, Status::notOpen, journal);
-  const Match match = findReturned(*h, address);
-  if (match.block != nullptr) return returnBlock(h, match, address, journal);
-  if (match.buffer != nullptr) return returnPage(h, match.buffer, journal);
+  Held held;
+  findHeld(*h, address, &held);
+  // Nothing inside the write block was ever handed out.
+  if (held.foundIn == FoundIn::writeBlock) held.block = nullptr;
+  if (held.block != nullptr) return returnBlock(h, held, address, journal);
+  if (held.buffer != nullptr) return returnPage(h, held.buffer, journal);
   return fail(h, Status::notHeld, journal);
 }

@@ -5,8 +5,8 @@
 // handle believes in, and nothing that was not read is ever handed out.
 #include <cstring>
 
+#include "find.h"
 #include "io.h"
-#include "records.h"
 
 namespace qz {
 namespace {
@@ -27,35 +27,6 @@ Status checkRead(const FileHandle& h, std::int64_t page) {
   return Status::ok;
 }
 
-// The first block of a list that holds the page.
-BlockRecord* findInList(const List<BlockRecord>& list, std::int64_t page) {
-  BlockRecord* block = list.head;
-  while (block != nullptr && !coversPage(*block, page)) block = block->next;
-  return block;
-}
-
-// What the lists have, when it is no more than one block. False: there are several copies, and
-// the order of the lists decides between them.
-bool findIndexed(const FileHandle& h, std::int64_t page, BlockRecord** found) {
-  int copies = 0;
-  h.index->visitBlocks(blockOfPage(page, h.pagesPerBlock), [&](BlockRecord* block) {
-    if (!coversPage(*block, page)) return;
-    *found = block;
-    ++copies;
-  });
-  return copies < 2;
-}
-
-BlockRecord* findBlock(const FileHandle& h, std::int64_t page) {
-  if (h.lastBlock != nullptr && coversPage(*h.lastBlock, page)) return h.lastBlock;
-  // Only blocks fix a block size: without them there may be none to divide by.
-  if (h.blocksAllocated == 0) return nullptr;
-  BlockRecord* block = nullptr;
-  if (h.index != nullptr && findIndexed(h, page, &block)) return block;
-  block = findInList(h.blockFreeList, page);
-  return block != nullptr ? block : findInList(h.blockHeldList, page);
-}
-
 // Reads the page's whole block into a free record; null when there is none.
 BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
   auto* block = bkpfindfreebuf<BlockRecord>(h);
@@ -74,14 +45,15 @@ BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
   return block;
 }
 
-// Reads one page of a cached block again.
+// Reads one page of a cached block again. One that comes short stays stale: a close that a host
+// replaced may leave the block cached.
 std::int32_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
   char* slot = slotOf(*block, page, h->pageSize);
   const Transfer transfer =
       retryingEintr([&] { return readAt(h->fd, slot, h->pageSize, pageOffset(*h, page)); });
   if (transfer.failed()) block->readErrno = transfer.error;
   h->nextPage = pageAfter(page);
-  clearStale(block, slotIndex(*block, page));
+  if (transfer.result >= h->pageSize) clearStale(block, slotIndex(*block, page));
   return static_cast<std::int32_t>(transfer.result);
 }
 
@@ -125,7 +97,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
     if (written != Status::ok) return written;
     // Read back from the file, even if an older copy of the block is still about.
   } else {
-    block = findBlock(*h, page);
+    block = findBlockOfPage(*h, page);
   }
   const bool stale = block != nullptr && isStale(*block, slotIndex(*block, page));
   if (block == nullptr) block = fillBlock(h, page);

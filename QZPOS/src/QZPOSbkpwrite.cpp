@@ -6,18 +6,11 @@
 // blocks are updated, and in page mode the written buffer becomes the cached copy.
 #include <cstring>
 
+#include "find.h"
 #include "io.h"
-#include "records.h"
 
 namespace qz {
 namespace {
-
-// The module buffer that a page comes from; neither for the caller's own memory.
-struct Source {
-  BlockRecord* block = nullptr;
-  FoundIn foundIn = FoundIn::nowhere;
-  PageBuffer* buffer = nullptr;
-};
 
 Status checkWrite(const FileHandle& h, const PageRequest& r) {
   if (!isOpen(h)) return Status::notOpen;
@@ -35,13 +28,10 @@ bool liesWithin(const FileHandle& h, const BlockRecord& block, const PageRequest
   return r.buffer - block.data <= std::ptrdiff_t{h.blockBytes} - r.length;
 }
 
-Status findSource(const FileHandle& h, const PageRequest& r, Source* source) {
+// The module buffer that a page comes from; none for the caller's own memory.
+Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
   if ((r.flags & kCallersMemory) != 0) return Status::ok;
-  if (inBlockMode(h)) source->block = bkpblockmatch(h, r.buffer, &source->foundIn);
-  if (source->block == nullptr) source->buffer = bkpbufmatch(h, r.buffer);
-  if (!inBlockMode(h) && source->buffer == nullptr) {
-    source->block = bkpblockmatch(h, r.buffer, &source->foundIn);
-  }
+  findHeld(h, r.buffer, source);
   if (source->block == nullptr && source->buffer == nullptr) return Status::notHeld;
   if (source->block != nullptr && !liesWithin(h, *source->block, r)) return Status::notHeld;
   if (source->foundIn == FoundIn::writeBlock) {
@@ -63,18 +53,48 @@ bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
   return beginsBlock(page, h.pagesPerBlock);
 }
 
-Status collect(FileHandle* h, const PageRequest& r, Journal* journal) {
+// A held copy of the page takes the bytes that were stored, and says where it has them now. Its
+// range grows only where they join on to what it has.
+const char* updateHeldBlock(const FileHandle& h, BlockRecord* block, std::int64_t page,
+                            const char* stored) {
+  char* slot = slotOf(*block, page, h.pageSize);
+  std::memmove(slot, stored, static_cast<std::size_t>(h.pageSize));
+  const std::int64_t begin = slotBegin(*block, page, h.pageSize);
+  if (page - 1 == block->lastPage && block->validBytes >= begin) {
+    block->lastPage = page;
+    block->validBytes = std::max<std::int64_t>(block->validBytes, begin + h.pageSize);
+  }
+  return slot;
+}
+
+// Every copy takes the bytes from where the last one was made: the caller's address may overlap a
+// place that has just been written.
+[[gnu::noinline]] void updateCopies(FileHandle* h, std::int64_t page, const char* stored) {
+  settleCopies(h, page,
+               [&](BlockRecord* block) { stored = updateHeldBlock(*h, block, page, stored); });
+}
+
+void updateBlocks(FileHandle* h, std::int64_t page, const char* stored) {
+  if (h->blocksAllocated != 0) updateCopies(h, page, stored);
+}
+
+// Copies the page into the write block, and says where it lies there.
+const char* collect(FileHandle* h, const PageRequest& r) {
   BlockRecord* block = h->writeBlock;
   if (!isCollecting(*h)) block->firstPage = r.pageNumber;
+  char* slot = slotOf(*block, r.pageNumber, h->pageSize);
   // The source may be the slot itself, or overlap it.
-  std::memmove(slotOf(*block, r.pageNumber, h->pageSize), r.buffer,
-               static_cast<std::size_t>(r.length));
+  std::memmove(slot, r.buffer, static_cast<std::size_t>(r.length));
   if (r.pageNumber > h->pageCount) {
     block->lastPage = r.pageNumber;
     ++block->dirtyPages;
     h->pageCount = r.pageNumber;
   }
-  return block->dirtyPages == h->pagesPerBlock ? bkpwriteblock(h, journal) : Status::ok;
+  return slot;
+}
+
+Status writeBlockWhenFull(FileHandle* h, Journal* journal) {
+  return h->writeBlock->dirtyPages == h->pagesPerBlock ? bkpwriteblock(h, journal) : Status::ok;
 }
 
 // Direct I/O takes the caller's own memory only when it is aligned; else through a copy.
@@ -114,69 +134,37 @@ Status writeDirectly(FileHandle* h, const PageRequest& r, Journal* journal) {
   return judgeDirectWrite(h, r, transfer, journal);
 }
 
-// A held copy of the page takes the new bytes. Its range grows only where they join on to what
-// it has.
-void updateHeldBlock(const FileHandle& h, BlockRecord* block, const PageRequest& r) {
-  std::memmove(slotOf(*block, r.pageNumber, h.pageSize), r.buffer,
-               static_cast<std::size_t>(r.length));
-  const std::int64_t begin = slotBegin(*block, r.pageNumber, h.pageSize);
-  if (r.pageNumber != block->lastPage + 1 || block->validBytes < begin) return;
-  block->lastPage = r.pageNumber;
-  block->validBytes = std::max(block->validBytes, begin + r.length);
-}
+// Of a held buffer; rare, and kept out of the way of the common write.
+[[gnu::noinline]] void leaveTree(FileHandle* h, PageBuffer* buffer) { forgetPage(h, buffer); }
 
-// More than one block can have room for the page: a truncate leaves held blocks as they are, and
-// the pages behind the cut may be read into another one later.
-void updateListed(FileHandle* h, const PageRequest& r) {
-  for (BlockRecord* b = h->blockFreeList.tail; b != nullptr; b = b->prev) {
-    if (extentContains(*b, r.pageNumber, h->pagesPerBlock)) emptyFreeBlock(h, b);
-  }
-  for (BlockRecord* b = h->blockHeldList.tail; b != nullptr; b = b->prev) {
-    if (extentContains(*b, r.pageNumber, h->pagesPerBlock)) updateHeldBlock(*h, b, r);
-  }
-}
-
-// The same blocks, by their number. A block that is emptied loses its number, so each of them is
-// looked up afresh.
-void updateIndexed(FileHandle* h, const PageRequest& r) {
-  const std::int64_t blockNumber = blockOfPage(r.pageNumber, h->pagesPerBlock);
-  while (BlockRecord* block = h->index->freeBlock(blockNumber)) emptyFreeBlock(h, block);
-  h->index->visitBlocks(blockNumber, [&](BlockRecord* block) { updateHeldBlock(*h, block, r); });
-}
-
-void updateBlocks(FileHandle* h, const PageRequest& r) {
-  if (h->blocksAllocated == 0) return;
-  if (h->index != nullptr) {
-    updateIndexed(h, r);
-  } else {
-    updateListed(h, r);
-  }
-}
-
-// The written buffer becomes the cached copy of the page. One that the caller holds more than
-// once keeps its page and tree entry.
+// The written buffer becomes the cached copy of the page. While the caller has other holds of it,
+// it stays what it is: the copy of its own page, unless it was given the bytes of another one.
 void cacheWritten(FileHandle* h, PageBuffer* buffer, const PageRequest& r) {
+  const bool hadAnotherPage = buffer->pageNumber != 0 && buffer->pageNumber != r.pageNumber;
+  if (hadAnotherPage) leaveTree(h, buffer);
   if (buffer->extraHolds != 0) return;
-  if (buffer->pageNumber != 0 && buffer->pageNumber != r.pageNumber) dropPage(*h, *buffer);
   setPageNumber(h, buffer, r.pageNumber);
   buffer->validBytes = r.length;
   enterPage(*h, buffer);
 }
 
-void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written) {
+// Another buffer's copy of the page is old now. A held one is left to its holder; only a rewrite
+// from the caller's own memory leaves it in the tree. What the tree has of a page that is appended
+// is of a page that a truncate cut off.
+void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written, bool appended) {
   if (h->pageTree == nullptr || (isEmpty(h->pageFreeList) && isEmpty(h->pageHeldList))) return;
   PageBuffer* cached = findPage(*h, &r.pageNumber);
   if (cached != nullptr && cached != written) {
     if (cached->held == 0) {
       emptyFreePage(h, cached);
-    } else if (written != nullptr) {
-      forgetPage(h, cached);
+    } else if (written != nullptr || appended) {
+      leaveTree(h, cached);
     }
   }
   if (written != nullptr) cacheWritten(h, written, r);
 }
 
-void endBlockHold(FileHandle* h, const Source& source, const PageRequest& r) {
+void endBlockHold(FileHandle* h, const Held& source, const PageRequest& r) {
   BlockRecord* block = source.block;
   if (endHandOut(h, block, source.foundIn)) {
     joinFreeHead(h, block);
@@ -196,18 +184,21 @@ void endPageHold(FileHandle* h, PageBuffer* buffer) {
 
 Status store(FileHandle* h, const PageRequest& r, Journal* journal) {
   Status status = checkWrite(*h, r);
-  Source source;
+  Held source;
   if (status == Status::ok) status = findSource(*h, r, &source);
   if (status != Status::ok) return status;
+  const bool appends = r.pageNumber > h->pageCount;
+  const char* stored = r.buffer;
   if (goesToWriteBlock(*h, r.pageNumber)) {
+    stored = collect(h, r);
     // A full write block that could not be written does not keep the hold.
-    status = collect(h, r, journal);
+    status = writeBlockWhenFull(h, journal);
   } else {
     status = writeDirectly(h, r, journal);
     if (status != Status::ok) return status;
   }
-  updateBlocks(h, r);
-  updatePages(h, r, source.buffer);
+  updateBlocks(h, r.pageNumber, stored);
+  updatePages(h, r, source.buffer, appends);
   if (source.block != nullptr) endBlockHold(h, source, r);
   if (source.buffer != nullptr) endPageHold(h, source.buffer);
   return status;

@@ -15,6 +15,14 @@ TEST_F(UnusualTest, SizesThatNoFileOrBlockCanHave) {
     file 2; settle buffered; set headerSize 9223372036854775807 pageCount 1; open -> !818
     settle buffered; set pageSize 0 minPageSize 0 defaultPageSize 0; open -> !818
     settle block; set requestedBlockBytes 2305843009213693953; open -> 002 {4:002})");
+  // The system moves at most 0x7FFFF000 bytes with one call. A larger page is refused before the
+  // file is opened, a larger block before any record is made.
+  play(R"(
+    settle buffered; set pageSize 0x7FFFF001; open -> !818; count fileOpen 0
+    settle block; set headerSize 0 pageSize 512 requestedBlockBytes 0x7FFFFE00; file 0 0
+    open -> 002 {4:002}; host -> fileOpen:4002@5 fileClose:remove
+    settle block; set headerSize 0 requestedBlockBytes 0x7FFFF000; file 0 0; fail memAlloc#2
+    open -> 002 {4:002}; is blockBytes 0x7FFFF000; count memAlloc 2)");
   using Table = qz::OperationTable;
   EXPECT_EQ(did(call(&Table::qzpsetfilename, h->fileName, h->fileNameCapacity)), "ok statfs");
   EXPECT_EQ(calls().count(Call::memFree), calls().count(Call::memAlloc)) << "the buffer stays";
@@ -31,7 +39,10 @@ TEST_F(UnusualTest, TheLastPageThatCanBeNumbered) {
     settle buffered; file 1; set readAccess 1 sequentialStartPage %1 pageSize 1 headerSize 0
     set pageCount %1 fileSize %1; open; fail pread=1 pwrite=1
     read %1 -> ok pread 1@9223372036854775806; read %1 -> ok
-    write %1 -> ok pwrite 1@9223372036854775806; is nextPage %1)",
+    write %1 -> ok pwrite 1@9223372036854775806; is nextPage %1
+    set nextPage 1; fail pread=1; many %1 2 8 -> ok pread 2@9223372036854775806=1; is nextPage %1
+    set nextPage 1; fail lseek=0 readv=1; many %1 2 0; is nextPage %1
+    set nextPage 1; fail lseek=0 ftruncate=0; truncate %1; is nextPage %1)",
            "9223372036854775807");
 }
 

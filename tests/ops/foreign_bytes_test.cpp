@@ -1,0 +1,243 @@
+// Cases in which bytes that are not the page's could be handed out, or a file's pages could be
+// lost although the caller asked for neither.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "support/fixture.h"
+
+namespace qztest {
+namespace {
+
+using qz::Status;
+
+class ForeignBytesTest : public FileTest {
+ protected:
+  // Reads a page, which must succeed, and says where it lies.
+  char* reading(std::int64_t page) {
+    EXPECT_EQ(read(page), Status::ok) << "page " << page;
+    return at;
+  }
+
+  // The page as the file has it, by plain calls.
+  std::string pageInFile(std::int64_t page) const {
+    std::ifstream file(path, std::ios::binary);
+    file.seekg(kHeader + (page - 1) * kPage);
+    std::string bytes(kPage, '\0');
+    file.read(bytes.data(), kPage);
+    EXPECT_EQ(file.gcount(), kPage);
+    return bytes;
+  }
+
+  static std::string pageAt(const char* address) { return {address, kPage}; }
+};
+
+// A replaced close that leaves the file open.
+Status putOff(qz::FileHandle*, std::uint32_t, qz::Journal*) { return Status::ok; }
+
+// --- A file that was only pre-opened: its size is not known, so it is not taken for empty.
+
+TEST_F(ForeignBytesTest, ClosingAPreopenedFileKeepsItsPages) {
+  for (const Shape shape : kShapes) {
+    settle(shape);
+    makeFile(2);
+    const CallerMemory header = callerMemory(kHeader);
+    ASSERT_EQ(preopen(header.get(), 4096), Status::ok);
+    EXPECT_EQ(close(), Status::ok);
+    EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+  }
+}
+
+TEST_F(ForeignBytesTest, ASecondCloseKeepsAPreopenedFileToo) {
+  settle(Shape::buffered);
+  makeFile(2);
+  const CallerMemory header = callerMemory(kHeader);
+  ASSERT_EQ(preopen(header.get(), 16), Status::ok);
+  h->openOptions |= qz::optionFlushAtClose;
+  EXPECT_EQ(close(), Status::notOpen) << "only an open file can be flushed";
+  h->openOptions &= ~std::uint32_t{qz::optionFlushAtClose};
+  EXPECT_EQ(close(), Status::ok);
+  EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+}
+
+TEST_F(ForeignBytesTest, APreopenedFileGoesWhereTheCallerAsksForIt) {
+  settle(Shape::buffered);
+  makeFile(2);
+  const CallerMemory header = callerMemory(kHeader);
+  ASSERT_EQ(preopen(header.get(), 16), Status::ok);
+  EXPECT_EQ(close(qz::kRemoveFile), Status::ok);
+  EXPECT_EQ(bytesOnDisk(), -1);
+}
+
+TEST_F(ForeignBytesTest, AnOpenThatFailsAfterAPreopenKeepsAnEmptyFile) {
+  settle(Shape::buffered);
+  makeFile(0, 0);
+  h->headerSize = 0;
+  h->openMode = qz::openOrKeep;
+  ASSERT_EQ(preopen(&length, 0), Status::ok);
+  calls().plan({{Call::treeCreate}});
+  EXPECT_EQ(open(), Status::noMemory);
+  EXPECT_EQ(bytesOnDisk(), 0);
+}
+
+// Once the file was open its size is known, and an empty one is not kept.
+TEST_F(ForeignBytesTest, AnEmptyFileThatWasOpenIsRemovedAlsoAfterAPreopen) {
+  settle(Shape::buffered);
+  makeFile(0, 0);
+  h->headerSize = 0;
+  ASSERT_EQ(preopen(&length, 0), Status::ok);
+  ASSERT_EQ(open(), Status::ok);
+  EXPECT_EQ(close(), Status::ok);
+  EXPECT_EQ(bytesOnDisk(), -1);
+}
+
+TEST_F(ForeignBytesTest, ReplacingAPreopenedFileLeavesItWithoutPages) {
+  for (const Shape shape : kShapes) {
+    settle(shape);
+    makeFile(3);
+    const CallerMemory header = callerMemory(kHeader);
+    ASSERT_EQ(preopen(header.get(), 4096), Status::ok);
+    h->pageCount = 3;  // as the header tells
+    h->openMode = qz::createOrReplace;
+    ASSERT_EQ(open(), Status::ok);
+    EXPECT_EQ(h->pageCount, 0);
+    EXPECT_EQ(read(1), Status::endOfFile) << "page 1 was never written";
+    EXPECT_EQ(close(), Status::ok);
+  }
+}
+
+// --- Runs of pages that one call cannot move: 0x7FFFF000 bytes are the most.
+
+constexpr std::int64_t kMostBytes = 0x7FFFF000;
+
+TEST_F(ForeignBytesTest, AContiguousRunThatOneCallCannotMoveIsRefused) {
+  settle(Shape::buffered);
+  makeFile(4);
+  h->pageSize = 512;
+  h->headerSize = 0;
+  ASSERT_EQ(open(), Status::ok);
+  constexpr auto most = static_cast<std::int32_t>(kMostBytes / 512);
+  // Nothing is moved, so any place will do.
+  qz::PageRequest destination{};
+  const qz::PageRequest* const run[] = {&destination};
+  const auto readRun = [&](std::int32_t pages) {
+    return call(&qz::OperationTable::qzpreadmany, const_cast<qz::PageRequest* const*>(run),
+                std::int64_t{1}, pages, qz::kContiguous);
+  };
+  calls().plan({{Call::pread, 1, 1, kMostBytes}});
+  EXPECT_EQ(readRun(most), Status::ok);
+  calls().plan({});
+  EXPECT_EQ(readRun(most + 1), Status::pageOutOfRange);
+  EXPECT_EQ(calls().count(Call::pread), 0);
+}
+
+TEST_F(ForeignBytesTest, AScatteredRunTakesNoMorePagesIntoACallThanItCanMove) {
+  constexpr std::int32_t kLargePage = 2 << 20;
+  constexpr std::int32_t kPages = 1030;
+  settle(Shape::buffered, 1);
+  makeFile(0, 0);
+  h->headerSize = 0;
+  h->pageSize = kLargePage;
+  ASSERT_EQ(truncate64(path.c_str(), std::int64_t{kPages} * kLargePage), 0);
+  ASSERT_EQ(open(), Status::ok);
+  qz::PageRequest destination{};
+  const std::vector<qz::PageRequest*> run(kPages, &destination);
+  calls().plan({{Call::readv, 1, kEveryLater, kMostBytes}});
+  EXPECT_EQ(call(&qz::OperationTable::qzpreadmany, run.data(), std::int64_t{1}, kPages, 0U),
+            Status::ok);
+  EXPECT_EQ(did(Status::ok), "ok lseek 0 readv 1023 readv 7");
+}
+
+// --- Cached copies whose page has changed behind them.
+
+TEST_F(ForeignBytesTest, ATwiceHeldBufferWrittenAsAnotherPageLosesItsPage) {
+  openWith(Shape::direct, 8);
+  char* const seven = reading(7);
+  ASSERT_EQ(reading(7), seven);
+  stamp(seven, kPage, 5, 1);
+  ASSERT_EQ(write(5, seven), Status::ok);
+  EXPECT_EQ(seven, h->pageHeldList.head->data) << "one hold is left";
+
+  reading(7);
+  EXPECT_TRUE(holdsPage(7, 0)) << "page 7 comes from the file, not from the buffer of page 5";
+  reading(5);
+  EXPECT_TRUE(holdsPage(5, 1));
+}
+
+TEST_F(ForeignBytesTest, AHeldBufferOfATruncatedPageIsNoCopyOfTheNextPageEight) {
+  openWith(Shape::direct, 8);
+  char* const old = reading(8);
+  ASSERT_EQ(truncate(7), Status::ok);
+  ASSERT_EQ(writeOwn(8, 1), Status::ok);
+  reading(8);
+  EXPECT_TRUE(holdsPage(8, 1)) << "the page that was appended, not the one that was cut off";
+  EXPECT_TRUE(isStamped(old, kPage, 8, 0)) << "the holder of the old page keeps it";
+}
+
+// A page that was given back unwritten is read again before it is handed out: also after that read
+// came short, where a replaced close left the file open.
+TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
+  const auto original = module->operations.qzpclose;
+  const Fault failures[] = {{Call::pread, 1, 1, 100}, {Call::pread, 1, 1, 0}, {Call::pread}};
+  for (const Fault& failure : failures) {
+    openWith(Shape::block, 8);
+    reading(1);  // keeps the block held
+    char* const two = reading(2);
+    stamp(two, kPage, 2, 9);
+    ASSERT_EQ(giveBack(two), Status::ok);
+
+    module->operations.qzpclose = putOff;
+    calls().plan({failure});
+    EXPECT_EQ(read(2), Status::misfit);
+    calls().plan({});
+    reading(2);
+    EXPECT_TRUE(holdsPage(2, 0));
+    module->operations.qzpclose = original;
+    EXPECT_EQ(close(), Status::ok);
+  }
+}
+
+// --- A write whose source overlaps the place where a copy keeps the page: every copy gets the
+// bytes that the file gets.
+
+TEST_F(ForeignBytesTest, CopiesInTwoHeldBlocksTakeAnOverlappingSource) {
+  for (const std::int32_t buffers : {4, 40}) {  // few are walked, many are looked up
+    SCOPED_TRACE(buffers);
+    openWith(Shape::block, 8, buffers);
+    char* const first = reading(5);
+    // Page 5 comes into a second block: it was collected, and is read back from the file.
+    ASSERT_EQ(truncate(4), Status::ok);
+    ASSERT_EQ(writeOwn(5, 1), Status::ok);
+    char* const second = reading(5);
+    ASSERT_NE(first, second);
+
+    const std::string written = pageAt(first + 100);
+    calls().plan({{Call::pwrite, 1, 1, kPage}});  // a disk may refuse memory that is not aligned
+    ASSERT_EQ(write(5, first + 100), Status::ok);
+    calls().plan({});
+    EXPECT_TRUE(pageAt(first) == written);
+    EXPECT_TRUE(pageAt(second) == written);
+    EXPECT_EQ(close(), Status::ok);
+  }
+}
+
+TEST_F(ForeignBytesTest, AHeldCopyTakesWhatTheWriteBlockTookFromItself) {
+  openWith(Shape::block, 8);
+  char* const held = reading(5);
+  ASSERT_EQ(truncate(4), Status::ok);
+  ASSERT_EQ(writeOwn(5, 1), Status::ok);
+  ASSERT_EQ(writeOwn(6, 1), Status::ok);
+  char* const collected = h->writeBlock->data;
+
+  const std::string written = pageAt(collected + 100);
+  ASSERT_EQ(write(5, collected + 100), Status::ok);
+  EXPECT_TRUE(pageAt(collected) == written);
+  EXPECT_TRUE(pageAt(held) == written);
+  EXPECT_EQ(flush(), Status::ok);
+  EXPECT_TRUE(pageInFile(5) == written);
+}
+
+}  // namespace
+}  // namespace qztest
