@@ -3,8 +3,8 @@
 //   qz::StandInHost host;
 //   auto module = qz::Module::load(host.handle());
 //   auto file = module->newFile();
-//   file->settings().pageSize = 4096;
-//   if (auto done = file->setName("data.qzp"); !done) return fail(done.error());
+//   auto opened = file->open("data.qzp", {.pageSize = 4096, .writing = qz::Writing::anyPage});
+//   if (!opened) return fail(opened.error());
 //
 // Nothing is hidden: the extension object, the operation table and the file handle are in reach,
 // and every member calls the table's entry of its name as it stands at that moment. Nothing is
@@ -15,12 +15,14 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <variant>
 
 #include "qzpos.h"
+#include "qzsettings.hpp"
 #include "qzstandin.h"
 
 namespace qz {
@@ -32,9 +34,10 @@ struct Error {
   std::int32_t errorNumber = 0;   // errno behind the failure; 0 where no system call is
   std::uint32_t hostDetail1 = 0;  // the host's two words about a failed open
   std::uint32_t hostDetail2 = 0;
-  std::string fileName;  // UTF-8; empty: the handle has no name, or there is no handle
+  std::string fileName;     // UTF-8; empty: the handle has no name, or there is no handle
+  bool closedFile = false;  // the operation closed the file, as a read that comes back short does
 
-  // One line: the text, the file, the system's reason and the code.
+  // One line: the text, the file, the system's reason, the code, and whether the file was closed.
   std::string message() const;
 };
 
@@ -79,13 +82,16 @@ Error errorOf(FileHandle* handle, Status status);
 // unless PagedFile::write took it. It must not outlive the close of its file.
 class PageHold {
  public:
-  PageHold(FileHandle* handle, char* data, std::int64_t page, std::int32_t bytes) noexcept
-      : handle_(handle), data_(data), page_(page), bytes_(bytes) {}
+  // `block`: the one that a page which was read lies in; null in page mode.
+  PageHold(FileHandle* handle, char* data, std::int64_t page, std::int32_t bytes,
+           const BlockRecord* block = nullptr) noexcept
+      : handle_(handle), data_(data), page_(page), bytes_(bytes), block_(block) {}
   PageHold(PageHold&& other) noexcept
       : handle_(other.handle_),
         data_(std::exchange(other.data_, nullptr)),
         page_(other.page_),
-        bytes_(other.bytes_) {}
+        bytes_(other.bytes_),
+        block_(other.block_) {}
   PageHold& operator=(PageHold&& other) noexcept {
     if (this != &other) {
       giveBack();
@@ -93,6 +99,7 @@ class PageHold {
       data_ = std::exchange(other.data_, nullptr);
       page_ = other.page_;
       bytes_ = other.bytes_;
+      block_ = other.block_;
     }
     return *this;
   }
@@ -101,6 +108,9 @@ class PageHold {
   char* data() const noexcept { return data_; }           // null after the hold has ended
   std::int64_t page() const noexcept { return page_; }    // 0: an acquired, empty buffer
   std::int32_t bytes() const noexcept { return bytes_; }  // usable at data()
+  // Bytes that may be read from data() on: the page, and where blocks are used the pages behind it
+  // that its block has in memory. They are valid as long as this hold.
+  std::int32_t run() const noexcept;
   explicit operator bool() const noexcept { return data_ != nullptr; }
 
   // Ends the hold now; its outcome, or ok when it had ended before.
@@ -120,25 +130,47 @@ class PageHold {
   char* data_;
   std::int64_t page_;
   std::int32_t bytes_;
+  const BlockRecord* block_;
 };
 
-// A file handle of the module, closed and freed at the end of its scope. Caller settings are the
-// fields of settings(), set before preopen or open. Each operation is the table's of that name
-// with the journal given at creation.
+// A file handle of the module, closed and freed at the end of its scope. Each operation is the
+// table's of that name, with the journal given at creation, unless its comment says otherwise.
+// One thread at a time; different handles may be used by different threads.
 class PagedFile {
  public:
   // Takes over a handle that qzpgetmemhandle returned.
   PagedFile(FileHandle* handle, Journal* journal) noexcept : handle_(handle), journal_(journal) {}
   PagedFile(PagedFile&& other) noexcept
-      : handle_(std::exchange(other.handle_, nullptr)), journal_(other.journal_) {}
+      : handle_(std::exchange(other.handle_, nullptr)),
+        journal_(other.journal_),
+        asked_(other.asked_),
+        refusal_(std::move(other.refusal_)) {}
   PagedFile& operator=(PagedFile&& other) noexcept;
   ~PagedFile() { dispose(); }
 
   FileHandle* handle() const noexcept { return handle_; }
+  // The whole handle, with the module's fields beside the caller's. open(name, settings) sets those
+  // that are the caller's; with the other open they are set here, before preopen or open.
   FileHandle& settings() const noexcept { return *handle_; }
   const OperationTable& table() const noexcept { return handle_->ops->operations; }
   Journal* journal() const noexcept { return journal_; }
   bool isOpen() const noexcept { return (handle_->stateFlags & stateOpen) != 0; }
+  // Pages that can be read, those that are still collected included.
+  std::int64_t pageCount() const noexcept { return handle_->pageCount; }
+  std::int32_t pageSize() const noexcept { return handle_->pageSize; }      // bytes
+  std::int64_t headerSize() const noexcept { return handle_->headerSize; }  // bytes before page 1
+  // Whether appended pages wait in memory to be written as a block.
+  bool isCollecting() const noexcept {
+    return handle_->writeBlock != nullptr && handle_->writeBlock->dirtyPages > 0;
+  }
+  // How pages reach the open file, and why not as it was asked for.
+  IoReport io() const;
+
+  // Names the file and opens it with these settings, which replace all that the handle had. A file
+  // that is empty after Opening::existingOrNew has no header yet: write it before the first page.
+  // What direct I/O cannot take is opened buffered: io() tells why. badArgument with a sentence
+  // for settings out of range, and what setName and open return.
+  Result<void> open(std::string_view utf8Name, const Settings& settings);
 
   Result<void> setName(std::string_view utf8Name);
 
@@ -147,9 +179,16 @@ class PagedFile {
   // createOrReplace sets headerSize to 0: set it again after the open, and write the header before
   // the first page.
   Result<void> open() { return outcome(table().qzpopen(handle_, journal_)); }
+  // A file that was written to and is empty is removed, unless others have written to it.
   Result<void> close(std::uint32_t flags = 0) {
+    if ((flags & kRemoveFile) == 0) keepWhatOthersWrote();
     return outcome(table().qzpclose(handle_, flags, journal_));
   }
+  // For a file that others changed: writes collected pages back, closes the file and opens what its
+  // name stands for now, so that counts and pages are those of the file. Pages must not be held
+  // (badArgument). After any other failure the file is closed. The host's lock is given up and
+  // taken again.
+  Result<void> refresh();
   Result<void> reopen(const AccessHints& hints) {
     return outcome(table().qzpreopen(handle_, &hints, journal_));
   }
@@ -172,9 +211,13 @@ class PagedFile {
     request.pageNumber = page;
     const Status status = table().qzpread(handle_, &request, journal_);
     if (status != Status::ok) {
-      return errorOf(handle_, status);
+      Error error = errorOf(handle_, status);
+      error.closedFile = status == Status::misfit && !isOpen();
+      return error;
     }
-    return PageHold(handle_, request.buffer, page, handle_->pageSize);
+    const bool block = (handle_->directIoMode & blockMode) != 0;
+    return PageHold(handle_, request.buffer, page, handle_->pageSize,
+                    block ? handle_->lastBlock : nullptr);
   }
   // An empty buffer to fill and write: a page, or in block mode a whole block.
   Result<PageHold> acquire() {
@@ -187,6 +230,8 @@ class PagedFile {
     return PageHold(handle_, static_cast<char*>(address), 0,
                     block ? handle_->blockBytes : handle_->pageSize);
   }
+  // Ends several holds, unwritten. All are tried; the error is the first failure's.
+  Result<void> giveBack(std::span<PageHold> holds);
   // Writes a held buffer as page `page` and ends the hold. After a failure that kept the hold,
   // `hold` still has it: write again or let it go.
   Result<void> write(PageHold& hold, std::int64_t page) {
@@ -210,21 +255,32 @@ class PagedFile {
     request.length = handle_->pageSize;
     return outcome(table().qzpwrite(handle_, &request, journal_));
   }
-  // Reads `count` pages from `firstPage` on into one area of count * pageSize bytes.
-  Result<void> readMany(std::int64_t firstPage, std::int32_t count, void* area) {
+  // Reads `count` pages from `firstPage` on into one area of count * pageSize bytes, aligned to
+  // 4096 bytes where direct I/O is used. *pagesRead: those that the file had, from the first on;
+  // 0 after a failure.
+  // Pages that are still collected are not in the file: write back first.
+  Result<void> readMany(std::int64_t firstPage, std::int32_t count, void* area,
+                        std::int32_t* pagesRead = nullptr) {
     PageRequest first{};
     first.buffer = static_cast<char*>(area);
     PageRequest* const requests[] = {&first};
-    return outcome(table().qzpreadmany(handle_, requests, firstPage, count, kContiguous, journal_));
+    return readRun(firstPage, count, requests, kContiguous, pagesRead);
   }
-  // Reads page firstPage + i into requests[i]->buffer.
-  Result<void> readMany(std::int64_t firstPage, std::int32_t count, PageRequest* const* requests) {
-    return outcome(table().qzpreadmany(handle_, requests, firstPage, count, 0, journal_));
+  // Reads page firstPage + i into requests[i]->buffer; memory and *pagesRead are as above.
+  Result<void> readMany(std::int64_t firstPage, std::int32_t count, PageRequest* const* requests,
+                        std::int32_t* pagesRead = nullptr) {
+    return readRun(firstPage, count, requests, 0, pagesRead);
   }
   Result<void> truncate(std::int64_t pages) {
     return outcome(table().qzptruncate(handle_, pages, journal_));
   }
+  // Appends zero pages until there are `pages`, in whole blocks where blocks are used; nothing when
+  // there are as many. After a failure there are pageCount().
+  Result<void> extendTo(std::int64_t pages);
   Result<void> flush() { return outcome(table().qzpflush(handle_, journal_)); }
+  // Hands collected pages to the system, as a flush does, but does not wait until they are durable.
+  // misfit, with nothing written: others changed the size of the file.
+  Result<void> writeBack();
   // *length: header bytes given; then the bytes stored.
   Result<void> writeHeader(const void* header, std::int32_t* length) {
     return outcome(table().qzpwritehdr(handle_, header, length, journal_));
@@ -241,10 +297,20 @@ class PagedFile {
   Result<void> outcome(Status status) const {
     return status == Status::ok ? Result<void>() : Result<void>(errorOf(handle_, status));
   }
+  Result<void> refused(Status status, std::string text) const;
+  Result<void> readRun(std::int64_t firstPage, std::int32_t count, PageRequest* const* requests,
+                       std::uint32_t options, std::int32_t* pagesRead);
+  Result<void> openExisting();
+  Result<void> openAsAsked();
+  bool usesDirectIo() const noexcept { return (handle_->directIoMode & directIo) != 0; }
+  void keepWhatOthersWrote() noexcept;
+  void keepEmptyFile() noexcept;
   void dispose() noexcept;
 
   FileHandle* handle_;
   Journal* journal_;
+  std::optional<Io> asked_;  // of the settings given to open
+  std::string refusal_;      // why direct I/O was not tried, or was given up
 };
 
 // The module, loaded into this process and made known to a host. At the end of its scope the
@@ -252,9 +318,11 @@ class PagedFile {
 // and the host must still be there.
 class Module {
  public:
-  // Loads the library at `path`; with an empty path the libqziop.so beside the running program,
-  // else the installed one. Then calls qzextent and qziop. The error's text says which files were
-  // tried and what the loader said; its status is noMemory when qziop refused.
+  // Loads the library at `path`. With an empty path it searches, in this order: beside the program
+  // or plugin that this code is part of; in the folder of libraries that belongs to the folder of
+  // the running program; where the program or plugin was told to look when it was linked, as the
+  // package files do; where the system looks. Then calls qzextent and qziop. The error's text says
+  // which files were tried and what the loader said; its status is noMemory when qziop refused.
   static Result<Module> load(QZHandle* host, Journal* journal = nullptr,
                              const std::string& path = {});
 

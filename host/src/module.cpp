@@ -1,9 +1,12 @@
 // Finding and loading the module, and the parts of the C++ way in that are not on the page path.
 #include <dlfcn.h>
+#include <link.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "qziop.hpp"
@@ -23,12 +26,32 @@ std::string programFolder() {
   return program.substr(0, program.rfind('/') + 1);
 }
 
-// The folder of installed modules, first as it lies seen from the program, so that a tree that was
-// installed may move; then the system's own search.
+// The folder of the shared library that this code is part of, with a slash at the end; empty when
+// it is part of the program itself.
+std::string pluginFolder() {
+  Dl_info about = {};
+  link_map* library = nullptr;
+  const int found = dladdr1(reinterpret_cast<const void*>(&pluginFolder), &about,
+                            reinterpret_cast<void**>(&library), RTLD_DL_LINKMAP);
+  if (found == 0 || library == nullptr || library->l_name[0] == '\0') return {};
+  const std::unique_ptr<char, decltype(&std::free)> path(realpath(library->l_name, nullptr),
+                                                         &std::free);
+  if (path == nullptr) return {};
+  const std::string plugin = path.get();
+  return plugin.substr(0, plugin.rfind('/') + 1);
+}
+
+// A plugin has its module beside it or where it was linked to look: the program that loaded it
+// knows nothing of it. For a program the folder of installed modules comes first as it lies seen
+// from the program, so that a tree that was installed may move. The plain name makes the system
+// search, first where the program or plugin was linked to look.
 std::vector<std::string> candidates(const std::string& path) {
   if (!path.empty()) return {path.find('/') == std::string::npos ? "./" + path : path};
   std::vector<std::string> result;
-  if (const std::string folder = programFolder(); !folder.empty()) {
+  if (const std::string plugin = pluginFolder(); !plugin.empty()) {
+    result.push_back(plugin + kModuleName);
+    result.push_back(plugin + kInstalledName);
+  } else if (const std::string folder = programFolder(); !folder.empty()) {
     result.push_back(folder + kModuleName);
     result.push_back(folder + QZIOP_LIBRARY_FROM_PROGRAM "/" + kInstalledName);
   }
@@ -103,7 +126,8 @@ std::string Error::message() const {
     line += std::string(": ") + std::strerror(errorNumber) + " (errno " +
             std::to_string(errorNumber) + ")";
   }
-  return line + ", status " + hex(static_cast<std::uint32_t>(status));
+  line += ", status " + hex(static_cast<std::uint32_t>(status));
+  return closedFile ? line + "; the file was closed" : line;
 }
 
 Error errorOf(FileHandle* handle, Status status) {
@@ -140,16 +164,19 @@ PagedFile& PagedFile::operator=(PagedFile&& other) noexcept {
     dispose();
     handle_ = std::exchange(other.handle_, nullptr);
     journal_ = other.journal_;
+    asked_ = other.asked_;
+    refusal_ = std::move(other.refusal_);
   }
   return *this;
 }
 
 void PagedFile::dispose() noexcept {
-  FileHandle* handle = std::exchange(handle_, nullptr);
+  FileHandle* handle = handle_;
   if (handle == nullptr) return;
   const OperationTable& operations = handle->ops->operations;
   // A file that was never opened was never read either: its close must not take it for empty.
   if ((handle->stateFlags & stateOpen) == 0) handle->writeAccess = noWrite;
+  keepWhatOthersWrote();
   if (handle->hostFile != nullptr) operations.qzpclose(handle, 0, journal_);
   if (handle->hostFile != nullptr) {
     // A flush or a removal that failed would fail again: let go of the file without them.
@@ -158,6 +185,7 @@ void PagedFile::dispose() noexcept {
     operations.qzpclose(handle, 0, journal_);
   }
   operations.qzpfreememhandle(handle, journal_);
+  handle_ = nullptr;
 }
 
 Result<Module> Module::load(QZHandle* host, Journal* journal, const std::string& path) {

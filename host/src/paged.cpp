@@ -1,0 +1,261 @@
+// Opening a file by its settings, and the members of PagedFile that are more than one operation.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <numeric>
+
+#include "settings.h"
+
+namespace qz {
+namespace {
+
+constexpr std::int64_t kDirectAlignment = 4096;  // fits every disk
+
+struct Free {
+  void operator()(void* memory) const { std::free(memory); }
+};
+using AlignedMemory = std::unique_ptr<char, Free>;
+
+// Memory that direct I/O takes, `bytes` rounded up; null when there is none.
+AlignedMemory alignedMemory(std::int64_t bytes) {
+  const std::int64_t whole = (bytes + kDirectAlignment - 1) / kDirectAlignment * kDirectAlignment;
+  return AlignedMemory(static_cast<char*>(
+      std::aligned_alloc(std::size_t{kDirectAlignment}, static_cast<std::size_t>(whole))));
+}
+
+// Size of an open regular file. Nothing for devices, whose size does not change, and on failure.
+std::optional<std::int64_t> sizeOf(int fd) {
+  struct stat about = {};
+  if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) return std::nullopt;
+  return about.st_size;
+}
+
+bool isEmptyFile(const std::string& path) {
+  struct stat about = {};
+  return stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) && about.st_size == 0;
+}
+
+Status statusOfCreate(int error) {
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      return Status::fileNotFound;
+    case EACCES:
+    case EPERM:
+      return Status::accessRefused;
+    case EROFS:
+      return Status::readOnlyFileSystem;
+    case ENOSPC:
+    case EDQUOT:
+      return Status::noSpace;
+    default:
+      return Status::ioFailed;
+  }
+}
+
+// Makes an empty file where the name has none; 0 or an error number. The descriptor that is closed
+// here is of a new file, so that the process loses no lock by it.
+int createWhereNone(const std::string& path) {
+  constexpr mode_t anyone = 0666;
+  int fd = -1;
+  do {
+    fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, anyone);
+  } while (fd == -1 && errno == EINTR);
+  if (fd == -1) return errno == EEXIST ? 0 : errno;
+  close(fd);
+  return 0;
+}
+
+// The largest power of two that pages and header are multiples of, up to the alignment that fits
+// every disk.
+std::int64_t granuleOf(const FileHandle& handle) {
+  const std::int64_t both = std::gcd(std::int64_t{handle.pageSize}, handle.headerSize);
+  return std::min(kDirectAlignment, std::int64_t{1} << std::countr_zero(static_cast<std::uint64_t>(
+                                        std::max<std::int64_t>(both, 1))));
+}
+
+// Whether the file takes direct I/O in units of `granule` bytes. An empty one does not tell: then
+// what every disk refuses is refused.
+bool takesUnitsOf(int fd, std::int64_t granule) {
+  constexpr std::int64_t smallest = 512;
+  if (granule == kDirectAlignment) return true;
+  if (granule < smallest) return false;
+  const AlignedMemory memory = alignedMemory(granule);
+  if (memory == nullptr) return true;
+  const ssize_t got = pread(fd, memory.get(), static_cast<std::size_t>(granule), granule);
+  return got != -1 || errno != EINVAL;
+}
+
+}  // namespace
+
+std::int32_t PageHold::run() const noexcept {
+  if (data_ == nullptr || block_ == nullptr) return data_ == nullptr ? 0 : bytes_;
+  const std::int32_t pageSize = handle_->pageSize;
+  const auto begin = static_cast<std::int32_t>(data_ - block_->data);
+  const std::int64_t pagesBehind =
+      std::min<std::int64_t>(block_->lastPage - page_, (block_->validBytes - begin) / pageSize - 1);
+  std::int32_t run = bytes_;
+  for (std::int64_t i = 1; i <= pagesBehind; ++i) {
+    const std::int64_t slot = page_ + i - block_->firstPage;
+    if ((block_->staleBits[slot / 8] >> (slot % 8) & 1) != 0) break;
+    run += pageSize;
+  }
+  return run;
+}
+
+IoReport PagedFile::io() const {
+  IoReport report{
+      .asked = asked_.value_or(askedOf(*handle_)), .obtained = obtainedOf(*handle_), .reason = {}};
+  if (report.asked == report.obtained) return report;
+  report.reason = !refusal_.empty() ? refusal_ : whyBuffered(*handle_);
+  return report;
+}
+
+Result<void> PagedFile::refused(Status status, std::string text) const {
+  Error error;
+  error.status = status;
+  error.text = std::move(text);
+  if (handle_->fileName != nullptr) error.fileName = toUtf8(handle_->fileName);
+  return error;
+}
+
+// A header of an empty file is still to be written. To the module such a file is shorter than its
+// header, so it is opened without one. The size that the open found tells whether it was empty.
+Result<void> PagedFile::openExisting() {
+  const std::int64_t headerSize = handle_->headerSize;
+  const std::string path = toUtf8(handle_->fileName);
+  for (;;) {
+    const bool empty = headerSize > 0 && isEmptyFile(path);
+    handle_->pageCount = 0;
+    handle_->fileSize = 0;
+    handle_->headerSize = empty ? 0 : headerSize;
+    auto opened = open();
+    const bool wasEmpty = handle_->fileSize == 0;
+    handle_->headerSize = headerSize;
+    if (!opened || !empty || wasEmpty) return opened;
+    if (auto closed = close(); !closed) return closed;  // written meanwhile
+  }
+}
+
+// Direct I/O that the pages do not fit fails page by page, so it is given up here.
+Result<void> PagedFile::openAsAsked() {
+  const bool replaces = handle_->openMode == createOrReplace;
+  const std::int64_t headerSize = handle_->headerSize;
+  const auto openOnce = [&] {
+    auto opened = replaces ? open() : openExisting();
+    if (replaces && opened) handle_->headerSize = headerSize;
+    return opened;
+  };
+  refusal_.clear();
+  auto opened = openOnce();
+  if (!opened || !usesDirectIo()) return opened;
+  const std::int64_t granule = granuleOf(*handle_);
+  if (takesUnitsOf(handle_->fd, granule)) return opened;
+  refusal_ = whyNotAligned(*handle_, granule);
+  keepEmptyFile();
+  if (auto closed = close(); !closed) return closed;
+  handle_->openOptions &= ~static_cast<std::uint32_t>(optionDirectIo);
+  return openOnce();
+}
+
+Result<void> PagedFile::open(std::string_view utf8Name, const Settings& settings) {
+  if (handle_->hostFile != nullptr) return refused(Status::alreadyOpen, statusText(0x803FC81F));
+  if (std::string problem = settings.problem(); !problem.empty()) {
+    return refused(Status::badArgument, std::move(problem));
+  }
+  apply(settings, handle_);
+  asked_ = settings.io;
+  if (auto named = setName(utf8Name); !named) return named;
+  // The name before may have been on another file system.
+  if (auto looked = refreshInfo(); !looked) return looked;
+  if (settings.opening == Opening::existingOrNew) {
+    if (const int error = createWhereNone(std::string(utf8Name)); error != 0) {
+      const Status status = statusOfCreate(error);
+      auto failed = refused(status, statusText(static_cast<std::uint32_t>(status)));
+      Error reason = failed.error();
+      reason.errorNumber = error;
+      return reason;
+    }
+  }
+  return openAsAsked();
+}
+
+Result<void> PagedFile::refresh() {
+  if (!isOpen()) return outcome(Status::notOpen);
+  if (handle_->heldCount != 0) return refused(Status::badArgument, "pages are still held");
+  if (auto written = writeBack(); !written) return written;
+  const std::uint32_t openMode = std::exchange(handle_->openMode, std::uint32_t{openOrKeep});
+  keepEmptyFile();
+  auto done = close();
+  if (done) done = openAsAsked();
+  handle_->openMode = openMode;
+  return done;
+}
+
+Result<void> PagedFile::giveBack(std::span<PageHold> holds) {
+  Result<void> first;
+  for (PageHold& hold : holds) {
+    const Status status = hold.giveBack(journal_);
+    if (first && status != Status::ok) first = errorOf(handle_, status);
+  }
+  return first;
+}
+
+Result<void> PagedFile::readRun(std::int64_t firstPage, std::int32_t count,
+                                PageRequest* const* requests, std::uint32_t options,
+                                std::int32_t* pagesRead) {
+  const Status status = table().qzpreadmany(handle_, requests, firstPage, count, options, journal_);
+  if (pagesRead == nullptr) return outcome(status);
+  *pagesRead = 0;
+  if (status != Status::ok) return outcome(status);
+  // The operation takes the page count's word for it, and others may have cut the file.
+  std::int64_t pages = pageCount();
+  if (const auto size = sizeOf(handle_->fd)) {
+    pages = std::min(pages, (*size - headerSize()) / pageSize());
+  }
+  *pagesRead = static_cast<std::int32_t>(std::clamp<std::int64_t>(pages - firstPage + 1, 0, count));
+  return {};
+}
+
+Result<void> PagedFile::extendTo(std::int64_t pages) {
+  if (!isOpen()) return outcome(Status::notOpen);
+  if (pageCount() >= pages) return {};
+  const AlignedMemory zeros = alignedMemory(pageSize());
+  if (zeros == nullptr) return refused(Status::noMemory, statusText(0x803FC002));
+  std::fill_n(zeros.get(), pageSize(), '\0');
+  while (pageCount() < pages) {
+    if (auto written = write(zeros.get(), pageCount() + 1); !written) return written;
+  }
+  return {};
+}
+
+// A truncate to the pages that there are writes the collected ones and waits for nothing. It would
+// also cut what others have appended, so the file is asked for its size first.
+Result<void> PagedFile::writeBack() {
+  if (!isOpen()) return outcome(Status::notOpen);
+  if (!isCollecting()) return {};
+  if (const auto size = sizeOf(handle_->fd); size && *size != handle_->fileSize) {
+    return refused(Status::misfit, "another program changed the size of the file");
+  }
+  return truncate(pageCount());
+}
+
+// To the module a file is empty when nothing was known of it but that. The file knows better.
+void PagedFile::keepWhatOthersWrote() noexcept {
+  if (handle_->hostFile == nullptr || handle_->pageCount != 0 || handle_->fileSize != 0) return;
+  const auto size = sizeOf(handle_->fd);
+  handle_->fileSize = size.value_or(0);
+}
+
+// A close that only leads to another open must not remove the file.
+void PagedFile::keepEmptyFile() noexcept {
+  if (handle_->fileSize == 0) handle_->fileSize = 1;
+}
+
+}  // namespace qz

@@ -1,0 +1,22 @@
+// What the caller's settings become in a file handle, and what the handle tells about them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "qziop.hpp"
+
+namespace qz {
+
+// Sets all caller settings of a closed handle.
+void apply(const Settings& settings, FileHandle* handle);
+
+// The mode of I/O that the handle's settings ask for, and the one that its open file has.
+Io askedOf(const FileHandle& handle);
+Io obtainedOf(const FileHandle& handle);
+
+// Why a file that asked for direct I/O is accessed without.
+std::string whyBuffered(const FileHandle& handle);
+std::string whyNotAligned(const FileHandle& handle, std::int64_t granule);
+
+}  // namespace qz
