@@ -83,22 +83,32 @@ struct FingerLevel {
   bool holds(std::int64_t key) const { return key >= low && key <= high; }
 };
 
-// The links from a tree's root down to where a search ended.
+// The links from a tree's root down to where a search ended, which is the last of them.
 struct Finger {
   // An AVL tree of this height has more nodes than an address space.
   static constexpr std::size_t kMostLevels = 64;
 
-  // At the root. The levels below it are set as they are entered.
   explicit Finger(void** root) {
     using Key = std::numeric_limits<std::int64_t>;
     levels[0] = {root, Key::min(), Key::max()};
   }
+  Finger(const Finger&) = delete;
+  Finger& operator=(const Finger&) = delete;
 
-  const FingerLevel& last() const { return levels[depth - 1]; }
-  void enter(void** link) { levels[depth++].link = link; }
+  void enter(const FingerLevel& level) { *++last = level; }
+  // Puts a level before one of those below the root.
+  void insert(FingerLevel* place, const FingerLevel& level) {
+    std::copy_backward(place, last + 1, last + 2);
+    *place = level;
+    ++last;
+  }
+  void remove(FingerLevel* place) {
+    std::copy(place + 1, last + 1, place);
+    --last;
+  }
 
-  std::size_t depth = 1;
   FingerLevel levels[kMostLevels];
+  FingerLevel* last = levels;
 };
 
 // A page tree and where its key lies in a node.

@@ -7,8 +7,9 @@
 // Pages are mostly used in runs, so a search begins where the last one ended if its key belongs
 // there: a finger keeps the links from the root down, each with the range of keys behind it. There
 // is one for finding and inserting and one for removing, as a cache that makes room removes its
-// oldest page between a find and the insert that follows it. Whoever changes what lies behind a
-// link cuts the other finger off there.
+// oldest page between a find and the insert that follows it. A rotation moves the finger that led
+// to it along, so that the next key of a run is found one step further; the other finger is cut
+// off at the link that the rotation went through.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -32,12 +33,14 @@ std::uintptr_t bits(const void* link) { return reinterpret_cast<std::uintptr_t>(
 
 Node* target(void* link) { return std::bit_cast<Node*>(bits(link) & ~std::uintptr_t{1}); }
 
-bool isTaller(const Node* node, std::size_t side) { return (bits(node->links[side]) & 1U) != 0; }
+bool isTaller(const void* link) { return (bits(link) & 1U) != 0; }
 
-void setTaller(Node* node, std::size_t side, bool taller) {
-  node->links[side] =
-      std::bit_cast<void*>((bits(node->links[side]) & ~std::uintptr_t{1}) | (taller ? 1U : 0U));
+// A link to a node or null, on a side that is the taller one or not.
+void* linkTo(const Node* node, bool taller) {
+  return std::bit_cast<void*>(bits(node) | (taller ? 1U : 0U));
 }
+
+void setTaller(void** link, bool taller) { *link = linkTo(target(*link), taller); }
 
 // Lets a link lead to another node; its side stays as tall as it was.
 void lead(void** link, const Node* node) {
@@ -49,6 +52,11 @@ std::size_t other(std::size_t side) { return side ^ 1U; }
 // The side of a node that a link of it is.
 std::size_t sideOf(const Node* node, void* const* link) {
   return link == &node->links[right] ? right : left;
+}
+
+// The other link of the node that has this one.
+void** opposite(Node* node, void* const* link) {
+  return link == &node->links[left] ? &node->links[right] : &node->links[left];
 }
 
 Tree* treeOf(TreeAnchor* anchor) {
@@ -66,61 +74,52 @@ std::int64_t keyOf(const Node* node, std::size_t keyOffset) {
   return keyAt(reinterpret_cast<const char*>(node) + keyOffset);
 }
 
-// Moves the child on `side` of the node behind `link` into its place.
-Node* rotate(void** link, std::size_t side) {
+// Rebalances below `link`, whose node is two levels taller on `side`, by a rotation or a double
+// one. True: the whole is one level shorter than it was with the two levels.
+[[gnu::always_inline]] inline bool rebalance(void** link, std::size_t side) {
   Node* node = target(*link);
   Node* child = target(node->links[side]);
-  lead(&node->links[side], target(child->links[other(side)]));
-  lead(&child->links[other(side)], node);
-  lead(link, child);
-  return child;
-}
-
-// Rebalances below `link`, whose node is two levels taller on `side`. True: the whole is one level
-// shorter than it was with the two levels.
-bool rebalance(void** link, std::size_t side) {
-  Node* node = target(*link);
-  Node* child = target(node->links[side]);
-  if (isTaller(child, other(side))) {
-    Node* grandchild = target(child->links[other(side)]);
-    const bool outerShort = isTaller(grandchild, other(side));
-    const bool innerShort = isTaller(grandchild, side);
-    setTaller(node, side, false);
-    setTaller(child, other(side), false);
-    rotate(&node->links[side], other(side));
-    rotate(link, side);
-    setTaller(node, side, false);
-    setTaller(node, other(side), innerShort);
-    setTaller(child, side, outerShort);
-    setTaller(grandchild, left, false);
-    setTaller(grandchild, right, false);
+  const std::size_t inner = other(side);
+  if (isTaller(child->links[inner])) {
+    Node* top = target(child->links[inner]);
+    child->links[inner] = target(top->links[side]);
+    node->links[side] = target(top->links[inner]);
+    if (isTaller(top->links[inner])) setTaller(&child->links[side], true);
+    if (isTaller(top->links[side])) setTaller(&node->links[inner], true);
+    top->links[side] = child;
+    top->links[inner] = node;
+    lead(link, top);
     return true;
   }
-  const bool shortens = isTaller(child, side);
-  rotate(link, side);
-  setTaller(node, side, !shortens);
-  setTaller(child, side, false);
-  setTaller(child, other(side), !shortens);
+  const bool shortens = isTaller(child->links[side]);
+  node->links[side] = linkTo(target(child->links[inner]), !shortens);
+  child->links[inner] = linkTo(node, !shortens);
+  child->links[side] = target(child->links[side]);
+  lead(link, child);
   return shortens;
 }
 
-// Whether the first words of the tree changed hands, as when a close clears the root.
-void forgetIfCleared(Tree* tree) {
-  if (tree->anchor.root != nullptr) return;
-  tree->search.depth = 1;
-  tree->removal.depth = 1;
+// The part of a link's keys that lies behind its node's link on `side`.
+FingerLevel levelBelow(const FingerLevel& level, Node* node, std::int64_t nodeKey,
+                       std::size_t side) {
+  if (side == left) return {&node->links[left], level.low, nodeKey - 1};
+  return {&node->links[right], nodeKey + 1, level.high};
 }
 
-// Leads the finger to the link where the key is or would be, and returns the node there or null.
-Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
-  forgetIfCleared(tree);
-  for (std::size_t tried = 0; !finger->last().holds(key); ++tried) {
-    finger->depth = tried == kLevelsTried ? 1 : finger->depth - 1;
-  }
-  FingerLevel at = finger->last();
+// The root set to null from outside has emptied the tree: a finger must not outlive that.
+void forgetIfCleared(Tree* tree) {
+  if (tree->anchor.root != nullptr) return;
+  tree->search.last = tree->search.levels;
+  tree->removal.last = tree->removal.levels;
+}
+
+// Leads the finger from its last link, which has the key, to the link where the key is or would
+// be. Returns the node there or null.
+Node* descend(Finger* finger, std::int64_t key, std::size_t keyOffset) {
+  FingerLevel at = *finger->last;
   Node* node = target(*at.link);
   while (node != nullptr) {
-    const std::int64_t nodeKey = keyOf(node, tree->keyOffset);
+    const std::int64_t nodeKey = keyOf(node, keyOffset);
     if (nodeKey == key) break;
     // Both links are loaded beside the key: the choice need not wait for a further load.
     void* const below = node->links[left];
@@ -129,17 +128,39 @@ Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
     at.low = isAbove ? nodeKey + 1 : at.low;
     at.high = isAbove ? at.high : nodeKey - 1;
     at.link = &node->links[isAbove ? right : left];
-    finger->levels[finger->depth++] = at;
+    finger->enter(at);
     node = target(isAbove ? above : below);
   }
   return node;
 }
 
-// What lies behind the finger's link `level` was rearranged: neither finger may go on further.
-void cutBelow(Finger* changed, Finger* bystander, std::size_t level) {
-  changed->depth = level + 1;
-  if (bystander->depth > level && bystander->levels[level].link == changed->levels[level].link) {
-    bystander->depth = level + 1;
+// Leads the finger to the link where the key is or would be, and returns the node there or null.
+[[gnu::always_inline]] inline Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
+  forgetIfCleared(tree);
+  for (std::size_t tried = 0; !finger->last->holds(key); ++tried) {
+    finger->last = tried == kLevelsTried ? finger->levels : finger->last - 1;
+  }
+  if (*finger->last->link == nullptr) return nullptr;
+  return descend(finger, key, tree->keyOffset);
+}
+
+// What lies behind the link of `level` was rearranged: the other finger must not lead further.
+void cutBystander(Finger* bystander, const Finger& changed, const FingerLevel* level) {
+  FingerLevel* same = bystander->levels + (level - changed.levels);
+  if (same < bystander->last && same->link == level->link) bystander->last = same;
+}
+
+// Rotates where an insert made the node behind the link of `level` too tall on `side`.
+void rebalanceInserted(Tree* tree, FingerLevel* level, std::size_t side) {
+  Finger& finger = tree->search;
+  rebalance(level->link, side);
+  cutBystander(&tree->removal, finger, level);
+  Node* top = target(*level->link);
+  if (level[2].link == &top->links[side]) {
+    // A single rotation: the child went up a level, with all that the finger has below it.
+    finger.remove(level + 1);
+  } else {
+    finger.last = level;
   }
 }
 
@@ -147,25 +168,23 @@ void treeInsert(TreeAnchor* anchor, void* record) noexcept {
   Tree* tree = treeOf(anchor);
   Finger& finger = tree->search;
   auto* added = static_cast<Node*>(record);
-  const std::int64_t key = keyOf(added, tree->keyOffset);
-  if (seek(tree, &finger, key) != nullptr) return;
+  if (seek(tree, &finger, keyOf(added, tree->keyOffset)) != nullptr) return;
   added->links[left] = nullptr;
   added->links[right] = nullptr;
-  *finger.last().link = added;  // no side that ended here was the taller one
+  *finger.last->link = added;  // no side that ended here was the taller one
   // Every node upwards grows by a level on its side, up to the first that was not balanced.
-  for (std::size_t level = finger.depth - 1; level > 0; --level) {
-    Node* node = target(*finger.levels[level - 1].link);
-    const std::size_t side = sideOf(node, finger.levels[level].link);
-    if (isTaller(node, other(side))) {
-      setTaller(node, other(side), false);
+  for (FingerLevel* level = finger.last; level != finger.levels; --level) {
+    Node* node = target(*level[-1].link);
+    void** const across = opposite(node, level->link);
+    if (isTaller(*across)) {
+      setTaller(across, false);
       return;
     }
-    if (isTaller(node, side)) {
-      rebalance(finger.levels[level - 1].link, side);
-      cutBelow(&finger, &tree->removal, level - 1);
+    if (isTaller(*level->link)) {
+      rebalanceInserted(tree, level - 1, sideOf(node, level->link));
       return;
     }
-    setTaller(node, side, true);
+    setTaller(level->link, true);
   }
 }
 
@@ -175,38 +194,42 @@ void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
 }
 
 // Puts the next larger node in the place of a node with two children, which the finger is at, and
-// leads the finger to the link that this leaves shorter.
+// leads the finger to the link that this leaves shorter. The levels that it enters have no keys.
 void replaceBySuccessor(Finger* finger, Node* node) {
-  void** const place = finger->last().link;
-  const std::size_t below = finger->depth;
+  FingerLevel* const place = finger->last;
   Node* successor = target(node->links[right]);
-  finger->enter(&node->links[right]);
+  finger->enter({&node->links[right], 0, 0});
   while (Node* smaller = target(successor->links[left])) {
-    finger->enter(&successor->links[left]);
+    finger->enter({&successor->links[left], 0, 0});
     successor = smaller;
   }
-  lead(finger->last().link, target(successor->links[right]));
-  lead(place, successor);
+  lead(finger->last->link, target(successor->links[right]));
+  lead(place->link, successor);
   successor->links[left] = node->links[left];
   successor->links[right] = node->links[right];
-  finger->levels[below].link = &successor->links[right];
+  place[1].link = &successor->links[right];
 }
 
 // Rebalances upwards after the side behind the finger's last link has become one level shorter.
-// Returns the uppermost level whose link leads to another node now, if it is above `level`.
-std::size_t shorten(const Finger& finger, std::size_t changed) {
-  for (std::size_t level = finger.depth - 1; level > 0; --level) {
-    void** link = finger.levels[level - 1].link;
-    Node* node = target(*link);
-    const std::size_t side = sideOf(node, finger.levels[level].link);
-    if (isTaller(node, side)) {
-      setTaller(node, side, false);
-    } else if (!isTaller(node, other(side))) {
-      setTaller(node, other(side), true);
+// The finger keeps leading there. Returns the uppermost level whose link leads to another node
+// now, if it is above `changed`.
+FingerLevel* shorten(Finger* finger, std::size_t keyOffset, FingerLevel* changed) {
+  for (FingerLevel* level = finger->last; level != finger->levels; --level) {
+    const FingerLevel& above = level[-1];
+    Node* node = target(*above.link);
+    void** const across = opposite(node, level->link);
+    if (isTaller(*level->link)) {
+      setTaller(level->link, false);
+    } else if (!isTaller(*across)) {
+      setTaller(across, true);
       break;
     } else {
+      const std::size_t side = sideOf(node, level->link);
       changed = std::min(changed, level - 1);
-      if (!rebalance(link, other(side))) break;
+      const bool shorter = rebalance(above.link, other(side));
+      Node* top = target(*above.link);  // now between the link and the node
+      finger->insert(level, levelBelow(above, top, keyOf(top, keyOffset), side));
+      if (!shorter) break;
     }
   }
   return changed;
@@ -217,15 +240,18 @@ void treeRemove(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   Finger& finger = tree->removal;
   Node* node = seek(tree, &finger, keyAt(key));
   if (node == nullptr) return;
-  const std::size_t place = finger.depth - 1;
+  FingerLevel* const place = finger.last;
   Node* below = target(node->links[left]);
   Node* above = target(node->links[right]);
-  if (below != nullptr && above != nullptr) {
+  const bool hasBoth = below != nullptr && above != nullptr;
+  if (hasBoth) {
     replaceBySuccessor(&finger, node);
   } else {
-    lead(finger.last().link, below != nullptr ? below : above);
+    lead(place->link, below != nullptr ? below : above);
   }
-  cutBelow(&finger, &tree->search, shorten(finger, place));
+  FingerLevel* const changed = shorten(&finger, tree->keyOffset, place);
+  cutBystander(&tree->search, finger, changed);
+  if (hasBoth) finger.last = changed;
 }
 
 HostStatus destroyTree(PageTree* self) noexcept {

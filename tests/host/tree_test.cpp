@@ -5,10 +5,12 @@
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
+#include <deque>
 #include <limits>
 #include <map>
+#include <memory>
 #include <random>
-#include <vector>
+#include <utility>
 
 #include "qzpos.h"
 #include "qzstandin.h"
@@ -23,6 +25,8 @@ PageBuffer* target(void* link) {
 }
 
 struct TreeTest : testing::Test {
+  using Model = std::map<std::int64_t, std::unique_ptr<PageBuffer>>;
+
   void TearDown() override {
     EXPECT_EQ(tree->destroy(tree), 0U);
     EXPECT_EQ(extension->destroy(extension), 0U);
@@ -32,24 +36,37 @@ struct TreeTest : testing::Test {
   qz::PageTree* create(const qz::TreeAttributes& attributes) {
     return extension->treeCreate(extension, &attributes, &journal, "test");
   }
-  void insert(PageBuffer* node) {
-    tree->treeInsert(&tree->anchor, node);
-    model.emplace(node->pageNumber, node);
+  // A new node; where the key is there already, it is not entered and freed again.
+  void insert(std::int64_t key) {
+    auto node = std::make_unique<PageBuffer>();
+    node->treeLinks[0] = node->treeLinks[1] = node.get();  // garbage
+    node->pageNumber = key;
+    tree->treeInsert(&tree->anchor, node.get());
+    model.emplace(key, std::move(node));
   }
+  // Frees the node: the sanitizer sees whether the tree touches it later.
   void remove(std::int64_t key) {
-    tree->treeRemove(&tree->anchor, &key);
+    const auto place = model.find(key);
+    // The module gives the key inside the node.
+    tree->treeRemove(&tree->anchor, place == model.end() ? &key : &place->second->pageNumber);
     model.erase(key);
+  }
+  // Empties the tree from outside, as a close does, and frees all nodes.
+  void clearRoot() {
+    tree->anchor.root = nullptr;
+    model.clear();
   }
   void expectAsModel(std::int64_t key) {
     const auto place = model.find(key);
-    ASSERT_EQ(tree->treeFind(&tree->anchor, &key), place == model.end() ? nullptr : place->second);
+    ASSERT_EQ(tree->treeFind(&tree->anchor, &key),
+              place == model.end() ? nullptr : place->second.get());
   }
 
   // The height of a subtree in key order, balanced everywhere, whose nodes are the model's.
-  int check(PageBuffer* node, std::map<std::int64_t, PageBuffer*>::iterator* next) {
+  int check(PageBuffer* node, Model::iterator* next) {
     if (node == nullptr) return 0;
     const int left = check(target(node->treeLinks[0]), next);
-    EXPECT_EQ((*next)->second, node);
+    EXPECT_EQ((*next)->second.get(), node);
     ++*next;
     const int right = check(target(node->treeLinks[1]), next);
     EXPECT_LE(std::abs(left - right), 1);
@@ -65,42 +82,67 @@ struct TreeTest : testing::Test {
   qz::StandInJournal journal;
   qz::TreeExtension* extension = host.handle()->extensionLoad(host.handle(), U"qzeavl", 6, nullptr);
   qz::PageTree* tree = create({1, offsetof(PageBuffer, pageNumber), 6, 1});
-  std::map<std::int64_t, PageBuffer*> model;
+  Model model;
 };
 
-// Runs of neighbouring keys with jumps between them, as pages are used; two nodes for each key, of
-// which the first to come stays. At times the root is cleared from outside.
+// Runs of neighbouring keys, up and down, with jumps between them, as pages are used. At times the
+// root is cleared from outside.
 TEST_F(TreeTest, HoldsWhatAMapHolds) {
   using Limits = std::numeric_limits<std::int64_t>;
   std::mt19937 random(1);
   for (const std::int64_t keys : {3, 10, 60, 1000}) {
-    std::vector<PageBuffer> nodes(static_cast<std::size_t>(2 * keys));
     std::int64_t key = 0;
     for (int step = 0; step < 20000; ++step) {
-      key = (random() % 3 == 0 ? static_cast<std::int64_t>(random()) : key + 1) % keys;
+      const std::int64_t neighbour = step % 1000 < 500 ? key + 1 : key + keys - 1;
+      key = (random() % 3 == 0 ? static_cast<std::int64_t>(random()) : neighbour) % keys;
       std::int64_t page = key * 3 - keys;  // some below 0, none adjacent
       if (key == 0) page = Limits::min();
       if (key == 1) page = Limits::max();
-      PageBuffer& node = nodes[static_cast<std::size_t>(2 * key) + random() % 2];
       const auto kind = random() % 4;
       if (kind == 0) {
         expectAsModel(page ^ static_cast<std::int64_t>(random() % 4));
       } else if (kind == 1 || (kind == 2 && step % 4000 >= 2000)) {  // grows, then shrinks
         remove(page ^ static_cast<std::int64_t>(random() % 8 == 0));
       } else {
-        if (model.count(page) == 0) node.treeLinks[0] = node.treeLinks[1] = &node;  // garbage
-        node.pageNumber = page;
-        insert(&node);
+        insert(page);
       }
-      if (random() % 2500 == 0) {
-        tree->anchor.root = nullptr;
-        model.clear();
-      }
+      if (random() % 2500 == 0) clearRoot();
       if (keys < 100 || step % 100 == 0) checkAll();
       if (HasFailure()) return;
     }
     while (!model.empty()) remove(model.begin()->first);
     ASSERT_EQ(tree->anchor.root, nullptr);
+  }
+}
+
+// A full cache that goes through a file: a miss, the page released longest ago leaves, the new one
+// enters. Both ends of the tree move, with a search of its own at each.
+TEST_F(TreeTest, FollowsACacheThroughAFileUpAndDown) {
+  std::mt19937 random(2);
+  for (const std::size_t buffers : {1U, 2U, 7U, 64U, 300U}) {
+    std::deque<std::int64_t> cached;
+    std::int64_t page = 0;
+    std::int64_t direction = 1;
+    for (int step = 0; step < 6000; ++step) {
+      if (random() % 700 == 0) direction = -direction;
+      if (random() % 900 == 0) page += static_cast<std::int64_t>(random() % 5000);
+      if (random() % 3000 == 0) {
+        clearRoot();
+        cached.clear();
+      }
+      page += direction;
+      expectAsModel(page);
+      if (model.count(page) != 0) continue;
+      if (cached.size() == buffers) {
+        remove(cached.front());
+        cached.pop_front();
+      }
+      insert(page);
+      cached.push_back(page);
+      if (buffers < 10 || step % 20 == 0) checkAll();
+      if (HasFailure()) return;
+    }
+    while (!model.empty()) remove(model.rbegin()->first);
   }
 }
 
