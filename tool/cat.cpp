@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "commands.hpp"
+#include "payload.hpp"
 #include "streams.hpp"
 
 namespace qzpfile {
@@ -18,16 +19,18 @@ Exit runCat(const Invocation& call) {
   const AlignedBuffer batch(batchBytes(source.geometry.pageSize));
   const std::int64_t pagesPerBatch = static_cast<std::int64_t>(batch.bytes().size()) / pageSize;
   Output output(STDOUT_FILENO, "standard output");
+  PageChecker checker(file, call.keepGoing ? listDamage(call.first) : OnDamage());
   for (std::int64_t page = range.first; page <= range.last; page += pagesPerBatch) {
     const std::int64_t bytes = std::min(pagesPerBatch, range.last - page + 1) * pageSize;
     const auto area = batch.bytes().first(static_cast<std::size_t>(bytes));
     file.readMany(page, area);
     file.requireUncut();
+    if (source.geometry.pagesPerGroup != 0) checker.checkMany(page, area);
     output.write(area);
     progress.advance(bytes);
   }
   output.flush();
-  return Exit::good;
+  return checker.isGood() ? Exit::good : Exit::badData;
 }
 
 }  // namespace qzpfile

@@ -100,6 +100,20 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
               "only these pages, counted from 1: 7, 3-9, 3- or -9", parsePageRange,
               [&call](PageRange range) { call.pages = range; });
   }
+  if (has(optionFormatVersion)) {
+    addParsed(app, "--format-version", "N", "1 or 2",
+              "version of the file format: 2 (default), or 1 for programs that know no other",
+              sizeWithin<1, kLatestVersion>,
+              [&call](std::int64_t version) { call.formatVersion = static_cast<int>(version); });
+  }
+  if (has(optionEveryMode)) {
+    app.add_flag("--every-mode", call.everyMode,
+                 "read in every I/O mode that the file system allows, and compare");
+  }
+  if (has(optionRepair)) {
+    app.add_flag("-n,--dry-run", call.dryRun, "only say what would be done");
+    app.add_flag("-y,--yes", call.yes, "give up what cannot be kept");
+  }
   if (has(optionAppend)) {
     app.add_flag("--append", call.append, "write behind the last page");
   }

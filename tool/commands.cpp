@@ -24,7 +24,7 @@ constexpr std::array kCommands = {
             "qzpfile pack --io block --block-size 16M big.img big.qzp\tpast the cache, in blocks",
             {"INPUT", "the file to pack, - for standard input"},
             {"OUTPUT", "the paged file to make"},
-            optionNewSizes | kIoOptions | optionForce | optionProgress,
+            optionNewSizes | optionFormatVersion | kIoOptions | optionForce | optionProgress,
             runPack},
     Command{"unpack",
             "get back what was packed",
@@ -34,7 +34,7 @@ constexpr std::array kCommands = {
             "qzpfile unpack src.qzp - | tar t\tunpack into a pipe",
             {"INPUT", "a file made by pack"},
             {"OUTPUT", "the file to make, - for standard output"},
-            kIoOptions | optionForce | optionProgress,
+            kIoOptions | optionForce | optionKeepGoing | optionProgress,
             runUnpack},
     Command{"info", "show sizes, kind and I/O mode of a paged file",
             "Shows how FILE is divided into header and pages, what it holds, and which I/O mode "
@@ -47,7 +47,8 @@ constexpr std::array kCommands = {
             "Writes the pages of FILE to standard output as they are, padding included.",
             "qzpfile cat --pages 3-5 backup.qzp > pages.bin\tthree pages\n"
             "qzpfile cat places.db | sha256sum\tall pages",
-            kFile, kNone, optionRaw | kIoOptions | optionPages | optionProgress, runCat},
+            kFile, kNone, optionRaw | kIoOptions | optionPages | optionKeepGoing | optionProgress,
+            runCat},
     Command{"dump", "show pages in hexadecimal and text",
             "Shows the pages of FILE in hexadecimal and as text. Offsets count from the start of "
             "the file; a line * stands for lines like the one above it.",
@@ -92,7 +93,8 @@ constexpr std::array kCommands = {
             "qzpfile copy --raw --page-size 4K --header-size 512 a.dat b.dat\tany paged file",
             {"SRC", kFile.text},
             {"DST", "the file to make"},
-            optionNewSizes | optionRaw | kIoOptions | optionForce | optionProgress,
+            optionNewSizes | optionFormatVersion | optionRaw | kIoOptions | optionForce |
+                optionKeepGoing | optionProgress,
             runCopy},
     Command{"compare",
             "compare two paged files page by page",
@@ -105,13 +107,14 @@ constexpr std::array kCommands = {
             optionRaw | kIoOptions | optionKeepGoing | optionFormat | optionProgress,
             runCompare},
     Command{"verify", "check a paged file",
-            "Checks that FILE is header plus whole pages, that its payload fits the checksum, and "
-            "that every page reads the same in every I/O mode that the file system allows. Exit "
-            "status 1: it is damaged.",
+            "Checks that FILE is header plus whole pages and that every page fits its checksum. "
+            "Reads it once; with --every-mode in every I/O mode that the file system allows, each "
+            "of which must give the same bytes. Exit status 1: it is damaged.",
             "qzpfile verify backup.qzp\tcheck a file\n"
             "qzpfile verify --keep-going --format json backup.qzp\tlist all that is wrong",
             kFile, kNone,
-            optionRaw | optionBlockSize | optionKeepGoing | optionFormat | optionProgress,
+            optionRaw | optionIo | optionBlockSize | optionEveryMode | optionKeepGoing |
+                optionFormat | optionProgress,
             runVerify},
     Command{"bench", "measure reading a paged file",
             "Reads FILE in every I/O mode that the file system allows, in order and at random, "
@@ -120,6 +123,18 @@ constexpr std::array kCommands = {
             "qzpfile bench backup.qzp\tthis file on this disk\n"
             "qzpfile bench --block-size 1M --format json backup.qzp\tsmaller blocks, for programs",
             kFile, kNone, optionRaw | optionBlockSize | optionFormat | optionProgress, runBench},
+    Command{"repair",
+            "bring a file made by pack back into order",
+            "Finishes or undoes a change of FILE that was interrupted, cuts away what is behind "
+            "its end or is no whole page, and computes checksums anew where that is proven to be "
+            "right. Says what is lost, page by page. What would be lost for good is only given "
+            "up with --yes. Exit status 1: FILE is not good yet.",
+            "qzpfile repair --dry-run backup.qzp\tsee what would be done\n"
+            "qzpfile repair --yes backup.qzp\tkeep what can be kept",
+            {"FILE", "a file made by pack"},
+            kNone,
+            optionRepair | optionFormat | optionProgress,
+            runRepair},
     Command{"rm", "remove a paged file",
             "Removes FILE, if it is a paged file. With --raw it may be any file.",
             "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw, runRm},
@@ -147,7 +162,8 @@ PageRange pagesOf(const Invocation& call, const File& file) {
   return {.first = call.pages.first, .last = std::min(call.pages.last, count)};
 }
 
-Geometry ownGeometry(std::int64_t pageSize, std::int64_t headerSize, const std::string& file) {
+Geometry ownGeometry(int version, std::int64_t pageSize, std::int64_t headerSize,
+                     const std::string& file) {
   if (pageSize < kMinPageSize || pageSize > kMaxPageSize) {
     throw Failure(
         Exit::usage,
@@ -163,7 +179,8 @@ Geometry ownGeometry(std::int64_t pageSize, std::int64_t headerSize, const std::
   return Geometry{.kind = FileKind::own,
                   .pageSize = static_cast<std::int32_t>(pageSize),
                   .headerSize = headerSize,
-                  .header = std::nullopt};
+                  .header = std::nullopt,
+                  .pagesPerGroup = pagesPerGroup(version, pageSize)};
 }
 
 }  // namespace qzpfile

@@ -25,6 +25,10 @@ struct Invocation {
   bool raw = false;
   bool append = false;
   bool keepGoing = false;
+  bool everyMode = false;
+  bool yes = false;
+  bool dryRun = false;
+  int formatVersion = kLatestVersion;
   std::optional<std::int64_t> pageSize;
   std::optional<std::int64_t> headerSize;
   std::optional<std::int64_t> page;    // put: the first page to write; truncate: pages to keep
@@ -48,6 +52,9 @@ enum Option : unsigned {
   optionPages = 0x200,
   optionAppend = 0x400,
   optionSet = 0x800,
+  optionFormatVersion = 0x100000,
+  optionEveryMode = 0x200000,
+  optionRepair = 0x400000,  // --dry-run, --yes
 };
 inline constexpr unsigned kIoOptions = optionIo | optionBlockSize | optionBuffers;
 
@@ -77,7 +84,8 @@ std::optional<RawGeometry> rawGeometry(const Invocation& call);
 PageRange pagesOf(const Invocation& call, const File& file);
 
 // Checks sizes for a file of the tool's own.
-Geometry ownGeometry(std::int64_t pageSize, std::int64_t headerSize, const std::string& file);
+Geometry ownGeometry(int version, std::int64_t pageSize, std::int64_t headerSize,
+                     const std::string& file);
 
 Exit runBench(const Invocation& call);
 Exit runCat(const Invocation& call);
@@ -88,6 +96,7 @@ Exit runHeader(const Invocation& call);
 Exit runInfo(const Invocation& call);
 Exit runPack(const Invocation& call);
 Exit runPut(const Invocation& call);
+Exit runRepair(const Invocation& call);
 Exit runRm(const Invocation& call);
 Exit runTruncate(const Invocation& call);
 Exit runUnpack(const Invocation& call);

@@ -68,7 +68,7 @@ class Comparison {
   std::vector<Difference> differences_;
 };
 
-void compareHeaders(Session& session, const Source& a, const Source& b, Comparison& comparison) {
+void compareHeaders(const Source& a, const Source& b, Comparison& comparison) {
   const Geometry& one = a.geometry;
   const Geometry& other = b.geometry;
   if (one.header && other.header) {
@@ -77,7 +77,7 @@ void compareHeaders(Session& session, const Source& a, const Source& b, Comparis
   } else {
     comparison.sizes("header_size", "header bytes", one.headerSize, other.headerSize);
     if (one.headerSize == other.headerSize && one.headerSize > 0) {
-      comparison.header(readHeader(session, a), readHeader(session, b));
+      comparison.header(readHeader(a), readHeader(b));
     }
   }
 }
@@ -138,7 +138,7 @@ Exit runCompare(const Invocation& call) {
     // The first page that differs says more than a size that follows from it.
     comparePages(session, call, a, b, comparison);
     comparison.sizes("page_count", "pages", a.measured.wholePages, b.measured.wholePages);
-    compareHeaders(session, a, b, comparison);
+    compareHeaders(a, b, comparison);
   }
   const Exit exit = comparison.differences().empty() ? Exit::good : Exit::different;
   if (call.json) {

@@ -12,18 +12,21 @@ namespace qzpfile {
 namespace {
 
 // The payload, checked on the way, in pages of the new size.
-void copyOwn(Session& session, const Source& source, File& from, File& to, Progress& progress) {
-  std::vector<std::byte> header = readHeader(session, source);
+bool copyOwn(const Source& source, File& from, File& to, const OnDamage& onDamage,
+             Progress& progress) {
+  std::vector<std::byte> header = readHeader(source);
   header.resize(static_cast<std::size_t>(to.geometry().headerSize));
   PayloadWriter writer(to, progress);
   Progress reading(ProgressChoice::never, {}, std::nullopt);
-  readPayload(from, reading, [&](std::span<const std::byte> bytes) { writer.append(bytes); });
+  const bool good = readPayload(from, reading, onDamage,
+                                [&](std::span<const std::byte> bytes) { writer.append(bytes); });
   writer.finish(std::span(header).subspan(kHeaderBytes));
+  return good;
 }
 
 // Header and pages as they are.
-void copyForeign(Session& session, const Source& source, File& from, File& to, Progress& progress) {
-  if (source.geometry.headerSize > 0) to.writeHeader(readHeader(session, source));
+void copyForeign(const Source& source, File& from, File& to, Progress& progress) {
+  if (source.geometry.headerSize > 0) to.writeHeader(readHeader(source));
   for (std::int64_t page = 1; page <= from.pageCount(); ++page) {
     const qz::PageHold hold = from.read(page);
     to.write(page, bytesOf(hold));
@@ -43,7 +46,7 @@ Geometry targetGeometry(const Invocation& call, const Source& source) {
     }
     return source.geometry;
   }
-  return ownGeometry(call.pageSize.value_or(source.geometry.pageSize),
+  return ownGeometry(call.formatVersion, call.pageSize.value_or(source.geometry.pageSize),
                      call.headerSize.value_or(source.geometry.headerSize), call.second);
 }
 
@@ -62,15 +65,22 @@ Exit runCopy(const Invocation& call) {
   NewFile target(call.second, call.force);
   File to = File::create(session, target.temporaryName(), call.second, geometry, call.io,
                          source.measured.found);
+  bool good = true;
   if (source.geometry.header) {
-    copyOwn(session, source, from, to, progress);
+    const OnDamage onDamage = call.keepGoing ? listDamage(call.first) : OnDamage();
+    good = copyOwn(source, from, to, onDamage, progress);
   } else {
-    copyForeign(session, source, from, to, progress);
+    copyForeign(source, from, to, progress);
   }
+  const std::int64_t pages =
+      source.geometry.header ? to.geometry().payloadPagesIn(to.pageCount()) : to.pageCount();
   target.commit();
-  fmt::print("{}: {} of {} bytes, I/O {}\n", call.second, counted(to.pageCount(), "page"),
-             geometry.pageSize, to.describeIo());
-  return Exit::good;
+  fmt::print("{}: {} of {} bytes, I/O {}\n", call.second, counted(pages, "page"), geometry.pageSize,
+             to.describeIo());
+  if (good) return Exit::good;
+  fmt::print("{}: damaged pages were copied as they are, with checksums that fit them\n",
+             call.second);
+  return Exit::badData;
 }
 
 }  // namespace qzpfile

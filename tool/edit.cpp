@@ -1,83 +1,207 @@
 #include "edit.hpp"
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <cstdio>
 
 #include "signals.hpp"
 
 namespace qzpfile {
+namespace {
 
-// The header is read first: once the file is open for changing, nobody else may open it.
-PageEditor::PageEditor(Session& session, const Source& source, const IoRequest& io)
-    : headerArea_(source.geometry.header ? readHeader(session, source) : std::vector<std::byte>()),
-      file_(File::openToChange(session, source, io)),
-      before_(source.geometry.header),
-      header_(source.geometry.header) {}
+// The lock of the look ends with it, before the file is locked for changing: nothing that it told
+// is believed but the sizes that choose the I/O mode.
+File lockedFile(Session& session, const std::string& name, const std::optional<RawGeometry>& raw,
+                const IoRequest& io) {
+  Source look = examine(session, name, raw);
+  look.look.reset();
+  return File::lockToChange(session, look, io);
+}
+
+// Only the flag and the header's checksum differ from what is there.
+void writeMarked(const PlainFile& file, Header header, bool preparing) {
+  header.preparing = preparing;
+  file.write(encodeHeader(header), 0);
+  file.sync();
+}
+
+}  // namespace
+
+void settleChange(const PlainFile& file, const Source& source) {
+  if (source.unfinished == Unfinished::decided) {
+    applyRecord(file, source.change);
+  } else if (source.unfinished == Unfinished::undecided) {
+    file.truncate(source.geometry.header->fileBytes());
+    file.sync();
+    writeMarked(file, *source.geometry.header, false);
+  }
+}
+
+PageEditor::PageEditor(Session& session, const std::string& name,
+                       const std::optional<RawGeometry>& raw, const IoRequest& io)
+    : source_{.name = name, .geometry = {}, .measured = {}},
+      file_(lockedFile(session, name, raw, io)) {
+  PlainFile plain = PlainFile::openAgain(file_.fd(), name);
+  source_ = inspect(plain, raw);
+  if (source_.unfinished != Unfinished::no) {
+    fmt::print(stderr, "qzpfile: {}: an interrupted change was {}\n", name,
+               source_.unfinished == Unfinished::decided ? "finished" : "undone");
+    settleChange(plain, source_);
+    source_ = inspect(plain, raw);
+  }
+  requireSound(source_);
+  before_ = source_.geometry.header;
+  header_ = before_;
+  if (header_) plain_.emplace(std::move(plain));
+  file_.settle(source_, io);
+  pageCount_ = file_.pageCount();
+}
+
+// The mark must be on disk before the first byte behind the end is.
+void PageEditor::prepare() {
+  begun_ = true;
+  if (!before_) return;
+  writeMarked(*plain_, *before_, true);
+  // Checksum pages that are there already wait for the record, those of whole groups that a
+  // truncate takes away excepted.
+  checksums_.emplace(file_, file_.geometry(),
+                     groupCount(pageCount_, file_.geometry().pagesPerGroup),
+                     [this](std::int64_t group, std::span<const std::byte> page) {
+                       const Geometry& geometry = file_.geometry();
+                       if (geometry.firstOfGroup(group) > pageCount_) return;
+                       kept_.emplace_back(geometry.storedOffset(geometry.storedChecksums(group)),
+                                          std::vector<std::byte>(page.begin(), page.end()));
+                     });
+}
+
+void PageEditor::beginWrite(std::int64_t first, std::optional<std::int64_t> count) {
+  appends_ = first > pageCount_;
+  if (header_ && header_->version == 1 && !appends_) soundBefore_ = fitsChecksum();
+  prepare();
+  if (header_ && count) {
+    lastPage_ = first + *count - 1;
+    // Replaced pages wait in the record, behind the place of the appended ones.
+    Header longest = *header_;
+    longest.payloadBytes = std::max(pageCount_, *lastPage_) * longest.pageSize;
+    record_.emplace(*plain_, longest.fileBytes());
+  }
+}
+
+// The whole of a file of version 1: its checksum does not tell about single pages.
+bool PageEditor::fitsChecksum() {
+  std::uint64_t sum = 0;
+  for (std::int64_t page = 1; page <= pageCount_; ++page) {
+    checkInterrupt();
+    sum += pageChecksum(bytesOf(file_.read(page)), page);
+  }
+  return sum == header_->payloadChecksum;
+}
 
 void PageEditor::write(std::int64_t page, std::span<const std::byte> bytes) {
-  begin();
   const auto pageSize = static_cast<std::size_t>(file_.geometry().pageSize);
   const auto given = static_cast<std::int64_t>(bytes.size());
+  if (!header_) {
+    file_.write(page, bytes);
+    pageCount_ = std::max(pageCount_, page);
+    return;
+  }
+  if (lastPage_ && page > *lastPage_) {
+    throw Failure(Exit::badData, "standard input became longer while it was read", file_.name());
+  }
   if (bytes.size() < pageSize) {
     padded_.assign(bytes.begin(), bytes.end());
     padded_.resize(pageSize);
     bytes = padded_;
   }
-  std::uint64_t oldShare = 0;
-  if (header_ && page <= file_.pageCount()) {
-    oldShare = pageChecksum(bytesOf(file_.read(page)), page);
+  const std::uint64_t checksum = pageChecksum(bytes, page);
+  std::uint64_t oldChecksum = checksums_->note(page, checksum);
+  if (page <= before_->pageCount()) {
+    if (header_->version == 1) oldChecksum = pageChecksum(bytesOf(file_.read(page)), page);
+    record_->add(file_.geometry().offsetOf(page), bytes);
+    if (soundBefore_) header_->payloadChecksum += checksum - oldChecksum;
+  } else {
+    file_.write(page, bytes);
+    header_->payloadChecksum += checksum;
   }
-  file_.write(page, bytes);
-  if (header_) {
-    header_->payloadChecksum += pageChecksum(bytes, page) - oldShare;
-    if (page == file_.pageCount()) {
-      header_->payloadBytes = (page - 1) * header_->pageSize + given;
-    }
-  }
+  pageCount_ = std::max(pageCount_, page);
+  if (page == pageCount_) header_->payloadBytes = (page - 1) * header_->pageSize + given;
 }
 
 void PageEditor::truncate(std::int64_t pages) {
-  if (header_) {
-    for (std::int64_t page = pages + 1; page <= file_.pageCount(); ++page) {
-      checkInterrupt();
-      header_->payloadChecksum -= pageChecksum(bytesOf(file_.read(page)), page);
-    }
-    header_->payloadBytes = std::min(header_->payloadBytes, pages * header_->pageSize);
+  const std::int64_t pagesBefore = std::exchange(pageCount_, pages);
+  if (!header_) {
+    prepare();
+    file_.truncate(pages);
+    return;
   }
-  begin();
-  file_.truncate(pages);
+  pageCount_ = pagesBefore;
+  prepare();
+  pageCount_ = pages;
+  for (std::int64_t page = pages + 1; page <= pagesBefore; ++page) {
+    checkInterrupt();
+    const std::uint64_t oldChecksum = header_->version == 1
+                                          ? pageChecksum(bytesOf(file_.read(page)), page)
+                                          : checksums_->note(page, 0);
+    header_->payloadChecksum -= oldChecksum;
+  }
+  header_->payloadBytes = std::min(header_->payloadBytes, pages * header_->pageSize);
+}
+
+void PageEditor::replaceHeader(std::vector<std::byte> area) {
+  prepare();
+  if (!header_) {
+    file_.writeHeader(area);
+    return;
+  }
+  header_ = std::get<Header>(decodeHeader(area));
+  headerArea_ = std::move(area);
+  headerArea_.resize(static_cast<std::size_t>(header_->headerSize));
 }
 
 void PageEditor::finish() {
-  if (!begun_) return;
   file_.flush();
   if (header_) {
-    header_->changing = false;
-    writeHeader();
-  }
-  file_.finish();
-  begun_ = false;
-}
-
-void PageEditor::undoAppend(std::int64_t pages) {
-  file_.truncate(pages);
-  header_ = before_;
-  finish();
-}
-
-// The mark must be on disk before the first page is.
-void PageEditor::begin() {
-  if (begun_) return;
-  begun_ = true;
-  if (header_) {
-    header_->changing = true;
-    writeHeader();
+    checksums_->finish();
     file_.flush();
+    if (!record_) {
+      record_.emplace(*plain_, std::max(before_->fileBytes(), header_->fileBytes()));
+    }
+    for (const auto& [target, bytes] : kept_) record_->add(target, bytes);
+    if (headerArea_.empty()) {
+      record_->add(0, encodeHeader(*header_));
+    } else {
+      record_->add(0, headerArea_);
+    }
+    const ChangeRecord change = record_->decide(header_->fileBytes());
+    decided_ = true;
+    applyRecord(*plain_, change);
   }
+  begun_ = false;
+  file_.close();
 }
 
-void PageEditor::writeHeader() {
-  std::ranges::copy(encodeHeader(*header_), headerArea_.begin());
-  file_.writeHeader(headerArea_);
+PageEditor::~PageEditor() {
+  try {
+    if (begun_ && !decided_) undo();
+  } catch (const std::exception&) {
+    // The failure that led here is the one to report. The next change finds the mark.
+    begun_ = false;
+  }
+  file_.keepEmpty();
+}
+
+// Of other files only appended pages can be taken away; pages that were replaced stay.
+void PageEditor::undo() {
+  if (!before_) {
+    if (appends_) file_.truncate(source_.measured.wholePages);
+    file_.flush();
+    return;
+  }
+  file_.truncate(before_->storedPages());  // the module drops pages that it has not written yet
+  plain_->truncate(before_->fileBytes());
+  plain_->sync();
+  writeMarked(*plain_, *before_, false);
 }
 
 }  // namespace qzpfile

@@ -36,7 +36,8 @@ std::optional<Geometry> recogniseDatabase(std::span<const std::byte> bytes) {
   return Geometry{.kind = FileKind::sqliteDatabase,
                   .pageSize = static_cast<std::int32_t>(pageSize),
                   .headerSize = 0,
-                  .header = std::nullopt};
+                  .header = std::nullopt,
+                  .pagesPerGroup = 0};
 }
 
 std::optional<Geometry> recogniseWal(std::span<const std::byte> bytes) {
@@ -53,7 +54,8 @@ std::optional<Geometry> recogniseWal(std::span<const std::byte> bytes) {
   return Geometry{.kind = FileKind::sqliteWal,
                   .pageSize = static_cast<std::int32_t>(kFrameHeaderBytes + pageSize),
                   .headerSize = kWalHeaderBytes,
-                  .header = std::nullopt};
+                  .header = std::nullopt,
+                  .pagesPerGroup = 0};
 }
 
 const char* faultText(HeaderFault fault) {
@@ -62,10 +64,16 @@ const char* faultText(HeaderFault fault) {
       return "is no kind of paged file that this program knows";
     case HeaderFault::cut:
       return "ends inside its header";
+    case HeaderFault::noVersion:
+      return "has a damaged header: there is no version 0 of the file format";
     case HeaderFault::version:
       return "was written in a later version of the file format";
     case HeaderFault::checksum:
       return "has a damaged header: its checksum does not fit";
+    case HeaderFault::flags:
+      return "has flags that this program does not know";
+    case HeaderFault::reserved:
+      return "has a header whose reserved bytes are not 0";
     case HeaderFault::values:
       return "has a header with impossible sizes";
   }
@@ -73,6 +81,14 @@ const char* faultText(HeaderFault fault) {
 }
 
 }  // namespace
+
+Geometry geometryOf(const Header& header) {
+  return Geometry{.kind = FileKind::own,
+                  .pageSize = header.pageSize,
+                  .headerSize = header.headerSize,
+                  .header = header,
+                  .pagesPerGroup = pagesPerGroup(header.version, header.pageSize)};
+}
 
 std::variant<Geometry, std::string> recognise(std::span<const std::byte> firstBytes) {
   if (firstBytes.empty()) {
@@ -84,11 +100,13 @@ std::variant<Geometry, std::string> recognise(std::span<const std::byte> firstBy
   if (const auto* fault = std::get_if<HeaderFault>(&own)) {
     return std::string(faultText(*fault));
   }
-  const auto& header = std::get<Header>(own);
-  return Geometry{.kind = FileKind::own,
-                  .pageSize = header.pageSize,
-                  .headerSize = header.headerSize,
-                  .header = header};
+  return geometryOf(std::get<Header>(own));
+}
+
+bool isOwn(std::span<const std::byte> firstBytes) {
+  const std::variant<Header, HeaderFault> own = decodeHeader(firstBytes);
+  const auto* const fault = std::get_if<HeaderFault>(&own);
+  return fault == nullptr || *fault != HeaderFault::foreign;
 }
 
 const char* advice(std::span<const std::byte> firstBytes) {
@@ -97,12 +115,13 @@ const char* advice(std::span<const std::byte> firstBytes) {
   if (firstBytes.empty() || (fault != nullptr && *fault == HeaderFault::cut)) {
     return "get a whole copy of the file";
   }
-  if (fault != nullptr && *fault == HeaderFault::version) {
+  if (fault != nullptr && (*fault == HeaderFault::version || *fault == HeaderFault::flags ||
+                           *fault == HeaderFault::reserved)) {
     return "use a later version of this program";
   }
   if (fault != nullptr && *fault != HeaderFault::foreign) {
-    return "give it a sound header: qzpfile header --raw --page-size N --header-size N --set "
-           "INPUT; its pages can be read with --raw as they are";
+    return "try qzpfile repair, or give it a sound header: qzpfile header --raw --page-size N "
+           "--header-size N --set INPUT; its pages can be read with --raw as they are";
   }
   return "if it is a paged file all the same, describe it: --raw --page-size N --header-size N";
 }
@@ -124,7 +143,8 @@ const char* kindName(FileKind kind) {
 Measure measure(const Geometry& geometry, std::int64_t fileBytes) {
   Measure result{.found = fileBytes, .inHeader = fileBytes < geometry.headerSize};
   const std::int64_t afterHeader = std::max<std::int64_t>(fileBytes - geometry.headerSize, 0);
-  result.wholePages = afterHeader / geometry.pageSize;
+  result.storedPages = afterHeader / geometry.pageSize;
+  result.wholePages = geometry.payloadPagesIn(result.storedPages);
   result.leftOver = afterHeader % geometry.pageSize;
   result.expected = geometry.header ? geometry.header->fileBytes()
                                     : geometry.headerSize + result.wholePages * geometry.pageSize;

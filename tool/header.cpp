@@ -9,15 +9,14 @@
 
 #include <algorithm>
 #include <concepts>
-#include <limits>
 
 namespace qzpfile {
 namespace {
 
 // The 0x1A ends the text for programs that take the file for one.
 constexpr std::array<unsigned char, 8> kMagic = {'Q', 'Z', 'P', 'F', 'I', 'L', 'E', 0x1A};
-constexpr std::uint32_t kVersion = 1;
 constexpr std::uint32_t kChanging = 0x1;
+constexpr std::uint32_t kPreparing = 0x2;
 
 // Offsets of the fields, little-endian.
 constexpr std::size_t kVersionAt = 8;
@@ -26,6 +25,7 @@ constexpr std::size_t kPageSizeAt = 16;
 constexpr std::size_t kHeaderSizeAt = 20;
 constexpr std::size_t kPayloadBytesAt = 24;
 constexpr std::size_t kPayloadChecksumAt = 32;
+constexpr std::size_t kReservedAt = 40;
 constexpr std::size_t kHeaderChecksumAt = 56;  // over all bytes before it
 
 template <std::unsigned_integral T>
@@ -58,14 +58,30 @@ bool within(std::uint64_t value, std::int64_t least, std::int64_t most) {
   return value >= static_cast<std::uint64_t>(least) && value <= static_cast<std::uint64_t>(most);
 }
 
+// True when setting or clearing kPreparing was cut short: the flag and the header's checksum are
+// old and new in parts, each byte one or the other.
+bool isFlaggedInPart(std::span<const std::byte> bytes) {
+  std::array<std::byte, kHeaderBytes> other{};
+  std::ranges::copy(bytes.first(kHeaderBytes), other.begin());
+  other[kFlagsAt] ^= std::byte{kPreparing};
+  std::array<std::byte, 16> either{};
+  store(either, 0, headerChecksum(bytes));
+  store(either, 8, headerChecksum(other));
+  for (std::size_t i = 0; i < 8; ++i) {
+    const std::byte stored = bytes[kHeaderChecksumAt + i];
+    if (stored != either[i] && stored != either[8 + i]) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::array<std::byte, kHeaderBytes> encodeHeader(const Header& header) {
   std::array<std::byte, kHeaderBytes> bytes{};
   std::transform(kMagic.begin(), kMagic.end(), bytes.begin(),
                  [](unsigned char m) { return std::byte{m}; });
-  store(bytes, kVersionAt, kVersion);
-  store(bytes, kFlagsAt, header.changing ? kChanging : std::uint32_t{0});
+  store(bytes, kVersionAt, static_cast<std::uint32_t>(header.version));
+  store(bytes, kFlagsAt, (header.changing ? kChanging : 0U) | (header.preparing ? kPreparing : 0U));
   store(bytes, kPageSizeAt, static_cast<std::uint32_t>(header.pageSize));
   store(bytes, kHeaderSizeAt, static_cast<std::uint32_t>(header.headerSize));
   store(bytes, kPayloadBytesAt, static_cast<std::uint64_t>(header.payloadBytes));
@@ -77,30 +93,49 @@ std::array<std::byte, kHeaderBytes> encodeHeader(const Header& header) {
 std::variant<Header, HeaderFault> decodeHeader(std::span<const std::byte> bytes) {
   if (!beginsWithMagic(bytes)) return HeaderFault::foreign;
   if (bytes.size() < kHeaderBytes) return HeaderFault::cut;
-  if (load<std::uint32_t>(bytes, kVersionAt) != kVersion) return HeaderFault::version;
+  const auto version = load<std::uint32_t>(bytes, kVersionAt);
+  if (version == 0) return HeaderFault::noVersion;
+  if (version > kLatestVersion) return HeaderFault::version;
+  auto flags = load<std::uint32_t>(bytes, kFlagsAt);
   if (load<std::uint64_t>(bytes, kHeaderChecksumAt) != headerChecksum(bytes)) {
-    return HeaderFault::checksum;
+    if (!isFlaggedInPart(bytes)) return HeaderFault::checksum;
+    flags |= kPreparing;
   }
-  const auto flags = load<std::uint32_t>(bytes, kFlagsAt);
+  if ((flags & ~(kChanging | kPreparing)) != 0) return HeaderFault::flags;
+  if (load<std::uint64_t>(bytes, kReservedAt) != 0 ||
+      load<std::uint64_t>(bytes, kReservedAt + 8) != 0) {
+    return HeaderFault::reserved;
+  }
   const auto pageSize = load<std::uint32_t>(bytes, kPageSizeAt);
   const auto headerSize = load<std::uint32_t>(bytes, kHeaderSizeAt);
   const auto payloadBytes = load<std::uint64_t>(bytes, kPayloadBytesAt);
-  // Room for the padding of the last page and for the header itself.
-  constexpr std::int64_t kMaxPayload =
-      std::numeric_limits<std::int64_t>::max() - kMaxPageSize - kMaxHeaderSize;
-  if ((flags & ~kChanging) != 0 || !within(pageSize, kMinPageSize, kMaxPageSize) ||
+  if (!within(pageSize, kMinPageSize, kMaxPageSize) ||
       !within(headerSize, kHeaderBytes, kMaxHeaderSize) || !within(payloadBytes, 0, kMaxPayload)) {
     return HeaderFault::values;
   }
-  return Header{.pageSize = static_cast<std::int32_t>(pageSize),
+  return Header{.version = static_cast<int>(version),
+                .pageSize = static_cast<std::int32_t>(pageSize),
                 .headerSize = static_cast<std::int32_t>(headerSize),
                 .changing = (flags & kChanging) != 0,
+                .preparing = (flags & kPreparing) != 0,
                 .payloadBytes = static_cast<std::int64_t>(payloadBytes),
                 .payloadChecksum = load<std::uint64_t>(bytes, kPayloadChecksumAt)};
 }
 
 std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNumber) {
-  return XXH3_64bits_withSeed(page.data(), page.size(), static_cast<XXH64_hash_t>(pageNumber));
+  return checksumOf(page, static_cast<std::uint64_t>(pageNumber));
+}
+
+std::uint64_t checksumOf(std::span<const std::byte> bytes, std::uint64_t seed) {
+  return XXH3_64bits_withSeed(bytes.data(), bytes.size(), seed);
+}
+
+void storeNumber(std::span<std::byte> bytes, std::size_t at, std::uint64_t value) {
+  store(bytes, at, value);
+}
+
+std::uint64_t loadNumber(std::span<const std::byte> bytes, std::size_t at) {
+  return load<std::uint64_t>(bytes, at);
 }
 
 }  // namespace qzpfile

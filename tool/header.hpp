@@ -1,5 +1,6 @@
-// The header that the tool gives its own files; docs/file-format.md describes it byte by byte.
-// Encoding and decoding are pure functions over bytes: decode accepts anything.
+// The header that the tool gives its own files, and the checksums of their pages;
+// docs/file-format.md describes both byte by byte. Encoding and decoding are pure functions over
+// bytes: decode accepts anything.
 #pragma once
 
 #include <array>
@@ -17,12 +18,28 @@ inline constexpr std::size_t kHeaderBytes = 64;
 inline constexpr std::int64_t kMinPageSize = 512;
 inline constexpr std::int64_t kMaxPageSize = 0x40000000;
 inline constexpr std::int64_t kMaxHeaderSize = 0x40000000;
+inline constexpr std::int64_t kMaxPayload = std::int64_t{1} << 62;
+
+inline constexpr int kLatestVersion = 2;
+
+// Payload pages that share a checksum page; 0: the version has no checksum pages.
+constexpr std::int64_t pagesPerGroup(int version, std::int64_t pageSize) {
+  return version == 1 ? 0 : pageSize / 8 - 1;
+}
+
+// Groups that `pages` payload pages make, which is the number of checksum pages.
+constexpr std::int64_t groupCount(std::int64_t pages, std::int64_t perGroup) {
+  return perGroup == 0 ? 0 : pages / perGroup + (pages % perGroup == 0 ? 0 : 1);
+}
 
 struct Header {
+  int version = kLatestVersion;
   std::int32_t pageSize = 0;    // bytes
-  std::int32_t headerSize = 0;  // bytes; where page 1 begins
-  // A change of pages has begun and not ended: payload and checksum are not to be trusted.
+  std::int32_t headerSize = 0;  // bytes; where the pages begin
+  // The pages are being written: payload and checksum are not to be trusted.
   bool changing = false;
+  // A change is being prepared behind the end of the file; what the header describes is whole.
+  bool preparing = false;
   std::int64_t payloadBytes = 0;
   std::uint64_t payloadChecksum = 0;  // the sum of pageChecksum over all pages
 
@@ -30,18 +47,25 @@ struct Header {
   std::int64_t pageCount() const {
     return payloadBytes / pageSize + (payloadBytes % pageSize == 0 ? 0 : 1);
   }
-  std::int64_t fileBytes() const { return headerSize + pageCount() * pageSize; }
+  // The same and the checksum pages.
+  std::int64_t storedPages() const {
+    return pageCount() + groupCount(pageCount(), pagesPerGroup(version, pageSize));
+  }
+  std::int64_t fileBytes() const { return headerSize + storedPages() * pageSize; }
 
   friend bool operator==(const Header&, const Header&) = default;
 };
 
 // Why bytes are not a header.
 enum class HeaderFault {
-  foreign,   // they do not begin with the magic: another kind of file
-  cut,       // the magic is there, but fewer than kHeaderBytes
-  version,   // written by a later version
-  checksum,  // the header's own checksum does not fit: damaged
-  values,    // a field is out of its range
+  foreign,    // they do not begin with the magic: another kind of file
+  cut,        // the magic is there, but fewer than kHeaderBytes
+  noVersion,  // version 0, which never existed
+  version,    // of a later version
+  checksum,   // the header's own checksum does not fit: damaged
+  flags,      // a flag that this version does not know
+  reserved,   // reserved bytes that are not 0
+  values,     // a field is out of its range
 };
 
 std::array<std::byte, kHeaderBytes> encodeHeader(const Header& header);
@@ -50,5 +74,12 @@ std::variant<Header, HeaderFault> decodeHeader(std::span<const std::byte> bytes)
 // One page's share of the payload checksum: XXH3 (64 bits) of its bytes, seeded with its number
 // so that pages that changed places do not go unnoticed. Shares are added without carry out.
 std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNumber);
+
+// XXH3 (64 bits) of any bytes.
+std::uint64_t checksumOf(std::span<const std::byte> bytes, std::uint64_t seed = 0);
+
+// A little-endian number at `at`, which must lie within `bytes`.
+void storeNumber(std::span<std::byte> bytes, std::size_t at, std::uint64_t value);
+std::uint64_t loadNumber(std::span<const std::byte> bytes, std::size_t at);
 
 }  // namespace qzpfile

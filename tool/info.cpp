@@ -20,14 +20,17 @@ void printText(const Source& source, const File& file, std::int64_t pages) {
   };
   line("file", source.name);
   line("kind", kindName(source.geometry.kind));
+  if (source.geometry.header)
+    line("format", fmt::format("version {}", source.geometry.header->version));
   line("page size", bytes(source.geometry.pageSize));
   line("header size", bytes(source.geometry.headerSize));
   line("pages", fmt::to_string(pages));
-  line("file size", bytes(source.measured.found));
+  line("file size", bytes(source.actualBytes));
   if (const auto& header = source.geometry.header) {
     line("payload", bytes(header->payloadBytes));
     line("checksum", fmt::format("{:016x}", header->payloadChecksum));
   }
+  if (source.unfinished != Unfinished::no) line("change", describe(source.unfinished));
   line("I/O", file.describeIo());
 }
 
@@ -35,13 +38,17 @@ void printJson(const Source& source, const File& file, std::int64_t pages) {
   nlohmann::ordered_json document = jsonDocument("info", Exit::good);
   document["file"] = source.name;
   document["kind"] = kindName(source.geometry.kind);
+  if (source.geometry.header) document["format_version"] = source.geometry.header->version;
   document["page_size"] = source.geometry.pageSize;
   document["header_size"] = source.geometry.headerSize;
   document["pages"] = pages;
-  document["file_size"] = source.measured.found;
+  document["file_size"] = source.actualBytes;
   if (const auto& header = source.geometry.header) {
     document["payload_size"] = header->payloadBytes;
     document["payload_checksum"] = fmt::format("{:016x}", header->payloadChecksum);
+  }
+  if (source.unfinished != Unfinished::no) {
+    document["unfinished_change"] = describe(source.unfinished);
   }
   document["io"] = jsonIo(file.io());
   printJsonDocument(document);

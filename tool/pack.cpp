@@ -39,7 +39,7 @@ Exit runPack(const Invocation& call) {
   const std::int64_t pageSize =
       call.pageSize ? *call.pageSize : defaultPageSize(session, call.second);
   const std::int64_t headerSize = call.headerSize ? *call.headerSize : defaultHeaderSize(pageSize);
-  const Geometry geometry = ownGeometry(pageSize, headerSize, call.second);
+  const Geometry geometry = ownGeometry(call.formatVersion, pageSize, headerSize, call.second);
   const std::optional<std::int64_t> total = input.size();
   Progress progress(call.progress, "pack", total);
 

@@ -21,29 +21,51 @@ qz::Module loadModule(qz::StandInHost& host, qz::Journal* journal, const std::st
   return *std::move(module);
 }
 
-struct FirstBytes {
-  std::vector<std::byte> bytes;  // as many as were wanted, or all that the file has
-  std::int64_t fileBytes = 0;
-};
-
-// Reads the start of a file through a pre-open, buffered: direct I/O could not read a few bytes.
-FirstBytes readStart(Session& session, const std::string& name, std::int32_t wanted) {
-  qz::PagedFile file = session.newFile(name, Purpose::input);
-  file.settings().openMode = qz::openOrKeep;
-  file.settings().readAccess = qz::readRandom;
-  FirstBytes start{.bytes = std::vector<std::byte>(static_cast<std::size_t>(wanted)),
-                   .fileBytes = 0};
-  std::int32_t length = wanted;
-  if (const auto opened = file.preopen(start.bytes.data(), &length)) {
-    start.fileBytes = file.settings().hostFile->fileInfo->size;
-  } else if (opened.status() == qz::Status::shorterThanHeader && length >= 0) {
-    start.bytes.resize(static_cast<std::size_t>(length));
-    start.fileBytes = length;
-  } else {
+// Opens the file under a shared lock, buffered, and reads nothing of it yet.
+std::shared_ptr<qz::PagedFile> openLook(Session& session, const std::string& name) {
+  auto file = std::make_shared<qz::PagedFile>(session.newFile(name, Purpose::input));
+  file->settings().openMode = qz::openOrKeep;
+  file->settings().readAccess = qz::readRandom;
+  std::byte none{};
+  std::int32_t length = 0;
+  if (const auto opened = file->preopen(&none, &length); !opened) {
     throw moduleFailure(Purpose::input, "cannot read", name, opened.error());
   }
-  return start;
+  return file;
 }
+
+// The file is taken for what it is once its unfinished change has been finished.
+void takeDecided(Source& source, const PlainFile& file, ChangeRecord record) {
+  const auto header =
+      std::ranges::find_if(record.pieces, [](const RecordedPiece& p) { return p.target == 0; });
+  if (header == record.pieces.end()) return;
+  std::vector<std::byte> start = readPiece(file, *header);
+  start.resize(std::min(start.size(), std::size_t{kRecognitionBytes}));
+  auto recognised = recognise(start);
+  if (auto* geometry = std::get_if<Geometry>(&recognised)) {
+    source.geometry = *geometry;
+    source.measured = measure(source.geometry, record.finalBytes);
+    source.unfinished = Unfinished::decided;
+    source.change = std::move(record);
+  }
+}
+
+// A header that cannot be written for lack of space makes the module cut the file to no pages,
+// through the operation table. While this exists, that cut does nothing.
+class KeepPages {
+ public:
+  explicit KeepPages(qz::FileHandle& handle)
+      : table_(handle.ops->operations), truncate_(table_.qzptruncate) {
+    table_.qzptruncate = [](qz::FileHandle*, std::int64_t, qz::Journal*) { return qz::Status::ok; };
+  }
+  KeepPages(const KeepPages&) = delete;
+  KeepPages& operator=(const KeepPages&) = delete;
+  ~KeepPages() { table_.qzptruncate = truncate_; }
+
+ private:
+  qz::OperationTable& table_;
+  decltype(qz::OperationTable::qzptruncate) truncate_;
+};
 
 }  // namespace
 
@@ -61,45 +83,100 @@ qz::PagedFile Session::newFile(const std::string& name, Purpose purpose) {
   return *std::move(file);
 }
 
-Source examine(Session& session, const std::string& name, const std::optional<RawGeometry>& raw) {
-  const FirstBytes start = readStart(session, name, kRecognitionBytes);
-  Source source{.name = name, .geometry = {}, .measured = {}};
+const char* describe(Unfinished unfinished) {
+  switch (unfinished) {
+    case Unfinished::no:
+      return "";
+    case Unfinished::undecided:
+      return "interrupted: the next change, or qzpfile repair, undoes it";
+    case Unfinished::decided:
+      return "interrupted: the next change, or qzpfile repair, finishes it";
+  }
+  return "";
+}
+
+Source inspect(const PlainFile& file, const std::optional<RawGeometry>& raw) {
+  Source source{.name = file.name(), .geometry = {}, .measured = {}};
+  source.actualBytes = file.size();
   if (raw) {
     source.geometry.pageSize = raw->pageSize;
     source.geometry.headerSize = raw->headerSize;
-  } else {
-    std::variant<Geometry, std::string> recognised = recognise(start.bytes);
-    if (const auto* why = std::get_if<std::string>(&recognised)) {
-      throw Failure(Exit::badData, *why, name).tryThis(advice(start.bytes));
-    }
-    source.geometry = std::get<Geometry>(recognised);
+    source.measured = measure(source.geometry, source.actualBytes);
+    return source;
   }
-  source.measured = measure(source.geometry, start.fileBytes);
+  std::vector<std::byte> start(
+      static_cast<std::size_t>(std::min<std::int64_t>(source.actualBytes, kRecognitionBytes)));
+  file.read(start, 0);
+  std::variant<Geometry, std::string> recognised = recognise(start);
+  const auto* geometry = std::get_if<Geometry>(&recognised);
+  if (geometry != nullptr) {
+    source.geometry = *geometry;
+    source.measured = measure(source.geometry, source.actualBytes);
+  }
+  const bool own = isOwn(start);
+  const bool prepared = own && geometry != nullptr && geometry->header->preparing;
+  if (own && (geometry == nullptr || prepared || !source.measured.isWhole())) {
+    if (auto record = readRecord(file)) takeDecided(source, file, *std::move(record));
+  }
+  if (source.unfinished == Unfinished::no && geometry == nullptr) {
+    throw Failure(Exit::badData, std::get<std::string>(recognised), source.name)
+        .tryThis(advice(start));
+  }
+  if (source.unfinished == Unfinished::no && prepared &&
+      source.actualBytes >= source.measured.expected) {
+    source.unfinished = Unfinished::undecided;
+    source.measured = measure(source.geometry, source.measured.expected);
+  }
   return source;
 }
 
-void requireWhole(const Source& source) {
+Source examine(Session& session, const std::string& name, const std::optional<RawGeometry>& raw) {
+  std::shared_ptr<qz::PagedFile> look = openLook(session, name);
+  Source source = inspect(PlainFile(look->settings().fd, name, Purpose::input), raw);
+  source.look = std::move(look);
+  return source;
+}
+
+void requireSound(const Source& source) {
+  if (source.geometry.header && source.geometry.header->changing) {
+    throw Failure(Exit::badData, "was left in the middle of a change of its pages", source.name)
+        .tryThis("get a whole copy of the file, or have qzpfile repair take its pages as they are");
+  }
   if (!source.measured.isWhole()) {
     throw Failure(Exit::badData, "is not whole: " + describe(source.measured, source.geometry),
                   source.name)
-        .tryThis("get a whole copy of the file");
+        .tryThis(source.geometry.header
+                     ? "get a whole copy of the file, or see what qzpfile repair can keep of it"
+                     : "get a whole copy of the file");
   }
 }
 
 Source examineWhole(Session& session, const std::string& name,
                     const std::optional<RawGeometry>& raw) {
   Source source = examine(session, name, raw);
-  if (source.geometry.header && source.geometry.header->changing) {
-    throw Failure(Exit::badData, "was left in the middle of a change of its pages", source.name)
-        .tryThis("get a whole copy of the file; its pages can still be read with --raw");
-  }
-  requireWhole(source);
+  requireSound(source);
   return source;
 }
 
-std::vector<std::byte> readHeader(Session& session, const Source& source) {
-  const auto wanted = static_cast<std::int32_t>(source.geometry.headerSize);
-  return readStart(session, source.name, wanted).bytes;
+std::vector<std::byte> readHeader(const Source& source) {
+  return readHeader(source, PlainFile(source.look->settings().fd, source.name, Purpose::input));
+}
+
+std::vector<std::byte> readHeader(const Source& source, const PlainFile& file) {
+  std::vector<std::byte> header(static_cast<std::size_t>(source.geometry.headerSize));
+  file.read(header, 0);
+  for (const RecordedPiece& piece : source.change.pieces) {
+    if (piece.target != 0) continue;
+    const std::vector<std::byte> bytes = readPiece(file, piece);
+    std::copy_n(bytes.begin(), std::min(bytes.size(), header.size()), header.begin());
+  }
+  if (source.geometry.header) {
+    // The mark of a change is none of the header's own.
+    Header clean = *source.geometry.header;
+    clean.preparing = false;
+    std::ranges::copy(encodeHeader(clean), header.begin());
+  }
+  return header;
 }
 
 File::File(qz::PagedFile paged, std::string name, const Geometry& geometry, IoOutcome io,
@@ -122,7 +199,9 @@ File File::openToRead(Session& session, const Source& source, const IoRequest& i
   settings.openMode = qz::openOrKeep;
   // With direct I/O the read hint tells page from block mode.
   settings.readAccess = file.io_.mode == IoChoice::direct ? qz::readRandom : qz::readOrdered;
-  file.open(io, "cannot open");
+  file.prepare(io);
+  file.believe(source);
+  file.open("cannot open");
   return file;
 }
 
@@ -141,17 +220,47 @@ std::optional<File> File::openInMode(Session& session, const Source& source, con
   return file;
 }
 
-File File::openToChange(Session& session, const Source& source, const IoRequest& io) {
-  IoOutcome mode = chooseMode(io, Use::somePages, source.geometry, directAlignmentOf(source.name),
-                              source.measured.found, source.name);
-  File file(session.newFile(source.name, Purpose::output), source.name, source.geometry,
-            std::move(mode), Purpose::output);
+File File::lockToChange(Session& session, const Source& look, const IoRequest& io) {
+  IoOutcome mode = chooseMode(io, Use::somePages, look.geometry, directAlignmentOf(look.name),
+                              look.measured.found, look.name);
+  File file(session.newFile(look.name, Purpose::output), look.name, look.geometry, std::move(mode),
+            Purpose::output);
   qz::FileHandle& settings = file.paged_.settings();
   settings.openMode = qz::openOrKeep;
   settings.readAccess = file.io_.mode == IoChoice::direct ? qz::readRandom : qz::readOrdered;
   settings.writeAccess = qz::rewritePages;
-  file.open(io, "cannot open for writing");
+  file.prepare(io);
+  file.lock("cannot open for writing");
   return file;
+}
+
+File File::lockToRead(Session& session, const Source& look) {
+  File file(session.newFile(look.name, Purpose::input), look.name, look.geometry,
+            IoOutcome{.asked = IoChoice::buffered, .mode = IoChoice::buffered, .why = {}},
+            Purpose::input);
+  file.paged_.settings().openMode = qz::openOrKeep;
+  file.paged_.settings().readAccess = qz::readOrdered;
+  file.lock("cannot open");
+  return file;
+}
+
+void File::lock(const char* what) {
+  const AlignedBuffer none(1);
+  std::int32_t length = 0;
+  if (const auto opened = paged_.preopen(none.data(), &length); !opened) {
+    fail(what, opened.error());
+  }
+  // A file that is closed before it is settled stays, however short it is.
+  paged_.settings().writeAccess = qz::noWrite;
+}
+
+void File::settle(const Source& source, const IoRequest& io) {
+  chooseMode({io_.mode, io.blockBytes, io.buffers}, Use::somePages, source.geometry,
+             directAlignmentOf(name_), source.measured.found, name_);
+  geometry_ = source.geometry;
+  believe(source);
+  if (purpose_ == Purpose::output) paged_.settings().writeAccess = qz::rewritePages;
+  open(purpose_ == Purpose::output ? "cannot open for writing" : "cannot open");
 }
 
 File File::create(Session& session, const std::string& path, const std::string& name,
@@ -164,24 +273,57 @@ File File::create(Session& session, const std::string& path, const std::string& 
   qz::FileHandle& settings = file.paged_.settings();
   settings.openMode = qz::createOrReplace;
   settings.readAccess = file.io_.mode == IoChoice::direct ? qz::readMany : qz::noRead;
-  settings.writeAccess = qz::writeNewPages;
+  // A checksum page is written before its group, and again when the group is complete.
+  settings.writeAccess = geometry.pagesPerGroup != 0 ? qz::rewritePages : qz::writeNewPages;
   // Pages come from our own memory: no buffers to hold, in block mode only the write block.
   settings.openOptions = qz::optionKeepBufferCount;
-  file.open(io, "cannot create");
+  file.prepare(io);
+  file.open("cannot create");
   // Creating a file forgets the header size.
   settings.headerSize = geometry.headerSize;
   return file;
 }
 
-void File::open(const IoRequest& request, const char* what) {
+void File::prepare(const IoRequest& request) {
   qz::FileHandle& settings = paged_.settings();
   if (io_.mode != IoChoice::buffered) settings.openOptions |= qz::optionDirectIo;
   if (io_.mode == IoChoice::block) {
     settings.requestedBlockBytes = blockBytesFor(request, geometry_.pageSize);
   }
   if (request.buffers) settings.bufferCount = *request.buffers;
+}
+
+// The geometry, and the length of the tool's own files where that is no number of whole pages, be
+// it that the file is damaged or that a change was interrupted, whose pages count as pages here.
+void File::believe(const Source& source) {
+  qz::FileHandle& settings = paged_.settings();
+  settings.pageSize = geometry_.pageSize;
+  settings.headerSize = geometry_.headerSize;
+  const bool whole = source.unfinished == Unfinished::no && source.measured.leftOver == 0;
+  if (whole || !source.geometry.header) return;
+  settings.pageCount = (source.actualBytes - geometry_.headerSize) / geometry_.pageSize;
+  settings.fileSize = geometry_.headerSize + settings.pageCount * geometry_.pageSize;
+  for (const RecordedPiece& piece : source.change.pieces) {
+    if (piece.target < geometry_.headerSize || piece.length != geometry_.pageSize) continue;
+    const auto pageAt = [this](std::int64_t offset) {
+      return (offset - geometry_.headerSize) / geometry_.pageSize + 1;
+    };
+    moved_[pageAt(piece.target)] = pageAt(piece.at);
+  }
+}
+
+void File::open(const char* what) {
   if (const auto opened = paged_.open(); !opened) fail(what, opened.error());
-  noteObtained(&io_, settings);
+  noteObtained(&io_, paged_.settings());
+}
+
+std::int64_t File::pageCount() const {
+  return geometry_.header ? geometry_.header->pageCount() : paged_.settings().pageCount;
+}
+
+std::int64_t File::placeOf(std::int64_t stored) const {
+  const auto moved = moved_.find(stored);
+  return moved == moved_.end() ? stored : moved->second;
 }
 
 std::string File::describeIo() const {
@@ -193,29 +335,55 @@ std::string File::describeIo() const {
 }
 
 qz::PageHold File::read(std::int64_t page) {
-  qz::Result<qz::PageHold> hold = paged_.read(page);
-  if (!hold) failAt("cannot read", page, hold.error());
+  return readStored(geometry_.storedPage(page), geometry_.offsetOf(page), page);
+}
+
+qz::PageHold File::readChecksumPage(std::int64_t group) {
+  const std::int64_t stored = geometry_.storedChecksums(group);
+  return readStored(stored, geometry_.storedOffset(stored), geometry_.firstOfGroup(group));
+}
+
+qz::PageHold File::readStored(std::int64_t stored, std::int64_t offset, std::int64_t page) {
+  qz::Result<qz::PageHold> hold = paged_.read(placeOf(stored));
+  if (!hold) failAt("cannot read", page, offset, hold.error());
   return *std::move(hold);
 }
 
 void File::readMany(std::int64_t first, std::span<std::byte> area) {
+  const auto pageSize = static_cast<std::size_t>(geometry_.pageSize);
+  while (!area.empty()) {
+    auto pages = static_cast<std::int64_t>(area.size() / pageSize);
+    if (geometry_.pagesPerGroup != 0) {
+      pages = std::min(pages, geometry_.firstOfGroup(geometry_.groupOf(first) + 1) - first);
+    }
+    if (!moved_.empty()) pages = 1;
+    const auto run = area.first(static_cast<std::size_t>(pages) * pageSize);
+    readRun(first, run);
+    first += pages;
+    area = area.subspan(run.size());
+  }
+}
+
+// Pages that follow each other in the file.
+void File::readRun(std::int64_t first, std::span<std::byte> area) {
   const auto count =
       static_cast<std::int32_t>(area.size() / static_cast<std::size_t>(geometry_.pageSize));
-  const auto done = paged_.readMany(first, count, area.data());
+  const auto done = paged_.readMany(placeOf(geometry_.storedPage(first)), count, area.data());
   if (done) {
     return;
   }
-  if (count == 1) failAt("cannot read", first, done.error());
+  if (count == 1) failAt("cannot read", first, geometry_.offsetOf(first), done.error());
   // One by one, to tell which.
   const std::size_t pageSize = area.size() / static_cast<std::size_t>(count);
   for (std::int32_t i = 0; i < count; ++i) {
-    readMany(first + i, area.subspan(static_cast<std::size_t>(i) * pageSize, pageSize));
+    readRun(first + i, area.subspan(static_cast<std::size_t>(i) * pageSize, pageSize));
   }
 }
 
 void File::requireUncut() const {
   struct stat info = {};
-  const std::int64_t end = geometry_.offsetOf(pageCount() + 1);
+  const std::int64_t end =
+      geometry_.header ? geometry_.header->fileBytes() : geometry_.offsetOf(pageCount() + 1);
   if (fstat(paged_.settings().fd, &info) != 0 || info.st_size < end) {
     throw Failure(Exit::badData, "was cut while it was read", name_)
         .tryThis("discard what was read, and try again");
@@ -223,13 +391,21 @@ void File::requireUncut() const {
 }
 
 void File::write(std::int64_t page, std::span<const std::byte> bytes) {
-  if (const auto done = paged_.write(bytes.data(), page); !done) {
-    failAt("cannot write", page, done.error());
+  if (const auto done = paged_.write(bytes.data(), geometry_.storedPage(page)); !done) {
+    failAt("cannot write", page, geometry_.offsetOf(page), done.error());
   }
 }
 
-void File::truncate(std::int64_t pages) {
-  if (const auto done = paged_.truncate(pages); !done) fail("cannot truncate", done.error());
+void File::writeChecksumPage(std::int64_t group, std::span<const std::byte> bytes) {
+  const std::int64_t stored = geometry_.storedChecksums(group);
+  if (const auto done = paged_.write(bytes.data(), stored); !done) {
+    failAt("cannot write", geometry_.firstOfGroup(group), geometry_.storedOffset(stored),
+           done.error());
+  }
+}
+
+void File::truncate(std::int64_t stored) {
+  if (const auto done = paged_.truncate(stored); !done) fail("cannot truncate", done.error());
 }
 
 void File::writeHeader(std::span<const std::byte> bytes) {
@@ -237,6 +413,7 @@ void File::writeHeader(std::span<const std::byte> bytes) {
   const AlignedBuffer area(bytes.size());
   std::ranges::copy(bytes, area.data());
   auto length = static_cast<std::int32_t>(bytes.size());
+  const KeepPages keep(paged_.settings());
   if (const auto done = paged_.writeHeader(area.data(), &length); !done) {
     fail("cannot write the header of", done.error());
   }
@@ -248,21 +425,26 @@ void File::flush() {
 
 void File::finish() {
   flush();
+  close();
+}
+
+void File::close() {
   keepEmpty();
   if (const auto done = paged_.close(); !done) fail("cannot close", done.error());
 }
 
 void File::keepEmpty() {
-  if (pageCount() == 0) paged_.settings().writeAccess = qz::noWrite;
+  if (paged_.settings().pageCount == 0) paged_.settings().writeAccess = qz::noWrite;
 }
 
 void File::fail(const char* what, const qz::Error& error) const {
   throw moduleFailure(purpose_, what, name_, error);
 }
 
-void File::failAt(const char* what, std::int64_t page, const qz::Error& error) const {
+void File::failAt(const char* what, std::int64_t page, std::int64_t offset,
+                  const qz::Error& error) const {
   checkInterrupt();
-  throw moduleFailure(purpose_, what, name_, error).at(page, geometry_.offsetOf(page));
+  throw moduleFailure(purpose_, what, name_, error).at(page, offset);
 }
 
 }  // namespace qzpfile

@@ -3,6 +3,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <utility>
 #include <vector>
 
 namespace qzpfile {
@@ -10,9 +12,11 @@ namespace qzpfile {
 PayloadWriter::PayloadWriter(File& file, Progress& progress)
     : file_(file),
       progress_(progress),
-      header_{.pageSize = file.geometry().pageSize,
+      header_{.version = file.geometry().pagesPerGroup == 0 ? 1 : kLatestVersion,
+              .pageSize = file.geometry().pageSize,
               .headerSize = static_cast<std::int32_t>(file.geometry().headerSize),
               .changing = true},
+      checksums_(file, file.geometry(), 0, {}),
       batch_(batchBytes(file.geometry().pageSize)) {
   file_.writeHeader(encodeHeader(header_));
 }
@@ -38,7 +42,9 @@ void PayloadWriter::writePages() {
   const auto pageSize = static_cast<std::size_t>(header_.pageSize);
   for (std::size_t at = 0; at < used_; at += pageSize) {
     const auto page = batch_.bytes().subspan(at, pageSize);
-    header_.payloadChecksum += pageChecksum(page, nextPage_);
+    const std::uint64_t checksum = pageChecksum(page, nextPage_);
+    header_.payloadChecksum += checksum;
+    checksums_.note(nextPage_, checksum);
     file_.write(nextPage_, page);
     ++nextPage_;
   }
@@ -54,6 +60,7 @@ Header PayloadWriter::finish(std::span<const std::byte> headerTail) {
     used_ += padding.size();
   }
   writePages();
+  checksums_.finish();
   header_.changing = false;
   const auto fixed = encodeHeader(header_);
   std::vector<std::byte> area(fixed.begin(), fixed.end());
@@ -63,24 +70,89 @@ Header PayloadWriter::finish(std::span<const std::byte> headerTail) {
   return header_;
 }
 
-void readPayload(File& file, Progress& progress,
+std::string Damage::text() const {
+  return inChecksums
+             ? fmt::format("the checksum page of pages {} to {} (file offset {}) is damaged", page,
+                           lastPage, offset)
+             : fmt::format("page {} (file offset {}) is damaged: it does not fit its checksum",
+                           page, offset);
+}
+
+PageChecker::PageChecker(File& file, OnDamage onDamage)
+    : file_(file), checksums_(file), onDamage_(std::move(onDamage)) {}
+
+void PageChecker::prepare(std::int64_t page) {
+  wanted_ = checksums_.of(page);
+  const Geometry& geometry = file_.geometry();
+  if (wanted_ || geometry.pagesPerGroup == 0) return;
+  const std::int64_t group = geometry.groupOf(page);
+  if (group == lostGroup_) return;
+  lostGroup_ = group;
+  const std::int64_t first = geometry.firstOfGroup(group);
+  meet({.page = first,
+        .lastPage = std::min(first + geometry.pagesPerGroup - 1, file_.pageCount()),
+        .offset = geometry.storedOffset(geometry.storedChecksums(group)),
+        .inChecksums = true});
+}
+
+std::uint64_t PageChecker::check(std::int64_t page, std::span<const std::byte> bytes) {
+  const std::uint64_t checksum = pageChecksum(bytes, page);
+  if (wanted_ && checksum != *wanted_) {
+    meet({.page = page, .lastPage = page, .offset = file_.geometry().offsetOf(page)});
+  }
+  return checksum;
+}
+
+void PageChecker::checkMany(std::int64_t first, std::span<const std::byte> area) {
+  const auto pageSize = static_cast<std::size_t>(file_.geometry().pageSize);
+  for (std::size_t at = 0; at < area.size(); at += pageSize, ++first) {
+    prepare(first);
+    check(first, area.subspan(at, pageSize));
+  }
+}
+
+void PageChecker::meet(const Damage& damage) {
+  good_ = false;
+  if (onDamage_) {
+    onDamage_(damage);
+    return;
+  }
+  if (damage.inChecksums) throw damagedChecksums(file_, file_.geometry().groupOf(damage.page));
+  throw Failure(Exit::badData, "is damaged: a page does not fit its checksum", file_.name())
+      .at(damage.page, damage.offset)
+      .tryThis(
+          "put a good copy of the page in its place with qzpfile put, or read on with "
+          "--keep-going");
+}
+
+OnDamage listDamage(const std::string& file) {
+  return [file](const Damage& damage) {
+    fmt::print(stderr, "qzpfile: {}: {}\n", file, damage.text());
+  };
+}
+
+bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
                  const std::function<void(std::span<const std::byte>)>& sink) {
   const Header& header = *file.geometry().header;
+  PageChecker checker(file, onDamage);
   std::uint64_t checksum = 0;
   for (std::int64_t page = 1; page <= header.pageCount(); ++page) {
+    checker.prepare(page);
     const qz::PageHold hold = file.read(page);
-    checksum += pageChecksum(bytesOf(hold), page);
+    checksum += checker.check(page, bytesOf(hold));
     sink(payloadOf(header, page, bytesOf(hold)));
     progress.advance(header.pageSize);
   }
-  if (checksum != header.payloadChecksum) {
-    throw Failure(Exit::badData,
-                  fmt::format("is damaged: the header promises the checksum {:016x}, the pages "
-                              "have {:016x}",
-                              header.payloadChecksum, checksum),
-                  file.name())
-        .tryThis("get a whole copy of the file; \"qzpfile cat\" reads its pages as they are");
+  if (checksum == header.payloadChecksum || !checker.isGood()) return checker.isGood();
+  const std::string what =
+      fmt::format("is damaged: checksum mismatch: the header has {:016x}, the pages have {:016x}",
+                  header.payloadChecksum, checksum);
+  if (onDamage) {
+    fmt::print(stderr, "qzpfile: {}: {}\n", file.name(), what);
+    return false;
   }
+  throw Failure(Exit::badData, what, file.name())
+      .tryThis("get a whole copy of the file; \"qzpfile cat\" reads its pages as they are");
 }
 
 std::span<const std::byte> payloadOf(const Header& header, std::int64_t page,

@@ -4,8 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
+#include <string>
 
+#include "checksums.hpp"
 #include "paged.hpp"
 #include "progress.hpp"
 #include "streams.hpp"
@@ -33,14 +36,58 @@ class PayloadWriter {
   File& file_;
   Progress& progress_;
   Header header_;
+  ChecksumWriter checksums_;
   AlignedBuffer batch_;
   std::size_t used_ = 0;
   std::int64_t nextPage_ = 1;
 };
 
+// A page that does not fit its checksum, or a checksum page that is damaged itself.
+struct Damage {
+  std::int64_t page = 0;      // of a checksum page, the first of its group
+  std::int64_t lastPage = 0;  // the same page, or of a checksum page the last of its group
+  std::int64_t offset = 0;
+  bool inChecksums = false;
+
+  std::string text() const;
+};
+
+// Called for each damage; an empty one has the first thrown.
+using OnDamage = std::function<void(const Damage&)>;
+
+// Holds pages against their checksums, in ascending order.
+class PageChecker {
+ public:
+  // file: must outlive this.
+  PageChecker(File& file, OnDamage onDamage);
+
+  // To be called before the page is read, while no page is held.
+  void prepare(std::int64_t page);
+  // The page's checksum, held against the one that it should have.
+  std::uint64_t check(std::int64_t page, std::span<const std::byte> bytes);
+  // Both for each of the pages from `first` on that `area` has.
+  void checkMany(std::int64_t first, std::span<const std::byte> area);
+  // False when damage was met.
+  bool isGood() const { return good_; }
+
+ private:
+  void meet(const Damage& damage);
+
+  File& file_;
+  PageChecksums checksums_;
+  OnDamage onDamage_;
+  std::optional<std::uint64_t> wanted_;
+  std::int64_t lostGroup_ = -1;  // the last whose checksum page was damaged
+  bool good_ = true;
+};
+
+// Lists damage on standard error: for --keep-going.
+OnDamage listDamage(const std::string& file);
+
 // Hands the payload of one of the tool's own files to `sink`, piece by piece, and then holds its
 // checksum against the header's. Throws when it does not fit: what went to `sink` is then wrong.
-void readPayload(File& file, Progress& progress,
+// With onDamage returns false instead.
+bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
                  const std::function<void(std::span<const std::byte>)>& sink);
 
 // The part of a page that is payload; the rest is padding.

@@ -5,16 +5,17 @@
 
 #include "commands.hpp"
 #include "edit.hpp"
-#include "signals.hpp"
+#include "newfile.hpp"
 #include "streams.hpp"
 
 namespace qzpfile {
 namespace {
 
 // A page that is not whole is refused, unless it can end the payload of a file of the tool's own.
-void checkShortPage(const File& file, std::int64_t page, std::int64_t bytes) {
+void checkShortPage(const PageEditor& editor, std::int64_t page, std::int64_t bytes) {
+  const File& file = editor.file();
   const std::int64_t pageSize = file.geometry().pageSize;
-  if (bytes == pageSize || (file.geometry().header && page >= file.pageCount())) {
+  if (bytes == pageSize || (editor.isOwn() && page >= editor.pageCount())) {
     return;
   }
   throw Failure(
@@ -26,17 +27,25 @@ void checkShortPage(const File& file, std::int64_t page, std::int64_t bytes) {
 }
 
 // Looks at what is known before the first page is written.
-void checkBefore(const File& file, std::int64_t first, std::optional<std::int64_t> bytes) {
-  if (first > file.pageCount() + 1) {
+void checkBefore(const PageEditor& editor, std::int64_t first, std::optional<std::int64_t> bytes) {
+  if (first > editor.pageCount() + 1) {
     throw Failure(
         Exit::usage,
-        fmt::format("page {} would leave a gap: the last page is {}", first, file.pageCount()),
-        file.name())
+        fmt::format("page {} would leave a gap: the last page is {}", first, editor.pageCount()),
+        editor.file().name())
         .tryThis("use --append");
   }
-  const std::int64_t pageSize = file.geometry().pageSize;
+  const std::int64_t pageSize = editor.file().geometry().pageSize;
   if (bytes && *bytes % pageSize != 0) {
-    checkShortPage(file, first + *bytes / pageSize, *bytes % pageSize);
+    checkShortPage(editor, first + *bytes / pageSize, *bytes % pageSize);
+  }
+}
+
+// A file that feeds on itself would grow until the disk is full.
+void refuseItself(const Input& input, const PageEditor& editor) {
+  if (input.isSameFile(editor.file().fd())) {
+    throw Failure(Exit::usage, "standard input is the file itself", editor.file().name())
+        .tryThis("write the pages to another file first");
   }
 }
 
@@ -47,41 +56,48 @@ void writePages(PageEditor& editor, Input& input, Progress& progress, std::int64
   while (const std::size_t got = input.read(batch.bytes(), progress)) {
     for (std::size_t at = 0; at < got; at += pageSize, ++*next) {
       const auto bytes = batch.bytes().subspan(at, std::min(pageSize, got - at));
-      checkShortPage(editor.file(), *next, static_cast<std::int64_t>(bytes.size()));
+      checkShortPage(editor, *next, static_cast<std::int64_t>(bytes.size()));
       editor.write(*next, bytes);
     }
     progress.advance(static_cast<std::int64_t>(got));
   }
 }
 
-// After a failure: appended pages go away again; pages that were replaced stay, and the header
-// tells what the file now holds. The failure that led here is the one to report.
-void cleanUp(PageEditor& editor, bool append, std::int64_t pagesBefore) noexcept {
-  try {
-    if (append) {
-      editor.undoAppend(pagesBefore);
-    } else {
-      editor.finish();
-    }
-  } catch (const std::exception&) {
-    return;  // the header goes on saying that the file is half changed
+// What a put that failed has done.
+std::string outcome(const PageEditor& editor, bool appends, std::int64_t first, std::int64_t next) {
+  if (editor.isDecided()) {
+    return "the new pages are safe behind the end of the file: the next change, or qzpfile "
+           "repair, puts them in their places";
   }
+  if (appends) return "nothing was appended";
+  if (editor.isOwn()) return "nothing was changed";
+  return next > first ? fmt::format("pages {} to {} were written before that", first, next - 1)
+                      : std::string();
 }
 
 }  // namespace
 
 Exit runPut(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, rawGeometry(call));
   Input input("-");
-  PageEditor editor(session, source, call.io);
-  const std::int64_t pagesBefore = editor.file().pageCount();
+  PageEditor editor(session, call.first, rawGeometry(call), call.io);
+  const std::int64_t pagesBefore = editor.pageCount();
   const std::int64_t first = call.append ? pagesBefore + 1 : *call.page;
-  checkBefore(editor.file(), first, input.size());
+  const bool appends = first > pagesBefore;
+  refuseItself(input, editor);
+  checkBefore(editor, first, input.size());
   Progress progress(call.progress, "put", input.size());
+  // Pages that are replaced wait behind those that are appended: their number must be known.
+  if (editor.isOwn() && !appends) input.makeSizeKnown(folderOf(call.first), progress);
+  std::optional<std::int64_t> count;
+  if (const auto bytes = input.size()) {
+    const std::int64_t pageSize = editor.file().geometry().pageSize;
+    count = *bytes / pageSize + (*bytes % pageSize == 0 ? 0 : 1);
+  }
   std::int64_t next = first;
-  const bool append = first > pagesBefore;
   try {
+    checkBefore(editor, first, input.size());
+    if (count != 0) editor.beginWrite(first, count);
     writePages(editor, input, progress, &next);
     if (next == first) {
       throw Failure(Exit::noInput, "standard input is empty: nothing was written", call.first)
@@ -89,19 +105,11 @@ Exit runPut(const Invocation& call) {
     }
     editor.finish();
   } catch (Failure& failure) {
-    cleanUp(editor, append, pagesBefore);
-    if (append) {
-      failure.note("nothing was appended");
-    } else if (next > first) {
-      failure.note(fmt::format("pages {} to {} were written before that", first, next - 1));
-    }
-    throw;
-  } catch (const Interrupted&) {
-    cleanUp(editor, append, pagesBefore);
+    failure.note(outcome(editor, appends, first, next));
     throw;
   }
   fmt::print("{}: {} written from page {} on, now {}\n", call.first, counted(next - first, "page"),
-             first, counted(editor.file().pageCount(), "page"));
+             first, counted(editor.pageCount(), "page"));
   return Exit::good;
 }
 

@@ -4,9 +4,11 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.hpp"
+#include "edit.hpp"
 #include "hexdump.hpp"
 #include "streams.hpp"
 #include "terminal.hpp"
@@ -14,8 +16,8 @@
 namespace qzpfile {
 namespace {
 
-void showHeader(Session& session, const Source& source) {
-  const std::vector<std::byte> header = readHeader(session, source);
+void showHeader(const Source& source) {
+  const std::vector<std::byte> header = readHeader(source);
   if (isTerminal(STDOUT_FILENO)) {
     fmt::print("{}", hexDump(header, 0, bytesPerLine()));
     return;
@@ -47,7 +49,8 @@ void checkFits(const std::vector<std::byte>& bytes, const Source& source) {
   const Header& now = *source.geometry.header;
   const auto decoded = decodeHeader(bytes);
   const Header* const header = std::get_if<Header>(&decoded);
-  if (header == nullptr || header->changing || header->pageSize != now.pageSize ||
+  if (header == nullptr || header->changing || header->preparing ||
+      header->version != now.version || header->pageSize != now.pageSize ||
       header->headerSize != now.headerSize || header->pageCount() != now.pageCount()) {
     throw Failure(Exit::badData, "takes only a header that fits its pages, and this one does not",
                   source.name)
@@ -55,26 +58,30 @@ void checkFits(const std::vector<std::byte>& bytes, const Source& source) {
   }
 }
 
+void requireRoom(const Source& source) {
+  if (source.geometry.headerSize == 0) {
+    throw Failure(Exit::badData, "has no header: its pages begin at its first byte", source.name);
+  }
+}
+
 }  // namespace
 
 Exit runHeader(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, rawGeometry(call));
-  const std::int64_t room = source.geometry.headerSize;
-  if (room == 0) {
-    throw Failure(Exit::badData, "has no header: its pages begin at its first byte", call.first);
-  }
   if (!call.setFrom) {
-    showHeader(session, source);
+    const Source source = examineWhole(session, call.first, rawGeometry(call));
+    requireRoom(source);
+    showHeader(source);
     return Exit::good;
   }
-  const std::vector<std::byte> bytes = readNewHeader(*call.setFrom, room);
-  if (source.geometry.header) checkFits(bytes, source);
-  File file = File::openToChange(session, source, call.io);
-  file.writeHeader(bytes);
-  file.finish();
-  fmt::print("{}: header replaced, {}\n", call.first,
-             counted(static_cast<std::int64_t>(bytes.size()), "byte"));
+  PageEditor editor(session, call.first, rawGeometry(call), call.io);
+  requireRoom(editor.source());
+  std::vector<std::byte> bytes = readNewHeader(*call.setFrom, editor.source().geometry.headerSize);
+  if (editor.isOwn()) checkFits(bytes, editor.source());
+  const auto length = static_cast<std::int64_t>(bytes.size());
+  editor.replaceHeader(std::move(bytes));
+  editor.finish();
+  fmt::print("{}: header replaced, {}\n", call.first, counted(length, "byte"));
   return Exit::good;
 }
 

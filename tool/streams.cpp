@@ -62,6 +62,35 @@ std::optional<std::int64_t> Input::size() const {
   return std::max<off_t>(info.st_size - position, 0);
 }
 
+bool Input::isSameFile(int fd) const {
+  struct stat mine = {};
+  struct stat other = {};
+  return fstat(fd_, &mine) == 0 && fstat(fd, &other) == 0 && mine.st_dev == other.st_dev &&
+         mine.st_ino == other.st_ino;
+}
+
+void Input::makeSizeKnown(const std::string& folder, Progress& progress) {
+  if (isRegular_) return;
+  int spool = open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (spool < 0) spool = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+  if (spool < 0) throw systemFailure(Purpose::output, "cannot make a file for", name_, errno);
+  const AlignedBuffer batch(kPendingBytes);
+  try {
+    Output output(spool, "a temporary file");
+    while (const std::size_t bytes = read(batch.bytes(), progress)) {
+      output.write(batch.bytes().first(bytes));
+    }
+    output.flush();
+  } catch (...) {
+    close(spool);
+    throw;
+  }
+  if (fd_ > STDIN_FILENO) close(fd_);
+  fd_ = spool;
+  isRegular_ = true;
+  lseek(fd_, 0, SEEK_SET);
+}
+
 std::size_t Input::read(std::span<std::byte> area, Progress& progress) {
   std::size_t got = 0;
   while (got < area.size()) {

@@ -43,6 +43,9 @@ class Input {
   const std::string& name() const { return name_; }
   // Bytes still to come; only a regular file knows.
   std::optional<std::int64_t> size() const;
+  bool isSameFile(int fd) const;
+  // Reads all of a pipe into an unnamed file, in `folder` where that can be, and goes on with it.
+  void makeSizeKnown(const std::string& folder, Progress& progress);
   // Fills `area` unless the input ends first; the bytes read.
   std::size_t read(std::span<std::byte> area, Progress& progress);
 

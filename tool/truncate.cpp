@@ -8,23 +8,23 @@ namespace qzpfile {
 
 Exit runTruncate(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, rawGeometry(call));
+  PageEditor editor(session, call.first, rawGeometry(call), call.io);
   const std::int64_t pages = *call.page;
-  if (pages > source.measured.wholePages) {
+  const std::int64_t pagesBefore = editor.pageCount();
+  if (pages > pagesBefore) {
     throw Failure(Exit::usage,
                   fmt::format("has {}: it can be cut, not lengthened to {}",
-                              counted(source.measured.wholePages, "page"), pages),
+                              counted(pagesBefore, "page"), pages),
                   call.first)
         .tryThis("use put --append to add pages");
   }
-  if (pages == 0 && source.geometry.headerSize == 0) {
+  if (pages == 0 && editor.file().geometry().headerSize == 0) {
     throw Failure(Exit::usage, "has no header: without pages there would be no file", call.first)
         .tryThis("use rm to remove it");
   }
-  PageEditor editor(session, source, call.io);
   editor.truncate(pages);
   editor.finish();
-  fmt::print("{}: {}, were {}\n", call.first, counted(pages, "page"), source.measured.wholePages);
+  fmt::print("{}: {}, were {}\n", call.first, counted(pages, "page"), pagesBefore);
   return Exit::good;
 }
 

@@ -29,18 +29,22 @@ Exit runUnpack(const Invocation& call) {
   if (!toStandardOutput) target.emplace(call.second, call.force);
   Output output(target ? target->fd() : STDOUT_FILENO,
                 target ? call.second : std::string("standard output"));
-  readPayload(file, progress, [&](std::span<const std::byte> bytes) { output.write(bytes); });
+  const bool good =
+      readPayload(file, progress, call.keepGoing ? listDamage(call.first) : OnDamage(),
+                  [&](std::span<const std::byte> bytes) { output.write(bytes); });
   output.flush();
+  const Exit exit = good ? Exit::good : Exit::badData;
   if (!target) {
-    return Exit::good;
+    return exit;
   }
   if (fsync(target->fd()) != 0) {
     throw systemFailure(Purpose::output, "cannot write", call.second, errno);
   }
   target->commit();
-  fmt::print("{}: {}, checksum good, I/O {}\n", call.second,
-             counted(source.geometry.header->payloadBytes, "byte"), file.describeIo());
-  return Exit::good;
+  fmt::print("{}: {}, {}, I/O {}\n", call.second,
+             counted(source.geometry.header->payloadBytes, "byte"),
+             good ? "checksum good" : "damaged pages as they are", file.describeIo());
+  return exit;
 }
 
 }  // namespace qzpfile

@@ -1,4 +1,5 @@
-// qzpfile verify FILE: whole pages, checksum, and the same bytes in every I/O mode.
+// qzpfile verify FILE: whole pages that fit their checksums; with --every-mode the same bytes in
+// every I/O mode.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -10,12 +11,16 @@
 
 #include "commands.hpp"
 #include "json.hpp"
+#include "payload.hpp"
+#include "walcheck.hpp"
 
 namespace qzpfile {
 namespace {
 
 struct Finding {
-  std::string what;  // "not_whole", "changing", "checksum", "unreadable", "differs"
+  // "not_whole", "changing", "unreadable", "differs", "page" or "checksum_page": damaged, "frame":
+  // of a SQLite write-ahead log, "checksum": of the whole
+  std::string what;
   std::string text;
   std::int64_t page = 0;    // 0: not about a page
   std::int64_t offset = 0;  // of the page in the file
@@ -33,11 +38,13 @@ class Verification {
   const std::vector<File>& files() const { return files_; }
   const std::vector<IoOutcome>& skipped() const { return skipped_; }
   std::int64_t pagesRead() const { return pagesRead_; }
+  const std::optional<WalCheck>& wal() const { return wal_; }
 
  private:
   bool isDecided() const { return !findings_.empty() && !call_.keepGoing; }
   IoRequest request(IoChoice choice) const { return {choice, call_.io.blockBytes, std::nullopt}; }
-  void openInEveryMode();
+  void open();
+  void noteDamage(const Damage& damage);
   std::optional<qz::PageHold> readOrNote(File& file, std::int64_t page);
   void verifyPage(std::int64_t page);
   void note(std::int64_t page, const IoOutcome& io, const char* what, std::string text);
@@ -49,6 +56,8 @@ class Verification {
   std::vector<IoOutcome> skipped_;
   std::vector<Finding> findings_;
   std::int64_t pagesRead_ = 0;
+  std::optional<PageChecker> checker_;
+  std::optional<WalCheck> wal_;
   std::uint64_t checksum_ = 0;
   bool allRead_ = true;
 };
@@ -65,32 +74,50 @@ void Verification::run() {
   }
   // The module takes whole pages only.
   if (isDecided() || source_.measured.leftOver != 0 || source_.measured.inHeader) return;
-  openInEveryMode();
-  const std::int64_t pages = source_.measured.wholePages;
+  open();
+  std::int64_t pages = source_.measured.wholePages;
+  if (header) pages = std::min(pages, header->pageCount());  // what is behind them is no page
   Progress progress(call_.progress, "verify", pages * source_.geometry.pageSize);
   for (std::int64_t page = 1; page <= pages && !isDecided(); ++page) {
     verifyPage(page);
     progress.advance(source_.geometry.pageSize);
     ++pagesRead_;
   }
-  if (header && !header->changing && source_.measured.isWhole() && allRead_ && !isDecided() &&
-      checksum_ != header->payloadChecksum) {
+  if (header && !header->changing && source_.measured.isWhole() && allRead_ && checker_->isGood() &&
+      !isDecided() && checksum_ != header->payloadChecksum) {
     findings_.push_back(
         {.what = "checksum",
-         .text = fmt::format("the header promises the checksum {:016x}, the pages have {:016x}",
+         .text = fmt::format("checksum mismatch: the header has {:016x}, the pages have {:016x}",
                              header->payloadChecksum, checksum_)});
   }
 }
 
-void Verification::openInEveryMode() {
-  for (const IoChoice choice : {IoChoice::buffered, IoChoice::direct, IoChoice::block}) {
-    IoOutcome refused;
-    if (auto file = File::openInMode(session_, source_, request(choice), &refused)) {
-      files_.push_back(*std::move(file));
-    } else {
-      skipped_.push_back(refused);
+void Verification::open() {
+  if (!call_.everyMode) {
+    files_.push_back(File::openToRead(session_, source_, call_.io, Use::wholeFile));
+  } else {
+    for (const IoChoice choice : {IoChoice::buffered, IoChoice::direct, IoChoice::block}) {
+      IoOutcome refused;
+      if (auto file = File::openInMode(session_, source_, request(choice), &refused)) {
+        files_.push_back(*std::move(file));
+      } else {
+        skipped_.push_back(refused);
+      }
     }
   }
+  checker_.emplace(files_.front(), [this](const Damage& damage) { noteDamage(damage); });
+  if (source_.geometry.kind != FileKind::sqliteWal) return;
+  wal_.emplace(readHeader(source_));
+  if (!wal_->isHeaderGood()) {
+    findings_.push_back({.what = "checksum", .text = "the header does not fit its checksum"});
+  }
+}
+
+void Verification::noteDamage(const Damage& damage) {
+  findings_.push_back({.what = damage.inChecksums ? "checksum_page" : "page",
+                       .text = damage.text(),
+                       .page = damage.page,
+                       .offset = damage.offset});
 }
 
 // The module closes a file whose page came back short: it is opened again for the next page.
@@ -107,9 +134,13 @@ std::optional<qz::PageHold> Verification::readOrNote(File& file, std::int64_t pa
 }
 
 void Verification::verifyPage(std::int64_t page) {
+  checker_->prepare(page);
   const std::optional<qz::PageHold> first = readOrNote(files_.front(), page);
   allRead_ = allRead_ && first;
-  if (first) checksum_ += pageChecksum(bytesOf(*first), page);
+  if (first && source_.geometry.header) checksum_ += checker_->check(page, bytesOf(*first));
+  if (first && wal_ && !wal_->take(bytesOf(*first))) {
+    note(page, files_.front().io(), "frame", "the frame does not fit those before it");
+  }
   for (auto file = files_.begin() + 1; file != files_.end() && !isDecided(); ++file) {
     const std::optional<qz::PageHold> other = readOrNote(*file, page);
     if (first && other && !std::ranges::equal(bytesOf(*first), bytesOf(*other))) {
@@ -143,7 +174,13 @@ void printText(const Source& source, const Verification& verification) {
   for (const IoOutcome& outcome : verification.skipped()) {
     fmt::print("  not in mode {}: {}\n", ioName(outcome.asked), outcome.why);
   }
-  if (!source.geometry.header) {
+  if (source.unfinished != Unfinished::no) {
+    fmt::print("  change {}\n", describe(source.unfinished));
+  }
+  if (const auto& wal = verification.wal()) {
+    fmt::print("  {} of this log, {} behind them left over from before\n",
+               counted(wal->frames(), "frame"), wal->leftOver());
+  } else if (!source.geometry.header) {
     fmt::print("  no checksum: a {} has none\n",
                source.geometry.kind == FileKind::raw ? "raw file" : kindName(source.geometry.kind));
   }
@@ -160,6 +197,13 @@ void printJson(const Source& source, Exit exit, const Verification& verification
   document["bytes_found"] = source.measured.found;
   document["whole_pages"] = source.measured.wholePages;
   document["left_over_bytes"] = source.measured.leftOver;
+  if (source.unfinished != Unfinished::no) {
+    document["unfinished_change"] = describe(source.unfinished);
+  }
+  if (const auto& wal = verification.wal()) {
+    document["frames"] = wal->frames();
+    document["frames_left_over"] = wal->leftOver();
+  }
   auto& modes = document["modes"] = nlohmann::ordered_json::array();
   for (const File& file : verification.files()) modes.push_back(ioName(file.io().mode));
   auto& findings = document["findings"] = nlohmann::ordered_json::array();
@@ -169,7 +213,7 @@ void printJson(const Source& source, Exit exit, const Verification& verification
     if (finding.page != 0) {
       entry["page"] = finding.page;
       entry["offset"] = finding.offset;
-      entry["mode"] = finding.mode;
+      if (!finding.mode.empty()) entry["mode"] = finding.mode;
     }
     entry["text"] = finding.text;
     findings.push_back(std::move(entry));

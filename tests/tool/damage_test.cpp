@@ -17,29 +17,30 @@ namespace {
 // file with a sound header, those that hold the checksum against the pages as well, verify, the
 // comparison with the file as it was, rm. Last, what verify says.
 const char* const kDamages = R"(
-cp good x -> 0 0 0 0 0 x: good
-cp good x; truncate -s -4096 x
+cp good1 x -> 0 0 0 0 0 x: good
+cp good1 x; truncate -s -4096 x
   -> 65 65 1 65 0 expected 49152 bytes (11 pages), found 45056 bytes: a header of 4096, 10 whole
   pages of 4096 and 0 left-over bytes
-cp good x; truncate -s -100 x
+cp good1 x; truncate -s -100 x
   -> 65 65 1 65 0 10 whole pages of 4096 and 3996 left-over bytes
-head -c 2000 good >x
+head -c 2000 good1 >x
   -> 65 65 1 65 0 found 2000 bytes, which ends inside the header of 4096 bytes
-head -c 10 good >x
+head -c 10 good1 >x
   -> 65 65 65 65 65 x: ends inside its header try:    get a whole copy
-(cat good; head -c 4096 in) >x -> 65 65 1 65 0 12 whole pages
-page() { tail -c +$(($1 * 4096 + 1)) good | head -c 4096; };
-  (page 0; page 2; page 1; tail -c +12289 good) >x -> 0 65 1 1 0 the header promises the checksum
-cp good x; poke Y 20000 x -> 0 65 1 1 0 the header promises the checksum
-cp good x; poke '\001' 49000 x -> 0 65 1 1 0 the header promises the checksum
-cp good x; poke '\001' 30 x
-  -> 65 65 65 65 65 x: has a damaged header: its checksum does not fit try:    give it a
-  sound header
-cp good x; poke '\002' 8 x
+(cat good1; head -c 4096 in) >x -> 65 65 1 65 0 12 whole pages
+page() { tail -c +$(($1 * 4096 + 1)) good1 | head -c 4096; };
+  (page 0; page 2; page 1; tail -c +12289 good1) >x -> 0 65 1 1 0 checksum mismatch: the header has
+cp good1 x; poke Y 20000 x -> 0 65 1 1 0 checksum mismatch: the header has
+cp good1 x; poke '\001' 49000 x -> 0 65 1 1 0 checksum mismatch: the header has
+cp good1 x; poke '\001' 30 x
+  -> 65 65 65 65 65 x: has a damaged header: its checksum does not fit try:    try
+  qzpfile repair
+cp good1 x; poke '\003' 8 x
   -> 65 65 65 65 65 a later version of the file format try:    use a later version
-cp good x; mkfifo f; sh -c "exec $Q put x --append" <f & p=$!; exec 3>f;
+cp good1 x; mkfifo f; sh -c "exec $Q put x --append" <f & p=$!; exec 3>f;
   seq 1000000 | head -c 1100000 >&3; sleep 0.5; kill -KILL $p; exec 3>&-; wait $p || true; rm f
-  -> 65 65 1 65 0 in the middle of a change
+  -> 0 0 0 0 0 change interrupted: the next change, or qzpfile
+  repair, undoes it
 cp in x -> 65 65 65 65 65 describe it: --raw
 : >x -> 65 65 65 65 65 x: is empty try:    get a whole copy
 mkdir x -> 66 66 66 66 66 try:    name a file
@@ -57,7 +58,7 @@ const char* const kCommands = R"(
 1 $Q unpack x y
 1 $Q copy x y
 2 $Q verify x
-3 $Q compare good x
+3 $Q compare good1 x
 0 head -c 4096 in | $Q put x 1
 0 $Q truncate x 2
 4 $Q rm x
@@ -96,27 +97,27 @@ TEST(Damage, IsToldByEveryCommand) {
 // A change does not make earlier damage look sound.
 TEST(Damage, StaysVisibleAfterAChange) {
   playLines(R"(
-poke Y 20000 good; head -c 4096 in | $Q put good 2 && $Q truncate good 8 && $Q verify good
-  -> 1 good: damaged)");
+poke Y 20000 good1; head -c 4096 in | $Q put good1 2 && $Q truncate good1 8 && $Q verify good1
+  -> 1 good1: damaged)");
 }
 
 TEST(Damage, ComparisonSaysWhere) {
   playLines(R"(
-cp good x; poke Y 20000 x; $Q compare good x
+cp good1 x; poke Y 20000 x; $Q compare good1 x
   -> 1 page 4: byte 3616 (file offsets 20000 and 20000)
-cp good x; poke Y 5000 x; poke Y 20000 x; $Q compare -k good x | grep -c 'page [14]:' -> 0 2
-head -c 20000 in | $Q pack --page-size 4K - x >y; $Q compare -k good x
+cp good1 x; poke Y 5000 x; poke Y 20000 x; $Q compare -k good1 x | grep -c 'page [14]:' -> 0 2
+head -c 20000 in | $Q pack --format-version 1 --page-size 4K - x >y; $Q compare -k good1 x
   -> 1 page 5: byte 3616 (file offsets 24096 and 24096) pages: 11 and 5
   payload bytes: 43008 and 20000
-$Q pack --page-size 8K in x >y; $Q compare good x -> 1 page size: 4096 and 8192
-cp good x; poke Y 99 x; $Q compare --raw --page-size 4K --header-size 4K good x
+$Q pack --page-size 8K in x >y; $Q compare good1 x -> 1 page size: 4096 and 8192
+cp good1 x; poke Y 99 x; $Q compare --raw --page-size 4K --header-size 4K good1 x
   -> 1 header: byte 99
-$Q copy --header-size 12K good x >y; $Q compare good x -> 0 same, 11 pages of 4096 bytes
+$Q copy --header-size 12K good1 x >y; $Q compare good1 x -> 0 same, 11 pages of 4096 bytes
 )");
 }
 
 // Killed at any moment, a pack over an older file leaves that or the new one, whole. Among what it
-// leaves half-made nothing passes as good.
+// leaves half-made nothing passes as good1.
 TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
 #ifdef __SANITIZE_ADDRESS__
   constexpr int kKills = 10;

@@ -17,15 +17,22 @@ using Json = nlohmann::json;
 TEST(Interface, SpeaksJson) {
   const std::string rows = R"sh(
 info good
-  -> 0 info {"/kind": "qzpfile", "/pages": 11, "/file_size": 49152, "/payload_size": 43008,
+  -> 0 info {"/kind": "qzpfile", "/pages": 11, "/format_version": 2, "/file_size": 53248, "/payload_size": 43008,
   "/payload_checksum": "93e2fd5e25d6d33d", "/io/obtained": "buffered"}
 verify good -> 0 verify {"/good": true, "/pages_read": 11, "/findings": null}
-verify bad -> 1 verify {"/good": false, "/findings/0/what": "checksum"}
+verify bad
+  -> 1 verify {"/good": false, "/findings/0/what": "page", "/findings/0/page": 3,
+  "/findings/0/offset": 16384}
+verify bad1 -> 1 verify {"/good": false, "/findings/0/what": "checksum"}
+repair --dry-run bad
+  -> 1 repair {"/changed": false, "/steps/0/what": "damaged_page", "/steps/0/page": 3,
+  "/steps/0/loses": true}
+repair good -> 0 repair {"/changed": false, "/good": true, "/steps": null}
 verify cut
-  -> 1 verify {"/findings/0/what": "not_whole", "/bytes_expected": 49152,
-  "/bytes_found": 49052, "/left_over_bytes": 3996}
+  -> 1 verify {"/findings/0/what": "not_whole", "/bytes_expected": 53248,
+  "/bytes_found": 53148, "/left_over_bytes": 3996}
 compare good bad
-  -> 1 compare {"/differences/0/what": "page", "/differences/0/page": 4,
+  -> 1 compare {"/differences/0/what": "page", "/differences/0/page": 3,
   "/differences/0/offset_a": 20000, "/differences/0/offset_b": 20000}
 bench good -> 0 bench {"/results/0/bytes": 45056, "/results/1/bytes": 45056}
 info no
@@ -36,7 +43,9 @@ info good --frob -> 64 error {}
 info "$(printf 'a\377')" -> 66 error {}
 )sh";
   const Shell shell;
-  shell.expectGood("cp good bad; poke Y 20000 bad; cp good cut; truncate -s -100 cut");
+  shell.expectGood(
+      "cp good bad; poke Y 20000 bad; cp good1 bad1; poke Y 20000 bad1; cp good cut; truncate -s "
+      "-100 cut");
   for (const std::string& row : rowsOf(rows)) {
     SCOPED_TRACE(row);
     const std::size_t arrow = row.find(" -> ");
@@ -111,7 +120,8 @@ TEST(Interface, HelpManPageAndCompletionAgree) {
   Shell().expectGood("S=" QZIOP_SOURCES R"(/tool; set -x
     zsh=$S/completion/_qzpfile
     tr -d '\\' <$S/man/qzpfile.1.in >man
-    for command in pack unpack info cat dump put truncate header copy compare verify bench rm; do
+    for command in pack unpack info cat dump put truncate header copy compare verify repair bench \
+      rm; do
       $Q --help | grep "^  $command "
       grep -x "\.B $command" man
       grep "'$command:" $zsh

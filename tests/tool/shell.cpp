@@ -40,10 +40,13 @@ std::string inOneLine(const std::string& text) {
 
 std::string Outcome::said() const { return inOneLine(out + err); }
 
-// Every folder begins with `in`, 10 pages and a half of text, and `good`, packed from it.
+// Every folder begins with `in`, 10 pages and a half of text, and `good` and `good1`, packed from
+// it in versions 2 and 1 of the file format.
 Shell::Shell() : folder_(QZIOP_PROGRAMS "/shell-XXXXXX") {
   if (mkdtemp(folder_.data()) == nullptr) std::abort();
-  expectGood("seq 1000000 | head -c 43008 >in; $Q pack --page-size 4K in good");
+  expectGood(
+      "seq 1000000 | head -c 43008 >in; $Q pack --page-size 4K in good; "
+      "$Q pack --format-version 1 --page-size 4K in good1");
 }
 
 Shell::~Shell() {

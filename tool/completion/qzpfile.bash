@@ -9,6 +9,7 @@ _qzpfile() {
   case $prev in
     --io) mapfile -t COMPREPLY < <(compgen -W 'auto buffered direct block' -- "$cur"); return ;;
     --format) mapfile -t COMPREPLY < <(compgen -W 'text json' -- "$cur"); return ;;
+    --format-version) mapfile -t COMPREPLY < <(compgen -W '1 2' -- "$cur"); return ;;
     --progress) mapfile -t COMPREPLY < <(compgen -W 'auto always never' -- "$cur"); return ;;
     --page-size | --header-size | --block-size)
       mapfile -t COMPREPLY < <(compgen -W '512 4K 16K 64K 1M 4M' -- "$cur"); return ;;
@@ -16,21 +17,22 @@ _qzpfile() {
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W 'pack unpack info cat dump put truncate header copy compare
-      verify bench rm --help --version' -- "$cur")
+      verify repair bench rm --help --version' -- "$cur")
     return
   fi
   case $command in
-    pack) options="--page-size --header-size $io --force --progress" ;;
-    unpack) options="$io --force --progress" ;;
+    pack) options="--page-size --header-size --format-version $io --force --progress" ;;
+    unpack) options="$io --force --keep-going --progress" ;;
     info) options="$raw $io --format" ;;
-    cat) options="$raw $io --pages --progress" ;;
+    cat) options="$raw $io --pages --keep-going --progress" ;;
     dump) options="$raw $io --pages" ;;
     put) options="$raw $io --append --progress" ;;
     truncate) options="$raw $io" ;;
     header) options="$raw --set" ;;
-    copy) options="$raw $io --force --progress" ;;
+    copy) options="$raw --format-version $io --force --keep-going --progress" ;;
     compare) options="$raw $io --keep-going --format --progress" ;;
-    verify) options="$raw --block-size --keep-going --format --progress" ;;
+    verify) options="$raw --io --block-size --every-mode --keep-going --format --progress" ;;
+    repair) options="--dry-run --yes --format --progress" ;;
     bench) options="$raw --block-size --format --progress" ;;
     rm) options="$raw" ;;
     *) return ;;
