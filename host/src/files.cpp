@@ -10,8 +10,10 @@
 // exclusively keeps newcomers out meanwhile, and a body given up can be had again.
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <linux/magic.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -162,6 +164,16 @@ Failure takeLock(int fd, Lock lock) {
   return lockFailure(errno);
 }
 
+// Whoever had the lock before may have been another client of a network file system. The kernel
+// keeps pages of FUSE files from one open to the next and would go on showing those from before;
+// NFS drops them with the lock by itself.
+void forgetCached(int fd) {
+  struct statfs system = {};
+  if (fstatfs(fd, &system) == 0 && system.f_type == FUSE_SUPER_MAGIC) {
+    posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+  }
+}
+
 // Passes a file's lock on from `oldFd` to `newFd`, which gets it as `wanted`. After a failure
 // `oldFd` has what it had, and closing `newFd` leaves no trace.
 Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
@@ -209,7 +221,11 @@ Failure openFile(const OpenParameters& parameters, std::uint32_t accessMode, Ope
   const Failure kindFailure = inspect(file->info.fd, &file->info.size);
   if (kindFailure.status != hostOk) return kindFailure;
   file->lock = lockFor(accessMode);
-  return takeLock(file->info.fd, file->lock);
+  if (file->lock == Lock::none) return kNoFailure;
+  const Failure lockFailure = takeLock(file->info.fd, file->lock);
+  if (lockFailure.status != hostOk) return lockFailure;
+  forgetCached(file->info.fd);
+  return inspect(file->info.fd, &file->info.size);  // it may have grown before it was locked
 }
 
 HostFile* fileOpen(FileService* self, OpenParameters* parameters, Word /*one*/,
@@ -271,6 +287,9 @@ HostStatus fileClose(HostFile* self, OpenParameters* parameters, Journal* journa
       journalFileFailure(journal, hostNotRemoved, file->name, removal);
       return hostNotRemoved;
     }
+    // FUSE releases such a lock only some time after close returns, and on a network file system
+    // the next open of the same file would be refused meanwhile. An unlock is done when it returns.
+    if (file->lock != Lock::none) setLock(file->info.fd, Lock::none, kBodyAndGate);
     // The descriptor is gone whatever close says; the record stays until a close that succeeds.
     if (close(std::exchange(file->info.fd, -1)) != 0 && errno != EINTR) {
       journalFileFailure(journal, hostCloseFailed, file->name, errno);
