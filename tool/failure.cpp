@@ -45,9 +45,9 @@ Exit exitForStatus(Purpose purpose, const qz::Error& error) {
     case qz::Status::readOnlyFileSystem:
       return Exit::cannotCreate;
     case qz::Status::misfit:
+    case qz::Status::shorterThanHeader:
       return error.errorNumber == 0 ? Exit::badData : Exit::ioError;
     case qz::Status::endOfFile:
-    case qz::Status::shorterThanHeader:
       return Exit::badData;
     default:
       return exitForErrno(purpose, error.errorNumber);
@@ -109,7 +109,10 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
     case qz::Status::misfit:
     case qz::Status::endOfFile:
     case qz::Status::shorterThanHeader:
-      if (error.errorNumber == 0) return "the file changed while it was in use: try again";
+      if (error.errorNumber == 0) {
+        return "the file changed while it was in use, or its file system delivered only a part of "
+               "what was read: try again";
+      }
       break;
     default:
       break;
