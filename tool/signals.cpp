@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 
 #include "failure.hpp"
@@ -11,26 +12,19 @@
 namespace qzpfile {
 namespace {
 
-// Signals that end a program that does not expect them, without a fault of its own.
-constexpr int kEndSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM,
-                               SIGTERM, SIGUSR2, SIGXCPU, SIGVTALRM, SIGPROF};
-
 // Read and written by signal handlers: lock-free, hence safe there.
 std::atomic<int> endSignal = 0;
 std::atomic<bool> progressRequested = false;
-std::atomic<int> unfinishedFolder = -1;
-std::atomic<const char*> unfinishedName = nullptr;
+std::atomic<const char*> unfinishedFile = nullptr;
 static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<const char*>::is_always_lock_free);
 
 void onEnd(int signal) {
-  // A message to a reader that is gone raises SIGPIPE again: that does not force an exit.
+  // Whatever is still said to a reader who is gone is no second request.
   if (endSignal.exchange(signal) == 0 || signal == SIGPIPE) {
     return;
   }
-  if (const char* const name = unfinishedName.load(); name != nullptr) {
-    unlinkat(unfinishedFolder, name, 0);
-  }
+  if (const char* const path = unfinishedFile.load(); path != nullptr) unlink(path);
   dieOf(signal);
 }
 
@@ -43,20 +37,15 @@ void handle(int signal, void (*handler)(int), int flags) {
   sigaction(signal, &action, nullptr);
 }
 
-bool isIgnored(int signal) {
-  struct sigaction action = {};
-  sigaction(signal, nullptr, &action);
-  return action.sa_handler == SIG_IGN;
-}
-
 }  // namespace
 
 void installSignals() {
-  for (const int signal : kEndSignals) {
-    // Without SA_RESTART: a wait for a pipe ends at once.
-    if (!isIgnored(signal)) handle(signal, onEnd, 0);
-  }
-  if (!isIgnored(SIGUSR1)) handle(SIGUSR1, onProgressRequest, SA_RESTART);
+  // Without SA_RESTART: a wait for a pipe ends at once.
+  handle(SIGINT, onEnd, 0);
+  handle(SIGTERM, onEnd, 0);
+  handle(SIGHUP, onEnd, 0);
+  handle(SIGPIPE, onEnd, 0);
+  handle(SIGUSR1, onProgressRequest, SA_RESTART);
   handle(SIGXFSZ, SIG_IGN, 0);
 }
 
@@ -70,18 +59,7 @@ bool takeProgressRequest() {
   return progressRequested.load(std::memory_order_relaxed) && progressRequested.exchange(false);
 }
 
-void setUnfinishedFile(int folder, const char* name) {
-  if (name != nullptr) unfinishedFolder = folder;
-  unfinishedName = name;
-}
-
-SignalsHeldBack::SignalsHeldBack() : before_{} {
-  sigset_t all;
-  sigfillset(&all);
-  sigprocmask(SIG_BLOCK, &all, &before_);
-}
-
-SignalsHeldBack::~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+void setUnfinishedFile(const char* path) { unfinishedFile = path; }
 
 void dieOf(int signal) {
   handle(signal, SIG_DFL, 0);

@@ -1,0 +1,174 @@
+# A replicated network file system: GlusterFS, three bricks, two clients, all on this machine in a
+# network namespace. Sourced by scripts/places.
+
+server=192.0.2.1 # an address for documentation; GlusterFS takes no loopback address
+
+mount_volume() {
+  for program in glusterd glusterfs gluster; do
+    command -v $program >/dev/null || skip "no $program here"
+  done
+  [ -e /dev/fuse ] || skip "no /dev/fuse here: GlusterFS is mounted through it"
+  ip addr add $server/32 dev lo || skip "no network in the namespace"
+  # What GlusterFS keeps outside its bricks lies in the temporary folder, too.
+  mkdir -p /var/lib/glusterd /var/log/glusterfs "$W"/brick{1,2,3} "$W"/client{1,2}
+  mount -t tmpfs none /var/lib/glusterd
+  mount -t tmpfs none /var/log/glusterfs
+  mount -t tmpfs none /run
+  mkdir -p /run/gluster
+  # The folder itself gets an ext4: replicas need extended attributes.
+  make_fs ext4 1g "" ""
+  glusterd --log-level ERROR || skip "glusterd does not start"
+  until_true gluster pool list
+  {
+    gluster --mode=script volume create pages replica 3 "$server:$W"/fs/{1,2,3} force &&
+      gluster --mode=script volume set pages network.ping-timeout 5 &&
+      gluster --mode=script volume start pages
+  } >/dev/null || skip "the volume cannot be made"
+  until_true all_bricks_run
+  for client in 1 2; do
+    glusterfs --volfile-server=$server --volfile-id=pages "$W/client$client" ||
+      skip "the volume cannot be mounted"
+  done
+  until_true touch "$W/client1/there"
+  until_true test -e "$W/client2/there"
+}
+
+# Tries a command for at most 30 seconds.
+until_true() {
+  local i
+  for ((i = 0; i < 150; i++)); do
+    "$@" >/dev/null 2>&1 && return
+    sleep 0.2
+  done
+  return 1
+}
+
+brick_pid() { gluster volume status pages | awk -v b="$W/fs/$1" '$0 ~ b { print $NF }'; }
+all_bricks_run() { [ "$(gluster volume status pages | grep -c '^Brick.* Y ')" -eq 3 ]; }
+kill_brick() { kill -KILL "$(brick_pid "$1")"; }
+healed() { [ "$(gluster volume heal pages info | grep -c '^Number of entries: 0$')" -eq 3 ]; }
+
+# All bricks back, and both clients with all of them.
+restore() {
+  gluster --mode=script volume start pages force >/dev/null
+  until_true all_bricks_run
+  gluster --mode=script volume heal pages >/dev/null 2>&1
+  until_true healed || return 1
+  for client in 1 2; do until_true sees_three "$W/client$client" || return 1; done
+}
+# The client is connected to so many bricks.
+sees_three() {
+  [ "$(getfattr_count "$1")" = 3 ]
+}
+getfattr_count() {
+  grep -l '^connected *= *1' "$1"/.meta/graphs/active/pages-client-*/private 2>/dev/null | wc -l
+}
+
+sees_page() { $Q cat --io "$3" "$1" --pages "$2" | cmp -s - "$W/page"; }
+
+# For some moments after a brick has died or come back GlusterFS refuses locks that nobody holds.
+# Tries again while the tool says so.
+again() {
+  local i said status
+  for ((i = 0; i < 20; i++)); do
+    said=$("$@" 2>&1) && status=0 || status=$?
+    [[ $said == *"cannot be locked at the moment"* ]] || break
+    refused_locks=$((refused_locks + 1))
+    sleep 0.5
+  done
+  printf '%s\n' "$said"
+  return $status
+}
+
+place_replicated() {
+  mount_volume
+  local a=$W/client1 b=$W/client2 mode file
+  works "$a" buffered direct block
+
+  # One client flushes, the other reads.
+  for mode in buffered direct block; do
+    file=seen-$mode
+    $Q pack --page-size 4K "$W/in" "$a/$file" >/dev/null
+    local late=0 lost=0 i
+    for ((i = 1; i <= 20; i++)); do
+      head -c 4096 /dev/urandom >"$W/page"
+      $Q put --io $mode "$a/$file" $i <"$W/page" >/dev/null
+      sees_page "$b/$file" $i $mode && continue
+      late=$((late + 1))
+      sleep 1.5
+      sees_page "$b/$file" $i $mode || lost=$((lost + 1))
+    done
+    if [ $lost -eq 0 ] && { [ $late -eq 0 ] || [ $mode = buffered ]; }; then
+      pass "$mode: 20 pages put on one client are read on the other, $late of them late (1.5 s)"
+    else
+      fail "$mode: of 20 pages put on one client $late were read late and $lost not on the other"
+    fi
+    good "$mode: the other client verifies the file" $Q verify "$b/$file"
+  done
+
+  # Locks.
+  begin_put "$a/seen-block" buffered
+  refused "locked by one client, put on the other" 74 "another program has the file open, or" \
+    $Q put "$b/seen-block" 1 <"$W/pages"
+  refused "locked by one client, verify on the other" 74 "in use, or cannot be locked" \
+    $Q verify "$b/seen-block"
+  end_put "the first client goes on" 0 "3 pages written"
+  good "then the other can" $Q put "$b/seen-block" 1 <"$W/pages"
+
+  # One of three bricks dies in the middle of each change.
+  for mode in buffered direct block; do
+    file=one-$mode
+    $Q pack --page-size 4K "$W/in" "$a/$file" >/dev/null
+    begin_put "$a/$file" $mode
+    kill_brick 1
+    end_put "one brick dies, put, $mode" 0 "3 pages written"
+    good "one brick dead, verify, $mode" $Q verify "$b/$file"
+    good "one brick dead, tool, $mode" use_tool "$a" $mode
+    good "one brick dead, module, $mode" $S change "$a/shapes" $mode 4096
+    if restore; then pass "the brick comes back and is healed"; else fail "the brick is not healed"; fi
+    good "afterwards, verify on the other client, $mode" $Q verify "$b/tool-$mode"
+    good "afterwards, module, $mode" $S read "$b/shapes" $mode 4096
+  done
+
+  # Two of three die: no majority.
+  for mode in buffered direct block; do
+    file=two-$mode
+    $Q pack --page-size 4K "$W/in" "$a/$file" >/dev/null
+    cp "$W/in" "$W/large"
+    begin_put "$a/$file" $mode
+    mkfifo "$W/packed"
+    $Q pack --io $mode --page-size 4K "$W/packed" "$a/new-$mode" >"$W/pack.said" 2>&1 &
+    local pack=$! status
+    exec 8>"$W/packed"
+    cat "$W/in" >&8
+    sleep 0.3
+    kill_brick 2
+    kill_brick 3
+    end_put "two bricks die, put, $mode" 74 "not connected"
+    cat "$W/in" >&8 2>/dev/null
+    exec 8>&-
+    wait $pack && status=0 || status=$?
+    rm "$W/packed"
+    judge "two bricks die, pack, $mode" 74 "not connected" $status "$(cat "$W/pack.said")"
+    refused "two bricks dead, verify, $mode" 74 "too many of its replicas, cannot be reached" \
+      $Q verify "$b/$file"
+    refused "two bricks dead, pack, $mode" 74 "too many of its replicas, cannot be reached" \
+      $Q pack --io $mode "$W/in" "$a/other"
+    if restore; then pass "the bricks come back and are healed"; else fail "the bricks are not healed"; fi
+    honest "the file that was put to, $mode" "$b/$file" in
+    if [ -e "$a/new-$mode" ]; then
+      fail "the interrupted pack left a file"
+    else
+      pass "the interrupted pack left no file of its name"
+    fi
+    local left
+    left=$(ls -A "$a" | grep '^\.qzpfile-')
+    if [ -z "$left" ] || grep -q "unfinished file .*$left could not be removed" "$W/pack.said"; then
+      pass "what it could not remove is named: ${left:-nothing}"
+    else
+      fail "left behind without a word: $left"
+    fi
+    rm -f "$a"/.qzpfile-*
+    good "works again, $mode" use_tool "$a" $mode
+  done
+}
