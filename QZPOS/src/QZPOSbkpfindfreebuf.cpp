@@ -10,7 +10,10 @@ template <class Record>
 Record* choose(const List<Record>& list, std::int32_t emptyRecords) {
   if (emptyRecords == 0) return list.tail;
   Record* record = list.head;
-  while (!isEmptyRecord(*record)) record = record->next;
+  while (!isEmptyRecord(*record)) {
+    record = record->next;
+    assert(record != nullptr);  // the count of empty records was wrong
+  }
   return record;
 }
 

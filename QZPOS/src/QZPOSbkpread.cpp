@@ -48,7 +48,7 @@ BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
 // Reads one page of a cached block again. One that comes short stays stale: a close that a host
 // replaced may leave the block cached.
 std::int32_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
-  char* slot = slotOf(*block, page, h->pageSize);
+  char* slot = slotOf(*h, *block, page);
   const Transfer transfer =
       retryingEintr([&] { return readAt(h->fd, slot, h->pageSize, pageOffset(*h, page)); });
   if (transfer.failed()) block->readErrno = transfer.error;
@@ -113,7 +113,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
     return status;
   }
   request->length = available;
-  handOut(h, request, slotOf(*block, page, h->pageSize));
+  handOut(h, request, slotOf(*h, *block, page));
   ++h->heldCount;
   ++block->holdCount;
   block->lastPageHandedOut = page;

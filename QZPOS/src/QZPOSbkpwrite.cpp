@@ -57,7 +57,7 @@ bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
 // range grows only where they join on to what it has.
 const char* updateHeldBlock(const FileHandle& h, BlockRecord* block, std::int64_t page,
                             const char* stored) {
-  char* slot = slotOf(*block, page, h.pageSize);
+  char* slot = slotOf(h, *block, page);
   std::memmove(slot, stored, static_cast<std::size_t>(h.pageSize));
   const std::int64_t begin = slotBegin(*block, page, h.pageSize);
   if (page - 1 == block->lastPage && block->validBytes >= begin) {
@@ -82,7 +82,7 @@ void updateBlocks(FileHandle* h, std::int64_t page, const char* stored) {
 const char* collect(FileHandle* h, const PageRequest& r) {
   BlockRecord* block = h->writeBlock;
   if (!isCollecting(*h)) block->firstPage = r.pageNumber;
-  char* slot = slotOf(*block, r.pageNumber, h->pageSize);
+  char* slot = slotOf(*h, *block, r.pageNumber);
   // The source may be the slot itself, or overlap it.
   std::memmove(slot, r.buffer, static_cast<std::size_t>(r.length));
   if (r.pageNumber > h->pageCount) {

@@ -9,6 +9,7 @@ namespace {
 Status writeCollected(FileHandle* h, Journal* journal) {
   BlockRecord* block = h->writeBlock;
   const std::int64_t pages = block->dirtyPages;
+  assert(pages <= h->pagesPerBlock);
   const auto bytes = static_cast<std::int32_t>(pages * h->pageSize);
   const Transfer transfer = writeAt(h->fd, block->data, bytes, pageOffset(*h, block->firstPage));
   if (transfer.failed()) h->lastErrno = transfer.error;

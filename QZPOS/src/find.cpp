@@ -26,7 +26,7 @@ bool askIndex(const FileHandle& h, std::int64_t page, BlockRecord** found) {
 // Blocks that were acquired are empty, blocks that were read are not.
 BlockRecord* askIndex(const FileHandle& h, const void* address, FoundIn* foundIn) {
   BlockRecord* found = nullptr;
-  h.index->visitNear(address, [&](BlockRecord* block) {
+  h.index->visitBlocksNear(address, [&](BlockRecord* block) {
     if (block->holdCount != 0 && coversAddress(h, *block, address)) found = block;
   });
   if (found != nullptr) {

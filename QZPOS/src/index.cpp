@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 #include <cstdlib>
 #include <new>
 #include <utility>
@@ -39,7 +40,10 @@ void RecordMap::insert(std::uint64_t key, void* record) {
 
 void RecordMap::erase(std::uint64_t key, const void* record) {
   std::size_t gap = home(key);
-  while (slots_[gap].key != key || slots_[gap].record != record) gap = next(gap);
+  while (slots_[gap].key != key || slots_[gap].record != record) {
+    assert(slots_[gap].record != nullptr);  // it was never entered
+    gap = next(gap);
+  }
   // An entry behind the gap moves into it when a search that starts at its home passes the gap.
   for (std::size_t i = next(gap); slots_[i].record != nullptr; i = next(i)) {
     const std::size_t fromHome = (i - home(slots_[i].key)) & (slotCount_ - 1);
@@ -69,6 +73,7 @@ void RecordIndex::visitStretches(const BlockRecord& block, Visit visit) const {
 }
 
 void RecordIndex::add(PageBuffer* buffer) {
+  assert(roomForBuffers_ > 0);
   --roomForBuffers_;
   buffersByAddress_.insert(keyOf(buffer->data) >> pageShift_, buffer);
 }
@@ -79,6 +84,7 @@ void RecordIndex::remove(PageBuffer* buffer) {
 }
 
 void RecordIndex::add(BlockRecord* block) {
+  assert(roomForBlocks_ > 0);
   --roomForBlocks_;
   visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.insert(stretch, block); });
   if (block->blockNumber != 0) blocksByNumber_.insert(keyOf(block->blockNumber), block);
@@ -97,8 +103,7 @@ void RecordIndex::renumber(BlockRecord* block, std::int64_t blockNumber) {
 
 PageBuffer* RecordIndex::bufferAt(const void* address) const {
   PageBuffer* found = nullptr;
-  buffersByAddress_.visit(keyOf(address) >> pageShift_, [&](void* record) {
-    auto* buffer = static_cast<PageBuffer*>(record);
+  visitBuffersNear(address, [&](PageBuffer* buffer) {
     if (buffer->data == address) found = buffer;
   });
   return found;

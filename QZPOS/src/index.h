@@ -78,9 +78,16 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   // The page buffer, held or free, whose data begins at the address; or null.
   [[nodiscard]] PageBuffer* bufferAt(const void* address) const;
 
+  // Calls visit(buffer) for every page buffer that may begin at the address.
+  template <class Visit>
+  void visitBuffersNear(const void* address, Visit visit) const {
+    buffersByAddress_.visit(keyOf(address) >> pageShift_,
+                            [&](void* record) { visit(static_cast<PageBuffer*>(record)); });
+  }
+
   // Calls visit(block) for every block that may have the address in its data.
   template <class Visit>
-  void visitNear(const void* address, Visit visit) const {
+  void visitBlocksNear(const void* address, Visit visit) const {
     blocksByAddress_.visit(keyOf(address) >> blockShift_,
                            [&](void* record) { visit(static_cast<BlockRecord*>(record)); });
   }

@@ -2,7 +2,12 @@
 //
 // Where a record joins decides what is reused first: empty records are pushed at the head,
 // records that keep their pages are appended at the tail.
+//
+// Assertions stand where a broken invariant would corrupt memory; debug builds and the sanitizer's
+// have them.
 #pragma once
+
+#include <cassert>
 
 #include "qzpos.h"
 
@@ -26,6 +31,8 @@ void pushTail(List<Node>& list, Node* node) {
 
 template <class Node>
 void unlink(List<Node>& list, Node* node) {
+  assert((node->prev != nullptr ? node->prev->next : list.head) == node);
+  assert((node->next != nullptr ? node->next->prev : list.tail) == node);
   (node->prev != nullptr ? node->prev->next : list.head) = node->next;
   (node->next != nullptr ? node->next->prev : list.tail) = node->prev;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <limits>
 #include <numeric>
@@ -100,8 +101,9 @@ inline std::int32_t slotBegin(const BlockRecord& block, std::int64_t page, std::
   return slotIndex(block, page) * pageSize;
 }
 
-inline char* slotOf(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
-  return block.data + slotBegin(block, page, pageSize);
+inline char* slotOf(const FileHandle& h, const BlockRecord& block, std::int64_t page) {
+  assert(extentContains(block, page, h.pagesPerBlock));
+  return block.data + slotBegin(block, page, h.pageSize);
 }
 
 // Stale bits: bit i % 8 of byte i / 8 stands for the i-th page of the block's extent.

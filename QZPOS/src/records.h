@@ -52,6 +52,7 @@ template <class Record>
 void leaveFree(FileHandle* h, Record* record) {
   unlink(freeList(h, record), record);
   emptyFree(h, record) -= isEmptyRecord(*record) ? 1 : 0;
+  assert(emptyFree(h, record) >= 0);
 }
 
 // Gives a page buffer its page number; 0 takes it away. The tree is the caller's concern.
@@ -164,6 +165,7 @@ inline bool lacksTree(const FileHandle& h) { return h.pageTree == nullptr; }
 
 // A free page buffer becomes the caller's.
 inline void hold(FileHandle* h, PageBuffer* buffer) {
+  assert(buffer->held == 0);
   leaveFree(h, buffer);
   pushHead(h->pageHeldList, buffer);
   buffer->held = 1;
@@ -186,6 +188,7 @@ inline bool endExtraHold(FileHandle* h, PageBuffer* buffer) {
 
 // Ends a buffer's last hold, up to the free list that it now joins at the head or the tail.
 inline void unhold(FileHandle* h, PageBuffer* buffer) {
+  assert(buffer->held == 1 && h->heldCount > 0);
   unlink(h->pageHeldList, buffer);
   buffer->held = 0;
   --h->heldCount;
@@ -242,6 +245,7 @@ inline void moveToHeld(FileHandle* h, BlockRecord* block) {
 
 // Ends one hand-out of a block; true when it was the last and the block left its list.
 inline bool endHandOut(FileHandle* h, BlockRecord* block, FoundIn foundIn) {
+  assert(block->holdCount > 0 && h->heldCount > 0 && block != h->writeBlock);
   --block->holdCount;
   --h->heldCount;
   if (block->holdCount != 0) return false;

@@ -5,10 +5,13 @@
 #include <cstdint>
 #include <set>
 
+#include "index.h"
+
 namespace qztest {
 
 namespace {
 
+// The numbers are those of docs/list-moves.md, "What always holds".
 class Checker {
  public:
   explicit Checker(const qz::FileHandle& handle) : h_(handle) {}
@@ -19,32 +22,34 @@ class Checker {
     checkBlocks();
     checkTree();
     checkWriteBlock();
-    require(h_.heldCount == holds_, "another heldCount than holds", holds_);
+    checkIndex();
+    require(8, h_.heldCount == holds_, "another heldCount than holds", holds_);
     return broken_;
   }
 
  private:
-  void require(bool holds, const char* text, std::int64_t number = 0) {
-    if (!holds && broken_.empty()) broken_ = fmt::format("{} ({})", text, number);
+  void require(int invariant, bool holds, const char* text, std::int64_t number = 0) {
+    if (!holds && broken_.empty()) broken_ = fmt::format("{}. {} ({})", invariant, text, number);
   }
 
-  // Calls visit for each record of a list, which must be linked both ways. A visit that finds a
-  // record for the second time ends the walk.
+  // Calls visit for each record of a list. A visit that finds a record for the second time ends the
+  // walk.
   template <class Node, class Visit>
   void walk(const qz::List<Node>& list, Visit visit) {
     const Node* previous = nullptr;
     for (const Node* node = list.head; node != nullptr && broken_.empty(); node = node->next) {
-      require(node->prev == previous, "not linked back");
+      require(1, node->prev == previous, "not linked back");
       visit(*node);
       previous = node;
     }
-    require(list.tail == previous, "the tail is not the last record");
+    require(1, list.tail == previous, "the tail is not the last record");
   }
 
   void checkState() {
-    require((h_.stateFlags & qz::stateOpen) == 0 || (h_.hostFile != nullptr && h_.fd >= 0),
+    require(12, (h_.stateFlags & qz::stateOpen) == 0 || (h_.hostFile != nullptr && h_.fd >= 0),
             "open without a file");
-    require(h_.hostFile != nullptr ||
+    require(12,
+            h_.hostFile != nullptr ||
                 (h_.fd == -1 && h_.pageTree == nullptr && h_.lastBlock == nullptr &&
                  h_.writeBlock == nullptr && h_.pageBuffersAllocated == 0 &&
                  h_.blocksAllocated == 0 && h_.nextPage == 0),
@@ -54,17 +59,20 @@ class Checker {
   void checkPages() {
     const auto check = [this](const qz::List<qz::PageBuffer>& list, int held) {
       walk(list, [&](const qz::PageBuffer& buffer) {
-        require(pages_.insert(&buffer).second, "page buffer listed twice", buffer.pageNumber);
+        require(2, pages_.insert(&buffer).second, "page buffer listed twice", buffer.pageNumber);
         const int extra = buffer.extraHolds;
-        require(buffer.held == held && (held == 1 ? extra >= 0 : extra == 0),
+        require(2, buffer.held == held && (held == 1 ? extra >= 0 : extra == 0),
                 "page buffer held otherwise than listed", buffer.pageNumber);
+        emptyFreePages_ += held == 0 && buffer.pageNumber == 0 ? 1 : 0;
         holds_ += held + extra;
       });
     };
     check(h_.pageFreeList, 0);
     check(h_.pageHeldList, 1);
-    require(h_.pageBuffersAllocated == static_cast<std::int64_t>(pages_.size()),
+    require(2, h_.pageBuffersAllocated == static_cast<std::int64_t>(pages_.size()),
             "other page buffers counted than listed", h_.pageBuffersAllocated);
+    require(9, h_.emptyFreePages == emptyFreePages_, "another count of empty page buffers",
+            h_.emptyFreePages);
   }
 
   void checkBlocks() {
@@ -72,36 +80,40 @@ class Checker {
     const bool open = (h_.stateFlags & qz::stateOpen) != 0;
     const auto check = [&](const qz::List<qz::BlockRecord>& list, bool held) {
       walk(list, [&](const qz::BlockRecord& block) {
-        require(blocks_.insert(&block).second, "block listed twice", block.blockNumber);
-        require(held ? block.holdCount > (open ? 0 : -1) : block.holdCount == 0,
+        require(3, blocks_.insert(&block).second, "block listed twice", block.blockNumber);
+        require(3, held ? block.holdCount > (open ? 0 : -1) : block.holdCount == 0,
                 "block held otherwise than listed", block.blockNumber);
         const bool empty = block.blockNumber == 0;
-        require(empty == (block.firstPage == 0) && empty == (block.lastPage == 0) &&
-                    block.firstPage <= block.lastPage && block.dirtyPages == 0 &&
-                    (empty || &list != &h_.blockAcquiredList),
+        require(4,
+                empty == (block.firstPage == 0) && empty == (block.lastPage == 0) &&
+                    block.firstPage <= block.lastPage && (empty || &list != &h_.blockAcquiredList),
                 "block with other pages than its own", block.blockNumber);
+        require(5, block.dirtyPages == 0, "dirty pages outside the write block", block.dirtyPages);
+        emptyFreeBlocks_ += !held && empty ? 1 : 0;
         holds_ += static_cast<int>(block.holdCount);
       });
     };
     check(h_.blockFreeList, false);
     check(h_.blockHeldList, true);
     check(h_.blockAcquiredList, true);
-    require(h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1, "lastBlock is stray");
+    require(7, h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1, "lastBlock is stray");
     const auto all = static_cast<std::int64_t>(blocks_.size()) + (h_.writeBlock != nullptr ? 1 : 0);
-    require(h_.blocksAllocated == all, "other blocks counted than there are", all);
+    require(3, h_.blocksAllocated == all, "other blocks counted than there are", all);
+    require(9, h_.emptyFreeBlocks == emptyFreeBlocks_, "another count of empty blocks",
+            h_.emptyFreeBlocks);
   }
 
-  // Every buffer with a page stands in the tree under it, and nothing else does.
   void checkTree() {
     std::size_t entries = h_.pageTree == nullptr ? 0 : entriesBelow(h_.pageTree->anchor.root);
     for (const qz::PageBuffer* buffer : pages_) {
       if (buffer->pageNumber == 0) continue;
       --entries;
-      require(h_.pageTree != nullptr &&
+      require(10,
+              h_.pageTree != nullptr &&
                   h_.pageTree->treeFind(&h_.pageTree->anchor, &buffer->pageNumber) == buffer,
               "page not in the tree", buffer->pageNumber);
     }
-    require(entries == 0, "entries in the tree without a buffer");
+    require(10, entries == 0, "entries in the tree without a buffer");
   }
 
   // The stand-in host links nodes through their first two words and tags the low bits.
@@ -110,27 +122,46 @@ class Checker {
     const auto* node = reinterpret_cast<qz::PageBuffer*>(reinterpret_cast<std::uintptr_t>(link) &
                                                          ~std::uintptr_t{3});
     if (node == nullptr) return 0;
-    require(pages_.contains(node), "the tree reaches a freed buffer");
+    require(10, pages_.contains(node), "the tree reaches a freed buffer");
     if (!broken_.empty()) return 0;
     return 1 + entriesBelow(node->treeLinks[0]) + entriesBelow(node->treeLinks[1]);
   }
 
-  // Empty, or with the file's last pages, from the start of a block on.
   void checkWriteBlock() {
     if (h_.writeBlock == nullptr) return;
     const qz::BlockRecord& block = *h_.writeBlock;
-    require(blocks_.count(&block) == 0, "the write block is on a list");
+    require(6, blocks_.count(&block) == 0, "the write block is on a list");
     const std::int64_t pages = block.firstPage == 0 ? 0 : block.lastPage - block.firstPage + 1;
     const bool empty = pages == 0 && block.lastPage == 0;
     const bool last = pages > 0 && pages < h_.pagesPerBlock &&
                       (block.firstPage - 1) % h_.pagesPerBlock == 0 &&
                       block.lastPage == h_.pageCount;
-    require((empty || last) && block.dirtyPages == pages && block.holdCount == 0,
+    require(6, (empty || last) && block.dirtyPages == pages && block.holdCount == 0,
             "write block with other pages than the file's last", block.firstPage);
+  }
+
+  void checkIndex() {
+    if (h_.index == nullptr || !broken_.empty()) return;
+    for (const qz::PageBuffer* buffer : pages_) {
+      int found = 0;
+      h_.index->visitBuffersNear(buffer->data, [&](auto* one) { found += one == buffer ? 1 : 0; });
+      require(11, found == 1, "page buffer not once in the index", buffer->pageNumber);
+    }
+    for (const qz::BlockRecord* block : blocks_) {
+      int byAddress = 0;
+      int byNumber = 0;
+      h_.index->visitBlocksNear(block->data, [&](auto* one) { byAddress += one == block ? 1 : 0; });
+      h_.index->visitBlocks(block->blockNumber,
+                            [&](auto* one) { byNumber += one == block ? 1 : 0; });
+      require(11, byAddress == 1 && byNumber == (block->blockNumber == 0 ? 0 : 1),
+              "block not once in the index", block->blockNumber);
+    }
   }
 
   const qz::FileHandle& h_;
   int holds_ = 0;
+  int emptyFreePages_ = 0;
+  int emptyFreeBlocks_ = 0;
   std::set<const qz::PageBuffer*> pages_;
   std::set<const qz::BlockRecord*> blocks_;
   std::string broken_;
