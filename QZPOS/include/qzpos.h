@@ -457,19 +457,23 @@ QZ_EXPORT qz::Status qzppsize(qz::FileHandle* handle, const qz::PageSizeRequest*
 QZ_EXPORT qz::Status qzpgetstatus(qz::FileHandle* handle, qz::StatusReport* report) noexcept;
 
 // Opens the file and reads *lengthInOut bytes of header into the caller's `buffer`; the file
-// stays open for qzpopen. shorterThanHeader: *lengthInOut is what was read (-1: failed) and the
-// file is closed again. alreadyOpen, noHeaderYet, badArgument (negative length), open failures.
+// stays open for qzpopen, or for a qzpclose, which keeps it. shorterThanHeader: *lengthInOut is
+// what was read (-1: failed) and the file is closed again. alreadyOpen, noHeaderYet, badArgument
+// (negative length), open failures.
 QZ_EXPORT qz::Status qzppreopen(qz::FileHandle* handle, void* buffer, std::int32_t* lengthInOut,
                                 qz::Journal* journal) noexcept;
 
 // Opens the file unless pre-opened, settles the geometry and makes the buffers. alreadyOpen,
-// misfit (not header plus whole pages, or negative settings), notTruncated, noMemory, open
-// failures. After a failure the file is closed again, and removed where `openMode` says so.
+// misfit (not header plus whole pages, negative settings, or a page larger than 0x7FFFF000 bytes),
+// notTruncated, noMemory, open failures. After a failure the file is closed again, and removed
+// where `openMode` says so.
 QZ_EXPORT qz::Status qzpopen(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
-// Writes back collected pages, flushes if optionFlushAtClose asks, closes the file, removes it
-// with kRemoveFile or when it was written to and is empty, and frees all buffers, held ones too.
-// When the flush or the host's close fails the file stays attached: close again.
+// Writes back collected pages, flushes if optionFlushAtClose asks, closes the file and frees all
+// buffers, held ones too. The file is removed with kRemoveFile, and also without it when it was
+// open with write access and the handle says that it is empty: `pageCount` and `fileSize` both 0.
+// The test is made before anything is written back. A file that was only pre-opened is kept. When
+// the flush or the host's close fails the file stays attached: close again.
 QZ_EXPORT qz::Status qzpclose(qz::FileHandle* handle, std::uint32_t flags,
                               qz::Journal* journal) noexcept;
 
@@ -491,8 +495,8 @@ QZ_EXPORT qz::Status qzpread(qz::FileHandle* handle, qz::PageRequest* request,
 
 // Reads `count` pages from `startPage` on straight into the caller's memory: page i to
 // requests[i]->buffer, or with kContiguous all to requests[0]->buffer. Bypasses the cache: pages
-// still collected are not seen. Pages beyond the end are not read. endOfFile, pageOutOfRange,
-// ioFailed.
+// still collected are not seen. Pages beyond the end are not read. endOfFile, pageOutOfRange (also
+// a contiguous run of more than 0x7FFFF000 bytes), ioFailed.
 QZ_EXPORT qz::Status qzpreadmany(qz::FileHandle* handle, qz::PageRequest* const* requests,
                                  std::int64_t startPage, std::int32_t count, std::uint32_t options,
                                  qz::Journal* journal) noexcept;

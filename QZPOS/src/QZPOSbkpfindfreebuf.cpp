@@ -1,5 +1,7 @@
-// bkpfindfreebuf: the free record to use next. Empty records come first; among those that hold
-// pages the one released last goes, so that a scan does not sweep out what was there before it.
+// bkpfindfreebuf: the free record to use next. Empty records come first. Among those that hold
+// pages the one released last goes: a caller who acquires, writes and acquires again uses one
+// record over and over, and a scan of blocks does the same, so that neither sweeps out what was
+// cached before. A page-mode read takes the record released longest ago instead (QZPOSbkpread.cpp).
 #include "records.h"
 
 namespace qz {

@@ -125,8 +125,10 @@ struct PageRead {
   std::int32_t error;  // of a read made now
 };
 
-// Reads the page into the buffer released longest ago, and caches whatever came of it. An
-// interrupted read is not repeated.
+// Reads the page into the buffer released longest ago: what was used last is the likeliest to be
+// read again. Caches whatever came of it. An interrupted read is not repeated: the file stays open,
+// and the caller decides whether to go on. (A block read is repeated, because its failure closes
+// the file, and a signal is no reason for that.)
 PageRead fillPage(FileHandle* h, std::int64_t page) {
   PageBuffer* buffer = h->pageFreeList.head;
   if (buffer == nullptr) return {nullptr, 0};

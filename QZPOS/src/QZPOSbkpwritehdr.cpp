@@ -1,4 +1,5 @@
-// qzpwritehdr: writes the file's header, straight to the file: no page overlaps it.
+// qzpwritehdr: writes the file's header, straight to the file. A header longer than `headerSize`
+// runs over the first pages; cached and held copies of them stay as they were.
 #include <algorithm>
 #include <limits>
 
