@@ -15,7 +15,7 @@ namespace {
 bool isFull(std::uint32_t error) { return error == EFBIG || error == ENOSPC || error == EDQUOT; }
 
 // What a write of so many bytes came to.
-Status judged(const Outcome& outcome, std::size_t wanted) {
+Status judged(const CallOutcome& outcome, std::size_t wanted) {
   if (outcome.result < 0) return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
   if (outcome.result == 0) return Status::ioFailed;
   return static_cast<std::size_t>(outcome.result) < wanted ? Status::noSpace : Status::ok;
@@ -103,7 +103,7 @@ void Driver::plan(const std::vector<Fault>& faults) {
   expected_.plan(faults);
 }
 
-Outcome Driver::expect(Call call, std::int64_t length) {
+CallOutcome Driver::expect(Call call, std::int64_t length) {
   const Fault* fault = expected_.next(call);
   if (fault != nullptr && fault->result != kShort) return {fault->result, fault->error};
   const bool reads = call == Call::pread || call == Call::read || call == Call::readv;
@@ -132,8 +132,8 @@ const Fault* Driver::refusal(Call call) {
 
 // --- The file
 
-Outcome Driver::store(std::int64_t offset, const std::string& bytes) {
-  const Outcome outcome = expect(Call::pwrite, static_cast<std::int64_t>(bytes.size()));
+CallOutcome Driver::store(std::int64_t offset, const std::string& bytes) {
+  const CallOutcome outcome = expect(Call::pwrite, static_cast<std::int64_t>(bytes.size()));
   if (outcome.result > 0) {
     const auto end = static_cast<std::size_t>(offset + outcome.result);
     disk_.resize(std::max(disk_.size(), end));
@@ -175,7 +175,7 @@ Status Driver::cut(std::int64_t pages) {
 
 Status Driver::sync() {
   for (int timeouts = 0;;) {
-    const Outcome outcome = expect(Call::fsync, 0);
+    const CallOutcome outcome = expect(Call::fsync, 0);
     if (outcome.result >= 0) return Status::ok;
     if (outcome.error == EINTR || (outcome.error == ETIMEDOUT && timeouts++ == 0)) continue;
     return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
@@ -641,7 +641,7 @@ Status Driver::writeHeader(std::int32_t bytes) {
   } else if (bytes < header_ && lackedMemory()) {
     wanted = Status::noMemory;
   } else {
-    const Outcome outcome = store(0, header);
+    const CallOutcome outcome = store(0, header);
     wanted = judged(outcome, header.size());
     EXPECT_EQ(world_.length, outcome.result);
     if (wanted == Status::noSpace && outcome.result < 0) {

@@ -22,8 +22,8 @@ struct Geometry {
   std::int32_t buffers;
 };
 
-// What a system call comes to.
-struct Outcome {
+// What a system call comes to in the model.
+struct CallOutcome {
   std::int64_t result;
   std::uint32_t error;
 };
@@ -101,8 +101,8 @@ class Driver {
 
   const Fault* refusal(Call call);
   // The outcome that a system call of that length must have had.
-  Outcome expect(Call call, std::int64_t length);
-  Outcome store(std::int64_t offset, const std::string& bytes);
+  CallOutcome expect(Call call, std::int64_t length);
+  CallOutcome store(std::int64_t offset, const std::string& bytes);
   Status writeBack();
   Status cut(std::int64_t pages);
   Status sync();
