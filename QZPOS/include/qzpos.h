@@ -13,8 +13,8 @@
 
 namespace qz {
 
-// Outcome of an operation. Host statuses that have no module code pass through unchanged where
-// an operation says so, hence values that are not named here can occur.
+// Outcome of an operation. A host's own status appears only in journals and as the result of
+// qzpdestroy.
 enum class Status : std::uint32_t {
   ok = 0,
   noMemory = 0x803FC002,
@@ -57,8 +57,8 @@ enum class Status : std::uint32_t {
 // Values of FileHandle::openMode.
 enum OpenMode : std::uint32_t {
   openOrRemove = 0,     // existing file; removed when its buffers cannot be set up
-  openOrKeep = 1,       // existing file; kept when its buffers cannot be set up
-  createOrReplace = 2,  // created, or cut to 0 bytes
+  openOrKeep = 1,       // existing file; kept when its buffers cannot be set up, unless it is empty
+  createOrReplace = 2,  // created, or cut to 0 bytes; removed when the open fails after that
 };
 
 // Values of FileHandle::readAccess. Other codes are accepted and mean no hint.
@@ -81,7 +81,7 @@ enum WriteAccess : std::uint32_t {
 // Bits of FileHandle::openOptions.
 enum OpenOption : std::uint32_t {
   optionAccessVariant = 0x2,        // host access mode gains 0x20 and loses 0x04 and 0x08
-  optionKeepBufferCount = 0x10,     // no default for `bufferCount` of a write-only file
+  optionKeepBufferCount = 0x10,     // no default for `bufferCount` of a file only appended to
   optionDirectIo = 0x100,           // direct I/O is wanted
   optionFlushAtClose = 0x200,       // close flushes first
   optionOwnAccessMode = 0x03FF0000  // any of them: the upper 16 bits are the host access mode
@@ -156,7 +156,8 @@ struct BlockRecord {
   std::int64_t lastPage;     // 0: empty
   std::int64_t holdCount;    // hand-outs not yet ended
   std::int64_t lastPageHandedOut;
-  std::int64_t validBytes;  // bytes of `data` that the block read brought
+  std::int64_t
+      validBytes;  // bytes of `data` that were read, or written behind those; less after a truncate
   std::int64_t dirtyPages;  // write block only: pages collected, not yet written
   std::int32_t readErrno;   // of the last failed read
   std::uint8_t* staleBits;  // bit i % 8 of byte i / 8: read page firstPage + i again
@@ -241,7 +242,8 @@ struct FileHandle {
   RecordIndex* index;            // null: few records, or no memory for it
   std::int32_t emptyFreePages;   // records without a page on pageFreeList
   std::int32_t emptyFreeBlocks;  // records without pages on blockFreeList
-  std::uint8_t sizeUnknown;      // 1: pre-opened, and not open since; `fileSize` may not be true
+  std::uint8_t sizeUnknown;      // 1: not open since the host opened it; `fileSize` is the caller's
+  std::uint32_t closes;          // completed; records of before the last one are gone
 };
 static_assert(std::is_standard_layout_v<FileHandle>);
 static_assert(atContractOffset(offsetof(FileHandle, eyecatcher), 0));
@@ -306,7 +308,7 @@ struct PageRequest {
   char* buffer;         // read: out, the page inside a module buffer. write: in, the page's bytes
   std::uint32_t flags;  // write: kCallersMemory
   std::uint32_t reserved;
-  std::int32_t length;  // write: in, must be `pageSize`. read: out in block mode (see qzpread)
+  std::int32_t length;  // write: in, must be `pageSize`. read: out (see qzpread)
 };
 static_assert(std::is_standard_layout_v<PageRequest>);
 static_assert(atContractOffset(sizeof(PageRequest), 24));
@@ -413,15 +415,16 @@ static_assert(atContractOffset(offsetof(ExtensionObject, converter), 208));
 
 // The operations. Unless one says otherwise: it stores its outcome in the handle's `status`,
 // reports a failure with the file's name to the journal (null: reports nothing), and returns it.
-// After a failed system call qzpgetstatus also gives its errno.
+// After a failed system call qzpgetstatus also gives its errno. A failed open, missing memory for
+// buffers and a refused release are journalled where they happen, if at all, without that name.
 extern "C" {
 
 // Makes the module's pools, tree extension and converter and returns the extension object, to be
 // given to qzpdestroy; null, with nothing left behind, when the host refuses any of them.
 QZ_EXPORT qz::ExtensionObject* qziop(qz::QZHandle* host, qz::Journal* journal) noexcept;
 
-// Releases all that qziop made, whose handles must have been freed. Returns the status of
-// destroying the module pool.
+// Releases everything that qziop made. All file handles must have been freed before. Returns the
+// status of destroying the module pool.
 QZ_EXPORT qz::HostStatus qzpdestroy(qz::ExtensionObject* module) noexcept;
 
 // The version that the module requires of its host (3, 2, 1) and its own (3, 3, 1).
@@ -448,8 +451,9 @@ QZ_EXPORT qz::Status qzpsetfilename(qz::FileHandle* handle, const char32_t* name
 // file takes direct I/O. noFileName, unreported. Stores no status.
 QZ_EXPORT qz::Status qzpinfo(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
-// Chooses `pageSize` within the request. inexactPageSize, unreported: the nearest size was
-// stored. noFileName.
+// Chooses `pageSize` within the request and stores it. For closed handles only: the buffers of an
+// open file have the old size, and page I/O would run beyond them. inexactPageSize, unreported: the
+// nearest size was stored. noFileName.
 QZ_EXPORT qz::Status qzppsize(qz::FileHandle* handle, const qz::PageSizeRequest* request,
                               qz::Journal* journal) noexcept;
 
@@ -463,40 +467,47 @@ QZ_EXPORT qz::Status qzpgetstatus(qz::FileHandle* handle, qz::StatusReport* repo
 QZ_EXPORT qz::Status qzppreopen(qz::FileHandle* handle, void* buffer, std::int32_t* lengthInOut,
                                 qz::Journal* journal) noexcept;
 
-// Opens the file unless pre-opened, settles the geometry and makes the buffers. alreadyOpen,
-// misfit (not header plus whole pages, negative settings, or a page larger than 0x7FFFF000 bytes),
-// notTruncated, noMemory, open failures. After a failure the file is closed again, and removed
-// where `openMode` says so.
+// Opens the file unless pre-opened, settles the geometry and makes the buffers. alreadyOpen, misfit
+// (not header plus whole pages, negative settings, or a page larger than 0x7FFFF000 bytes),
+// notTruncated, noMemory, open failures. A failure after the physical open closes the file again:
+// misfit keeps it, notTruncated removes it, noMemory removes it unless `openMode` is openOrKeep.
+// With optionFlushAtClose that close is refused, and the file stays attached.
 QZ_EXPORT qz::Status qzpopen(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
 // Writes back collected pages, flushes if optionFlushAtClose asks, closes the file and frees all
 // buffers, held ones too. The file is removed with kRemoveFile, and also without it when it was
 // open with write access and the handle says that it is empty: `pageCount` and `fileSize` both 0.
-// The test is made before anything is written back. A file that was only pre-opened is kept. When
-// the flush or the host's close fails the file stays attached: close again.
+// The test is made before anything is written back. Without kRemoveFile a file that was only
+// pre-opened is kept. When the flush fails or is refused (the file is read-only or only
+// pre-opened), or the host's close fails, the file stays attached: clear optionFlushAtClose, then
+// close again. Reports only notOpen; the write-back and the flush report their own failures.
 QZ_EXPORT qz::Status qzpclose(qz::FileHandle* handle, std::uint32_t flags,
                               qz::Journal* journal) noexcept;
 
 // Applies new access hints to an open file; its buffers are rebuilt when the I/O mode changes
-// shape. Held buffers stay valid. reopenFailed: the file goes on as before.
+// shape. Held buffers stay valid. reopenFailed, unreported: the file goes on as before. ioFailed,
+// noMemory: the new hints are in force, but buffers may be missing; close the file. A failed
+// write-back returns its own status and changes no hints.
 QZ_EXPORT qz::Status qzpreopen(qz::FileHandle* handle, const qz::AccessHints* hints,
                                qz::Journal* journal) noexcept;
 
-// Removes the named file; the handle must be closed. deleteWhileOpen, noFileName, notRemoved.
-// Stores no status and reports only a file that cannot be opened for removal.
+// Removes the named file; the handle must be closed. deleteWhileOpen, noFileName, notRemoved: where
+// the host's close failed the file is attached now, and qzpclose detaches it. Stores no status and
+// reports only a file that cannot be opened for removal.
 QZ_EXPORT qz::Status qzpdelete(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
-// Hands out a page: request->buffer is its address inside a module buffer, held until one
-// qzpwrite or qzpbufreturn of that address. Block mode sets request->length to the bytes
-// available there. endOfFile, pageOutOfRange, readOutOfSequence, noBuffer, ioFailed; misfit: the
-// page came back short and the file was closed.
+// Hands out a page: request->buffer is its address inside a module buffer, held until one qzpwrite
+// or qzpbufreturn of that address. Block mode sets request->length to the bytes available there.
+// endOfFile, pageOutOfRange, readOutOfSequence, noBuffer, ioFailed; misfit: the page came back
+// short (page mode: request->length bytes) and the file was closed; the failures of writing back
+// collected pages.
 QZ_EXPORT qz::Status qzpread(qz::FileHandle* handle, qz::PageRequest* request,
                              qz::Journal* journal) noexcept;
 
 // Reads `count` pages from `startPage` on straight into the caller's memory: page i to
 // requests[i]->buffer, or with kContiguous all to requests[0]->buffer. Bypasses the cache: pages
 // still collected are not seen. Pages beyond the end are not read. endOfFile, pageOutOfRange (also
-// a contiguous run of more than 0x7FFFF000 bytes), ioFailed.
+// a contiguous run of more than 0x7FFFF000 bytes), ioFailed (a scattered run stores no errno).
 QZ_EXPORT qz::Status qzpreadmany(qz::FileHandle* handle, qz::PageRequest* const* requests,
                                  std::int64_t startPage, std::int32_t count, std::uint32_t options,
                                  qz::Journal* journal) noexcept;
@@ -509,16 +520,18 @@ QZ_EXPORT qz::Status qzpreadmany(qz::FileHandle* handle, qz::PageRequest* const*
 QZ_EXPORT qz::Status qzpwrite(qz::FileHandle* handle, qz::PageRequest* request,
                               qz::Journal* journal) noexcept;
 
-// Cuts the file to `newPageCount` pages, 0 to `pageCount`. pageOutOfRange, notTruncated.
+// Truncates the file to `newPageCount` pages, 0 to `pageCount`. pageOutOfRange, notTruncated, the
+// failures of writing back collected pages.
 QZ_EXPORT qz::Status qzptruncate(qz::FileHandle* handle, std::int64_t newPageCount,
                                  qz::Journal* journal) noexcept;
 
 // Writes back collected pages and makes the file durable. notWritable, noSpace, ioFailed.
 QZ_EXPORT qz::Status qzpflush(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
-// Writes the header, zero-padded to `headerSize`. *lengthInOut: bytes given; then bytes stored,
-// -1 or 0 after a failure. notWritable, badArgument (negative length), noMemory, noSpace (the
-// file has no pages left), ioFailed.
+// Writes the header, zero-padded to `headerSize`. *lengthInOut: bytes given; then bytes stored;
+// after a failure -1, 0 or the part that was stored. notWritable, badArgument (negative length),
+// noMemory, noSpace, ioFailed. **noSpace with -1 has cut the file to no pages**; with a positive
+// length nothing was cut.
 QZ_EXPORT qz::Status qzpwritehdr(qz::FileHandle* handle, const void* header,
                                  std::int32_t* lengthInOut, qz::Journal* journal) noexcept;
 
@@ -527,7 +540,8 @@ QZ_EXPORT qz::Status qzpwritehdr(qz::FileHandle* handle, const void* header,
 QZ_EXPORT qz::Status qzpbufacquire(qz::FileHandle* handle, void** bufferOut,
                                    qz::Journal* journal) noexcept;
 
-// Ends a hold without writing. notHeld.
+// Ends a hold without writing. notHeld; ioFailed, neither stored nor reported: a buffer left from
+// before a reopen could not be freed.
 QZ_EXPORT qz::Status qzpbufreturn(qz::FileHandle* handle, void* address,
                                   qz::Journal* journal) noexcept;
 
@@ -535,8 +549,8 @@ QZ_EXPORT qz::Status qzpbufreturn(qz::FileHandle* handle, void* address,
 QZ_EXPORT qz::Status qzpbufadd(qz::FileHandle* handle, std::int32_t* countInOut,
                                qz::Journal* journal) noexcept;
 
-// Frees `count` free buffers and lowers `bufferCount`. noBuffer: fewer were free; ioFailed: a
-// release failed.
+// Frees `count` free buffers and lowers `bufferCount`. noBuffer: fewer were free; ioFailed,
+// unreported: a release failed.
 QZ_EXPORT qz::Status qzpbufremove(qz::FileHandle* handle, std::int32_t count,
                                   qz::Journal* journal) noexcept;
 }

@@ -29,7 +29,7 @@ std::int32_t addPages(FileHandle* h, std::int32_t requested, Journal* journal) {
   return made;
 }
 
-// `by` can be negative: the limit of a caller who takes ever more away stays at the lowest.
+// `by` can be negative; `bufferCount` does not go below the lowest 32-bit number.
 void raiseBufferCount(FileHandle* h, std::int32_t by) {
   constexpr std::int64_t lowest = std::numeric_limits<std::int32_t>::min();
   h->bufferCount = static_cast<std::int32_t>(std::max(std::int64_t{h->bufferCount} + by, lowest));

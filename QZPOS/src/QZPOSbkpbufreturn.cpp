@@ -1,5 +1,6 @@
 // qzpbufreturn: ends a hold without writing. What the caller may have changed in place is not
-// trusted: a page buffer forgets its page, a block marks the page to be read again.
+// trusted: a page buffer forgets its page with its last hold, a block marks the page to be read
+// again.
 //
 // A record of the other shape, left over from before a reopen, is freed as it comes back.
 #include "find.h"

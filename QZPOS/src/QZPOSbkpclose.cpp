@@ -9,8 +9,8 @@ namespace {
 
 constexpr HostStatus kHostNotRemoved = 0x80FFE00D;
 
-// A file that was opened for writing and is still empty is not kept. Collected pages count. Of a
-// file that was only pre-opened nobody has asked the size: the handle's 0 says nothing about it.
+// A file that was opened for writing and is still empty is not kept. Collected pages count. The
+// size of a file that was never open is not known: `fileSize` 0 is then the caller's value.
 bool isToBeRemoved(const FileHandle& h, std::uint32_t flags) {
   if ((flags & kRemoveFile) != 0) return true;
   if (h.sizeUnknown != 0) return false;
@@ -20,6 +20,7 @@ bool isToBeRemoved(const FileHandle& h, std::uint32_t flags) {
 void settleWriteBlock(FileHandle* h, FirstFailure* result, Journal* journal) {
   if (h->writeBlock == nullptr) return;
   if (h->writeBlock->dirtyPages != 0) result->note(bkpwriteblock(h, journal));
+  if (h->writeBlock == nullptr) return;  // freed by a replaced qzptruncate that closed the file
   result->noteRelease(freeWriteBlock(h, journal));
 }
 
@@ -60,6 +61,7 @@ void reset(FileHandle* h) {
   h->firstBlockRead = 0;
   h->blocksAllocated = 0;
   h->pageBuffersAllocated = 0;
+  ++h->closes;
 }
 
 Status close(FileHandle* h, std::uint32_t flags, Journal* journal) {
@@ -70,6 +72,7 @@ Status close(FileHandle* h, std::uint32_t flags, Journal* journal) {
   const bool remove = isToBeRemoved(*h, flags);
   FirstFailure result;
   settleWriteBlock(h, &result, journal);
+  if (h->hostFile == nullptr) return result.status();
   if ((h->openOptions & optionFlushAtClose) != 0) {
     const Status flushed = flushThroughTable(h, journal);
     result.note(flushed);

@@ -24,7 +24,11 @@ Status removeFile(FileHandle* h, Journal* journal) {
     return Status::notRemoved;
   }
   parameters.removeAtClose = 1;
-  if (closeHostFile(h->hostFile, &parameters, journal) != 0) return Status::notRemoved;
+  if (closeHostFile(h->hostFile, &parameters, journal) != 0) {
+    // The caller may give the deletion up and close the handle: the file is not known to be empty.
+    h->sizeUnknown = 1;
+    return Status::notRemoved;
+  }
   h->hostFile = nullptr;
   h->pageCount = 0;
   h->fileSize = 0;

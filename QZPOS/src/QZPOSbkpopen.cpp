@@ -8,7 +8,8 @@
 namespace qz {
 namespace {
 
-// A handle that is attached without being open or pre-opened is left from a close that failed.
+// A handle that is attached without being open or pre-opened is left from a close, or from a
+// delete, that failed.
 Status checkOpen(const FileHandle& h) {
   if (isOpen(h)) return Status::alreadyOpen;
   if (h.hostFile != nullptr && !isPreopened(h)) return Status::alreadyOpen;
@@ -58,6 +59,8 @@ Status replaceContents(FileHandle* h, Journal* journal) {
   if (ftruncate64(h->fd, 0) == -1) {
     const std::int32_t error = errno;
     h->lastErrno = error;
+    // The open zeroed `fileSize`, but the file has what it had.
+    h->sizeUnknown = 1;
     closeThroughTable(h, kRemoveFile, journal);
     h->lastErrno = error;
     return fail(h, Status::notTruncated, journal);
@@ -81,6 +84,9 @@ Status openBuffers(FileHandle* h, Journal* journal) {
     return status;
   }
   closeThroughTable(h, h->openMode == openOrKeep ? 0 : kRemoveFile, journal);
+  // A close that a host replaced may have left the file attached. It is not to be opened again over
+  // the buffers made so far: the page size may be another one by then.
+  h->stateFlags &= ~std::uint32_t{statePreopened};
   return keep(h, status);
 }
 

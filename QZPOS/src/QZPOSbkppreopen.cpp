@@ -16,8 +16,8 @@ Status checkPreopen(const FileHandle& h, const std::int32_t* length) {
   return Status::ok;
 }
 
-// Under direct I/O memory that is not aligned is read through memory of the pool that is: whole
-// pages of the machine, always more than `length` bytes.
+// Under direct I/O a header that is wanted in unaligned memory is read into an aligned buffer of
+// the pool, whose size is a multiple of 4096 and always larger than `length`, and copied.
 Transfer readBounced(const FileHandle& h, void* buffer, std::size_t length) {
   MemoryPool* pool = h.module->bufferPool;
   const std::size_t bytes = length / kDirectAlignment * kDirectAlignment + kDirectAlignment;

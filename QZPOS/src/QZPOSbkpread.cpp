@@ -2,7 +2,8 @@
 // whole; in page mode in a buffer of its own, found through the page tree.
 //
 // A page that comes back short closes the file: its contents do not fit the layout that the
-// handle believes in, and nothing that was not read is ever handed out.
+// handle believes in, and nothing that was not read is ever handed out. (In page mode no bytes at
+// all are the end of the file, and a failed read is ioFailed; both leave the file open.)
 #include <cstring>
 
 #include "find.h"
@@ -80,13 +81,23 @@ void handOut(FileHandle* h, PageRequest* request, char* address) {
   h->lastPageRead = request->pageNumber;
 }
 
-// The host has put something in the place of the close that left the file open, and the block
-// where it was: nothing was handed out, so the block goes back to the free ones, and what it has is
-// not judged again.
-void takeBack(FileHandle* h, BlockRecord* block) {
-  unlink(h->blockHeldList, block);
-  joinFreeHead(h, block);
-  emptyFreeBlock(h, block);
+// The page came short: closes the file. Meanwhile the block counts as held, so that whatever a
+// replaced qzpclose does leaves it in its place. Where that leaves the file open, the block is
+// emptied unless it is held otherwise: nothing was handed out, and its bytes must not be judged
+// again.
+Status closeShortBlock(FileHandle* h, BlockRecord* block, std::int32_t available,
+                       Journal* journal) {
+  const std::uint32_t closes = h->closes;
+  ++block->holdCount;
+  const Status status = closeShort(h, {.result = available, .error = block->readErrno}, journal);
+  if (h->closes != closes) return status;  // the block is gone
+  --block->holdCount;
+  if (isOpen(*h) && block->holdCount == 0) {
+    unlink(h->blockHeldList, block);
+    joinFreeHead(h, block);
+    emptyFreeBlock(h, block);
+  }
+  return status;
 }
 
 Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
@@ -106,12 +117,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
       stale ? refreshPage(h, block, page) : bytesAvailable(*h, *block, page);
   h->lastBlock = block;
   moveToHeld(h, block);
-  if (available < h->pageSize) {
-    const Status status = closeShort(h, {.result = available, .error = block->readErrno}, journal);
-    // A close forgets the last block.
-    if (isOpen(*h) && h->lastBlock == block && block->holdCount == 0) takeBack(h, block);
-    return status;
-  }
+  if (available < h->pageSize) return closeShortBlock(h, block, available, journal);
   request->length = available;
   handOut(h, request, slotOf(*h, *block, page));
   ++h->heldCount;
@@ -125,10 +131,10 @@ struct PageRead {
   std::int32_t error;  // of a read made now
 };
 
-// Reads the page into the buffer released longest ago: what was used last is the likeliest to be
-// read again. Caches whatever came of it. An interrupted read is not repeated: the file stays open,
-// and the caller decides whether to go on. (A block read is repeated, because its failure closes
-// the file, and a signal is no reason for that.)
+// Reads the page into the first free buffer, an emptied one or the one released longest ago: what
+// was used last is the likeliest to be read again. Caches whatever came of it. An interrupted read
+// is not repeated: the file stays open, and the caller decides whether to go on. (A block read is
+// repeated, because its failure closes the file, and a signal is no reason for that.)
 PageRead fillPage(FileHandle* h, std::int64_t page) {
   PageBuffer* buffer = h->pageFreeList.head;
   if (buffer == nullptr) return {nullptr, 0};

@@ -1,6 +1,6 @@
 // qzpreopen: applies new access hints to an open file. The host reopens the file, the choice of
 // I/O is made anew, and where it changes between single pages and blocks the free records of the
-// old shape are replaced. What the caller holds stays valid and is freed as it comes back.
+// old shape are replaced. What the caller holds stays valid and is freed after it comes back.
 #include "records.h"
 
 namespace qz {

@@ -17,17 +17,10 @@ void storeName(FileHandle* h, const char32_t* name, std::int32_t length) {
   h->fileNameLength = static_cast<std::uint32_t>(length);
 }
 
-// True for the whole of the buffer that the handle has. A name as long as that takes a new buffer,
-// but this one would be gone before it could be copied.
-bool isOwnName(const FileHandle& h, const char32_t* name, std::int32_t length) {
-  return h.fileName != nullptr && name == h.fileName && length == h.fileNameCapacity;
-}
-
-bool dropName(FileHandle* h, Journal* journal) {
-  if (!release(h->module->modulePool, h->fileName, journal)) return false;
-  h->fileNameCapacity = 0;
-  h->fileNameLength = 0;
-  return true;
+// True for a name that lies in the handle's own buffer, which has one character more than its
+// capacity.
+bool isOwnName(const FileHandle& h, const char32_t* name) {
+  return h.fileName != nullptr && name >= h.fileName && name <= h.fileName + h.fileNameCapacity;
 }
 
 Status newName(FileHandle* h, const char32_t* name, std::int32_t length, Journal* journal) {
@@ -39,6 +32,8 @@ Status newName(FileHandle* h, const char32_t* name, std::int32_t length, Journal
         allocate(h->module->modulePool, static_cast<std::size_t>(bytes), kAsAllocated));
   }
   if (h->fileName == nullptr) {
+    h->fileNameCapacity = 0;
+    h->fileNameLength = 0;
     journalStatus(journal, Status::noMemory);
     return Status::noMemory;
   }
@@ -59,13 +54,13 @@ qz::Status qzpsetfilename(qz::FileHandle* h, const char32_t* name, std::int32_t 
     storeName(h, name, length);
     return keep(h, Status::ok);
   }
-  Status status = Status::ok;
-  if (isOwnName(*h, name, length)) {
-    storeName(h, name, length);
-  } else {
-    if (h->fileName != nullptr && !dropName(h, journal)) return keep(h, Status::badArgument);
-    status = newName(h, name, length, journal);
-  }
+  char32_t* const old = h->fileName;
+  const bool own = isOwnName(*h, name);
+  MemoryPool* pool = h->module->modulePool;
+  if (old != nullptr && !own && !release(pool, old, journal)) return keep(h, Status::badArgument);
+  Status status = newName(h, name, length, journal);
+  // A piece of the old name has to be copied before its buffer goes.
+  if (own && !release(pool, old, journal)) status = Status::badArgument;
   infoThroughTable(h, journal);
   return keep(h, status);
 }

@@ -1,6 +1,7 @@
 // qzptruncate: cuts the file to a page count and brings the cache into line with the new end.
 // What the caller holds is left alone. The walks stop at the first empty record: a cached page
-// beyond the end that they do not reach is never served, since reads end at `pageCount`.
+// beyond the end that they do not reach is never served: reads end at `pageCount`, and an append of
+// a page in its range drops it first.
 #include "io.h"
 #include "records.h"
 

@@ -42,14 +42,18 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
   return Status::ok;
 }
 
-// The write block takes rewrites of its own pages, and appended pages once it has begun; it
-// begins with a page at a block boundary. It can still be full when the cut-back after a failed
-// write-back was left to a host that did nothing.
+// The write block takes rewrites of its own pages, and appended pages once it has begun; it begins
+// with a page at a block boundary. When a replaced qzptruncate does not cut back after a failed
+// write-back, the block keeps its pages: it may be full, or lack the file's last pages. Then the
+// page goes to the file directly.
 bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
   if (!inBlockMode(h) || h.writeBlock == nullptr) return false;
   if (isCollected(h, page)) return true;
   if (page <= h.pageCount) return false;
-  if (isCollecting(h)) return extentContains(*h.writeBlock, page, h.pagesPerBlock);
+  if (isCollecting(h)) {
+    return page - 1 == h.writeBlock->lastPage &&
+           extentContains(*h.writeBlock, page, h.pagesPerBlock);
+  }
   return beginsBlock(page, h.pagesPerBlock);
 }
 
@@ -157,7 +161,7 @@ void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written, bool 
   if (cached != nullptr && cached != written) {
     if (cached->held == 0) {
       emptyFreePage(h, cached);
-    } else if (written != nullptr || appended) {
+    } else if ((r.flags & kCallersMemory) == 0 || appended) {
       leaveTree(h, cached);
     }
   }
@@ -191,8 +195,11 @@ Status store(FileHandle* h, const PageRequest& r, Journal* journal) {
   const char* stored = r.buffer;
   if (goesToWriteBlock(*h, r.pageNumber)) {
     stored = collect(h, r);
+    const std::uint32_t closes = h->closes;
     // A full write block that could not be written does not keep the hold.
     status = writeBlockWhenFull(h, journal);
+    // A replaced qzptruncate may have closed the file, and so freed every record.
+    if (h->closes != closes) return status;
   } else {
     status = writeDirectly(h, r, journal);
     if (status != Status::ok) return status;

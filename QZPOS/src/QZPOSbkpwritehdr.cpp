@@ -1,11 +1,11 @@
 // qzpwritehdr: writes the file's header, straight to the file. A header longer than `headerSize`
 // runs over the first pages; cached and held copies of them stay as they were.
 #include <algorithm>
-#include <limits>
 
 #include "hostcalls.h"
 #include "io.h"
 #include "outcome.h"
+#include "pages.h"
 
 namespace qz {
 namespace {
@@ -25,12 +25,12 @@ struct HeaderWrite {
 // A header shorter than its area is written with zeros behind it. *length becomes the area's.
 HeaderWrite writePadded(FileHandle* h, const void* header, std::int32_t* length, Journal* journal) {
   MemoryPool* pool = h->module->bufferPool;
-  void* staging = nullptr;
-  // The length given back has 31 bits, so no longer header can be written in one piece.
-  const bool expressible = h->headerSize <= std::numeric_limits<std::int32_t>::max();
-  if (expressible) {
-    staging = allocate(pool, static_cast<std::size_t>(h->headerSize), kZeroFill);
+  // A longer header cannot be written in one piece.
+  if (h->headerSize > kMostBytesOfACall) {
+    *length = 0;
+    return {Status::noMemory, {}};
   }
+  void* staging = allocate(pool, static_cast<std::size_t>(h->headerSize), kZeroFill);
   if (staging == nullptr) {
     h->lastErrno = errno;
     *length = 0;
@@ -44,7 +44,8 @@ HeaderWrite writePadded(FileHandle* h, const void* header, std::int32_t* length,
   return {Status::ok, transfer};
 }
 
-// *length becomes what reached the file. Missing space leaves the file without pages.
+// *length becomes what reached the file. An error that means no space cuts the file to no pages; a
+// partial write does not.
 Status judgeHeader(FileHandle* h, const Transfer& transfer, std::int32_t* length,
                    Journal* journal) {
   const Status status = judgeWrite(transfer, *length);

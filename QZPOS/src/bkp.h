@@ -3,7 +3,7 @@
 
 #include "qzpos.h"
 
-// Known as hidden before they are called: i386 then calls them without a table.
+// Declared hidden, so that calls on i386 are direct and do not go through the PLT.
 #pragma GCC visibility push(hidden)
 
 namespace qz {

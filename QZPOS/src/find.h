@@ -17,7 +17,7 @@ BlockRecord* findListedBlock(const FileHandle& h, std::int64_t page);
 // The same, with the block that served the last read before all others.
 inline BlockRecord* findBlockOfPage(const FileHandle& h, std::int64_t page) {
   if (h.lastBlock != nullptr && coversPage(*h.lastBlock, page)) return h.lastBlock;
-  // Only blocks fix a block size: without them there may be none to divide by.
+  // Without blocks `pagesPerBlock` can be 0, and the lookup divides by it.
   return h.blocksAllocated == 0 ? nullptr : findListedBlock(h, page);
 }
 

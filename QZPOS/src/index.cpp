@@ -11,7 +11,7 @@
 namespace qz {
 namespace {
 
-// Below this many records of a shape a walk is as quick as a lookup.
+// Up to this many records, of both shapes together, a walk is as quick as a lookup.
 constexpr std::int64_t kFewRecords = 16;
 
 template <class Record>

@@ -2,9 +2,9 @@
 //
 // The lists decide what happens; the index only answers what a walk would have found, so that a
 // handle with tens of thousands of buffers is as quick as one with four. A handle with few
-// records goes without: a short walk costs less than a lookup. So does one whose index finds no
-// memory: it is slower, not wrong. The index is the module's own memory, not the host's, and is
-// allocated only where records are made.
+// records goes without until it has grown once: a short walk costs less than a lookup. So does one
+// whose index finds no memory: it is slower, not wrong. The index is the module's own memory, not
+// the host's, and is allocated only where records are made.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,9 @@
 
 namespace qz {
 
-// Records under 64-bit keys; a key can have several. Open addressing, at most half full. Keys come
-// in runs, as pages are mostly used: those of a run have their homes side by side, so that going
-// through them touches each cache line once.
+// Records under 64-bit keys; a key can have several. Open addressing, at most half full.
+// Neighbouring keys are often used one after the other: those of a run have their homes side by
+// side, so that going through them touches each cache line once.
 class RecordMap {
  public:
   RecordMap() = default;
@@ -46,7 +46,7 @@ class RecordMap {
     void* record;  // null: free
   };
 
-  static constexpr std::size_t kRun = 8;  // keys, two cache lines of 64-bit slots
+  static constexpr std::size_t kRun = 8;  // keys; two cache lines where pointers have 64 bits
 
   [[nodiscard]] std::size_t home(std::uint64_t key) const {
     const auto run = static_cast<std::size_t>((key / kRun * 0x9E3779B97F4A7C15U) >> homeShift_);
@@ -105,7 +105,7 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
  private:
   // A page buffer is known by the stretch of the address space, no longer than a page, that it
   // begins in; a block by those that it lies in: they are no shorter than a block, so that there
-  // are two at the most, and one when it is aligned.
+  // are two at the most, and one when it begins at a multiple of their length.
   static constexpr std::size_t kStretchesOfBlock = 2;
 
   static std::uint64_t keyOf(const void* address) {

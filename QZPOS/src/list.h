@@ -1,7 +1,7 @@
 // Moves on the doubly linked lists of buffer records. No other file assigns `next` or `prev`.
 //
-// Where a record joins decides what is reused first: empty records are pushed at the head,
-// records that keep their pages are appended at the tail.
+// Where a record joins decides what is reused first: the head is for records that a write or a
+// return has emptied, the tail for those that keep their pages.
 //
 // Assertions stand where a broken invariant would corrupt memory; debug builds and the sanitizer's
 // have them.

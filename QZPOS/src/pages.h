@@ -19,7 +19,10 @@ inline constexpr std::int32_t kMostBytesOfACall = 0x7FFFF000;
 
 constexpr std::int64_t pageOffset(std::int64_t page, std::int32_t pageSize,
                                   std::int64_t headerSize) {
-  return (page - 1) * pageSize + headerSize;
+  // Unsigned: what lies beyond the offsets there are becomes negative, which the system refuses.
+  return static_cast<std::int64_t>(static_cast<std::uint64_t>(page - 1) *
+                                       static_cast<std::uint64_t>(pageSize) +
+                                   static_cast<std::uint64_t>(headerSize));
 }
 static_assert(pageOffset(1, 4096, 100) == 100);
 static_assert(pageOffset(3, 512, 100) == 1124);
@@ -123,8 +126,8 @@ inline void clearStale(BlockRecord* block, std::int32_t index) {
   block->staleBits[index >> 3] &= static_cast<std::uint8_t>(~staleMask(index));
 }
 
-// Least common multiple of two positive numbers below 2^62 whose product may be larger; nothing
-// when the result does not fit the 31 bits of a size.
+// Least common multiple; nothing when a number is below 1 or the result does not fit the 31 bits of
+// a size.
 constexpr std::optional<std::int32_t> commonSize(std::int64_t a, std::int64_t b) {
   std::int64_t multiple = 0;
   if (a < 1 || b < 1) return std::nullopt;

@@ -4,7 +4,8 @@
 // latter, and a buffer stands in the page tree exactly while its `pageNumber` is not 0.
 // Block mode: every block is the write block or lies on one of the three block lists; `holdCount`
 // is 0 exactly on blockFreeList. No record on a free list has anything that the file lacks.
-// Records of the other shape can be left over from before a reopen, on their held lists.
+// Records of the other shape can be left over from before a reopen: on their held or acquired
+// lists, and once they were written, on their free lists.
 #pragma once
 
 #include "bkp.h"
@@ -186,7 +187,7 @@ inline bool endExtraHold(FileHandle* h, PageBuffer* buffer) {
   return true;
 }
 
-// Ends a buffer's last hold, up to the free list that it now joins at the head or the tail.
+// Ends a buffer's last hold. The caller then puts it on the free list, at the head or the tail.
 inline void unhold(FileHandle* h, PageBuffer* buffer) {
   assert(buffer->held == 1 && h->heldCount > 0);
   unlink(h->pageHeldList, buffer);

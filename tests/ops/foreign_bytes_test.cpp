@@ -93,6 +93,27 @@ TEST_F(ForeignBytesTest, AnEmptyFileThatWasOpenIsRemovedAlsoAfterAPreopen) {
   EXPECT_EQ(bytesOnDisk(), -1);
 }
 
+// A file that could not be cut to nothing still has its pages, and so has one whose deletion
+// failed: the close that detaches it does not take it for empty.
+TEST_F(ForeignBytesTest, AFileThatAFailureLeftAttachedIsKept) {
+  settle(Shape::buffered);
+  makeFile(2);
+  h->openMode = qz::createOrReplace;
+  h->openOptions |= qz::optionFlushAtClose;
+  calls().plan({{Call::ftruncate, 1, 1, -1, EPERM}});
+  EXPECT_EQ(open(), Status::notTruncated);
+  ASSERT_NE(h->hostFile, nullptr) << "the flush refused the close";
+  h->openOptions &= ~std::uint32_t{qz::optionFlushAtClose};
+  EXPECT_EQ(close(), Status::ok);
+  EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+
+  calls().plan({{Call::fileClose, 1, 1, kNotDone, 0x80FFE00C}});
+  EXPECT_EQ(call(&qz::OperationTable::qzpdelete), Status::notRemoved);
+  calls().plan({});
+  EXPECT_EQ(close(), Status::ok);
+  EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+}
+
 TEST_F(ForeignBytesTest, ReplacingAPreopenedFileLeavesItWithoutPages) {
   for (const Shape shape : kShapes) {
     settle(shape);
@@ -199,6 +220,19 @@ TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
   }
 }
 
+// A block that was held before a reopen to single pages is no caller's memory: what is written from
+// it replaces a held copy as well.
+TEST_F(ForeignBytesTest, AWriteFromABlockOfBeforeAReopenReplacesAHeldCopy) {
+  openWith(Shape::block, 8);
+  char* const inBlock = reading(5);
+  ASSERT_EQ(reopen(Shape::direct), Status::ok);
+  ASSERT_NE(reading(5), inBlock);
+  stamp(inBlock, kPage, 5, 1);
+  ASSERT_EQ(write(5, inBlock), Status::ok);
+  reading(5);
+  EXPECT_TRUE(holdsPage(5, 1));
+}
+
 // --- A write whose source overlaps the place where a copy keeps the page: every copy gets the
 // bytes that the file gets.
 
@@ -237,6 +271,96 @@ TEST_F(ForeignBytesTest, AHeldCopyTakesWhatTheWriteBlockTookFromItself) {
   EXPECT_TRUE(pageAt(held) == written);
   EXPECT_EQ(flush(), Status::ok);
   EXPECT_TRUE(pageInFile(5) == written);
+}
+
+// --- Hosts that replace an entry of the table which the module calls itself.
+
+// Restores the table.
+class ReplacedEntriesTest : public ForeignBytesTest {
+ protected:
+  void SetUp() override { originals = module->operations; }
+  void TearDown() override {
+    module->operations = originals;
+    ForeignBytesTest::TearDown();
+  }
+  static qz::OperationTable originals;
+};
+qz::OperationTable ReplacedEntriesTest::originals;
+
+// While a short block is judged the replaced close may go on working with the file.
+TEST_F(ReplacedEntriesTest, ACloseThatReadsAndWritesOtherPagesOfTheShortFile) {
+  for (const std::int32_t buffers : {3, 40}) {
+    openWith(Shape::block, 8, buffers);
+    module->operations.qzpclose = [](qz::FileHandle* file, std::uint32_t, qz::Journal* log) {
+      calls().plan({});
+      qz::PageRequest other{
+          .pageNumber = 6, .buffer = nullptr, .flags = 0, .reserved = 0, .length = 0};
+      EXPECT_EQ(originals.qzpread(file, &other, log), Status::ok);
+      EXPECT_EQ(originals.qzpbufreturn(file, other.buffer, log), Status::ok);
+      static char own[kPage];
+      stamp(own, kPage, 3, 1);
+      qz::PageRequest rewrite{
+          .pageNumber = 3, .buffer = own, .flags = kOwn, .reserved = 0, .length = kPage};
+      EXPECT_EQ(originals.qzpwrite(file, &rewrite, log), Status::ok);
+      return Status::ok;
+    };
+    calls().plan({{Call::pread, 1, 1, kPage + 100}});
+    EXPECT_EQ(read(2), Status::misfit);
+    module->operations = originals;
+    reading(2);
+    EXPECT_TRUE(holdsPage(2, 0));
+    reading(3);
+    EXPECT_TRUE(holdsPage(3, 1));
+    EXPECT_EQ(close(), Status::ok);
+  }
+}
+
+// As a caller should do who learns that the file could not be cut back.
+Status truncateOrClose(qz::FileHandle* file, std::int64_t, qz::Journal* log) {
+  file->ops->operations.qzpclose(file, 0, log);
+  return Status::notTruncated;
+}
+
+TEST_F(ReplacedEntriesTest, ATruncateThatClosesTheFileAfterAFailedWriteBack) {
+  openWith(Shape::block, 4);
+  for (const std::int64_t page : {5, 6, 7}) ASSERT_EQ(writeOwn(page), Status::ok);
+  ASSERT_EQ(acquire(), Status::ok);
+  stamp(at, kPage, 8, 0);
+  module->operations.qzptruncate = truncateOrClose;
+  calls().plan({{Call::pwrite}});
+  EXPECT_EQ(write(8, at), Status::ioFailed);
+  EXPECT_EQ(h->hostFile, nullptr);
+
+  module->operations = originals;
+  openWith(Shape::block, 4);
+  ASSERT_EQ(writeOwn(5), Status::ok);
+  module->operations.qzptruncate = truncateOrClose;
+  calls().plan({{Call::pwrite}});
+  EXPECT_EQ(close(), Status::ioFailed);
+  EXPECT_EQ(h->hostFile, nullptr);
+}
+
+// A cut-back that was left undone leaves collected pages behind. The page that is appended next
+// must reach the file.
+TEST_F(ReplacedEntriesTest, AnAppendAfterACutBackThatWasLeftUndone) {
+  openWith(Shape::block, 4);
+  for (const std::int64_t page : {5, 6, 7}) ASSERT_EQ(writeOwn(page), Status::ok);
+  module->operations.qzptruncate = [](qz::FileHandle*, std::int64_t, qz::Journal*) {
+    return Status::ok;
+  };
+  calls().plan({{Call::pwrite}});
+  EXPECT_EQ(originals.qzptruncate(h, 6, journal), Status::ioFailed);
+  calls().plan({});
+  ASSERT_EQ(h->pageCount, 7);
+  ASSERT_EQ(h->writeBlock->lastPage, 6);
+  char own[kPage];
+  stamp(own, kPage, 8, 1);
+  qz::PageRequest append{
+      .pageNumber = 8, .buffer = own, .flags = kOwn, .reserved = 0, .length = kPage};
+  ASSERT_EQ(originals.qzpwrite(h, &append, journal), Status::ok);
+  EXPECT_TRUE(onDisk(8, 1));
+  module->operations = originals;
+  EXPECT_EQ(truncate(5), Status::ok) << "brings pages and write block together again";
 }
 
 }  // namespace
