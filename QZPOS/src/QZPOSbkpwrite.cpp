@@ -127,14 +127,21 @@ Status judgeDirectWrite(FileHandle* h, const PageRequest& r, const Transfer& tra
   return Status::ok;
 }
 
+// A copy of the page in aligned memory of the pool, or null without memory.
+void* copyAligned(const FileHandle& h, const PageRequest& r) {
+  void* copy = allocate(h.module->bufferPool, static_cast<std::size_t>(h.pageSize), kZeroFill);
+  if (copy != nullptr) std::memcpy(copy, r.buffer, static_cast<std::size_t>(r.length));
+  return copy;
+}
+
 Status writeDirectly(FileHandle* h, const PageRequest& r, Journal* journal) {
-  if (!needsBounce(*h, r)) return judgeDirectWrite(h, r, writePage(*h, r, r.buffer), journal);
-  MemoryPool* pool = h->module->bufferPool;
-  void* bounce = allocate(pool, static_cast<std::size_t>(h->pageSize), kZeroFill);
-  if (bounce == nullptr) return Status::noMemory;
-  std::memcpy(bounce, r.buffer, static_cast<std::size_t>(r.length));
-  const Transfer transfer = writePage(*h, r, bounce);
-  giveBack(pool, bounce);
+  void* bounce = nullptr;
+  if (needsBounce(*h, r)) {
+    bounce = copyAligned(*h, r);
+    if (bounce == nullptr) return Status::noMemory;
+  }
+  const Transfer transfer = writePage(*h, r, bounce != nullptr ? bounce : r.buffer);
+  if (bounce != nullptr) giveBack(h->module->bufferPool, bounce);
   return judgeDirectWrite(h, r, transfer, journal);
 }
 
