@@ -84,10 +84,12 @@ struct Held {
 
 // Records of the mode's own shape are looked at first. The write block is among them.
 inline void findHeld(const FileHandle& h, const void* address, Held* held) {
-  if (inBlockMode(h)) held->block = bkpblockmatch(h, address, &held->foundIn);
-  if (held->block == nullptr) held->buffer = bkpbufmatch(h, address);
-  if (!inBlockMode(h) && held->buffer == nullptr) {
+  if (inBlockMode(h)) {
     held->block = bkpblockmatch(h, address, &held->foundIn);
+    if (held->block == nullptr) held->buffer = bkpbufmatch(h, address);
+  } else {
+    held->buffer = bkpbufmatch(h, address);
+    if (held->buffer == nullptr) held->block = bkpblockmatch(h, address, &held->foundIn);
   }
 }
 
