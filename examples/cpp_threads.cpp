@@ -42,6 +42,7 @@ int main(int argc, char** argv) {
   if (!module) return std::fprintf(stderr, "%s\n", module.error().message().c_str()), 1;
   std::vector<Sum> sums(argv + 1, argv + argc);
   std::vector<std::thread> threads;
+  threads.reserve(sums.size());
   for (Sum& sum : sums) threads.emplace_back([&] { add(*module, &sum); });
   for (std::thread& thread : threads) thread.join();
   int result = 0;
