@@ -113,23 +113,29 @@ void forgetIfCleared(Tree* tree) {
   tree->removal.last = tree->removal.levels;
 }
 
-// Leads the finger from its last link, which has the key, to the link where the key is or would
-// be. Returns the node there or null.
-Node* descend(Finger* finger, std::int64_t key, std::size_t keyOffset) {
+// The first or the second, without a branch.
+std::int64_t pick(bool second, std::int64_t ifFirst, std::int64_t ifSecond) {
+  const std::int64_t mask = -static_cast<std::int64_t>(second);
+  return (ifFirst & ~mask) | (ifSecond & mask);
+}
+
+// Leads the finger from the node behind its last link to where the key is or would be. A search
+// that goes far turns at random, so that a branch would go wrong at every other node, and a node
+// that is not cached costs more than all else: both that may be next are fetched at once.
+Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffset) {
   FingerLevel at = *finger->last;
-  Node* node = target(*at.link);
   while (node != nullptr) {
     const std::int64_t nodeKey = keyOf(node, keyOffset);
     if (nodeKey == key) break;
-    // Both links are loaded beside the key: the choice need not wait for a further load.
-    void* const below = node->links[left];
-    void* const above = node->links[right];
+    __builtin_prefetch(target(node->links[left]));
+    __builtin_prefetch(target(node->links[right]));
     const bool isAbove = key > nodeKey;
-    at.low = isAbove ? nodeKey + 1 : at.low;
-    at.high = isAbove ? at.high : nodeKey - 1;
     at.link = &node->links[isAbove ? right : left];
+    const std::int64_t bound = nodeKey + (2 * std::int64_t{isAbove} - 1);
+    at.low = pick(isAbove, at.low, bound);
+    at.high = pick(isAbove, bound, at.high);
     finger->enter(at);
-    node = target(isAbove ? above : below);
+    node = target(*at.link);
   }
   return node;
 }
@@ -140,8 +146,14 @@ Node* descend(Finger* finger, std::int64_t key, std::size_t keyOffset) {
   for (std::size_t tried = 0; !finger->last->holds(key); ++tried) {
     finger->last = tried == kLevelsTried ? finger->levels : finger->last - 1;
   }
-  if (*finger->last->link == nullptr) return nullptr;
-  return descend(finger, key, tree->keyOffset);
+  // In a run of pages the search ends here or one level on.
+  Node* node = target(*finger->last->link);
+  if (node == nullptr) return nullptr;
+  const std::int64_t nodeKey = keyOf(node, tree->keyOffset);
+  if (nodeKey == key) return node;
+  finger->enter(levelBelow(*finger->last, node, nodeKey, key > nodeKey ? right : left));
+  node = target(*finger->last->link);
+  return node == nullptr ? nullptr : descend(finger, node, key, tree->keyOffset);
 }
 
 // What lies behind the link of `level` was rearranged: the other finger must not lead further.
