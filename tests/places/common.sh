@@ -29,23 +29,27 @@ refused() {
   said=$("$@" 2>&1) && status=0 || status=$?
   judge "$text" "$wanted" "$words" $status "$said"
 }
+any_failure=any # for STATUS: each but 0
 judge() {
   local said
   said=$(in_one_line <<<"$5")
-  if [ "$4" -eq "$2" ] && [[ $said == *"$3"* ]]; then
+  if [ "$2" = $any_failure ] && [ "$4" -ne 0 ] && [ -n "$said" ]; then
+    pass "$1: exit status $4: $(sed "s,$W/,,g" <<<"$said" | cut -c1-150)"
+  elif [ "$2" != $any_failure ] && [ "$4" -eq "$2" ] && [[ $said == *"$3"* ]]; then
     pass "$1: \"$3\""
   else
     fail "$1: exit status $4, not $2 with \"$3\": $said"
   fi
 }
 
-# The payload of most files, two blocks of 4 MiB and some pages; what `put` writes, three pages; and
-# what a file holds after `change`.
+# in: the payload of most files, two blocks of 4 MiB and some pages. pages: what `put` writes, three
+# pages. put, want: what a file holds with these as its pages 3 to 5, and after `change`.
 make_payloads() {
   seq 5000000 | head -c 9000000 >"$W/in"
   head -c 12288 /dev/urandom >"$W/pages"
   cp "$W/in" "$W/want"
   dd if="$W/pages" of="$W/want" bs=4096 seek=2 conv=notrunc status=none
+  cp "$W/want" "$W/put"
   truncate -s 8192000 "$W/want" # 2000 pages
 }
 
@@ -109,7 +113,10 @@ honest() {
   fi
   for payload in "$@"; do
     if holds "$file" "$payload"; then
-      pass "$text: good, and as ${payload/#in/before}"
+      case $payload in
+        in) pass "$text: good, and as before" ;;
+        *) pass "$text: good, and as it was to become" ;;
+      esac
       return
     fi
   done
@@ -123,7 +130,7 @@ nothing_left() {
   if [ -z "$left" ]; then pass "nothing half made is left"; else fail "left behind: $left"; fi
 }
 
-# begin_put FILE MODE: a put that waits in the middle, after its first page.
+# begin_put FILE MODE: a put that has the file open and locked and waits for the rest of its pages.
 begin_put() {
   mkfifo "$W/fifo"
   $Q put --io "${2:-buffered}" "$1" 3 <"$W/fifo" >"$W/put.said" 2>&1 &
