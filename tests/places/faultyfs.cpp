@@ -45,7 +45,7 @@ int openFile(const char* path, fuse_file_info* file) {
   const int fd = open(real(path).c_str(), file->flags & ~(O_DIRECT | O_CREAT | O_EXCL));
   if (fd == -1) return -errno;
   file->fh = static_cast<std::uint64_t>(fd);
-  // Past the page cache of the kernel, which makes zeros of what a short read lacks.
+  // Past the page cache of the kernel, which would take a short read for the end of the file.
   file->direct_io = fault == "short-reads" || fault == "interrupted";
   return 0;
 }

@@ -93,6 +93,11 @@ place_replicated() {
       fail "$mode: $old of 20 pages put on one client were read old on the other"
     fi
     good "$mode: both clients change the same page in turn" in_turn $mode
+    # GlusterFS and the kernel each keep a file's length for up to a second.
+    good "$mode: one client appends" $Q put --io $mode --append "$a/$file" <"$W/pages"
+    sleep 2.5
+    good "$mode: the other appends 2.5 s later" $Q put --io $mode --append "$b/$file" <"$W/pages"
+    sleep 2.5
     good "$mode: the other client verifies the file" $Q verify "$b/$file"
   done
 
