@@ -135,6 +135,18 @@ constexpr std::array kCommands = {
             kNone,
             optionRepair | optionFormat | optionProgress,
             runRepair},
+    Command{"trace",
+            "sum up a trace of the module",
+            "Sums up what libqziop-trace.so recorded into FILE: operations and their time, hits "
+            "and misses, pages and bytes moved, the slowest operations, every failure, and the "
+            "calls that other hints would have taken.",
+            "QZIOP_TRACE=t.json qzpfile pack --module libqziop-trace.so a.tar a.qzp\trecord one\n"
+            "qzpfile trace t.json\tsum it up\n"
+            "qzpfile trace --format json t.json\tfor programs",
+            {"FILE", "a file that QZIOP_TRACE named"},
+            kNone,
+            optionFormat,
+            runTrace},
     Command{"rm", "remove a paged file",
             "Removes FILE, if it is a paged file. With --raw it may be any file.",
             "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw, runRm},

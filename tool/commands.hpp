@@ -98,6 +98,7 @@ Exit runPack(const Invocation& call);
 Exit runPut(const Invocation& call);
 Exit runRepair(const Invocation& call);
 Exit runRm(const Invocation& call);
+Exit runTrace(const Invocation& call);
 Exit runTruncate(const Invocation& call);
 Exit runUnpack(const Invocation& call);
 Exit runVerify(const Invocation& call);

@@ -1,0 +1,334 @@
+// The trace library: what it writes down, and that it harms neither the program nor its files.
+//
+// A process records into one file until it ends, so each test does its work in a child process and
+// looks at the file afterwards.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qziop.hpp"
+#include "support/syscalls.h"
+
+namespace qztest {
+namespace {
+
+using Json = nlohmann::json;
+namespace fs = std::filesystem;
+
+class TraceTest : public testing::Test {
+ protected:
+  TraceTest() {
+    std::string pattern = (fs::temp_directory_path() / "qztrace-XXXXXX").string();
+    folder = mkdtemp(pattern.data());
+    trace = folder / "trace.json";
+  }
+  ~TraceTest() override { fs::remove_all(folder); }
+
+  // Runs `work` in a child process that records into `trace`. Returns how it ended, as waitpid
+  // tells.
+  int inChild(const std::function<void()>& work) {
+    const pid_t child = fork();
+    if (child == 0) {
+      setenv("QZIOP_TRACE", trace.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
+      work();
+      std::_Exit(HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status;
+  }
+
+  // The lines of operations; the first line is not one.
+  static std::vector<Json> linesOf(const fs::path& file) {
+    std::vector<Json> lines;
+    std::ifstream stream(file);
+    std::string text;
+    while (std::getline(stream, text) && text.front() != '\0') lines.push_back(Json::parse(text));
+    EXPECT_FALSE(lines.empty()) << file << " is not there or empty";
+    if (!lines.empty()) lines.erase(lines.begin());
+    return lines;
+  }
+
+  // A file of `pages` pages of 512 bytes.
+  std::string makeFile(int pages, const char* called = "pages") {
+    std::string name = folder / called;
+    std::ofstream(name) << std::string(static_cast<std::size_t>(pages) * 512, 'x');
+    return name;
+  }
+
+  fs::path folder;
+  fs::path trace;
+};
+
+// The module behind the trace, with a host, and a file that may be read and written.
+struct Session {
+  explicit Session(const std::string& name, qz::Journal* journal = nullptr) {
+    EXPECT_TRUE(module) << module.error().message();
+    file = *module->newFile(journal);
+    file->settings().pageSize = 512;
+    file->settings().bufferCount = 2;
+    file->settings().readAccess = qz::readRandom;
+    file->settings().writeAccess = qz::rewritePages;
+    EXPECT_TRUE(file->setName(name));
+    EXPECT_TRUE(file->open());
+  }
+
+  qz::StandInHost host;
+  qz::Result<qz::Module> module = qz::Module::load(host.handle(), nullptr, QZIOP_TRACE_MODULE);
+  std::optional<qz::PagedFile> file;
+};
+
+void* symbolOf(const char* library, const char* name) {
+  return dlsym(dlopen(library, RTLD_NOW | RTLD_LOCAL), name);
+}
+
+TEST_F(TraceTest, TellsEachOperationWithArgumentsResultAndCalls) {
+  const std::string name = makeFile(3);
+  ASSERT_EQ(inChild([&] {
+              Session session(name);
+              { const auto page = session.file->read(2); }
+              EXPECT_EQ(session.file->read(5).status(), qz::Status::pageOutOfRange);
+              EXPECT_TRUE(session.file->truncate(1));
+              EXPECT_TRUE(session.file->close());
+            }),
+            0);
+  std::map<std::string, Json> lines;
+  for (const Json& line : linesOf(trace)) {
+    EXPECT_GE(line.at("ns"), 0);
+    if (line.at("status") != "ok") {
+      EXPECT_EQ(line.at("status"), "0x803FC80C");
+      EXPECT_EQ(line.at("page"), 5);
+    } else {
+      lines[line.at("op")] = line;
+    }
+  }
+  EXPECT_EQ(lines.at("qzpopen").at("name"), name);
+  EXPECT_EQ(lines.at("qzpopen").at("pages"), 3);
+  EXPECT_EQ(lines.at("qzpopen").at("page_size"), 512);
+  EXPECT_EQ(lines.at("qzpread").at("page"), 2);
+  const Json& call = lines.at("qzpread").at("calls").at(0);
+  EXPECT_EQ(call.at("call"), "pread64");
+  EXPECT_EQ(call.at("bytes"), 512);
+  EXPECT_EQ(call.at("offset"), 512);
+  EXPECT_EQ(call.at("result"), 512);
+  EXPECT_EQ(lines.at("qzpbufreturn").at("buffer"), lines.at("qzpread").at("buffer"));
+  EXPECT_EQ(lines.at("qzptruncate").at("calls").size(), 2U) << "lseek64 and ftruncate64";
+  EXPECT_EQ(lines.at("qzpinfo").at("in"), lines.at("qzpsetfilename").at("id"));
+  EXPECT_EQ(lines.count("qziop") + lines.count("qzpdestroy"), 2U);
+}
+
+// A file that was shrunk behind the module's back: the read closes it, through the table.
+TEST_F(TraceTest, ShowsTheOperationsThatAnOperationCalls) {
+  const std::string name = makeFile(3);
+  ASSERT_EQ(inChild([&] {
+              Session session(name);
+              fs::resize_file(name, 1100);
+              EXPECT_EQ(session.file->read(3).status(), qz::Status::misfit);
+            }),
+            0);
+  const std::vector<Json> lines = linesOf(trace);
+  for (std::size_t i = 1; i < lines.size(); ++i) {
+    if (lines[i].at("op") != "qzpread") continue;
+    EXPECT_EQ(lines[i - 1].at("op"), "qzpclose");
+    EXPECT_EQ(lines[i - 1].at("in"), lines[i].at("id"));
+    EXPECT_LE(lines[i - 1].at("ns"), lines[i].at("ns"));
+    return;
+  }
+  FAIL() << "no read";
+}
+
+// This program's own system functions stay in use behind the trace, and see the same calls.
+TEST_F(TraceTest, ShowsTheCallsThatWereMade) {
+  const std::string name = makeFile(40);
+  std::string made;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(inChild([&] {
+              calls().watch(symbolOf(QZIOP_TRACE_MODULE, "qziop"));
+              Session session(name);
+              calls().clear();
+              for (int page = 1; page <= 40; page += 3) {
+                auto hold = session.file->read(page);
+                if (page % 2 == 0) {
+                  EXPECT_TRUE(session.file->write(*hold, page));
+                }
+              }
+              EXPECT_TRUE(session.file->flush());
+              std::string text;
+              for (const CallRecord& call : calls().trace()) {
+                text += std::string(nameOf(call.call)) + std::to_string(call.result) + " ";
+              }
+              EXPECT_EQ(write(ends[1], text.data(), text.size()), ssize_t(text.size()));
+            }),
+            0);
+  char buffer[4096];
+  made.assign(buffer, static_cast<std::size_t>(read(ends[0], buffer, sizeof buffer)));
+  std::string recorded;
+  for (const Json& line : linesOf(trace)) {
+    if (!line.contains("calls") || line.at("op") == "qzpinfo") continue;
+    for (const Json& call : line.at("calls")) {
+      std::string kind = call.at("call");
+      if (kind.ends_with("64")) kind.resize(kind.size() - 2);
+      recorded += kind + std::to_string(call.at("result").get<int>()) + " ";
+    }
+  }
+  EXPECT_EQ(recorded, made);
+  EXPECT_FALSE(made.empty());
+}
+
+TEST_F(TraceTest, HasAllLinesOfAProcessThatIsKilled) {
+  const std::string name = makeFile(2);
+  const int status = inChild([&] {
+    Session session(name);
+    for (int i = 0; i < 3000; ++i) {
+      const auto page = session.file->read(1 + i % 2);
+    }
+    raise(SIGKILL);
+  });
+  ASSERT_TRUE(WIFSIGNALED(status));
+  EXPECT_GT(fs::file_size(trace), 512U * 1024) << "more than one mapped part";
+  std::size_t reads = 0;
+  for (const Json& line : linesOf(trace)) reads += line.at("op") == "qzpread" ? 1 : 0;
+  EXPECT_EQ(reads, 3000U);
+}
+
+TEST_F(TraceTest, KeepsTheLinesOfThreadsApart) {
+  const std::string name = makeFile(2);
+  ASSERT_EQ(inChild([&] {
+              const Session session(name);
+              std::vector<std::thread> threads;
+              for (int i = 0; i < 4; ++i) {
+                threads.emplace_back([&] {
+                  for (int round = 0; round < 500; ++round) EXPECT_TRUE(session.module->newFile());
+                });
+              }
+              for (std::thread& thread : threads) thread.join();
+            }),
+            0);
+  std::set<int> ids;
+  std::set<int> threads;
+  for (const Json& line : linesOf(trace)) {
+    EXPECT_TRUE(ids.insert(line.at("id").get<int>()).second);
+    threads.insert(line.at("thread").get<int>());
+  }
+  EXPECT_EQ(ids.size(), 4U + 4 * 500 * 2 + 4);
+  EXPECT_EQ(threads.size(), 5U);
+}
+
+// Without the variable the host gets the module's own table, and no file is made.
+TEST_F(TraceTest, DoesNothingUnlessAskedTo) {
+  const std::string name = makeFile(1);
+  ASSERT_EQ(inChild([&] {
+              unsetenv("QZIOP_TRACE");  // NOLINT(concurrency-mt-unsafe)
+              Session session(name);
+              const auto* own = reinterpret_cast<void*>(session.module->table().qzpread);
+              EXPECT_EQ(own, symbolOf(QZIOP_MODULE, "qzpread"));
+              EXPECT_TRUE(session.file->read(1));
+            }),
+            0);
+  EXPECT_FALSE(fs::exists(trace));
+}
+
+// A host may make the library's names global, where the module finds them before its own.
+TEST_F(TraceTest, IsNotTakenForTheModuleByTheModule) {
+  const std::string name = makeFile(1);
+  ASSERT_EQ(inChild([&] {
+              ASSERT_NE(dlopen(QZIOP_TRACE_MODULE, RTLD_NOW | RTLD_GLOBAL), nullptr);
+              Session session(name);
+              EXPECT_TRUE(session.file->read(1));
+            }),
+            0);
+  std::size_t reads = 0;
+  for (const Json& line : linesOf(trace)) reads += line.at("op") == "qzpread" ? 1 : 0;
+  EXPECT_EQ(reads, 1U);
+}
+
+std::string journalled(const qz::StandInJournal& journal) {
+  std::string text;
+  for (const qz::JournalEntry& entry : journal.entries()) text += entry.text + "\n";
+  return text;
+}
+
+// Whatever else QZIOP_TRACE names is left as it is; the program goes on without a trace.
+TEST_F(TraceTest, OverwritesNothingButATrace) {
+  const std::string name = makeFile(1);
+  std::ofstream(trace) << "precious";
+  ASSERT_EQ(inChild([&] {
+              qz::StandInHost host({.hostPageSize = {}, .defaultJournal = qz::JournalSink::memory});
+              const auto module = qz::Module::load(host.handle(), nullptr, QZIOP_TRACE_MODULE);
+              EXPECT_TRUE(module);
+              EXPECT_NE(journalled(host.defaultJournal())
+                            .find("trace.json cannot be the trace: it exists and is not a trace"),
+                        std::string::npos)
+                  << journalled(host.defaultJournal());
+            }),
+            0);
+  std::string contents;
+  std::ifstream(trace) >> contents;
+  EXPECT_EQ(contents, "precious");
+  fs::remove(trace);
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(inChild([&] { const Session session(name); }), 0);
+    EXPECT_EQ(linesOf(trace).size(), 8U) << "a trace is begun anew";
+  }
+}
+
+TEST_F(TraceTest, GivesEachProcessAFileOfItsOwn) {
+  const std::string name = makeFile(1);
+  const std::string other = makeFile(1, "other");
+  ASSERT_EQ(inChild([&] {
+              Session session(name);
+              EXPECT_EQ(inChild([&] {  // a child does not write into its parent's trace
+                          EXPECT_TRUE(session.file->read(1));
+                          const Session own(other);
+                        }),
+                        0);
+              EXPECT_TRUE(session.file->read(1));
+            }),
+            0);
+  std::size_t files = 0;
+  for (const auto& entry : fs::directory_iterator(folder)) {
+    const std::string file = entry.path().filename();
+    if (!file.starts_with("trace.json")) continue;
+    ++files;
+    linesOf(entry.path());
+  }
+  EXPECT_EQ(files, 2U);
+}
+
+// No room for the trace: the program goes on, is told once, and the trace ends with a whole line.
+TEST_F(TraceTest, EndsWhereTheDiskIsFull) {
+  const std::string name = makeFile(1);
+  ASSERT_EQ(inChild([&] {
+              signal(SIGXFSZ, SIG_IGN);
+              const rlimit limit = {512 * 1024, 512 * 1024};
+              ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+              qz::StandInJournal journal;
+              Session session(name, &journal);
+              for (int i = 0; i < 5000; ++i) EXPECT_TRUE(session.file->read(1));
+              EXPECT_EQ(journalled(journal), "qziop-trace: the trace ends here: File too large\n");
+            }),
+            0);
+  EXPECT_GT(linesOf(trace).size(), 1000U);
+  std::ifstream file(trace);
+  file.seekg(-1, std::ios::end);
+  EXPECT_EQ(file.get(), '\n');
+}
+
+}  // namespace
+}  // namespace qztest

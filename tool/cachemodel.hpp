@@ -1,0 +1,67 @@
+// What a file would have cost with other hints: the pages that a program read and wrote, replayed
+// through a model of the module's buffers. The model counts the calls that read and write pages and
+// the bytes that they move; it predicts no times. Failed operations are left out, and so are
+// headers, truncations and flushes, which cost the same in every mode.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace qzpfile {
+
+struct Transfers {
+  std::int64_t calls = 0;
+  std::int64_t bytes = 0;
+
+  Transfers& operator+=(const Transfers& other) {
+    calls += other.calls;
+    bytes += other.bytes;
+    return *this;
+  }
+};
+
+// The buffers of an open file.
+struct BufferShape {
+  std::int32_t pageSize = 0;
+  std::int32_t buffers = 0;
+  std::int32_t pagesPerBlock = 0;  // 0: page by page
+};
+
+// Pages in memory, and who holds them. A hold is known by the address that the program had.
+class CacheModel {
+ public:
+  using Address = std::uint64_t;
+  static constexpr Address kOwnMemory = 0;  // of the program: no hold ends
+
+  static std::unique_ptr<CacheModel> make(const BufferShape& shape, std::int64_t pages);
+  CacheModel(const CacheModel&) = delete;
+  CacheModel& operator=(const CacheModel&) = delete;
+  virtual ~CacheModel() = default;
+
+  virtual void read(std::int64_t page, Address address) = 0;
+  virtual void acquire(Address address) = 0;
+  virtual void write(std::int64_t page, Address address) = 0;
+  virtual void giveBack(Address address) = 0;
+  virtual void writeBack() {}
+  virtual void truncate(std::int64_t pages) = 0;
+  virtual void addBuffers(std::int32_t count) = 0;  // negative: removes them
+  // Goes past the buffers, in whatever mode.
+  void readMany(std::int64_t page, std::int64_t count, bool contiguous);
+
+  const Transfers& transfers() const { return transfers_; }
+
+ protected:
+  CacheModel(const BufferShape& shape, std::int64_t pages) : shape_(shape), pages_(pages) {}
+
+  void transfer(std::int64_t count) {
+    transfers_ += {.calls = 1, .bytes = count * shape_.pageSize};
+  }
+
+  BufferShape shape_;
+  std::int64_t pages_;  // of the file, those that wait in memory included
+
+ private:
+  Transfers transfers_;
+};
+
+}  // namespace qzpfile
