@@ -17,6 +17,8 @@ foreach(part IN ITEMS QZPOS qzp host)
           FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 endforeach()
 
+# Loaded in the module's place, from beside it: no program links to it.
+install(TARGETS qziop_trace LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS qzpfile RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Beside the module, which it looks for there.
 install(TARGETS qzvfs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

@@ -48,7 +48,7 @@ void printUse(const UseSum& use) {
   const auto line = [](const std::string& what, const Transfers& transfers) {
     fmt::print("    {:<50} {}\n", what, readable(transfers));
   };
-  fmt::print("  opened {} with {}\n", counted(use.opens, "time"), use.hints);
+  fmt::print("  opened {}: {}\n", counted(use.opens, "time"), use.hints);
   if (use.recorded.calls == 0 && use.replayed.calls == 0) return;
   line("calls that moved pages", use.recorded);
   line("a replay with the same hints", use.replayed);

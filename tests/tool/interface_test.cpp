@@ -121,7 +121,7 @@ TEST(Interface, HelpManPageAndCompletionAgree) {
     zsh=$S/completion/_qzpfile
     tr -d '\\' <$S/man/qzpfile.1.in >man
     for command in pack unpack info cat dump put truncate header copy compare verify repair bench \
-      rm; do
+      trace rm; do
       $Q --help | grep "^  $command "
       grep -x "\.B $command" man
       grep "'$command:" $zsh

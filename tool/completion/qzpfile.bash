@@ -17,7 +17,7 @@ _qzpfile() {
   esac
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W 'pack unpack info cat dump put truncate header copy compare
-      verify repair bench rm --help --version' -- "$cur")
+      verify repair bench trace rm --help --version' -- "$cur")
     return
   fi
   case $command in
@@ -34,6 +34,7 @@ _qzpfile() {
     verify) options="$raw --io --block-size --every-mode --keep-going --format --progress" ;;
     repair) options="--dry-run --yes --format --progress" ;;
     bench) options="$raw --block-size --format --progress" ;;
+    trace) options="--format" ;;
     rm) options="$raw" ;;
     *) return ;;
   esac

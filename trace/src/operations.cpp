@@ -30,7 +30,9 @@ auto outcomeOf(const FileHandle* handle) {
 }
 
 void addName(Text* text, const char32_t* name, std::int64_t length) {
-  if (name != nullptr && length > 0) text->name("name", name, static_cast<std::size_t>(length));
+  if (name == nullptr || length <= 0) return;
+  text->key("name");
+  text->string(name, static_cast<std::size_t>(length));
 }
 
 // What a caller sets before an open.

@@ -43,8 +43,10 @@ void writeFirstLine() {
   char program[4096];
   const ssize_t length = readlink("/proc/self/exe", program, sizeof program - 1);
   program[length > 0 ? length : 0] = '\0';
-  text.name("program", program);
-  text.name("module", realModule().path);
+  text.key("program");
+  text.string(program);
+  text.key("module");
+  text.string(realModule().path);
   char started[32] = "";
   const std::time_t time = std::time(nullptr);
   tm utc{};
@@ -175,8 +177,7 @@ void addStatus(Text* text, Status status) {
   text->field("status", std::string_view(code, static_cast<std::size_t>(length)));
 }
 
-void beginCall(Line* line, const char* name, int fd, const Quantity& first,
-               const Quantity& second) {
+void beginCall(Line* line, std::string_view name) {
   Text& text = line->text;
   if (line->hasCalls) {
     text.add(",");
@@ -186,10 +187,7 @@ void beginCall(Line* line, const char* name, int fd, const Quantity& first,
   }
   line->hasCalls = true;
   text.add("{");
-  text.field("call", std::string_view(name));
-  if (fd != -1) text.field("fd", fd);
-  if (first.name != nullptr) text.field(first.name, first.value);
-  if (second.name != nullptr) text.field(second.name, second.value);
+  text.field("call", name);
 }
 
 void endCall(Line* line, std::int64_t result, int error, std::int64_t nanoseconds) {

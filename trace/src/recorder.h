@@ -77,22 +77,18 @@ auto record(const char* name, const void* handle, Journal* journal, Call call, A
   return result;
 }
 
-struct Quantity {
-  const char* name = nullptr;  // null: the call has none
-  std::int64_t value = 0;
-};
-
 // The two halves of recordCall that do not depend on the call.
-void beginCall(Line* line, const char* name, int fd, const Quantity& first, const Quantity& second);
+void beginCall(Line* line, std::string_view name);
 void endCall(Line* line, std::int64_t result, int error, std::int64_t nanoseconds);
 
-// Makes a system call of the module's and adds it to the operation that it is made in.
-template <class Call>
-auto recordCall(const char* name, int fd, const Quantity& first, const Quantity& second,
-                Call call) {
+// Makes a system call of the module's and adds it to the operation that it is made in, with what
+// `arguments` tells.
+template <class Arguments, class Call>
+auto recordCall(std::string_view name, Arguments arguments, Call call) {
   Line& line = thisThread();
   if (line.operation == 0) return call();
-  beginCall(&line, name, fd, first, second);
+  beginCall(&line, name);
+  arguments(line.text);
   const std::int64_t started = now();
   const auto result = call();
   const int error = errno;

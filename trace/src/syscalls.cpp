@@ -30,44 +30,80 @@ struct Originals {
 };
 Originals originals;
 
+void addTransfer(Text* text, int fd, std::size_t bytes, off64_t offset) {
+  text->field("fd", fd);
+  text->field("bytes", bytes);
+  text->field("offset", offset);
+}
+
 ssize_t recordedPread64(int fd, void* data, std::size_t bytes, off64_t offset) {
-  return recordCall("pread64", fd, {"bytes", static_cast<std::int64_t>(bytes)}, {"offset", offset},
-                    [&] { return originals.pread64(fd, data, bytes, offset); });
+  return recordCall(
+      "pread64", [&](Text& text) { addTransfer(&text, fd, bytes, offset); },
+      [&] { return originals.pread64(fd, data, bytes, offset); });
 }
 
 ssize_t recordedPwrite64(int fd, const void* data, std::size_t bytes, off64_t offset) {
-  return recordCall("pwrite64", fd, {"bytes", static_cast<std::int64_t>(bytes)}, {"offset", offset},
-                    [&] { return originals.pwrite64(fd, data, bytes, offset); });
+  return recordCall(
+      "pwrite64", [&](Text& text) { addTransfer(&text, fd, bytes, offset); },
+      [&] { return originals.pwrite64(fd, data, bytes, offset); });
 }
 
 ssize_t recordedRead(int fd, void* data, std::size_t bytes) {
-  return recordCall("read", fd, {"bytes", static_cast<std::int64_t>(bytes)}, {},
-                    [&] { return originals.read(fd, data, bytes); });
+  return recordCall(
+      "read",
+      [&](Text& text) {
+        text.field("fd", fd);
+        text.field("bytes", bytes);
+      },
+      [&] { return originals.read(fd, data, bytes); });
 }
 
 ssize_t recordedReadv(int fd, const iovec* vector, int entries) {
-  std::int64_t bytes = 0;
-  for (int i = 0; i < entries; ++i) bytes += static_cast<std::int64_t>(vector[i].iov_len);
-  return recordCall("readv", fd, {"bytes", bytes}, {"entries", entries},
-                    [&] { return originals.readv(fd, vector, entries); });
+  return recordCall(
+      "readv",
+      [&](Text& text) {
+        std::size_t bytes = 0;
+        for (int i = 0; i < entries; ++i) bytes += vector[i].iov_len;
+        text.field("fd", fd);
+        text.field("bytes", bytes);
+        text.field("entries", entries);
+      },
+      [&] { return originals.readv(fd, vector, entries); });
 }
 
 off64_t recordedLseek64(int fd, off64_t offset, int whence) noexcept {
-  return recordCall("lseek64", fd, {}, {"offset", offset},
-                    [&] { return originals.lseek64(fd, offset, whence); });
+  return recordCall(
+      "lseek64",
+      [&](Text& text) {
+        text.field("fd", fd);
+        text.field("offset", offset);
+      },
+      [&] { return originals.lseek64(fd, offset, whence); });
 }
 
 int recordedFtruncate64(int fd, off64_t bytes) noexcept {
-  return recordCall("ftruncate64", fd, {"bytes", bytes}, {},
-                    [&] { return originals.ftruncate64(fd, bytes); });
+  return recordCall(
+      "ftruncate64",
+      [&](Text& text) {
+        text.field("fd", fd);
+        text.field("bytes", bytes);
+      },
+      [&] { return originals.ftruncate64(fd, bytes); });
 }
 
 int recordedFsync(int fd) {
-  return recordCall("fsync", fd, {}, {}, [&] { return originals.fsync(fd); });
+  return recordCall(
+      "fsync", [&](Text& text) { text.field("fd", fd); }, [&] { return originals.fsync(fd); });
 }
 
 int recordedStatfs64(const char* path, struct statfs64* out) noexcept {
-  return recordCall("statfs64", -1, {}, {}, [&] { return originals.statfs64(path, out); });
+  return recordCall(
+      "statfs64",
+      [&](Text& text) {
+        text.key("path");
+        text.string(path);
+      },
+      [&] { return originals.statfs64(path, out); });
 }
 
 struct Redirection {

@@ -33,18 +33,16 @@ void Text::character(char32_t c) {
   }
 }
 
-void Text::name(std::string_view fieldName, const char32_t* text, std::size_t length) {
-  key(fieldName);
+void Text::string(const char32_t* text, std::size_t length) {
   add("\"");
   for (std::size_t i = 0; i < length; ++i) character(text[i]);
   add("\"");
 }
 
-void Text::name(std::string_view fieldName, const char* bytes) {
-  key(fieldName);
+void Text::string(const char* path) {
   add("\"");
-  for (; *bytes != '\0'; ++bytes) {
-    const auto value = static_cast<unsigned char>(*bytes);
+  for (; *path != '\0'; ++path) {
+    const auto value = static_cast<unsigned char>(*path);
     character(value < 0x80 ? value : kReplacement);
   }
   add("\"");

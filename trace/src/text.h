@@ -39,15 +39,19 @@ class Text {
     size_ += text.size();
   }
 
-  // A member's name, behind a comma where another member stands before it.
-  void key(std::string_view name) {
-    comma();
-    add("\"");
-    add(name);
-    add("\":");
-  }
-  void comma() {
-    if (size_ != 0 && data_[size_ - 1] != '{' && data_[size_ - 1] != '[') add(",");
+  // A member's name, behind a comma where another member stands before it. The names are literals,
+  // which are copied without a loop.
+  template <std::size_t bytes>
+  void key(const char (&name)[bytes]) {
+    if (!reserve(bytes + 3)) return;
+    char* to = data_ + size_;
+    if (size_ != 0 && to[-1] != '{' && to[-1] != '[') *to++ = ',';
+    *to++ = '"';
+    std::memcpy(to, name, bytes - 1);
+    to += bytes - 1;
+    *to++ = '"';
+    *to++ = ':';
+    size_ = static_cast<std::size_t>(to - data_);
   }
 
   template <class Number>
@@ -58,27 +62,29 @@ class Text {
         std::to_chars(data_ + size_, data_ + size_ + kMostDigits, value, base).ptr - data_);
   }
 
-  template <class Number>
-  void field(std::string_view name, Number value) {
+  template <std::size_t bytes, class Number>
+  void field(const char (&name)[bytes], Number value) {
     key(name);
     number(value);
   }
-  void field(std::string_view name, std::string_view plainText) {
+  template <std::size_t bytes>
+  void field(const char (&name)[bytes], std::string_view plainText) {
     key(name);
     add("\"");
     add(plainText);
     add("\"");
   }
-  void address(std::string_view name, const void* value) {
+  template <std::size_t bytes>
+  void address(const char (&name)[bytes], const void* value) {
     key(name);
     add("\"");
     number(reinterpret_cast<std::uintptr_t>(value), 16);
     add("\"");
   }
-  // A name in ASCII with escapes. What is no Unicode character becomes U+FFFD.
-  void name(std::string_view fieldName, const char32_t* text, std::size_t length);
+  // A string in ASCII with escapes. What is no Unicode character becomes U+FFFD.
+  void string(const char32_t* text, std::size_t length);
   // The same for a path of bytes, of which those beyond ASCII become U+FFFD.
-  void name(std::string_view fieldName, const char* bytes);
+  void string(const char* path);
 
  private:
   bool reserve(std::size_t bytes) {
