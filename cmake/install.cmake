@@ -7,8 +7,9 @@ set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/qziop)
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qziop)
 
 set_target_properties(qziop_headers PROPERTIES EXPORT_NAME headers)
+set_target_properties(qziop_trace PROPERTIES EXPORT_NAME trace)
 set_target_properties(qzstandin PROPERTIES EXPORT_NAME standin)
-install(TARGETS qziop qziop_headers qzstandin EXPORT qziopTargets
+install(TARGETS qziop qziop_trace qziop_headers qzstandin EXPORT qziopTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${headers_dir})
@@ -17,8 +18,6 @@ foreach(part IN ITEMS QZPOS qzp host)
           FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 endforeach()
 
-# Loaded in the module's place, from beside it: no program links to it.
-install(TARGETS qziop_trace LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(TARGETS qzpfile RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Beside the module, which it looks for there.
 install(TARGETS qzvfs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})

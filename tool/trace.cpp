@@ -60,6 +60,7 @@ void printUse(const UseSum& use) {
 }
 
 void printFile(const FileSum& file) {
+  if (file.systemCalls.empty() && file.uses.empty()) return;  // only named
   fmt::print("\n{}\n", file.name);
   if (file.pagesRead > 0) {
     fmt::print("  {} read: {} from memory (hits), {} from the file (misses)\n",
@@ -80,8 +81,8 @@ void printFile(const FileSum& file) {
 
 void printText(const TraceSummary& summary, const std::string& name) {
   fmt::print("{}: {} of {} in {}, {}\n", name, counted(summary.operationCount, "operation"),
-             summary.program, readableTime(summary.nanoseconds),
-             counted(summary.threads, "thread"));
+             summary.program.substr(summary.program.rfind('/') + 1),
+             readableTime(summary.nanoseconds), counted(summary.threads, "thread"));
   if (summary.endsInsideALine) fmt::print("the last line is not complete: the program was ended\n");
   if (summary.linesLost > 0) {
     fmt::print("{} not recorded for want of memory\n", counted(summary.linesLost, "operation"));

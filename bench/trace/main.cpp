@@ -69,7 +69,7 @@ int main(int argc, char** argv) {
   const std::string name = folder + "/pages";
   const std::string trace = folder + "/trace.json";
   std::FILE* const file = std::fopen(name.c_str(), "w");
-  const std::string contents(2 * kPageSize, 'x');
+  const std::string contents(std::size_t{2} * kPageSize, 'x');
   if (file == nullptr || std::fputs(contents.c_str(), file) < 0 || std::fclose(file) != 0) {
     return std::perror(name.c_str()), 1;
   }

@@ -61,7 +61,7 @@ void recordRandomWork(const fs::path& folder, const fs::path& trace) {
   ASSERT_TRUE(module) << module.error().message();
   for (unsigned seed = 0; seed < 12; ++seed) {
     const fs::path name = folder / ("file" + std::to_string(seed));
-    std::ofstream(name) << std::string(30 * kPage, 'x');
+    std::ofstream(name) << std::string(std::size_t{30} * kPage, 'x');
     auto file = module->newFile();
     qz::FileHandle& settings = file->settings();
     settings.pageSize = kPage;
@@ -71,7 +71,7 @@ void recordRandomWork(const fs::path& folder, const fs::path& trace) {
     // Page by page through the system's cache, page by page past it, in blocks past it.
     settings.readAccess = seed % 3 == 1 ? qz::readRandom : qz::readOrdered;
     settings.openOptions = seed % 3 == 0 ? 0U : qz::optionDirectIo;
-    settings.requestedBlockBytes = 4 * kPage;
+    settings.requestedBlockBytes = std::int64_t{4} * kPage;
     EXPECT_TRUE(file->setName(name.string()));
     ASSERT_TRUE(file->open());
     workAtRandom(*file, seed);

@@ -16,7 +16,7 @@
 namespace qz::trace {
 namespace {
 
-constexpr std::int64_t kWindowBytes = 256 * 1024;
+constexpr std::int64_t kWindowBytes = 0x40000;
 
 // 0 for an empty file and for one that holds a trace.
 int judgeContents(int fd) {

@@ -142,10 +142,15 @@ constexpr unsigned kAddressSlot = R_386_GLOB_DAT;
 // The loader makes the library's slots read-only once it has filled them in.
 void store(void** slot, void* value) {
   const auto pageBytes = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
-  void* page = reinterpret_cast<void*>(reinterpret_cast<std::uintptr_t>(slot) & ~(pageBytes - 1));
+  char* page = reinterpret_cast<char*>(slot) - reinterpret_cast<std::uintptr_t>(slot) % pageBytes;
   if (mprotect(page, pageBytes, PROT_READ | PROT_WRITE) != 0) return;
   __atomic_store_n(slot, value, __ATOMIC_RELEASE);
   mprotect(page, pageBytes, PROT_READ);
+}
+
+// The loader's records have addresses as numbers.
+void* pointer(std::uintptr_t address) {
+  return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
 }
 
 class Slots {
@@ -161,7 +166,7 @@ class Slots {
 
  private:
   void note(const Dynamic& entry) {
-    const auto address = reinterpret_cast<const void*>(entry.d_un.d_ptr);
+    const void* address = pointer(entry.d_un.d_ptr);
     if (entry.d_tag == DT_SYMTAB) symbols_ = static_cast<const Symbol*>(address);
     if (entry.d_tag == DT_STRTAB) names_ = static_cast<const char*>(address);
     if (entry.d_tag == DT_JMPREL) calls_ = static_cast<const Relocation*>(address);
@@ -171,11 +176,12 @@ class Slots {
   }
 
   void redirectIn(const Relocation* table, std::size_t bytes, const Redirection& to) const {
-    for (std::size_t i = 0; i < bytes / sizeof *table; ++i) {
+    if (symbols_ == nullptr || names_ == nullptr) return;
+    for (std::size_t i = 0; table != nullptr && i < bytes / sizeof *table; ++i) {
       const unsigned type = typeOf(table[i]);
       if (type != kCallSlot && type != kAddressSlot) continue;
       if (std::strcmp(names_ + symbols_[symbolOf(table[i])].st_name, to.name) != 0) continue;
-      auto** const slot = reinterpret_cast<void**>(base_ + table[i].r_offset);
+      auto** const slot = static_cast<void**>(pointer(base_ + table[i].r_offset));
       *to.original = *slot;
       store(slot, to.recorded);
     }
