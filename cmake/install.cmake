@@ -9,11 +9,12 @@ set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/qziop)
 set_target_properties(qziop_headers PROPERTIES EXPORT_NAME headers)
 set_target_properties(qziop_trace PROPERTIES EXPORT_NAME trace)
 set_target_properties(qzstandin PROPERTIES EXPORT_NAME standin)
-install(TARGETS qziop qziop_trace qziop_headers qzstandin EXPORT qziopTargets
+set_target_properties(qzphostcheck PROPERTIES EXPORT_NAME hostcheck)
+install(TARGETS qziop qziop_trace qziop_headers qzstandin qzphostcheck EXPORT qziopTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
         INCLUDES DESTINATION ${headers_dir})
-foreach(part IN ITEMS QZPOS qzp host)
+foreach(part IN ITEMS QZPOS qzp host hostcheck)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${part}/include/ DESTINATION ${headers_dir}
           FILES_MATCHING PATTERN "*.h" PATTERN "*.hpp")
 endforeach()
