@@ -17,12 +17,12 @@ struct Work {
 
 constexpr Work kWork[] = {
     {"read-pages", readPages},       {"read-blocks", readBlocks},
-    {"hit-blocks", hitBlocks},       {"direct-pages", readDirectPages},
-    {"append-pages", appendPages},   {"append-blocks", appendBlocks},
-    {"rewrite-pages", rewritePages}, {"read-many", readMany},
-    {"open-close", openAndClose},    {"grow-reads", growReads},
-    {"grow-appends", growAppends},   {"grow-tree", growTree},
-    {"pack-files", packFiles},
+    {"hit-pages", hitPages},         {"direct-pages", readDirectPages},
+    {"threads", readOnThreads},      {"append-pages", appendPages},
+    {"append-blocks", appendBlocks}, {"rewrite-pages", rewritePages},
+    {"read-many", readMany},         {"open-close", openAndClose},
+    {"grow-reads", growReads},       {"grow-appends", growAppends},
+    {"grow-tree", growTree},         {"whole-files", wholeFiles},
 };
 
 void saveText(const std::string& path, const std::string& text) {
@@ -48,7 +48,8 @@ int run(const Settings& settings, const RunFacts& facts, const std::vector<PathC
     }
     work.run(runner);
   }
-  const std::string summary = textOf(counts) + goalSummary(runner.outcomes(), counts);
+  std::string summary = textOf(counts) + goalSummary(runner.outcomes(), counts);
+  if (settings.busy) summary += agreement(runner.outcomes(), runner.busyOutcomes());
   std::fputs(summary.c_str(), stdout);
   if (output.empty()) return 0;
   saveText(output + ".txt", text + summary);
@@ -79,22 +80,29 @@ int runCommand(int argc, char** argv) {
   app.add_option("--buffers", settings.bufferCounts, "buffer counts of the growth rows, rising")
       ->delimiter(',')
       ->capture_default_str();
-  app.add_option("--rounds", settings.rounds, "rounds of a contest")
-      ->check(CLI::Range(1, 1000))
+  double leastSeconds = settings.effort.leastNs / 1e9;
+  double mostSeconds = settings.effort.mostNs / 1e9;
+  app.add_option("--least", leastSeconds, "seconds of each contestant")->capture_default_str();
+  app.add_option("--most", mostSeconds, "seconds of a contest whose goals stay open")
       ->capture_default_str();
+  app.add_flag("--busy", settings.busy,
+               "hold each contest again beside a busy loop and compare the verdicts");
   app.add_option("--warm-bytes", settings.warmBytes, "size of files in the page cache")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();
   app.add_option("--direct-bytes", settings.directBytes, "size of files read from the disk")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();
-  app.add_option("--counts", countFiles, "instruction counts: of this machine and of i386")
-      ->expected(2);
+  app.add_option("--whole-bytes", settings.wholeBytes, "size of files that programs work on")
+      ->transform(CLI::AsSizeValue(false))
+      ->capture_default_str();
+  app.add_option("--counts", countFiles,
+                 "instruction counts of this machine and of i386, then their times")
+      ->expected(2, 4);
   app.add_option("--output", output, "also write OUTPUT.txt, OUTPUT.json and, to plot, OUTPUT.dat");
   CLI11_PARSE(app, argc, argv);
-  const std::vector<PathCount> counts =
-      countFiles.empty() ? std::vector<PathCount>() : readCounts(countFiles[0], countFiles[1]);
-  return run(settings, runFacts(argc, argv), counts, output);
+  settings.effort = {.leastNs = leastSeconds * 1e9, .mostNs = mostSeconds * 1e9};
+  return run(settings, runFacts(argc, argv), readCounts(countFiles), output);
 }
 
 }  // namespace

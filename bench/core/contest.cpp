@@ -1,104 +1,208 @@
 #include "contest.h"
 
-#include <algorithm>
+#include <cmath>
+#include <set>
 
 namespace qzbench {
 namespace {
 
-using Samples = std::vector<Sample>;  // of one participant, a round each
+constexpr std::size_t kLeastRounds = 12;    // before the first look at goals
+constexpr std::size_t kDecisiveRounds = 6;  // fewer decide nothing
+constexpr std::size_t kPeerRounds = 2;      // at least, of contestants without a goal
+constexpr int kSizingRuns = 3;
+constexpr std::size_t kWarmingPart = 10;  // of a slice, uncounted: what other contestants evicted
 
-Spread spreadOf(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  const double median =
-      values.size() % 2 != 0 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-  return {.median = median, .low = values.front(), .high = values.back()};
+// A participant's place in a contest.
+struct Seat {
+  const Participant* participant;
+  std::string name;
+  std::size_t operations = 0;  // of a slice
+  double elapsedNs = 0;
+  bool left = false;                // no open goal needs it
+  std::vector<Sample> rounds = {};  // both slices of a round together
+
+  std::vector<Cost> costs(double Sample::*part) const {
+    std::vector<Cost> costs;
+    costs.reserve(rounds.size());
+    for (const Sample& sample : rounds) costs.push_back({sample.*part, sample.operations});
+    return costs;
+  }
+};
+
+using Seats = std::vector<Seat>;
+
+Sample run(const Seat& seat, std::size_t operations) {
+  try {
+    return seat.participant->run(operations);
+  } catch (const std::exception& error) {
+    throw Failure(seat.name + ": " + error.what());
+  }
 }
 
-template <class Value>
-Spread spreadOver(const Samples& samples, Value value) {
-  std::vector<double> values(samples.size());
-  std::transform(samples.begin(), samples.end(), values.begin(), value);
-  return spreadOf(std::move(values));
+std::size_t inGrains(double operations, std::size_t grain) {
+  const auto grains = std::llround(operations / static_cast<double>(grain));
+  return static_cast<std::size_t>(std::max(grains, 1LL)) * grain;
 }
 
-// Round by round; per operation, because passes may differ in length.
-Spread ratioOf(const Samples& over, const Samples& under, double Sample::*part) {
-  std::vector<double> values(over.size());
-  std::transform(over.begin(), over.end(), under.begin(), values.begin(),
-                 [part](const Sample& a, const Sample& b) {
-                   return (a.*part / a.operations) / (b.*part / b.operations);
-                 });
-  return spreadOf(std::move(values));
+double elapsed(const Seat& seat, std::size_t operations) {
+  const double before = nowNs(CLOCK_MONOTONIC);
+  run(seat, operations);
+  return nowNs(CLOCK_MONOTONIC) - before;
 }
 
-Spread perOperation(const Samples& samples, double Sample::*part) {
-  return spreadOver(samples, [part](const Sample& s) { return s.*part / s.operations; });
+// Finds how many operations a slice has; what a participant sets up is part of its slice.
+void sizeSlice(Seat& seat, const Contest& contest) {
+  const std::size_t grain = seat.participant->grain;
+  seat.operations = grain;
+  for (;;) {
+    // The shortest of some: a run may open a file, or wait for a processor.
+    double took = elapsed(seat, seat.operations);
+    for (int i = 1; i < kSizingRuns && !contest.whole; ++i) {
+      took = std::min(took, elapsed(seat, seat.operations));
+    }
+    if (contest.whole || took >= contest.sliceNs / 2) return;
+    const double factor = std::min(contest.sliceNs / took, 8.0);
+    seat.operations = std::max(inGrains(static_cast<double>(seat.operations) * factor, grain),
+                               seat.operations + grain);
+  }
 }
 
-std::size_t indexOf(const Contest& contest, const std::string& name) {
-  const auto& all = contest.participants;
+Sample slice(Seat& seat, bool whole) {
+  const std::size_t grain = seat.participant->grain;
+  const double before = nowNs(CLOCK_MONOTONIC);
+  if (!whole && seat.operations / kWarmingPart >= grain) {
+    run(seat, seat.operations / kWarmingPart / grain * grain);
+  }
+  const Sample sample = run(seat, seat.operations);
+  seat.elapsedNs += nowNs(CLOCK_MONOTONIC) - before;
+  return sample;
+}
+
+// There and back. The control, which sits last, has its turn after the second contestant: what is
+// compared most should lie close together.
+void holdRound(Seats& seats, bool whole) {
+  std::vector<Seat*> turns;
+  for (Seat& seat : seats) {
+    if (!seat.left) turns.push_back(&seat);
+  }
+  std::rotate(turns.begin() + std::min<std::ptrdiff_t>(2, std::ssize(turns) - 1), turns.end() - 1,
+              turns.end());
+  for (Seat* seat : turns) seat->rounds.push_back(slice(*seat, whole));
+  std::reverse(turns.begin(), turns.end());
+  for (Seat* seat : turns) seat->rounds.back() += slice(*seat, whole);
+}
+
+Seat& seatOf(Seats& seats, const std::string& name) {
   const auto found =
-      std::find_if(all.begin(), all.end(), [&](const Participant& p) { return p.name == name; });
-  if (found == all.end()) throw Failure("no participant " + name + " in " + contest.work);
-  return static_cast<std::size_t>(found - all.begin());
+      std::find_if(seats.begin(), seats.end(), [&](const Seat& seat) { return seat.name == name; });
+  if (found == seats.end()) throw Failure("no participant " + name);
+  return *found;
 }
 
-Spread valueOf(const Goal& goal, const Contest& contest, const std::vector<Samples>& samples) {
-  const Samples& own = samples[indexOf(contest, goal.who)];
+Interval ratioOf(const Seat& over, const Seat& under, double Sample::*part) {
+  return qzbench::ratioOf(over.costs(part), under.costs(part));
+}
+
+Interval valueOf(const Goal& goal, Seats& seats) {
+  const Seat& own = seatOf(seats, goal.who);
   switch (goal.quantity) {
     case Quantity::wallNs:
-      return perOperation(own, &Sample::wallNs);
+      return meanOf(own.costs(&Sample::wallNs));
     case Quantity::readCalls:
-      return perOperation(own, &Sample::readCalls);
+      return meanOf(own.costs(&Sample::readCalls));
     case Quantity::wall:
     case Quantity::cpu:
       break;
   }
-  return ratioOf(own, samples[indexOf(contest, goal.against)],
+  return ratioOf(own, seatOf(seats, goal.against),
                  goal.quantity == Quantity::cpu ? &Sample::cpuNs : &Sample::wallNs);
 }
 
-Sample passOf(const Participant& participant) {
-  try {
-    return participant.pass();
-  } catch (const std::exception& error) {
-    throw Failure(participant.name + ": " + error.what());
+// True when all is decided. Contestants that no open goal needs leave for good: what is known of
+// them stays as it is, over the rounds that they had. Floor and control stay.
+bool isDecided(const Contest& contest, Seats& seats) {
+  const Interval control = ratioOf(seats.back(), seats.front(), &Sample::wallNs);
+  bool decided = verdictOf(control, kLeastControl) == Verdict::missed &&
+                 verdictOf(control, kMostControl) == Verdict::met;
+  std::set<std::string> needed = {seats.front().name, seats.back().name};
+  for (const Goal& goal : contest.goals) {
+    if (verdictOf(valueOf(goal, seats), goal.limit) != Verdict::undecided) continue;
+    decided = false;
+    needed.insert({goal.who, goal.against});
   }
+  for (Seat& seat : seats) seat.left |= needed.count(seat.name) == 0;
+  return decided;
+}
+
+// Contestants that no goal names leave when they had their time.
+void sendPeersAway(const Contest& contest, double leastNs, Seats& seats) {
+  for (std::size_t i = 1; i + 1 < seats.size(); ++i) {
+    Seat& seat = seats[i];
+    const bool isNamed = std::any_of(
+        contest.goals.begin(), contest.goals.end(),
+        [&](const Goal& goal) { return goal.who == seat.name || goal.against == seat.name; });
+    seat.left |= !isNamed && seat.rounds.size() >= kPeerRounds && seat.elapsedNs >= leastNs;
+  }
+}
+
+Seats seatsOf(const Contest& contest) {
+  Seats seats;
+  for (const Participant& participant : contest.participants) {
+    seats.push_back({&participant, participant.name});
+    sizeSlice(seats.back(), contest);
+  }
+  seats.push_back(seats.front());
+  seats.back().name += " again";
+  return seats;
 }
 
 }  // namespace
 
-Outcome hold(const Contest& contest, int rounds) {
-  std::vector<Participant> turns = contest.participants;
-  turns.push_back(turns.front());
-  turns.back().name += " again";
-  if (contest.warmUp) {
-    for (const Participant& participant : contest.participants) passOf(participant);
-  }
-  std::vector<Samples> samples(turns.size());
-  for (int round = 0; round < rounds; ++round) {
-    for (std::size_t i = 0; i < turns.size(); ++i) samples[i].push_back(passOf(turns[i]));
+Outcome hold(const Contest& contest, const Effort& effort) {
+  const double start = nowNs(CLOCK_MONOTONIC);
+  const double mostNs = (contest.whole ? 2 : 1) * effort.mostNs;
+  Seats seats = seatsOf(contest);
+  std::size_t rounds = 0;
+  for (std::size_t nextLook = kLeastRounds;;) {
+    holdRound(seats, contest.whole);
+    ++rounds;
+    sendPeersAway(contest, effort.leastNs, seats);
+    if (rounds >= 2 && nowNs(CLOCK_MONOTONIC) - start > mostNs) break;
+    if (rounds < nextLook) continue;
+    const bool hadTime = contest.whole || std::all_of(seats.begin(), seats.end(), [&](auto& seat) {
+                           return seat.left || seat.elapsedNs >= effort.leastNs;
+                         });
+    if (hadTime && isDecided(contest, seats)) break;
+    nextLook = rounds + rounds / 4;
   }
 
-  Outcome outcome;
-  outcome.work = contest.work;
-  outcome.variant = contest.variant;
-  outcome.plotLabel = contest.plotLabel;
-  outcome.rounds = rounds;
-  outcome.operations = samples[0][0].operations;
-  for (std::size_t i = 0; i < turns.size(); ++i) {
-    Standing standing;
-    standing.name = turns[i].name;
-    standing.wallNs = perOperation(samples[i], &Sample::wallNs);
-    standing.wallRatio = ratioOf(samples[i], samples[0], &Sample::wallNs);
-    standing.cpuRatio = ratioOf(samples[i], samples[0], &Sample::cpuNs);
-    standing.readCalls = perOperation(samples[i], &Sample::readCalls).median;
-    standing.writeCalls = perOperation(samples[i], &Sample::writeCalls).median;
-    outcome.standings.push_back(std::move(standing));
+  Outcome outcome{.work = contest.work,
+                  .variant = contest.variant,
+                  .plotLabel = contest.plotLabel,
+                  .rounds = rounds,
+                  .whole = contest.whole,
+                  .standings = {},
+                  .goals = {}};
+  for (const Seat& seat : seats) {
+    const auto mean = [&](double Sample::*part) { return meanOf(seat.costs(part)).value; };
+    outcome.standings.push_back({.name = seat.name,
+                                 .turns = 2 * seat.rounds.size(),
+                                 .wallNs = meanOf(seat.costs(&Sample::wallNs)),
+                                 .wallRatio = ratioOf(seat, seats.front(), &Sample::wallNs),
+                                 .cpuRatio = ratioOf(seat, seats.front(), &Sample::cpuNs),
+                                 .readCalls = mean(&Sample::readCalls),
+                                 .writeCalls = mean(&Sample::writeCalls),
+                                 .instructions = mean(&Sample::instructions)});
   }
   for (const Goal& goal : contest.goals) {
-    outcome.goals.push_back({goal, valueOf(goal, contest, samples)});
+    const Interval value = valueOf(goal, seats);
+    Verdict verdict = verdictOf(value, goal.limit);
+    // Calls are counted, not timed.
+    if (goal.quantity != Quantity::readCalls) {
+      if (rounds < kDecisiveRounds) verdict = Verdict::undecided;
+      if (outcome.isVoid()) verdict = Verdict::voided;
+    }
+    outcome.goals.push_back({goal, value, verdict});
   }
   return outcome;
 }

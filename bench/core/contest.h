@@ -1,8 +1,9 @@
-// Contests: several ways to do the same work, timed in turn, round by round.
+// Contests: several ways to do the same work, timed in turn.
 //
-// A round runs the floor, every other participant and the floor once more. What a participant
-// took is always compared with another in the same round, so that a machine that slows down for
-// a while slows both; the floor's second turn tells how much of a ratio is noise.
+// The contestants take turns within milliseconds: a round gives each a slice of 2 to 5 ms,
+// there and back (A B C C B A). A ratio compares the sums of slices that lie
+// side by side, so that a machine that slows down for a while slows down both sides. The floor
+// takes part twice; its second seat is the control and tells what of a ratio is noise.
 #pragma once
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "interval.h"
 #include "measure.h"
 
 namespace qzbench {
@@ -19,7 +21,9 @@ inline constexpr std::int32_t kPlotPageSize = 4096;
 
 struct Participant {
   std::string name;
-  std::function<Sample()> pass;  // does the work once; what it sets up before is not in the sample
+  // Does that many operations, from where the last run ended; what it sets up is not in the sample.
+  std::function<Sample(std::size_t operations)> run;
+  std::size_t grain = 1;  // operations come in multiples of it
 };
 
 enum class Quantity {
@@ -29,7 +33,7 @@ enum class Quantity {
   readCalls,  // reading calls an operation
 };
 
-// An upper bound, met when the median over the rounds does not exceed it.
+// An upper bound.
 struct Goal {
   Quantity quantity;
   std::string who;
@@ -42,7 +46,8 @@ struct Contest {
   std::string variant;                    // how, and with which sizes
   std::vector<Participant> participants;  // the floor first
   std::vector<Goal> goals;
-  bool warmUp = true;     // an uncounted round first
+  double sliceNs = 4e6;   // of elapsed time
+  bool whole = false;     // work that cannot be sliced: each turn is one grain, however long
   std::string plotLabel;  // its row in the picture; empty: it has none
 
   bool has(const std::string& name) const {
@@ -51,43 +56,43 @@ struct Contest {
   }
 };
 
-// Median, lowest and highest over the rounds.
-struct Spread {
-  double median = 0;
-  double low = 0;
-  double high = 0;
+// How long a contest takes. It ends when each contestant had its least time and every goal is
+// decided, or at the most time. What no open goal needs leaves earlier.
+struct Effort {
+  double leastNs = 0.25e9;  // of each contestant
+  double mostNs = 10e9;     // of the contest; twice as long for whole runs
 };
 
 struct Standing {
   std::string name;
-  Spread wallNs;     // an operation
-  Spread wallRatio;  // to the floor
-  Spread cpuRatio;
-  double readCalls = 0;  // an operation, median
+  std::size_t turns = 0;
+  Interval wallNs;     // an operation
+  Interval wallRatio;  // to the floor
+  Interval cpuRatio;
+  double readCalls = 0;  // an operation
   double writeCalls = 0;
+  double instructions = 0;
 };
 
 struct GoalOutcome {
   Goal goal;
-  Spread value;
-
-  bool isMet() const { return value.median <= goal.limit; }
+  Interval value;
+  Verdict verdict;
 };
 
 struct Outcome {
   std::string work;
   std::string variant;
   std::string plotLabel;
-  int rounds = 0;
-  double operations = 0;            // of one pass
-  std::vector<Standing> standings;  // in the order of a round, the floor's second turn last
+  std::size_t rounds = 0;
+  bool whole = false;
+  std::vector<Standing> standings;  // in the order of a round, the control last
   std::vector<GoalOutcome> goals;
 
-  // The floor against itself.
-  const Spread& noise() const { return standings.back().wallRatio; }
-  bool isNoisy() const { return noise().median < 0.95 || noise().median > 1.05; }
+  const Interval& control() const { return standings.back().wallRatio; }
+  bool isVoid() const { return control().value < kLeastControl || control().value > kMostControl; }
 };
 
-Outcome hold(const Contest& contest, int rounds);
+Outcome hold(const Contest& contest, const Effort& effort);
 
 }  // namespace qzbench

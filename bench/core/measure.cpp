@@ -1,11 +1,15 @@
 #include "measure.h"
 
 #include <fcntl.h>
+#include <linux/perf_event.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string_view>
 
 namespace qzbench {
@@ -15,6 +19,51 @@ std::int64_t valueAfter(std::string_view text, std::string_view name) {
   const std::size_t at = text.find(name);
   if (at == std::string_view::npos) throw Failure("the kernel does not count transfer calls");
   return std::strtoll(text.data() + at + name.size(), nullptr, 10);
+}
+
+using Text = std::array<char, 512>;
+
+Text textOf(int fd, const char* path) {
+  Text text = {};
+  if (fd == -1 || pread(fd, text.data(), text.size() - 1, 0) <= 0) failWithErrno(path);
+  return text;
+}
+
+int openInstructionCounter() {
+  perf_event_attr attributes = {};
+  attributes.type = PERF_TYPE_HARDWARE;
+  attributes.size = sizeof(attributes);
+  attributes.config = PERF_COUNT_HW_INSTRUCTIONS;
+  attributes.inherit = 1;
+  attributes.exclude_kernel = 1;
+  return static_cast<int>(
+      syscall(SYS_perf_event_open, &attributes, 0, -1, -1, PERF_FLAG_FD_CLOEXEC));
+}
+
+int instructionCounter() {
+  static const int fd = openInstructionCounter();
+  return fd;
+}
+
+double instructionsSoFar() {
+  std::uint64_t count = 0;
+  if (!countsInstructions() || read(instructionCounter(), &count, sizeof(count)) != sizeof(count)) {
+    return std::numeric_limits<double>::quiet_NaN();
+  }
+  return static_cast<double>(count);
+}
+
+std::int64_t ownReads = 0;  // of measuring itself
+
+// The second number: nanoseconds spent ready to run, but waiting. A kernel without it: none.
+double waitedSoFar() {
+  static const int fd = open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC);
+  if (fd == -1) return 0;
+  ++ownReads;
+  const Text text = textOf(fd, "/proc/self/schedstat");
+  char* second = nullptr;
+  std::strtoull(text.data(), &second, 10);
+  return std::strtod(second, nullptr);
 }
 
 }  // namespace
@@ -27,19 +76,37 @@ Sample& Sample::operator+=(const Sample& other) {
   operations += other.operations;
   readCalls += other.readCalls;
   writeCalls += other.writeCalls;
+  instructions += other.instructions;
   return *this;
 }
 
-CallCounts transferCalls() {
+bool countsInstructions() { return instructionCounter() != -1; }
+
+Counts countsSoFar() {
   static const int fd = open("/proc/self/io", O_RDONLY | O_CLOEXEC);
-  static std::int64_t ownCalls = 0;
-  std::array<char, 512> text = {};
-  if (fd == -1 || pread(fd, text.data(), text.size() - 1, 0) <= 0) failWithErrno("/proc/self/io");
-  // A call is counted as it returns: the text has the questions before this one.
-  const CallCounts counts = {.reads = valueAfter(text.data(), "syscr:") - ownCalls,
-                             .writes = valueAfter(text.data(), "syscw:")};
-  ++ownCalls;
+  const double instructions = instructionsSoFar();
+  ownReads += countsInstructions() ? 1 : 0;
+  const Text text = textOf(fd, "/proc/self/io");
+  // A call is counted as it returns: the text has those before this one.
+  const Counts counts = {.reads = valueAfter(text.data(), "syscr:") - ownReads,
+                         .writes = valueAfter(text.data(), "syscw:"),
+                         .instructions = instructions};
+  ++ownReads;
   return counts;
+}
+
+Moment momentNow() {
+  // Longer than the question takes: another program ran in between, before it or after it.
+  constexpr double kInterrupted = 50e3;
+  constexpr int kAttempts = 10;
+  Moment moment;
+  for (int i = 0; i < kAttempts; ++i) {
+    moment.beforeNs = nowNs(CLOCK_MONOTONIC);
+    moment.waitedNs = waitedSoFar();
+    moment.afterNs = nowNs(CLOCK_MONOTONIC);
+    if (moment.afterNs - moment.beforeNs < kInterrupted) break;
+  }
+  return moment;
 }
 
 }  // namespace qzbench

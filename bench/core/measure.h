@@ -1,4 +1,4 @@
-// Time, processor time and transfer calls of a piece of work.
+// Time, processor time, instructions and transfer calls of a piece of work.
 #pragma once
 
 #include <cstdint>
@@ -16,13 +16,16 @@ struct Failure : std::runtime_error {
 // Throws Failure with `what` and the system's reason.
 [[noreturn]] void failWithErrno(const std::string& what);
 
-// What one pass over the work took.
+// What some operations took. NaN: not counted.
 struct Sample {
+  // Elapsed time, less what the main thread waited for a processor that other programs used. Time
+  // in which it slept, for a disk or for threads of its own, counts.
   double wallNs = 0;
   double cpuNs = 0;  // user and system time of the process
   double operations = 0;
-  double readCalls = 0;  // read, pread, readv as the kernel counted them; NaN: nobody counted
+  double readCalls = 0;  // read, pread, readv as the kernel counted them
   double writeCalls = 0;
+  double instructions = 0;  // of all threads, outside the kernel
 
   Sample& operator+=(const Sample& other);
 };
@@ -33,29 +36,42 @@ inline double nowNs(clockid_t clock) {
   return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
-// The kernel's count of this process's transfer calls so far, this question's own left out.
-struct CallCounts {
+// What the kernel and the processor counted of this process so far, reading this left out.
+struct Counts {
   std::int64_t reads = 0;
   std::int64_t writes = 0;
+  double instructions = 0;
 };
-CallCounts transferCalls();
+Counts countsSoFar();
+
+// The clock, and how long the main thread was ready to run so far while others had the processors.
+struct Moment {
+  double beforeNs = 0;  // the clock before the question for the wait, and after it
+  double afterNs = 0;
+  double waitedNs = 0;
+};
+Moment momentNow();
+
+// True if the processor counts instructions for us. Asked before any thread starts.
+bool countsInstructions();
 
 // Runs `body`, which does `operations` operations.
 template <class Body>
 Sample timed(std::size_t operations, Body&& body) {
-  const CallCounts callsBefore = transferCalls();
+  const Counts before = countsSoFar();
   const double cpuBefore = nowNs(CLOCK_PROCESS_CPUTIME_ID);
-  const double wallBefore = nowNs(CLOCK_MONOTONIC);
+  const Moment start = momentNow();
   body();
-  const double wallAfter = nowNs(CLOCK_MONOTONIC);
+  const Moment end = momentNow();
   const double cpuAfter = nowNs(CLOCK_PROCESS_CPUTIME_ID);
-  const CallCounts callsAfter = transferCalls();
+  const Counts after = countsSoFar();
   Sample sample;
-  sample.wallNs = wallAfter - wallBefore;
+  sample.wallNs = (end.beforeNs - start.afterNs) - (end.waitedNs - start.waitedNs);
   sample.cpuNs = cpuAfter - cpuBefore;
   sample.operations = static_cast<double>(operations);
-  sample.readCalls = static_cast<double>(callsAfter.reads - callsBefore.reads);
-  sample.writeCalls = static_cast<double>(callsAfter.writes - callsBefore.writes);
+  sample.readCalls = static_cast<double>(after.reads - before.reads);
+  sample.writeCalls = static_cast<double>(after.writes - before.writes);
+  sample.instructions = after.instructions - before.instructions;
   return sample;
 }
 

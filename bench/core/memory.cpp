@@ -4,6 +4,9 @@
 
 #include <cstdint>
 #include <cstring>
+#include <map>
+#include <utility>
+#include <vector>
 
 #include "measure.h"
 
@@ -30,6 +33,12 @@ char* mapAligned(std::size_t bytes, std::size_t alignment) {
   return aligned;
 }
 
+// Areas of rings that are gone, by size and alignment.
+std::map<std::pair<std::size_t, std::size_t>, std::vector<char*>>& keptAreas() {
+  static std::map<std::pair<std::size_t, std::size_t>, std::vector<char*>> kept;
+  return kept;
+}
+
 }  // namespace
 
 void Unmap::operator()(char* area) const noexcept { munmap(area, mapped); }
@@ -37,11 +46,21 @@ void Unmap::operator()(char* area) const noexcept { munmap(area, mapped); }
 Ring::Ring(std::size_t count, std::size_t bytes, MemoryKind kind)
     : count_(count), step_(roundedUp(bytes, kSmallPage)), next_(count - 1) {
   const std::size_t unit = kind == MemoryKind::huge ? kHugePage : kSmallPage;
-  const std::size_t total = roundedUp(count_ * step_, unit);
-  char* area = mapAligned(total, unit);
-  area_ = std::unique_ptr<char[], Unmap>(area, Unmap{total});
-  if (kind == MemoryKind::huge) madvise(area, total, MADV_HUGEPAGE);
-  std::memset(area, 0, total);
+  const Keep size = {roundedUp(count_ * step_, unit), unit};
+  auto& kept = keptAreas()[{size.bytes, unit}];
+  if (!kept.empty()) {
+    area_ = std::unique_ptr<char[], Keep>(kept.back(), size);
+    kept.pop_back();
+    return;
+  }
+  char* area = mapAligned(size.bytes, unit);
+  area_ = std::unique_ptr<char[], Keep>(area, size);
+  if (kind == MemoryKind::huge) madvise(area, size.bytes, MADV_HUGEPAGE);
+  std::memset(area, 0, size.bytes);
+}
+
+void Ring::Keep::operator()(char* area) const noexcept {
+  keptAreas()[{bytes, unit}].push_back(area);
 }
 
 }  // namespace qzbench

@@ -16,7 +16,8 @@ struct Unmap {
   void operator()(char* area) const noexcept;
 };
 
-// `count` buffers of `bytes` in turn, page-aligned. All of it is in memory from the start.
+// `count` buffers of `bytes` in turn, page-aligned. All of it is in memory from the start. The
+// memory is kept for the next ring of that size, as the stand-in host's pools keep theirs.
 class Ring {
  public:
   Ring(std::size_t count, std::size_t bytes, MemoryKind kind = MemoryKind::ordinary);
@@ -34,7 +35,12 @@ class Ring {
   std::size_t count_;
   std::size_t step_;
   std::size_t next_;
-  std::unique_ptr<char[], Unmap> area_;
+  struct Keep {
+    std::size_t bytes;
+    std::size_t unit;
+    void operator()(char* area) const noexcept;
+  };
+  std::unique_ptr<char[], Keep> area_;
 };
 
 }  // namespace qzbench

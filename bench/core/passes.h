@@ -1,6 +1,6 @@
 // The loops of the page contests. Every participant runs the same code over its own store:
 //
-//   Store(const Task&)             opens what it works on
+//   Store(const Task&)             opens what it works on; its destructor closes it
 //   const char* read(page)         the page, until giveBack, change or the next read
 //   void giveBack()                ends the use of a page that was read
 //   char* readToChange(page)       the page, to be changed and then written
@@ -9,9 +9,12 @@
 //   void finish()                  all is written as far as this store writes; inside the clock
 #pragma once
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdint>
-#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,7 +37,7 @@ struct Task {
   bool flush = false;           // to the disk at the end
   std::int32_t blockBytes = 0;  // transfers of whole blocks of this size; 0: of pages
   std::int32_t buffers = 4;     // that the module may hand out
-  std::size_t ring = 1;         // buffers that a bare loop goes through
+  std::size_t ring = 1;         // buffers that a bare loop cycles through
   bool hugeBlocks = true;       // of a bare loop
 };
 
@@ -47,88 +50,171 @@ inline void requireStamps(std::int64_t wrongPages, const std::string& path) {
   if (wrongPages != 0) throw Failure(path + ": " + std::to_string(wrongPages) + " wrong pages");
 }
 
-template <class Store>
-Sample readPass(const Task& task, const Order& order, std::int64_t version = 0) {
-  Store store(task);
-  const std::int32_t pageSize = task.geometry.pageSize;
-  std::int64_t wrong = 0;
-  const Sample sample = timed(order.size(), [&] {
-    for (const std::int64_t page : order) {
-      wrong += isStamped(store.read(page), pageSize, page, version) ? 0 : 1;
-      store.giveBack();
-    }
-    store.finish();
-  });
-  requireStamps(wrong, task.path);
-  return sample;
-}
-
-// Writes all pages anew, then reads them back outside the clock.
-template <class Store>
-Sample appendPass(const Task& task) {
-  const Geometry& geometry = task.geometry;
-  Sample sample;
-  {
-    Store store(task);
-    sample = timed(static_cast<std::size_t>(geometry.pages), [&] {
-      for (std::int64_t page = 1; page <= geometry.pages; ++page) {
-        stamp(store.fresh(page), geometry.pageSize, page);
-        store.write(page);
-      }
-      store.finish();
-    });
+// Takes `operations` steps through `count` things in turn: calls step(first, some) for each
+// stretch.
+template <class Step>
+Sample takeSteps(std::size_t& next, std::size_t count, std::size_t operations, Step step) {
+  Sample sum;
+  while (operations > 0) {
+    const std::size_t some = std::min(operations, count - next);
+    sum += step(next, some);
+    operations -= some;
+    next = (next + some) % count;
   }
-  Task check = task;
-  check.access = Access::read;
-  check.sequential = true;
-  check.flush = false;
-  readPass<Store>(check, pageOrder(geometry.pages, true));
-  return sample;
+  return sum;
 }
 
-// Every page of the order is found as version `version` and becomes the next one.
+// Reads the pages of an order. Each time through it the store is opened anew, outside the clock.
 template <class Store>
-Sample rewritePass(const Task& task, const Order& order, std::int64_t version) {
-  const std::int32_t pageSize = task.geometry.pageSize;
-  std::int64_t wrong = 0;
-  Store store(task);
-  const Sample sample = timed(order.size(), [&] {
-    for (const std::int64_t page : order) {
-      char* at = store.readToChange(page);
-      wrong += isStamped(at, pageSize, page, version) ? 0 : 1;
-      stamp(at, pageSize, page, version + 1);
+class Reading {
+ public:
+  Reading(Task task, std::shared_ptr<const Order> order)
+      : task_(std::move(task)), order_(std::move(order)) {}
+
+  Sample run(std::size_t operations) {
+    return takeSteps(
+        next_, order_->size(), operations, [this](std::size_t first, std::size_t count) {
+          if (first == 0) {
+            store_.reset();
+            store_.emplace(task_);
+          }
+          std::int64_t wrong = 0;
+          const Sample sample = timed(count, [&] {
+            for (std::size_t i = first; i < first + count; ++i) {
+              const std::int64_t page = (*order_)[i];
+              wrong += isStamped(store_->read(page), task_.geometry.pageSize, page) ? 0 : 1;
+              store_->giveBack();
+            }
+          });
+          requireStamps(wrong, task_.path);
+          return sample;
+        });
+  }
+
+ private:
+  Task task_;
+  std::shared_ptr<const Order> order_;
+  std::optional<Store> store_;
+  std::size_t next_ = 0;
+};
+
+// Writes all pages of a new file; what a file of that name had goes beforehand, outside the clock.
+template <class Store>
+Sample appendAll(const Task& task) {
+  const Geometry& geometry = task.geometry;
+  unlink(task.path.c_str());
+  return timed(static_cast<std::size_t>(geometry.pages), [&] {
+    Store store(task);
+    for (std::int64_t page = 1; page <= geometry.pages; ++page) {
+      stamp(store.fresh(page), geometry.pageSize, page);
       store.write(page);
     }
     store.finish();
   });
-  requireStamps(wrong, task.path);
-  return sample;
+}
+
+// Writes whole files, from open to close. The first one is read back.
+template <class Store>
+class Appending {
+ public:
+  explicit Appending(Task task) : task_(std::move(task)) {}
+
+  Sample run(std::size_t operations) {
+    Sample sum;
+    for (; sum.operations < static_cast<double>(operations);) sum += appendAll<Store>(task_);
+    if (!std::exchange(isChecked_, true)) {
+      Task back = task_;
+      back.access = Access::read;
+      back.flush = false;
+      const auto order = std::make_shared<const Order>(pageOrder(task_.geometry.pages, true));
+      Reading<Store>(back, order).run(order->size());
+    }
+    return sum;
+  }
+
+ private:
+  Task task_;
+  bool isChecked_ = false;
+};
+
+// How far the pages of an order have become the next version.
+struct Progress {
+  std::size_t next = 0;
+  std::int64_t version = 0;
+};
+
+// Finds every page of an order as one version and makes it the next. Stores that share a file share
+// its progress: each run opens the file anew, because nobody may cache what another one changes.
+template <class Store>
+class Rewriting {
+ public:
+  Rewriting(Task task, std::shared_ptr<const Order> order, std::shared_ptr<Progress> progress)
+      : task_(std::move(task)), order_(std::move(order)), progress_(std::move(progress)) {}
+
+  Sample run(std::size_t operations) {
+    return takeSteps(progress_->next, order_->size(), operations,
+                     [this](std::size_t first, std::size_t count) {
+                       if (!store_) store_.emplace(task_);
+                       const bool isLast = first + count == order_->size();
+                       const Sample sample = rewrite(first, count, isLast || Store::kRawPages);
+                       if (isLast) ++progress_->version;
+                       return sample;
+                     });
+  }
+
+ private:
+  Sample rewrite(std::size_t first, std::size_t count, bool finish) {
+    const std::int32_t pageSize = task_.geometry.pageSize;
+    const std::int64_t version = progress_->version;
+    std::int64_t wrong = 0;
+    const Sample sample = timed(count, [&] {
+      for (std::size_t i = first; i < first + count; ++i) {
+        const std::int64_t page = (*order_)[i];
+        char* at = store_->readToChange(page);
+        wrong += isStamped(at, pageSize, page, version) ? 0 : 1;
+        stamp(at, pageSize, page, version + 1);
+        store_->write(page);
+      }
+      if (finish) store_->finish();
+    });
+    if (finish) store_.reset();
+    requireStamps(wrong, task_.path);
+    return sample;
+  }
+
+  Task task_;
+  std::shared_ptr<const Order> order_;
+  std::shared_ptr<Progress> progress_;
+  std::optional<Store> store_;
+};
+
+// A participant that runs `work`, which it owns.
+template <class Work>
+Participant participant(std::string name, std::shared_ptr<Work> work, std::size_t grain = 1) {
+  return {std::move(name),
+          [work = std::move(work)](std::size_t operations) { return work->run(operations); },
+          grain};
 }
 
 template <class Store>
 Participant reader(std::string name, Task task, const std::shared_ptr<const Order>& order) {
   task.access = Access::read;
-  return {std::move(name),
-          [task = std::move(task), order] { return readPass<Store>(task, *order); }};
+  const std::int32_t pagesPerBlock = std::max(task.blockBytes / task.geometry.pageSize, 1);
+  return participant(std::move(name), std::make_shared<Reading<Store>>(std::move(task), order),
+                     static_cast<std::size_t>(pagesPerBlock));
 }
 
 template <class Store>
 Participant appender(std::string name, Task task) {
-  task.access = Access::append;
-  task.sequential = true;
-  return {std::move(name), [task = std::move(task)] { return appendPass<Store>(task); }};
+  const auto pages = static_cast<std::size_t>(task.geometry.pages);
+  return participant(std::move(name), std::make_shared<Appending<Store>>(std::move(task)), pages);
 }
 
-// Each pass leaves the file one version on: stores that share a file share `version`, too.
 template <class Store>
 Participant rewriter(std::string name, Task task, const std::shared_ptr<const Order>& order,
-                     const std::shared_ptr<std::int64_t>& version) {
-  task.access = Access::rewrite;
-  return {std::move(name), [task = std::move(task), order, version] {
-            const Sample sample = rewritePass<Store>(task, *order, *version);
-            ++*version;
-            return sample;
-          }};
+                     const std::shared_ptr<Progress>& progress) {
+  return participant(std::move(name),
+                     std::make_shared<Rewriting<Store>>(std::move(task), order, progress));
 }
 
 }  // namespace qzbench

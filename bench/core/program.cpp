@@ -58,7 +58,8 @@ Sample timedProgram(std::size_t operations, const std::vector<std::string>& comm
           .cpuNs = nanoseconds(used.ru_utime) + nanoseconds(used.ru_stime),
           .operations = static_cast<double>(operations),
           .readCalls = kNobodyCounted,
-          .writeCalls = kNobodyCounted};
+          .writeCalls = kNobodyCounted,
+          .instructions = kNobodyCounted};
 }
 
 }  // namespace qzbench

@@ -26,17 +26,23 @@ struct PathCount {
   std::string path;
   double native;
   double i386;
+  double nativeNs;  // with the kernel's part; NaN: not timed
+  double i386Ns;
 
   static constexpr double kLimit = 1.3;  // i386 to native
   double ratio() const { return i386 / native; }
   bool isMet() const { return ratio() <= kLimit; }
 };
-// From lines of a path's name and its instructions, one file for each machine.
-std::vector<PathCount> readCounts(const std::string& nativeFile, const std::string& i386File);
+// From lines of a path's name and its instructions, one file for each machine. Then, if the kernel
+// runs both kinds of programs, the same with nanoseconds.
+std::vector<PathCount> readCounts(const std::vector<std::string>& files);
 std::string textOf(const std::vector<PathCount>& counts);
 
-// How many goals were met, and which were missed.
+// How many goals were met, and which were not.
 std::string goalSummary(const std::vector<Outcome>& outcomes, const std::vector<PathCount>& counts);
+
+// How many verdicts are the same in both runs of the same contests, and which are not.
+std::string agreement(const std::vector<Outcome>& quiet, const std::vector<Outcome>& busy);
 
 std::string jsonOf(const RunFacts& facts, const std::vector<Outcome>& outcomes,
                    const std::vector<PathCount>& counts);

@@ -1,8 +1,11 @@
 #include "runner.h"
 
-#include <algorithm>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
 #include <memory>
-#include <optional>
 
 namespace qzbench {
 namespace {
@@ -14,6 +17,26 @@ struct Loaded {
 
   qz::StandInHost host;
   qz::Module module;
+};
+
+// A process that keeps one processor busy.
+class BusyLoop {
+ public:
+  BusyLoop() : child_(fork()) {
+    if (child_ == -1) failWithErrno("fork");
+    if (child_ != 0) return;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    for (volatile unsigned turns = 0;;) turns = turns + 1;
+  }
+  BusyLoop(const BusyLoop&) = delete;
+  BusyLoop& operator=(const BusyLoop&) = delete;
+  ~BusyLoop() {
+    kill(child_, SIGKILL);
+    waitpid(child_, nullptr, 0);
+  }
+
+ private:
+  pid_t child_;
 };
 
 std::unique_ptr<Loaded>& loaded() {
@@ -53,10 +76,14 @@ Runner::Runner(const Settings& settings, Report report)
 
 Runner::~Runner() { loaded().reset(); }
 
-void Runner::hold(const Contest& contest, int rounds) {
-  const int most = settings_.rounds;
-  outcomes_.push_back(qzbench::hold(contest, rounds == 0 ? most : std::min(rounds, most)));
+void Runner::hold(const Contest& contest) {
+  outcomes_.push_back(qzbench::hold(contest, settings_.effort));
   report_(outcomes_.back());
+  if (!settings_.busy) return;
+  const BusyLoop loop;
+  busyOutcomes_.push_back(qzbench::hold(contest, settings_.effort));
+  busyOutcomes_.back().variant += ", beside a busy loop";
+  report_(busyOutcomes_.back());
 }
 
 }  // namespace qzbench

@@ -19,10 +19,11 @@ struct Settings {
   std::vector<std::string> work;  // names of what is run; empty: everything
   std::vector<std::int32_t> pageSizes = {4096, 512, 65536};
   std::vector<std::int32_t> bufferCounts = {4, 64, 1024, 65536};
-  int rounds = 11;
+  Effort effort;
+  bool busy = false;  // hold each contest again beside a busy loop
   std::int64_t warmBytes = std::int64_t{64} << 20U;
-  std::int64_t directBytes = std::int64_t{2} << 30U;
-  std::int64_t randomReads = 1000;  // of single pages from the disk, a pass
+  std::int64_t directBytes = std::int64_t{512} << 20U;
+  std::int64_t wholeBytes = std::int64_t{32} << 20U;
 };
 
 // A new file handle with its caller settings, named and open.
@@ -54,11 +55,12 @@ class Runner {
   Folder& disk() { return disk_; }
   Folder& memory() { return memory_; }
 
-  // Holds a contest over the settings' rounds, or `rounds` if those are fewer, and keeps and
-  // reports its outcome.
-  void hold(const Contest& contest, int rounds = 0);
+  // Holds a contest, keeps its outcome and reports it.
+  void hold(const Contest& contest);
 
   const std::vector<Outcome>& outcomes() const { return outcomes_; }
+  // Of the same contests beside a busy loop, if they were to be held again.
+  const std::vector<Outcome>& busyOutcomes() const { return busyOutcomes_; }
 
  private:
   Settings settings_;
@@ -66,6 +68,7 @@ class Runner {
   Folder disk_;
   Folder memory_;
   std::vector<Outcome> outcomes_;
+  std::vector<Outcome> busyOutcomes_;
 };
 
 // Turns an outcome of the module that is not a success into Failure.

@@ -2,6 +2,7 @@
 # Counts the instructions of the module's inner paths, the kernel's left out. Prints lines of a
 # path's name and its instructions, the mean over its runs.
 #   count.sh callgrind BUILD    by valgrind's callgrind
+#   count.sh time BUILD         nanoseconds instead, as far as the kernel runs the program
 #   count.sh QEMU BUILD         by having qemu (qemu-i386, qemu-x86_64) tell every instruction
 set -euo pipefail
 
@@ -17,6 +18,11 @@ if [ "$way" = callgrind ]; then
     sed -nE 's/^ *([0-9,]+) .*:count_([a-z_]+) .*/\2 \1/p' | tr -d , >"$folder/cost"
   awk 'FNR == NR { cost[$1] = $2; next }
        $1 == "runs" && $2 != "nothing" { printf "%s %.1f\n", $2, cost[$2] / $3 }' "$folder/cost" "$folder/said"
+  exit
+fi
+
+if [ "$way" = time ]; then
+  "$program" "$folder" time | sed -n 's/^took //p'
   exit
 fi
 

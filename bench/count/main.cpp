@@ -1,10 +1,14 @@
 // qzpcount: runs the module's inner paths a known number of times, for a tool that counts
-// instructions. Every path lies in a function of its own, `count_...`, whose inclusive count over
-// its calls is the path's; a count on another machine starts and stops at mark().
+// instructions, or times them. Every path lies in a function of its own, `count_...`, whose
+// inclusive count over its calls is the path's; a count on another machine starts and stops at
+// mark().
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -15,6 +19,7 @@ namespace {
 constexpr std::int32_t kPageSize = 4096;
 constexpr std::int64_t kPages = 256;
 constexpr std::int64_t kRounds = 64;
+constexpr int kTimedRepeats = 200;
 
 void require(qz::Status status) {
   if (status == qz::Status::ok) return;
@@ -73,6 +78,7 @@ struct Path {
   const char* name;
   void (*run)(Work*);
   int runs = 0;
+  std::vector<std::int64_t> tookNs = {};
 };
 Path nothing = {"nothing", count_nothing};
 Path pageReadMiss = {"page_read_miss", count_page_read_miss};
@@ -84,11 +90,21 @@ Path blockReturn = {"block_return", count_block_return};
 Path* const kPaths[] = {&nothing,   &pageReadMiss,   &pageReadHit, &pageReturn,
                         &pageWrite, &blockFirstRead, &blockReturn};
 
+bool timing = false;
+
+std::int64_t nowNs() {
+  timespec now = {};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
 void measure(Path& path, Work* work) {
   ++path.runs;
+  const std::int64_t before = timing ? nowNs() : 0;
   mark();
   path.run(work);
   mark();
+  if (timing) path.tookNs.push_back(nowNs() - before);
 }
 
 qz::PagedFile opened(const qz::Module& module, const std::string& path, std::uint32_t options) {
@@ -139,12 +155,26 @@ void countBlockMode(const qz::Module& module, const std::string& path) {
   }
 }
 
+// The median of each path's runs, less what a run of nothing takes.
+void printTimes() {
+  const auto medianNs = [](const Path& path) {
+    std::vector<std::int64_t> times = path.tookNs;
+    const auto middle = times.begin() + std::ssize(times) / 2;
+    std::nth_element(times.begin(), middle, times.end());
+    return static_cast<long>(*middle);
+  };
+  for (const Path* path : kPaths) {
+    std::printf("took %s %ld\n", path->name, medianNs(*path) - medianNs(nothing));
+  }
+}
+
 }  // namespace
 
-// Argument: a folder for the file, in which O_DIRECT works.
+// Arguments: a folder for the file, in which O_DIRECT works; then "time" to time the paths.
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: qzpcount FOLDER\n");
+  timing = argc == 3 && std::strcmp(argv[2], "time") == 0;
+  if (argc != 2 && !timing) {
+    std::fprintf(stderr, "usage: qzpcount FOLDER [time]\n");
     return 2;
   }
   // Whoever counts by marks needs to know where they are.
@@ -170,10 +200,13 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "qzpcount: %s\n", module.error().message().c_str());
       return 1;
     }
-    countPageMode(*module, path);
-    countBlockMode(*module, path);
+    for (int i = 0; i < (timing ? kTimedRepeats : 1); ++i) {
+      countPageMode(*module, path);
+      countBlockMode(*module, path);
+    }
   }
   unlink(path.c_str());
   for (const Path* done : kPaths) std::printf("runs %s %d\n", done->name, done->runs);
+  if (timing) printTimes();
   return 0;
 }

@@ -59,9 +59,11 @@ class BareBlocks {
       : file_(task.path, openFlags(task)),
         pageSize_(task.geometry.pageSize),
         pagesPerBlock_(task.blockBytes / task.geometry.pageSize),
-        blocks_(task.ring, static_cast<std::size_t>(task.blockBytes),
+        blocks_(task.access == Access::append ? 1 : task.ring,
+                static_cast<std::size_t>(task.blockBytes),
                 task.hugeBlocks ? MemoryKind::huge : MemoryKind::ordinary),
-        page_(1, static_cast<std::size_t>(pageSize_)),
+        pages_(task.ring, static_cast<std::size_t>(pageSize_)),
+        page_(pages_.at(0)),
         block_(blocks_.at(0)),
         flush_(task.flush) {}
 
@@ -76,14 +78,15 @@ class BareBlocks {
     return block_ + (page - first_) * pageSize_;
   }
   void giveBack() {}
-  char* fresh(std::int64_t) { return page_.at(0); }
+  char* fresh(std::int64_t) { return page_ = pages_.next(); }
   void write(std::int64_t page) {
     if (end_ == 0) first_ = page;
     end_ = page + 1;
-    std::copy_n(page_.at(0), pageSize_, block_ + (page - first_) * pageSize_);
+    std::copy_n(page_, pageSize_, block_ + (page - first_) * pageSize_);
     if (end_ - first_ == pagesPerBlock_) writeGathered();
   }
   void finish() {
+    if (end_ != 0) writeGathered();
     if (flush_ && fsync(file_.get()) != 0) failWithErrno("fsync");
   }
 
@@ -101,7 +104,8 @@ class BareBlocks {
   std::int64_t pageSize_;
   std::int64_t pagesPerBlock_;
   Ring blocks_;
-  Ring page_;
+  Ring pages_;
+  char* page_;
   char* block_;
   std::int64_t first_ = 0;
   std::int64_t end_ = 0;  // after the last page of the block; 0: the block is empty

@@ -13,7 +13,8 @@ constexpr std::uint32_t kCachedPages = 16;
 
 PoolPages::PoolPages(const Task& task, std::uint32_t threadFlag) {
   const auto pageSize = static_cast<std::uint32_t>(task.geometry.pageSize);
-  const std::uint32_t cache = std::max(kLeastCache, kCachedPages * pageSize);
+  const auto pages = std::max(kCachedPages, static_cast<std::uint32_t>(task.buffers));
+  const std::uint32_t cache = std::max(kLeastCache, pages * pageSize);
   check(db_env_create(&environment_, 0));
   check(environment_->set_cachesize(environment_, 0, cache, 1));
   check(environment_->open(environment_, nullptr,

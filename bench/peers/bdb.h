@@ -1,4 +1,5 @@
-// Berkeley DB's memory pool over a plain file of pages, with a cache far smaller than the file.
+// Berkeley DB's memory pool over a plain file of pages, with a cache of as many pages as the
+// module has buffers, at least 16.
 // It takes part in reading only.
 #pragma once
 

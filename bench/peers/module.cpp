@@ -1,5 +1,10 @@
 #include "module.h"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
 namespace qzbench {
 namespace {
 
@@ -36,6 +41,38 @@ ModulePages::ModulePages(const Task& task)
   if (handle_->directIoMode != expectedMode(task)) {
     throw Failure(task.path + ": the module chose another mode of I/O");
   }
+}
+
+std::size_t buffersInTurn(const Task& task) {
+  Task trial = task;
+  if (task.access == Access::append) trial.path += ".trial";
+  const std::int64_t pagesPerBlock = std::max(task.blockBytes / task.geometry.pageSize, 1);
+  const std::int64_t rounds = 2 * std::int64_t{task.buffers} + 2;
+  std::set<const char*> places;
+  {
+    ModulePages pages(trial);
+    for (std::int64_t page = 1; page <= std::min(task.geometry.pages, rounds * pagesPerBlock);
+         ++page) {
+      const char* at = nullptr;
+      switch (task.access) {
+        case Access::read:
+          at = pages.read(page) - (page - 1) % pagesPerBlock * task.geometry.pageSize;
+          pages.giveBack();
+          break;
+        case Access::append:
+          at = pages.fresh(page);
+          pages.write(page);
+          break;
+        case Access::rewrite:
+          at = pages.readToChange(page);
+          pages.write(page);
+          break;
+      }
+      places.insert(at);
+    }
+  }
+  if (task.access == Access::append) unlink(trial.path.c_str());
+  return places.size();
 }
 
 }  // namespace qzbench

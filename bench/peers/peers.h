@@ -52,7 +52,7 @@ std::string ownCopy(Folder& folder, const Geometry& geometry, const std::string&
     return folder.stampedCopy(geometry, name);
   } else {
     std::string path = folder.file(name);
-    appendPass<Store>({Access::append, geometry, path, true});
+    appendAll<Store>({Access::append, geometry, path, true});
     return path;
   }
 }

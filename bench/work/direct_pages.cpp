@@ -13,11 +13,10 @@ void readDirectPages(Runner& run) {
     // The pool aligns smaller pages to less than a disk wants.
     if (pageSize % kAlignment != 0) continue;
     const Geometry geometry = {pageSize, run.settings().warmBytes * 4 / pageSize};
-    Order random = pageOrder(geometry.pages, false);
-    random.resize(std::min(random.size(), static_cast<std::size_t>(run.settings().randomReads)));
-    const auto order = std::make_shared<const Order>(std::move(random));
+    const auto order = std::make_shared<const Order>(pageOrder(geometry.pages, false));
     Task task{Access::read, geometry, run.disk().stamped(geometry, true), false};
     task.direct = true;
+    task.ring = buffersInTurn(task);
     Contest contest;
     contest.work = "direct page mode, read + return";
     contest.variant = fmt::format("{} B pages, random from the disk", pageSize);

@@ -7,7 +7,7 @@
 namespace qzbench {
 namespace {
 
-constexpr std::size_t kAppends = 4096;  // of a pass
+constexpr std::int64_t kMostAppends = 8192;  // until the file is truncated
 constexpr std::int32_t kPagesPerBlock = 8;
 
 struct Shape {
@@ -31,13 +31,16 @@ class Appends {
         table_(file_.table()) {
     const std::int64_t step = shape.block ? kPagesPerBlock : 1;
     for (std::int64_t i = 0; i <= bufferCount; ++i) cachePage(i * step + 1);
+    firstPages_ = handle_->pageCount;
   }
 
-  // The file grows from pass to pass.
-  Sample pass() {
+  Sample run(std::size_t appends) {
+    if (handle_->pageCount >= firstPages_ + kMostAppends) {
+      check(table_.qzptruncate(handle_, firstPages_, nullptr));
+    }
     const std::int64_t first = handle_->pageCount + 1;
-    return timed(kAppends, [&] {
-      for (std::size_t i = 0; i < kAppends; ++i) {
+    return timed(appends, [&] {
+      for (std::size_t i = 0; i < appends; ++i) {
         const std::int64_t page = first + static_cast<std::int64_t>(i);
         void* buffer = nullptr;
         check(table_.qzpbufacquire(handle_, &buffer, nullptr));
@@ -68,6 +71,7 @@ class Appends {
   qz::PagedFile file_;
   qz::FileHandle* handle_;
   const qz::OperationTable& table_;
+  std::int64_t firstPages_ = 0;
 };
 
 }  // namespace
@@ -82,9 +86,8 @@ void growAppends(Runner& run) {
       const Geometry geometry = {shape.pageSize, shape.block ? cached * kPagesPerBlock : cached};
       const std::string path =
           run.memory().stampedCopy(geometry, fmt::format("append-{}-{}", shape.name, count));
-      auto appends = std::make_shared<Appends>(path, shape, count);
-      contest.participants.push_back(
-          {fmt::format("{} buffers", count), [appends] { return appends->pass(); }});
+      contest.participants.push_back(participant(fmt::format("{} buffers", count),
+                                                 std::make_shared<Appends>(path, shape, count)));
     }
     contest.goals = {
         {Quantity::wall, contest.participants.back().name, contest.participants.front().name, 1.5}};

@@ -11,8 +11,6 @@
 namespace qzbench {
 namespace {
 
-constexpr std::size_t kMisses = 262144;  // of a pass
-
 // The module's page buffers as the tree sees them.
 using Nodes = std::vector<qz::PageBuffer>;
 
@@ -64,17 +62,18 @@ class HostTree {
 template <class Tree>
 class Cache {
  public:
-  Cache(std::size_t buffers, const Order& order) : buffers_(buffers), order_(order) {
+  Cache(std::size_t buffers, std::shared_ptr<const Order> order)
+      : buffers_(buffers), order_(std::move(order)) {
     for (qz::PageBuffer& buffer : buffers_) {
       buffer.pageNumber = nextPage();
       tree_.enter(&buffer);
     }
   }
 
-  Sample pass() {
+  Sample run(std::size_t misses) {
     std::size_t hits = 0;
-    const Sample sample = timed(kMisses, [&] {
-      for (std::size_t i = 0; i < kMisses; ++i) {
+    const Sample sample = timed(misses, [&] {
+      for (std::size_t i = 0; i < misses; ++i) {
         const std::int64_t page = nextPage();
         hits += tree_.has(page) ? 1 : 0;
         tree_.replace(&buffers_[oldest_], page);
@@ -87,13 +86,13 @@ class Cache {
 
  private:
   std::int64_t nextPage() {
-    const std::int64_t page = order_[next_];
-    next_ = next_ + 1 == order_.size() ? 0 : next_ + 1;
+    const std::int64_t page = (*order_)[next_];
+    next_ = next_ + 1 == order_->size() ? 0 : next_ + 1;
     return page;
   }
 
   Nodes buffers_;
-  const Order& order_;
+  std::shared_ptr<const Order> order_;
   Tree tree_;
   std::size_t next_ = 0;
   std::size_t oldest_ = 0;
@@ -101,25 +100,30 @@ class Cache {
 
 template <class Tree>
 Participant cacheOf(std::string name, std::size_t buffers, std::shared_ptr<const Order> order) {
-  auto cache = std::make_shared<Cache<Tree>>(buffers, *order);
-  return {std::move(name), [cache, order = std::move(order)] { return cache->pass(); }};
+  return participant(std::move(name), std::make_shared<Cache<Tree>>(buffers, std::move(order)));
 }
 
 }  // namespace
 
 void growTree(Runner& run) {
-  const auto buffers = static_cast<std::size_t>(run.settings().bufferCounts.back());
-  for (const bool sequential : {true, false}) {
-    const auto order = std::make_shared<const Order>(
-        pageOrder(static_cast<std::int64_t>(2 * buffers), sequential));
+  struct Load {
+    std::int32_t buffers;
+    bool sequential;
+    double limitNs;
+  };
+  const std::int32_t most = run.settings().bufferCounts.back();
+  for (const Load& load : {Load{1024, true, 25}, Load{most, true, 60}, Load{most, false, 60}}) {
+    const auto order =
+        std::make_shared<const Order>(pageOrder(2 * std::int64_t{load.buffers}, load.sequential));
+    const auto buffers = static_cast<std::size_t>(load.buffers);
     Contest contest;
     contest.work = "host's tree, find + remove + insert of a miss";
-    contest.variant =
-        fmt::format("{} nodes, {}", buffers, sequential ? "pages in order" : "random pages");
+    contest.variant = fmt::format("{} nodes, {}", load.buffers,
+                                  load.sequential ? "pages in order" : "random pages");
     contest.participants = {cacheOf<StandardTree>("std::map", buffers, order),
                             cacheOf<HostTree>("qziop's host", buffers, order)};
-    contest.goals = {{Quantity::wallNs, "qziop's host", "", 60}};
-    run.hold(contest, 11);
+    contest.goals = {{Quantity::wallNs, "qziop's host", "", load.limitNs}};
+    run.hold(contest);
   }
 }
 

@@ -11,12 +11,10 @@
 namespace qzbench {
 namespace {
 
-constexpr std::size_t kOpens = 500;  // of a pass
-
 // The system calls that an open cannot do without.
-Sample barePass(const std::string& path, const std::string& folder, int flags) {
-  return timed(kOpens, [&] {
-    for (std::size_t i = 0; i < kOpens; ++i) {
+Sample bareOpens(const std::string& path, const std::string& folder, int flags, std::size_t opens) {
+  return timed(opens, [&] {
+    for (std::size_t i = 0; i < opens; ++i) {
       struct statfs system = {};
       struct stat facts = {};
       if (statfs(folder.c_str(), &system) != 0) failWithErrno(folder);
@@ -26,9 +24,10 @@ Sample barePass(const std::string& path, const std::string& folder, int flags) {
   });
 }
 
-Sample modulePass(const std::string& path, std::int32_t pageSize, std::uint32_t options) {
-  return timed(kOpens, [&] {
-    for (std::size_t i = 0; i < kOpens; ++i) {
+Sample moduleOpens(const std::string& path, std::int32_t pageSize, std::uint32_t options,
+                   std::size_t opens) {
+  return timed(opens, [&] {
+    for (std::size_t i = 0; i < opens; ++i) {
       qz::PagedFile file = openFile({.path = path,
                                      .pageSize = pageSize,
                                      .readAccess = qz::readSequential,
@@ -50,10 +49,13 @@ void openAndClose(Runner& run) {
     contest.plotLabel = block ? "open + close, block mode" : "open + close, page mode";
     const int flags = block ? O_RDONLY | O_DIRECT : O_RDONLY;
     const std::uint32_t options = block ? qz::optionDirectIo : 0U;
-    contest.participants = {
-        {"statfs, open, fstat, close",
-         [path, folder = run.disk().path(), flags] { return barePass(path, folder, flags); }},
-        {"qziop", [path, options] { return modulePass(path, kPageSize, options); }}};
+    contest.participants = {{"statfs, open, fstat, close",
+                             [path, folder = run.disk().path(), flags](std::size_t opens) {
+                               return bareOpens(path, folder, flags, opens);
+                             }},
+                            {"qziop", [path, options](std::size_t opens) {
+                               return moduleOpens(path, kPageSize, options, opens);
+                             }}};
     contest.goals = {{Quantity::wall, "qziop", contest.participants[0].name, 2.0}};
     run.hold(contest);
   }

@@ -28,6 +28,8 @@ void readBlocks(Runner& run) {
     Task large = small;
     large.blockBytes = kLargeBlock;
 
+    for (Task* task : {&plain, &small, &large}) task->ring = buffersInTurn(*task);
+
     Contest contest;
     contest.work = "block mode, in order from the disk";
     contest.variant = fmt::format("{} B pages, {} MiB", pageSize, bytes >> 20U);
@@ -43,8 +45,7 @@ void readBlocks(Runner& run) {
                      {Quantity::wall, "qziop 4 MiB", "O_DIRECT 4 MiB", 1.05},
                      {Quantity::cpu, "qziop 4 MiB", "O_DIRECT 4 MiB", 1.05},
                      {Quantity::wall, "qziop 4 MiB", "O_DIRECT 256 KiB, 4 KiB memory pages", 0.40}};
-    contest.warmUp = false;
-    run.hold(contest, 5);
+    run.hold(contest);
     run.disk().drop(geometry);
   }
 }

@@ -47,59 +47,92 @@ class Destinations {
   std::vector<std::size_t> shuffled_;
 };
 
-// Every run of the file in turn, through `readRun(firstPage)`.
-template <class ReadRun>
-Sample readRuns(const Geometry& geometry, const Destinations& to, bool contiguous,
-                ReadRun readRun) {
-  const auto runs = geometry.pages / static_cast<std::int64_t>(kRun);
-  bool right = true;
-  const Sample sample = timed(static_cast<std::size_t>(runs) * kRun, [&] {
-    for (std::int64_t run = 0; run < runs; ++run) {
-      const std::int64_t first = run * static_cast<std::int64_t>(kRun) + 1;
-      readRun(first);
-      right &= to.arePages(first, contiguous);
-    }
-  });
-  requireStamps(right ? 0 : 1, "read many");
-  return sample;
-}
+// The runs of a file in turn, over and over, through `reader.read(to, firstPage, contiguous)`.
+template <class Reader>
+class Runs {
+ public:
+  Runs(const std::string& path, const Geometry& geometry, bool contiguous)
+      : reader_(path, geometry.pageSize),
+        to_(geometry.pageSize),
+        contiguous_(contiguous),
+        count_(geometry.pages / static_cast<std::int64_t>(kRun)) {}
 
-Sample barePass(const std::string& path, const Geometry& geometry, bool contiguous) {
-  const Descriptor file(path, O_RDONLY);
-  const Destinations to(geometry.pageSize);
-  const auto pageBytes = static_cast<std::size_t>(geometry.pageSize);
-  std::vector<iovec> vectors(kRun);
-  return readRuns(geometry, to, contiguous, [&](std::int64_t first) {
-    const off_t offset = (first - 1) * geometry.pageSize;
+  Sample run(std::size_t pages) {
+    bool right = true;
+    const Sample sample = timed(pages, [&] {
+      for (std::size_t done = 0; done < pages; done += kRun) {
+        const std::int64_t first = next_ * static_cast<std::int64_t>(kRun) + 1;
+        reader_.read(to_, first, contiguous_);
+        right &= to_.arePages(first, contiguous_);
+        next_ = (next_ + 1) % count_;
+      }
+    });
+    requireStamps(right ? 0 : 1, "read many");
+    return sample;
+  }
+
+ private:
+  Reader reader_;
+  Destinations to_;
+  bool contiguous_;
+  std::int64_t count_;
+  std::int64_t next_ = 0;
+};
+
+class BareReader {
+ public:
+  BareReader(const std::string& path, std::int32_t pageSize)
+      : file_(path, O_RDONLY), pageBytes_(static_cast<std::size_t>(pageSize)), vectors_(kRun) {}
+
+  void read(const Destinations& to, std::int64_t first, bool contiguous) {
+    const off_t offset = (first - 1) * static_cast<off_t>(pageBytes_);
     if (contiguous) {
-      if (pread(file.get(), to.area(), kRun * pageBytes, offset) < 0) failWithErrno("pread");
+      if (pread(file_.get(), to.area(), kRun * pageBytes_, offset) < 0) failWithErrno("pread");
       return;
     }
-    for (std::size_t i = 0; i < kRun; ++i) vectors[i] = {to.place(i, false), pageBytes};
-    if (lseek(file.get(), offset, SEEK_SET) == -1) failWithErrno("lseek");
+    for (std::size_t i = 0; i < kRun; ++i) vectors_[i] = {to.place(i, false), pageBytes_};
+    if (lseek(file_.get(), offset, SEEK_SET) == -1) failWithErrno("lseek");
     for (std::size_t done = 0; done < kRun; done += kMostVectors) {
       const std::size_t count = std::min(kMostVectors, kRun - done);
-      if (readv(file.get(), &vectors[done], static_cast<int>(count)) < 0) failWithErrno("readv");
+      if (readv(file_.get(), &vectors_[done], static_cast<int>(count)) < 0) failWithErrno("readv");
     }
-  });
-}
+  }
 
-Sample modulePass(const std::string& path, const Geometry& geometry, bool contiguous) {
-  const qz::PagedFile file =
-      openFile({.path = path, .pageSize = geometry.pageSize, .readAccess = qz::readMany});
-  const Destinations to(geometry.pageSize);
-  std::vector<qz::PageRequest> requests(kRun);
-  std::vector<qz::PageRequest*> addresses(kRun);
-  return readRuns(geometry, to, contiguous, [&](std::int64_t first) {
+ private:
+  Descriptor file_;
+  std::size_t pageBytes_;
+  std::vector<iovec> vectors_;
+};
+
+class ModuleReader {
+ public:
+  ModuleReader(const std::string& path, std::int32_t pageSize)
+      : file_(openFile({.path = path, .pageSize = pageSize, .readAccess = qz::readMany})),
+        requests_(kRun),
+        addresses_(kRun) {}
+
+  void read(const Destinations& to, std::int64_t first, bool contiguous) {
     for (std::size_t i = 0; i < kRun; ++i) {
-      requests[i].buffer = to.place(i, contiguous);
-      addresses[i] = &requests[i];
+      requests_[i].buffer = to.place(i, contiguous);
+      addresses_[i] = &requests_[i];
     }
     const std::uint32_t options = contiguous ? qz::kContiguous : 0;
     require(
-        file.table().qzpreadmany(file.handle(), addresses.data(), first, kRun, options, nullptr),
-        file.handle());
-  });
+        file_.table().qzpreadmany(file_.handle(), addresses_.data(), first, kRun, options, nullptr),
+        file_.handle());
+  }
+
+ private:
+  qz::PagedFile file_;
+  std::vector<qz::PageRequest> requests_;
+  std::vector<qz::PageRequest*> addresses_;
+};
+
+template <class Reader>
+Participant runsOf(std::string name, const std::string& path, const Geometry& geometry,
+                   bool contiguous) {
+  return participant(std::move(name), std::make_shared<Runs<Reader>>(path, geometry, contiguous),
+                     kRun);
 }
 
 }  // namespace
@@ -118,8 +151,8 @@ void readMany(Runner& run) {
         contest.plotLabel = contiguous ? "read many, contiguous" : "read many, scattered";
       }
       const char* floor = contiguous ? "pread" : "lseek + readv";
-      contest.participants = {{floor, [=] { return barePass(path, geometry, contiguous); }},
-                              {"qziop", [=] { return modulePass(path, geometry, contiguous); }}};
+      contest.participants = {runsOf<BareReader>(floor, path, geometry, contiguous),
+                              runsOf<ModuleReader>("qziop", path, geometry, contiguous)};
       contest.goals = {{Quantity::wall, "qziop", floor, 1.05}};
       run.hold(contest);
     }

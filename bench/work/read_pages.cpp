@@ -10,7 +10,8 @@ namespace {
 void readIn(Runner& run, std::int32_t pageSize, bool sequential) {
   const Geometry geometry = {pageSize, run.settings().warmBytes / pageSize};
   const auto order = std::make_shared<const Order>(pageOrder(geometry.pages, sequential));
-  const Task task{Access::read, geometry, run.disk().stamped(geometry), sequential};
+  Task task{Access::read, geometry, run.disk().stamped(geometry), sequential};
+  task.ring = buffersInTurn(task);
   Contest contest;
   contest.work = "page mode, read + return";
   contest.variant = fmt::format("{} B pages, {}", pageSize, sequential ? "in order" : "random");

@@ -1,4 +1,5 @@
-// Read random pages of a warm file, change them and write them back.
+// Read random pages of a file in memory, change them and write them back. No disk takes part: the
+// system would write pages back while others are being changed.
 #include "../peers/bare.h"
 #include "../peers/module.h"
 #include "../peers/peers.h"
@@ -11,32 +12,32 @@ void rewritePages(Runner& run) {
     const Geometry geometry = {pageSize, run.settings().warmBytes / pageSize};
     const auto order = std::make_shared<const Order>(pageOrder(geometry.pages, false));
     Task task{Access::rewrite, geometry, "", false};
-    // A written buffer goes to the end of the line: the module takes all of its buffers in turn.
-    task.ring = static_cast<std::size_t>(task.buffers) + 1;
     // Where a file lies in memory makes a difference: those who can share one file.
-    const std::string shared = run.disk().stampedCopy(geometry, "rewritten");
-    const auto sharedVersion = std::make_shared<std::int64_t>(0);
+    const std::string shared = run.memory().stampedCopy(geometry, "rewritten");
+    task.path = shared;
+    task.ring = buffersInTurn(task);
+    const auto progress = std::make_shared<Progress>();
     std::vector<std::string> files = {shared};
     Contest contest;
     const auto add = [&]<class Store>(const char* name) {
       task.path = shared;
       if constexpr (Store::kRawPages) {
-        contest.participants.push_back(rewriter<Store>(name, task, order, sharedVersion));
+        contest.participants.push_back(rewriter<Store>(name, task, order, progress));
       } else {
-        task.path = ownCopy<Store>(run.disk(), geometry, fmt::format("rewritten by {}", name));
+        task.path = ownCopy<Store>(run.memory(), geometry, fmt::format("rewritten by {}", name));
         files.push_back(task.path);
         contest.participants.push_back(
-            rewriter<Store>(name, task, order, std::make_shared<std::int64_t>(0)));
+            rewriter<Store>(name, task, order, std::make_shared<Progress>()));
       }
     };
     contest.work = "page mode, read + change + write";
-    contest.variant = fmt::format("{} B pages, random", pageSize);
+    contest.variant = fmt::format("{} B pages, random, in memory", pageSize);
     if (pageSize == kPlotPageSize) contest.plotLabel = "rewrite random pages";
     add.operator()<BarePages>("pread + pwrite");
     add.operator()<ModulePages>("qziop");
     eachWriter(add);
     contest.goals = {{Quantity::wall, "qziop", "pread + pwrite", 1.05}};
-    run.hold(contest, 7);
+    run.hold(contest);
     for (const std::string& file : files) unlink(file.c_str());
   }
 }

@@ -7,8 +7,9 @@ namespace qzbench {
 
 void readPages(Runner& run);        // page mode, warm: in order and random
 void readBlocks(Runner& run);       // block mode from the disk, in order
-void hitBlocks(Runner& run);        // block mode, pages of a cached block
+void hitPages(Runner& run);         // pages in memory: of a cached block, and held
 void readDirectPages(Runner& run);  // page mode past the page cache, random
+void readOnThreads(Runner& run);    // the same by many handles, each with a thread of its own
 void appendPages(Runner& run);      // page mode
 void appendBlocks(Runner& run);     // block mode, past the page cache
 void rewritePages(Runner& run);     // page mode, random
@@ -17,6 +18,6 @@ void openAndClose(Runner& run);     // both modes
 void growReads(Runner& run);        // many buffers: reads and returns
 void growAppends(Runner& run);      // many buffers: appends
 void growTree(Runner& run);         // many buffers: the host's tree
-void packFiles(Runner& run);        // whole files by the tool
+void wholeFiles(Runner& run);       // by the tool: pack, unpack, verify
 
 }  // namespace qzbench
