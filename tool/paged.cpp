@@ -293,14 +293,13 @@ void File::prepare(const IoRequest& request) {
   if (request.buffers) settings.bufferCount = *request.buffers;
 }
 
-// The geometry, and the length of the tool's own files where that is no number of whole pages, be
-// it that the file is damaged or that a change was interrupted, whose pages count as pages here.
+// The geometry, and the length of the tool's own files: it need not be a number of whole pages, nor
+// what it was when the file was locked. Pages of an interrupted change count as pages here.
 void File::believe(const Source& source) {
   qz::FileHandle& settings = paged_.settings();
   settings.pageSize = geometry_.pageSize;
   settings.headerSize = geometry_.headerSize;
-  const bool whole = source.unfinished == Unfinished::no && source.measured.leftOver == 0;
-  if (whole || !source.geometry.header) return;
+  if (!source.geometry.header) return;
   settings.pageCount = (source.actualBytes - geometry_.headerSize) / geometry_.pageSize;
   settings.fileSize = geometry_.headerSize + settings.pageCount * geometry_.pageSize;
   for (const RecordedPiece& piece : source.change.pieces) {

@@ -177,7 +177,7 @@ void Repair::judgeChecksums(const Survey& survey) {
   // The sum of all pages as the header has it proves that each of them is what was written.
   const bool proven = complete && survey.sum == header.payloadChecksum;
   if (!headerSealed_) {
-    if (!proven || !source_.measured.isWhole()) inspect(plain_, std::nullopt);  // throws
+    if (!proven) inspect(plain_, std::nullopt);  // throws
     add({.what = "header",
          .text = "the header's checksum is wrong, what the header says is right"});
   }

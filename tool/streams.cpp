@@ -55,8 +55,9 @@ Input::~Input() {
 
 std::optional<std::int64_t> Input::size() const {
   struct stat info = {};
-  if (!isRegular_ || fstat(fd_, &info) != 0) {
-    return std::nullopt;
+  if (!isRegular_) return std::nullopt;
+  if (fstat(fd_, &info) != 0) {
+    throw systemFailure(Purpose::input, "cannot tell the size of", name_, errno);
   }
   const off_t position = std::max<off_t>(lseek(fd_, 0, SEEK_CUR), 0);
   return std::max<off_t>(info.st_size - position, 0);
