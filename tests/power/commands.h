@@ -1,0 +1,76 @@
+// The commands of qzpfile that write, each on a small file, run under the recorder or with one of
+// its system calls failed.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "trace.h"
+
+namespace qztest {
+
+using Bytes = std::string;
+// Files of a folder by name.
+using Folder = std::map<std::string, Bytes>;
+
+// One note of the recorder with its data.
+struct Event {
+  TraceRecord record;
+  Bytes data;
+
+  bool is(char what) const { return record.what == what; }
+};
+
+struct Run {
+  int status = 0;  // exit status; 128 and the number for a signal
+  Bytes out;
+  std::vector<Event> trace;
+  std::map<std::uint64_t, std::string> inodes;  // of the files that were there before, by inode
+};
+
+struct CommandCase {
+  std::string name;
+  std::vector<std::string> arguments;  // "x" is the file that is written
+  std::string input;                   // name of the file for standard input, or empty
+  Folder before;
+};
+
+// Whether the preloaded recorder works with this build of the program; else why not.
+std::string whyNoRecorder();
+
+// A folder of the test's own that goes with the object.
+class Workplace {
+ public:
+  Workplace();
+  Workplace(const Workplace&) = delete;
+  Workplace& operator=(const Workplace&) = delete;
+  ~Workplace();
+
+  // Makes the folder's contents those of `files`.
+  void fill(const Folder& files) const;
+  Folder contents() const;
+  // Runs qzpfile in the folder. settings: "NAME=value" for the recorder; without any it is not
+  // preloaded.
+  Run run(const std::vector<std::string>& arguments, const std::string& input = {},
+          const std::vector<std::string>& settings = {}) const;
+  // The same with the trace.
+  Run record(const CommandCase& command, const std::vector<std::string>& settings = {}) const;
+
+  // What x holds: its payload and, where it may change, its header area, or for a plain file its
+  // bytes; "damaged" when it cannot be read.
+  Bytes held(const Folder& files) const;
+  // The same after a repair that may give up what cannot be kept.
+  Bytes heldAfterRepair(const Folder& files) const;
+
+ private:
+  std::string folder_;
+};
+
+inline const Bytes kDamaged = "damaged";
+
+// Every command for one version of the file format.
+std::vector<CommandCase> commandCases(const Workplace& place, int version);
+
+}  // namespace qztest
