@@ -63,6 +63,11 @@ void writePages(PageEditor& editor, Input& input, Progress& progress, std::int64
   }
 }
 
+std::optional<std::int64_t> pagesIn(std::optional<std::int64_t> bytes, std::int64_t pageSize) {
+  if (!bytes) return std::nullopt;
+  return *bytes / pageSize + (*bytes % pageSize == 0 ? 0 : 1);
+}
+
 // What a put that failed has done.
 std::string outcome(const PageEditor& editor, bool appends, std::int64_t first, std::int64_t next) {
   if (editor.isDecided()) {
@@ -87,16 +92,13 @@ Exit runPut(const Invocation& call) {
   refuseItself(input, editor);
   checkBefore(editor, first, input.size());
   Progress progress(call.progress, "put", input.size());
-  // Pages that are replaced wait behind those that are appended: their number must be known.
-  if (editor.isOwn() && !appends) input.makeSizeKnown(folderOf(call.first), progress);
-  std::optional<std::int64_t> count;
-  if (const auto bytes = input.size()) {
-    const std::int64_t pageSize = editor.file().geometry().pageSize;
-    count = *bytes / pageSize + (*bytes % pageSize == 0 ? 0 : 1);
-  }
   std::int64_t next = first;
   try {
+    // Pages that are replaced wait behind those that are appended: their number must be known.
+    if (editor.isOwn() && !appends) input.makeSizeKnown(folderOf(call.first), progress);
     checkBefore(editor, first, input.size());
+    const std::optional<std::int64_t> count =
+        pagesIn(input.size(), editor.file().geometry().pageSize);
     if (count != 0) editor.beginWrite(first, count);
     writePages(editor, input, progress, &next);
     if (next == first) {
