@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -107,8 +108,9 @@ Folder Workplace::contents() const {
   return files;
 }
 
-Run Workplace::run(const std::vector<std::string>& arguments, const std::string& input,
-                   const std::vector<std::string>& settings) const {
+Execution Workplace::run(const std::vector<std::string>& arguments, const std::string& input,
+                         const std::vector<std::string>& settings,
+                         const std::function<void()>& whenStopped) const {
   std::vector<std::string> words = {QZIOP_PROGRAMS "/qzpfile"};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> environment = settings;
@@ -127,15 +129,20 @@ Run Workplace::run(const std::vector<std::string>& arguments, const std::string&
   const int spawned = posix_spawn(&child, words[0].c_str(), &actions, nullptr,
                                   pointers(words).data(), pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);
-  Run result;
+  Execution result;
   int status = 0;
-  if (spawned != 0 || waitpid(child, &status, 0) != child) std::abort();
+  if (spawned != 0) std::abort();
+  while (waitpid(child, &status, WUNTRACED) == child && WIFSTOPPED(status)) {
+    whenStopped();
+    kill(child, SIGCONT);
+  }
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.out = contentsOf(folder_ + ".out");
   return result;
 }
 
-Run Workplace::record(const CommandCase& command, const std::vector<std::string>& settings) const {
+Execution Workplace::record(const CommandCase& command, const std::vector<std::string>& settings,
+                            const std::function<void()>& whenStopped) const {
   fill(command.before);
   fs::remove(folder_ + ".trace");
   std::vector<std::string> all = settings;
@@ -146,7 +153,7 @@ Run Workplace::record(const CommandCase& command, const std::vector<std::string>
     stat(entry.path().c_str(), &info);
     inodes[info.st_ino] = entry.path().filename();
   }
-  Run result = run(command.arguments, command.input, all);
+  Execution result = run(command.arguments, command.input, all, whenStopped);
   result.trace = readTrace(folder_ + ".trace");
   result.inodes = std::move(inodes);
   return result;
@@ -156,7 +163,7 @@ Bytes Workplace::held(const Folder& files) const {
   fill(files);
   if (!files.contains("x")) return "absent";
   if (files.at("x").rfind("QZPFILE", 0) != 0) return "plain:" + files.at("x");
-  const Run payload = run({"unpack", "x", "-"});
+  const Execution payload = run({"unpack", "x", "-"});
   if (payload.status != 0) return kDamaged;
   // Only header --set, whose input is h, changes what is behind the header's own fields.
   const Bytes area = files.contains("h") ? run({"header", "x"}).out : Bytes();
@@ -165,7 +172,7 @@ Bytes Workplace::held(const Folder& files) const {
 
 Bytes Workplace::heldAfterRepair(const Folder& files) const {
   fill(files);
-  const Run repaired = run({"repair", "--yes", "x"});
+  const Execution repaired = run({"repair", "--yes", "x"});
   return repaired.status != 0 ? kDamaged : held(contents());
 }
 

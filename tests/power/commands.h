@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -23,7 +24,7 @@ struct Event {
   bool is(char what) const { return record.what == what; }
 };
 
-struct Run {
+struct Execution {
   int status = 0;  // exit status; 128 and the number for a signal
   Bytes out;
   std::vector<Event> trace;
@@ -53,10 +54,13 @@ class Workplace {
   Folder contents() const;
   // Runs qzpfile in the folder. settings: "NAME=value" for the recorder; without any it is not
   // preloaded.
-  Run run(const std::vector<std::string>& arguments, const std::string& input = {},
-          const std::vector<std::string>& settings = {}) const;
+  // whenStopped: called when the program has stopped itself; then it goes on.
+  Execution run(const std::vector<std::string>& arguments, const std::string& input = {},
+                const std::vector<std::string>& settings = {},
+                const std::function<void()>& whenStopped = {}) const;
   // The same with the trace.
-  Run record(const CommandCase& command, const std::vector<std::string>& settings = {}) const;
+  Execution record(const CommandCase& command, const std::vector<std::string>& settings = {},
+                   const std::function<void()>& whenStopped = {}) const;
 
   // What x holds: its payload and, where it may change, its header area, or for a plain file its
   // bytes; "damaged" when it cannot be read.

@@ -23,7 +23,7 @@ bool wantsAll() {
 
 // Returns the number of runs.
 int tryFaults(const Workplace& place, const CommandCase& command) {
-  const Run good = place.record(command);
+  const Execution good = place.record(command);
   EXPECT_EQ(good.status, 0);
   const Bytes after = place.held(place.contents());
   Bytes before = place.held(command.before);
@@ -34,8 +34,8 @@ int tryFaults(const Workplace& place, const CommandCase& command) {
     for (int kind = 0; kind < 3; ++kind) {
       if (!wantsAll() && kind != call % 3) continue;
       SCOPED_TRACE("call " + std::to_string(call) + " error " + std::to_string(kErrors[kind]));
-      const Run run = place.record(command, {"QZR_FAIL=" + std::to_string(call),
-                                             "QZR_ERROR=" + std::to_string(kErrors[kind])});
+      const Execution run = place.record(command, {"QZR_FAIL=" + std::to_string(call),
+                                                   "QZR_ERROR=" + std::to_string(kErrors[kind])});
       ++runs;
       EXPECT_LT(run.status, 128);
       const Folder left = place.contents();

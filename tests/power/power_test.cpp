@@ -73,7 +73,7 @@ class Disk {
 // The disks that a power cut just before event `end` may leave.
 class Moment {
  public:
-  Moment(const CommandCase& command, const Run& run, std::size_t end)
+  Moment(const CommandCase& command, const Execution& run, std::size_t end)
       : disk_(command.before, run.inodes) {
     std::map<std::uint64_t, std::size_t> flushed;  // events of the file before this are on disk
     std::size_t namesFlushed = 0;
@@ -158,7 +158,7 @@ struct Count {
 };
 
 void tryPowerCuts(const Workplace& place, const CommandCase& command, Count* count) {
-  const Run run = place.record(command);
+  const Execution run = place.record(command);
   ASSERT_EQ(run.status, 0);
   const Bytes after = place.held(place.contents());
   Bytes before = place.held(command.before);

@@ -3,7 +3,8 @@
 //
 // QZR_TRACE: the file to append the notes to. QZR_FAIL: number of the call to fail, from 1.
 // QZR_ERROR: the errno to fail it with; 0: a transfer moves half of its bytes, any other call is
-// interrupted (EINTR).
+// interrupted (EINTR). QZR_STOP: number of the call before which the program stops, as SIGSTOP
+// does.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
@@ -67,9 +69,11 @@ enum class Fate { goes, fails, isShort };
 Fate next(bool transfers) {
   static const std::int64_t toFail = numberFrom("QZR_FAIL", 0);
   static const std::int64_t error = numberFrom("QZR_ERROR", EIO);
+  static const std::int64_t toStop = numberFrom("QZR_STOP", 0);
   static std::int64_t made = 0;
   note('c', 0, 0, nullptr, 0);
-  if (++made != toFail) return Fate::goes;
+  if (++made == toStop) kill(getpid(), SIGSTOP);
+  if (made != toFail) return Fate::goes;
   if (error == 0 && transfers) return Fate::isShort;
   errno = error == 0 ? EINTR : static_cast<int>(error);
   return Fate::fails;

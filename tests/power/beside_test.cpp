@@ -1,0 +1,53 @@
+// A second change begins while the first is stopped at one of its system calls, each in turn. What
+// both say must be what the file holds.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "power/commands.h"
+
+namespace qztest {
+namespace {
+
+TEST(Beside, EveryChangeThatSaysSoIsInTheFile) {
+  if (const std::string why = whyNoRecorder(); !why.empty()) GTEST_SKIP() << why;
+  const Workplace place;
+  for (const CommandCase& command : commandCases(place, 2)) {
+    if (command.name != "put --append") continue;
+    Folder folder = command.before;
+    const Bytes first = folder.at("in");
+    const Bytes second(512, 'b');
+    folder["second"] = second;
+    const CommandCase both = {command.name, command.arguments, command.input, folder};
+    const Execution alone = place.record(both);
+    const auto calls = std::ranges::count_if(alone.trace, [](const Event& e) { return e.is('c'); });
+    // The payload ended within a page, whose padding becomes payload.
+    const Bytes old = place.held(command.before);
+    const Bytes padded = old + Bytes(512 - (old.size() - 8) % 512, '\0');
+    int secondWon = 0;
+    for (int call = 1; call <= calls; ++call) {
+      SCOPED_TRACE("stopped at call " + std::to_string(call));
+      int status = -1;
+      const Execution run = place.record(both, {"QZR_STOP=" + std::to_string(call)}, [&] {
+        status = place.run({"put", "--append", "x"}, "second").status;
+      });
+      Folder left = place.contents();
+      left.erase("second");
+      const Bytes held = place.held(left);
+      const bool a = run.status == 0;
+      const bool b = status == 0;
+      secondWon += b ? 1 : 0;
+      EXPECT_TRUE(held == (!a && !b ? old : padded + (a ? (b ? second + first : first) : second)) ||
+                  (a && b && held == padded + first + second))
+          << run.status << " " << status;
+      EXPECT_TRUE(a || b);
+    }
+    std::printf("  %d calls, the second change succeeded at %d of them\n", static_cast<int>(calls),
+                secondWon);
+    EXPECT_GT(secondWon, 0);
+  }
+}
+
+}  // namespace
+}  // namespace qztest

@@ -1,0 +1,192 @@
+// Changes and damage of files made by pack: what survives, what is named, what a repair does.
+#include <gtest/gtest.h>
+
+#include "tool/shell.h"
+
+namespace qztest {
+namespace {
+
+// The module cuts a file to no pages when its header cannot be written for lack of space.
+TEST(Changes, LeaveTheFileAsItIsOnAFullDisk) {
+  for (const char* file : {"good", "good1"}) {
+    playLines(R"(
+$Q truncate f 4 -> 74
+$Q put f 3 <page -> 74
+$Q put f --append <page -> 74
+$Q header f --set h -> 74
+$Q header --raw --page-size 4K --header-size 4K f --set h -> 74
+)",
+              std::string("cp ") + file +
+                  " f; head -c 4096 in >page; head -c 4096 f >h; "
+                  "cp f kept; "
+                  "(ulimit -f 0; %1) >/dev/null 2>&1; s=$?; cmp f kept && exit $s");
+  }
+}
+
+TEST(Changes, ARepairIsOne) {
+  playLines(R"(
+poke Y 5000 good; cp good kept; (ulimit -f 0; $Q repair good) 2>/dev/null; s=$?; cmp good kept &&
+  exit $s -> 74
+)");
+}
+
+// A page in the middle of a put cannot be written: the file system is full then, or nearly so.
+TEST(Changes, AreAllOrNothing) {
+  playLines(R"(
+(ulimit -f 120; cat in | $Q put f 1) -> 74 ! nothing was changed
+(ulimit -f 120; cat in in | $Q put f 1) -> 74 ! nothing was changed
+(ulimit -f 120; cat in | $Q put f --append) -> 74 ! nothing was appended
+(ulimit -f 106; $Q truncate f 2) -> 74 ! try:    raise the file size limit
+)",
+            "cp good f; cp f kept; %1; s=$?; cmp f kept && exit $s");
+}
+
+TEST(Changes, PutADamagedPageRight) {
+  playLines(R"(
+poke Y 20000 f1; $Q cat good1 --pages 4 | $Q put f1 4; cmp f1 good1 -> 0 1 page written
+poke Y 9000 f1; poke Y 20000 f1; for p in 2 4; do $Q cat good1 --pages $p | $Q put f1 $p; done;
+  cmp f1 good1 -> 0 1 page written
+poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; cmp f good -> 0 1 page written
+poke Y 9000 f; poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; $Q verify f -> 1 page 1 (
+)",
+            "cp good f; cp good1 f1; %1");
+}
+
+TEST(Changes, TakeNoPagesFromTheFileItself) {
+  playLines(R"(
+$Q put good --append <good -> 64 ! standard input is the file itself
+$Q put good 3 <good -> 64 ! standard input is the file itself
+$Q put --raw --page-size 4K good --append <good -> 64 ! standard input is the file itself
+)",
+            "cp good kept; %1; s=$?; cmp good kept && exit $s");
+}
+
+TEST(Changes, KeepOthersOutFromTheFirstLookOn) {
+  playLines(
+      R"(
+$Q put good 1 <page -> 74 ! The file is in use
+$Q truncate good 3 -> 74 ! The file is in use
+$Q unpack good - -> 74 ! The file is in use
+)",
+      "head -c 4096 in >page; mkfifo f; $Q put good --append <f >said & p=$!; exec 3>f; "
+      "sleep 0.3; %1; s=$?; cat page >&3; exec 3>&-; wait $p; $Q verify good >said || exit 1; "
+      "exit $s");
+}
+
+// A put was killed before its change was decided. Who only reads the file writes nothing to it.
+TEST(Changes, ThatWereKilledAreReadAndUndone) {
+  playLines(R"(
+$Q unpack f - | cmp in - && cmp f kept -> 0
+$Q cat f --pages 1 | cmp -n 4096 in - && cmp f kept -> 0
+$Q header f | head -c 64 >h; head -c 64 good | cmp h - && cmp f kept -> 0
+$Q copy f g >said; cmp g good && cmp f kept -> 0
+$Q verify f; cmp f kept -> 0 change interrupted: the next change, or qzpfile repair, undoes it
+$Q info f | grep ^change; cmp f kept -> 0 undoes it
+$Q repair -n f; cmp f kept -> 0 a change was interrupted before it was decided
+$Q repair f && cmp f good -> 0 f: repaired
+head -c 4096 in | $Q put f 1; cmp f good -> 0 1 page written ! an interrupted change was undone
+$Q put f 2 </dev/null; cmp f good -> 0 ! an interrupted change was undone
+)",
+            "cp good f; mkfifo p; sh -c \"exec $Q put f --append\" <p & k=$!; exec 3>p; "
+            "seq 1000000 | head -c 1100000 >&3; sleep 0.3; kill -KILL $k; exec 3>&-; "
+            "wait $k 2>/dev/null; cp f kept; test $(wc -c <f) -gt 1000000 || exit 9; %1");
+}
+
+TEST(Changes, ReadWithoutPermissionToWrite) {
+  if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
+  playLines(R"(
+unpack good - | cmp in - -> 0
+verify good -> 0 good: good
+put good 1 -> 77 ! cannot open for writing
+repair good -> 77 ! cannot open for writing
+repair -n good -> 0 good: good, nothing to repair
+)",
+            "chmod 755 .; chmod 644 good; setpriv --reuid=65534 --clear-groups --inh-caps=-all $Q "
+            "%1");
+}
+
+TEST(Checksums, NameEveryDamagedPage) {
+  playLines(R"(
+$Q verify -k f
+  -> 1 page 1 (file offset 8192) is damaged: it does not fit its checksum page 3 (file offset
+  16384) is damaged
+$Q verify -k f --format json | grep -c '"what": "page"' -> 0 2
+$Q verify --every-mode -k f | grep -c damaged: -> 0 2
+$Q unpack f o; s=$?; test ! -e o && exit $s -> 65 ! where:  page 1, file offset 8192
+$Q copy f o; s=$?; test ! -e o && exit $s -> 65 ! does not fit its checksum where:  page 1
+$Q cat f >o -> 65 ! where:  page 1
+$Q cat f --pages 2 | cmp -n 4096 two - -> 0
+$Q cat f --pages 3- >o -> 65 ! where:  page 3
+$Q unpack -k f o; s=$?; cmp o spoilt && exit $s
+  -> 65 damaged pages as they are ! f: page 1 (file offset 8192) is damaged: it does not fit its
+  checksum qzpfile: f: page 3
+$Q cat -k f >o; s=$?; head -c 43008 o | cmp spoilt && exit $s -> 65 ! f: page 3 (file offset 16384)
+$Q copy -k f o; s=$?; $Q unpack o - | cmp spoilt && exit $s -> 65 copied as they are ! f: page 3
+$Q cat --raw --page-size 4K --pages 3-12 f | cmp -n 40960 spoilt - -> 0
+$Q compare -k good f | grep -c byte -> 0 2
+)",
+            "cp good f; poke Y 9000 f; poke Y 20000 f; cp in spoilt; poke Y 808 spoilt; "
+            "poke Y 11808 spoilt; tail -c +4097 in | head -c 4096 >two; %1");
+}
+
+TEST(Checksums, OfSqliteLogsAreFollowedFrameByFrame) {
+  playLines(R"(
+$Q verify w -> 0 of this log, 0 behind them left over from before
+poke Y 9000 w; $Q verify -k w -> 1 page 3 (file offset 8272) in mode buffered: the frame does not fit
+poke Y 4180 w; $Q verify -k w -> 1 page 2 (file offset 4152)
+poke Y 4160 w; $Q verify -k w -> 1 page 3 (file offset 8272)
+poke Y 17 w; $Q verify w -> 1 the header does not fit its checksum
+truncate -s -4120 w; $Q verify w -> 0 good
+)",
+            "sqlite3 db 'PRAGMA page_size=4096; PRAGMA journal_mode=wal; "
+            "PRAGMA wal_autocheckpoint=0; CREATE TABLE t(x); INSERT INTO t "
+            "VALUES(hex(randomblob(6000)));' '.system cp db-wal w' >said; %1");
+}
+
+// Each row: what is done to f, what a repair says, and whether it needs --yes; then f is good.
+TEST(Repair, SaysWhatIsLostAndKeepsTheRest) {
+  for (const char* row : {
+           "poke Y 9000 f|yes|page 1 (file offset 8192) is damaged|43008",
+           "poke Y 5000 f|no|the checksum page of pages 1 to 11 (file offset 4096) is damaged; the "
+           "pages are good|43008",
+           "poke Y 5000 f; poke Y 9000 f|yes|whether the pages are good is unknown|43008",
+           "truncate -s -5000 f|yes|pages 10 to 11 are missing: bytes 36864 to 43007 of the "
+           "payload "
+           "are lost|36864",
+           "truncate -s 3000 f|yes|pages 1 to 11 are missing|0",
+           "echo more >>f|yes|5 bytes behind the end belong to no page|43008",
+           "poke Y 44 f|no|the header's checksum is wrong, what the header says is right|43008",
+           "cp good1 f; poke Y 9000 f|yes|version 1 does not tell which|43008",
+           "cp good1 f; truncate -s -1 f|yes|pages 11 to 11 are missing|40960",
+       }) {
+    SCOPED_TRACE(row);
+    std::vector<std::string> parts;
+    std::istringstream line(row);
+    for (std::string part; std::getline(line, part, '|');) parts.push_back(part);
+    const Shell shell;
+    shell.expectGood("cp good f; " + parts[0] + "; cp f damaged");
+    const bool loses = parts[1] == "yes";
+    const Outcome dry = shell.run("$Q repair --dry-run f; s=$?; cmp f damaged || exit 9; exit $s");
+    EXPECT_EQ(dry.status, 1) << dry.said();
+    EXPECT_NE(dry.said().find(parts[2]), std::string::npos) << dry.said();
+    const Outcome careful = shell.run("$Q repair f");
+    EXPECT_EQ(careful.status, loses ? 1 : 0) << careful.said();
+    EXPECT_EQ(shell.run("cmp f damaged").status, loses ? 0 : 1);
+    const Outcome done = shell.run("$Q repair --yes f && $Q verify f && $Q unpack f - | wc -c");
+    EXPECT_EQ(done.status, 0) << done.said();
+    EXPECT_NE(done.out.find("\n" + parts[3] + "\n"), std::string::npos) << done.out;
+  }
+}
+
+TEST(Repair, RefusesWhatItCannotKnow) {
+  playLines(R"(
+poke Y 30 good; cp good kept; $Q repair --yes good; s=$?; cmp good kept && exit $s
+  -> 65 ! has a damaged header
+$Q repair in -> 65 ! is no kind of paged file
+sqlite3 db 'CREATE TABLE t(x);'; $Q repair db -> 65 ! is a SQLite database, which pack did not make
+$Q repair no -> 66 ! No such file
+)");
+}
+
+}  // namespace
+}  // namespace qztest
