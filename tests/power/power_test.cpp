@@ -194,7 +194,7 @@ TEST(Power, CutsLeaveTheOldOrTheNewFile) {
       tryPowerCuts(place, command, &count);
       std::printf("  version %d, %-16s %4d states, %d good after a repair\n", version,
                   command.name.c_str(), count.states, count.repaired);
-      EXPECT_GT(count.states, 3);
+      EXPECT_GT(count.states, 1);  // before and after
       total += count.states;
     }
   }
