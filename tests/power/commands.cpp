@@ -49,6 +49,7 @@ std::vector<Event> readTrace(const fs::path& path) {
 
 std::vector<char*> pointers(const std::vector<std::string>& words) {
   std::vector<char*> result;
+  result.reserve(words.size() + 1);
   for (const std::string& word : words) result.push_back(const_cast<char*>(word.c_str()));
   result.push_back(nullptr);
   return result;
@@ -187,19 +188,18 @@ std::vector<CommandCase> commandCases(const Workplace& place, int version) {
     EXPECT_EQ(place.run(words).status, 0);
     return place.contents().at("x");
   };
-  const Bytes oldPayload = text(61 * 512 + 100, 1);
-  const Bytes old = packed(oldPayload);
-  const Bytes longer = packed(text(70 * 512, 2));
+  const Bytes old = packed(text(31332, 1));  // 61 pages and a part
+  const Bytes longer = packed(text(35840, 2));
   Bytes damaged = old;
   damaged[version == 2 ? 520 : 40] ^= 1;  // in the first checksum page, or reserved bytes
   Bytes header = old.substr(0, 512);
   header.replace(100, 9, "new bytes");
-  const Folder fresh = {{"in", text(5 * 512 + 7, 3)}, {"x", old}};
+  const Folder fresh = {{"in", text(2567, 3)}, {"x", old}};
   const auto with = [&](std::vector<std::string> words) {
     words.insert(words.end(), sizes.begin(), sizes.end());
     return words;
   };
-  const Bytes three = text(3 * 512, 4);
+  const Bytes three = text(1536, 4);
   std::vector<CommandCase> cases = {
       {"pack", with({"pack", "--force", "in", "x"}), {}, fresh},
       {"copy",
@@ -208,7 +208,7 @@ std::vector<CommandCase> commandCases(const Workplace& place, int version) {
        {{"a", packed(fresh.at("in"))}, {"x", old}}},
       {"unpack", {"unpack", "--force", "a", "x"}, {}, {{"a", old}, {"x", "older"}}},
       {"put", {"put", "x", "3"}, "in", {{"in", three}, {"x", old}}},
-      {"put over the end", {"put", "x", "61"}, "in", {{"in", text(5 * 512, 5)}, {"x", old}}},
+      {"put over the end", {"put", "x", "61"}, "in", {{"in", text(2560, 5)}, {"x", old}}},
       {"put --append", {"put", "--append", "x"}, "in", {{"in", three}, {"x", old}}},
       {"truncate", {"truncate", "x", "60"}, {}, {{"x", longer}}},
       {"header --set", {"header", "--set", "h", "x"}, {}, {{"h", header}, {"x", old}}},
