@@ -35,7 +35,7 @@ class PageModel : public CacheModel {
     if (endHold(address)) places_[page] = cached_.insert(cached_.end(), page);
   }
 
-  void giveBack(Address address) override {
+  void returnHold(Address address) override {
     if (endHold(address)) ++empty_;
   }
 
@@ -151,7 +151,7 @@ class BlockModel : public CacheModel {
     }
   }
 
-  void giveBack(Address address) override {
+  void returnHold(Address address) override {
     const Hold hold = endHold(address);
     if (hold.block == held_.end()) return;
     hold.block->stale.insert(hold.page);

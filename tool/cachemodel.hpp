@@ -41,7 +41,7 @@ class CacheModel {
   virtual void read(std::int64_t page, Address address) = 0;
   virtual void acquire(Address address) = 0;
   virtual void write(std::int64_t page, Address address) = 0;
-  virtual void giveBack(Address address) = 0;
+  virtual void returnHold(Address address) = 0;
   virtual void writeBack() {}
   virtual void truncate(std::int64_t pages) = 0;
   virtual void addBuffers(std::int32_t count) = 0;  // negative: removes them

@@ -145,7 +145,7 @@ class Replay {
       const bool own = (number(line, "flags") & kCallersMemory) != 0;
       model.write(page, own ? CacheModel::kOwnMemory : address);
     } else if (operation == "qzpbufreturn") {
-      model.giveBack(address);
+      model.returnHold(address);
     } else if (operation == "qzpbufacquire") {
       model.acquire(address);
     } else if (operation == "qzpreadmany") {

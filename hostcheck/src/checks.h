@@ -12,8 +12,8 @@
 
 namespace qz::hostcheck {
 
-// Ends a check: the promise is broken, or cannot be tested. What a check needs from promises other
-// than its own makes it untested.
+// These end a check: the promise is broken, or cannot be tested. A check is not tested when
+// another promise that it needs is broken.
 struct Broken {
   std::string found;
 };

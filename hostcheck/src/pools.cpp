@@ -106,7 +106,7 @@ void sectorBuffersAreAligned(const Trial& trial) {
   requireAlignment(makePool(trial, kBufferPool), 512, 512);
 }
 
-void blocksAreTakenBack(const Trial& trial) {
+void blocksAreFreed(const Trial& trial) {
   for (MemoryPool* pool : bothPools(trial)) {
     std::vector<Block> blocks;
     for (const std::size_t bytes : kSizes) blocks.push_back(allocate(pool, bytes, 0));
@@ -127,7 +127,7 @@ void emptyPoolsEnd(const Trial& trial) {
   for (MemoryPool* pool : bothPools(trial)) {
     for (const std::size_t bytes : kSizes) {
       const Block block = allocate(pool, bytes, 0);
-      needed(pool->memFree(pool, block.data) == 0, "the pool takes no block back");
+      needed(pool->memFree(pool, block.data) == 0, "the pool frees no block");
     }
     const HostStatus status = pool->destroy(pool);
     promised(status == 0, "destroy of a pool without blocks returns " + hex(status));
@@ -140,7 +140,7 @@ constexpr Check kChecks[] = {
     {12, "blocks are aligned for pointers and 64-bit numbers", blocksFitPointersAndNumbers},
     {13, "buffers of 4096 bytes or more are aligned to 4096", largeBuffersAreAligned},
     {14, "buffers of 512 bytes or more are aligned to 512", sectorBuffersAreAligned},
-    {15, "memFree takes blocks back in any order", blocksAreTakenBack},
+    {15, "memFree frees blocks in any order", blocksAreFreed},
     {16, "a pool without blocks can be destroyed", emptyPoolsEnd},
 };
 

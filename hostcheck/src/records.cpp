@@ -49,7 +49,7 @@ void slotsAreFilled(const Trial& trial) {
   promised(extension->treeCreate != nullptr, "treeCreate is null");
 }
 
-// The other checks see what is thrown; their results are added to this one's.
+// Every check notices exceptions; checkHost adds them to this promise.
 void nothingIsThrown(const Trial&) {}
 
 void makersReturnAnAddressOrNull(const Trial& trial) {
