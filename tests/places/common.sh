@@ -166,11 +166,25 @@ make_fs() {
   losetup -d "$device" # with the mount
 }
 
-# inside PLACE FOLDER: in its namespace.
+# inside PLACE FOLDER: as the first process of its namespace. A loop device stays in use when its
+# file system is not unmounted before the namespace ends.
 inside() {
   place=$1 W=$2
+  local status
   mount -t tmpfs -o size=4g none "$W" || exit 1
   ip link set lo up 2>/dev/null
-  make_payloads
-  "place_${place//-/_}"
+  trap 'status=1' TERM
+  (
+    trap - TERM
+    make_payloads
+    "place_${place//-/_}"
+  ) &
+  wait $! # ended by a signal as well
+  status=$?
+  kill -KILL -1 # all others in the namespace
+  for ((i = 0; i < 50; i++)); do
+    umount -R "$W" 2>/dev/null && break
+    sleep 0.1
+  done
+  return $status
 }
