@@ -203,7 +203,7 @@ void checkTogether(const Command& command, const Invocation& call) {
   }
   if ((call.first == "-" && command.run != runPack) ||
       (call.second == "-" && command.run != runUnpack)) {
-    throw Failure(Exit::usage, "pages need a file with positions, not a pipe")
+    throw Failure(Exit::usage, "a paged file must be seekable; a pipe is not")
         .tryThis("name a file: ./- if it is called so");
   }
   if (command.run == runPut && call.append == call.page.has_value()) {

@@ -94,7 +94,7 @@ const char* hintForErrno(Purpose purpose, int errorNumber) {
 const char* hintForStatus(Purpose purpose, const qz::Error& error) {
   switch (error.status) {
     case qz::Status::unsupportedFile:
-      return "name a regular file: pages need a file with positions, not a pipe or a device";
+      return "name a regular file: a paged file must be seekable; a pipe or a device is not";
     case qz::Status::busy:
       return "another program has the file open, or its file system cannot lock it at the moment "
              "(a network file system that lost replicas or its server): try again later";

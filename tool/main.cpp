@@ -20,8 +20,8 @@
 namespace qzpfile {
 namespace {
 
-// A descriptor that the caller closed would go to the first file that is opened, and what is said
-// would be written into it. The wrong direction: using it fails, as it would have.
+// Reserves closed standard descriptors, so that no file gets their numbers and no message goes to a
+// file. Each is opened for the other direction, so using it still fails.
 void occupyStandardDescriptors() {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);

@@ -22,7 +22,7 @@ class Progress {
 
   // Adds to the work done and answers signals: SIGUSR1 with a line; throws Interrupted.
   void advance(std::int64_t bytes);
-  // Answers signals without work done, for one who waits.
+  // Answers signals while the program waits and no work is done.
   void answerSignals();
 
  private:

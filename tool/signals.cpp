@@ -20,7 +20,7 @@ static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<const char*>::is_always_lock_free);
 
 void onEnd(int signal) {
-  // Whatever is still said to a reader who is gone is no second request.
+  // A second SIGPIPE does not force an exit.
   if (endSignal.exchange(signal) == 0 || signal == SIGPIPE) {
     return;
   }

@@ -81,10 +81,9 @@ void handOut(FileHandle* h, PageRequest* request, char* address) {
   h->lastPageRead = request->pageNumber;
 }
 
-// The page came short: closes the file. Meanwhile the block counts as held, so that whatever a
-// replaced qzpclose does leaves it in its place. Where that leaves the file open, the block is
-// emptied unless it is held otherwise: nothing was handed out, and its bytes must not be judged
-// again.
+// The page came short: closes the file. During the close the block counts as held, so that a
+// replaced qzpclose leaves it on its list. If the file is still open afterwards and nobody else
+// holds the block, it goes back to the free list, empty: its short contents are not used again.
 Status closeShortBlock(FileHandle* h, BlockRecord* block, std::int32_t available,
                        Journal* journal) {
   const std::uint32_t closes = h->closes;

@@ -103,9 +103,8 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   }
 
  private:
-  // A page buffer is known by the stretch of the address space, no longer than a page, that it
-  // begins in; a block by those that it lies in: they are no shorter than a block, so that there
-  // are two at the most, and one when it begins at a multiple of their length.
+  // Page buffers are keyed by address >> pageShift_, blocks by each address >> blockShift_ that
+  // they cover: at most two, because 1 << blockShift_ is no less than a block's bytes.
   static constexpr std::size_t kStretchesOfBlock = 2;
 
   static std::uint64_t keyOf(const void* address) {

@@ -86,8 +86,8 @@ Result<void*> loadFirst(const std::vector<std::string>& paths, std::string* load
   return loadError(Status::fileNotFound, "The module was not found; tried " + tried);
 }
 
-// The handle keeps its last error number through operations that make no system call. These are
-// the outcomes that one stands behind, a host's own statuses included.
+// True for statuses that can come from a failed system call, a host's own statuses included. For
+// the others `lastErrno` is stale: operations that make no system call leave it as it was.
 bool hasSystemReason(Status status) {
   switch (status) {
     case Status::badArgument:

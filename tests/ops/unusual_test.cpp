@@ -75,8 +75,8 @@ TEST_F(UnusualTest, AddressesNearTheEndOfABlock) {
   play("open block 8; read 4 a; write 4 a+8 -> !814; give a");
 }
 
-// Where a host puts something in the place of the close, nothing of a block that came short stays
-// cached, unless it is held.
+// A replaced qzpclose may leave the file open after a short read. The short block must not stay in
+// the cache, unless the caller holds it.
 TEST_F(UnusualTest, AShortPageWhoseCloseIsReplaced) {
   static auto original = module->operations.qzpclose;
   const auto puttingOff = [](qz::FileHandle*, std::uint32_t, qz::Journal*) { return Status::ok; };
