@@ -53,7 +53,7 @@ class GeometryTest : public ::testing::Test, public World {
     }
     EXPECT_EQ(read(last + 1), Status::ok);
     EXPECT_TRUE(holdsPage(last + 1, 2));
-    EXPECT_EQ(giveBack(at), Status::ok);
+    EXPECT_EQ(returnBuffer(at), Status::ok);
     EXPECT_EQ(read(last + 2), Status::endOfFile);
     EXPECT_EQ(truncate(last - 1), Status::ok);
     EXPECT_EQ(bytesOnDisk(), bytesFor(last - 1));
@@ -62,8 +62,9 @@ class GeometryTest : public ::testing::Test, public World {
 };
 
 TEST_F(GeometryTest, PagesAtTheEdges) {
-  const auto useAround = [this](Shape shape, std::int32_t pageSize, std::int64_t header,
-                                std::int64_t edge) {
+  std::int64_t missing = 0;  // bytes of a file that this file system cannot have
+  const auto useAround = [&, this](Shape shape, std::int32_t pageSize, std::int64_t header,
+                                   std::int64_t edge) {
     // The page with the byte before the edge, the one with the edge, and the next.
     const std::int64_t first = std::max<std::int64_t>((edge - 1 - header) / pageSize + 1, 2);
     for (const std::int64_t last : {first, first + 1, first + 2}) {
@@ -72,7 +73,7 @@ TEST_F(GeometryTest, PagesAtTheEdges) {
       if (makeSparse(shape, pageSize, header, last)) {
         useEnd(last);
       } else {
-        fmt::print("no file of {} bytes on this file system\n", bytesFor(last));
+        missing = bytesFor(last);
       }
     }
   };
@@ -84,6 +85,7 @@ TEST_F(GeometryTest, PagesAtTheEdges) {
       }
     }
   }
+  if (missing != 0) GTEST_SKIP() << "no file of " << missing << " bytes on this file system";
 }
 
 // Transfers of a GiB are only looked at, not made.
@@ -93,8 +95,7 @@ TEST_F(GeometryTest, PagesOfOneGiB) {
     ASSERT_TRUE(makeSparse(shape, kGiB, 511, 4));
     h->requestedBlockBytes = kGiB;
     if (open() == Status::noMemory) {
-      fmt::print("no memory for pages of 1 GiB, {}\n", nameOf(shape));
-      continue;
+      GTEST_SKIP() << "this machine has no memory for pages of 1 GiB: " << nameOf(shape);
     }
     calls().plan({{Call::pread, 1, 1, kGiB}, {Call::pwrite, 1, 1, kGiB}});
     EXPECT_EQ(did(read(4)), fmt::format("ok pread {}@{}", kGiB, 511 + 3 * std::int64_t{kGiB}));
@@ -109,7 +110,7 @@ TEST_F(GeometryTest, PagesOfOneGiB) {
 TEST_F(GeometryTest, AHeaderBeyond31BitsIsNotWritten) {
   ASSERT_TRUE(makeSparse(Shape::buffered, kPage, k2to32 + 1, 2));
   ASSERT_EQ(open(), Status::ok);
-  EXPECT_EQ(did(writeHeader("header", 6)), "002 {!002}");
+  EXPECT_EQ(did(writeHeader("header", 6)), "noMemory");
   EXPECT_EQ(length, 0);
   EXPECT_EQ(close(), Status::ok);
   EXPECT_EQ(bytesOnDisk(), bytesFor(2));

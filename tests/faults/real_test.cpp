@@ -171,7 +171,7 @@ TEST(RealFaultsMounted, SectorsLargerThanPages) {
     EXPECT_EQ(status, Status::ioFailed);
     EXPECT_EQ(world.h->lastErrno, EINVAL);
     EXPECT_EQ(world.bytesOnDisk(), kHeader + std::int64_t{32} * 512);
-    EXPECT_TRUE(world.at == nullptr || world.giveBack(world.at) == Status::ok);
+    EXPECT_TRUE(world.at == nullptr || world.returnBuffer(world.at) == Status::ok);
     EXPECT_EQ(world.reopen(Shape::buffered), Status::ok);
     EXPECT_EQ(world.rewrite(3, 1), Status::ok);
     EXPECT_EQ(world.writeOwn(33, 1), Status::ok);
@@ -210,7 +210,7 @@ TEST_F(RealFaults, NoMemory) {
         munmap(probe, kProbe);
         GTEST_SKIP() << "no limit of memory holds here";
       }
-      EXPECT_EQ(did(open()), "002 {4:002}");
+      EXPECT_EQ(did(open()), "noMemory {error noMemory}");
     }
     EXPECT_EQ(bytesOnDisk(), kHeader + kLarge);
     settleLarge(shape);

@@ -138,7 +138,7 @@ class Walk {
     const int choice = pick(1, 9);
     const std::int32_t size = geometry_.pageSize;
     if (choice == 1) return driver_.writeSized(1, one({0, -1, size - 1, size + 1}));
-    if (choice == 2) return driver_.giveBackForeign(neverHeld());
+    if (choice == 2) return driver_.returnForeign(neverHeld());
     if (choice == 3) return driver_.erase();
     if (choice == 4) return driver_.preopen(way_ == DirectIo::real ? 4096 : 8);
     if (choice == 5) return driver_.writeHeader(-1);
@@ -154,7 +154,7 @@ class Walk {
     const auto header = static_cast<int>(geometry_.headerBytes);
     if (choice <= 28) return driver_.read(somePage());
     if (choice <= 58) return writeSomething(hold);
-    if (choice <= 73 && hold >= 0) return driver_.giveBack(hold);
+    if (choice <= 73 && hold >= 0) return driver_.returnHold(hold);
     if (choice <= 79) return driver_.acquire();
     if (choice <= 83) return driver_.readMany(somePage(), pick(1, 6), one({0U, qz::kContiguous}));
     if (choice <= 86) return driver_.truncate(pick(0, static_cast<int>(driver_.pages())));

@@ -8,72 +8,105 @@ class BuffersTest : public ScriptTest {};
 
 TEST_F(BuffersTest, PageBuffersMoveBetweenTheirLists) {
   play(R"(
-    acquire -> !81E; give null -> !81E; add -1 -> !81E; remove 0 -> !81E
-    open direct 9 2; give stray -> !814; give null -> !814; acquire a; give a+1 -> !814; give a; lists -> free 0 0 0
-    read 3 b; lists -> free 0 0 held 3; give b; lists -> free 0 0 0
-    read 3 -> ok pread 4096@12288; write 3; rewrite 4 5; lists -> free 3 4 5)");
+    acquire -> notOpen
+    return null -> notOpen
+    add -1 -> notOpen
+    remove 0 -> notOpen
+    open direct 9 2; return stray -> notHeld
+    return null -> notHeld
+    acquire a; return a+1 -> notHeld
+    return a; lists -> free empty empty empty
+    read 3 b; lists -> free empty empty held 3
+    return b; lists -> free empty empty empty
+    read 3 -> ok pread 4096@12288
+    write 3; rewrite 4 5; lists -> free 3 4 5)");
   EXPECT_EQ(named("a"), named("b")) << "emptied buffers are used first";
   // With all buffers caching a page, an acquire takes the one released last; a read, the first.
-  play(
-      "acquire; lists -> free 3 4 held 0; read 5 -> ok pread 4096@20480; lists -> free 4 held 5 0");
+  play(R"(
+    acquire; lists -> free 3 4 held empty
+    read 5 -> ok pread 4096@20480; lists -> free 4 held 5 empty)");
   // Found among several whichever way they were taken: last, first, between.
   play(R"(
-    give; add 2; read 7 a; acquire b; acquire c; give b -> ok; give a -> ok; give c -> ok)");
+    return; add 2; read 7 a; acquire b; acquire c; return b -> ok
+    return a -> ok
+    return c -> ok)");
 }
 
 TEST_F(BuffersTest, BlocksKeepTheirPagesWhenGivenBack) {
   play(R"(
-    open block 9 3; read 1 a; read 2 b; lists -> blocks 0 0 heldBlocks 1-4x2 write 0-0
-    give a+77; lists -> blocks 0 0 heldBlocks 1-4/1 write 0-0
-    touch 5; give b; lists -> blocks 0 5-8/1 1-4/3 write 0-0
-    read 1:0 -> ok pread 4096@4096; read 3:0 c -> ok
-    lists -> blocks 0 5-8/1 heldBlocks 1-4x2/2 write 0-0
-    give a+16384 -> !814; give c; give a; give wb -> !814)");
+    open block 9 3; read 1 a; read 2 b
+    lists -> blocks empty empty heldBlocks 1-4(2 holds) write empty
+    return a+77; lists -> blocks empty empty heldBlocks 1-4(stale 1) write empty
+    touch 5; return b; lists -> blocks empty 5-8(stale 5) 1-4(stale 1 2) write empty
+    read 1:0 -> ok pread 4096@4096
+    read 3:0 c -> ok
+    lists -> blocks empty 5-8(stale 5) heldBlocks 1-4(2 holds, stale 2) write empty
+    return a+16384 -> notHeld
+    return c; return a; return writeBlock -> notHeld)");
   EXPECT_EQ(named("b"), named("a") + kPage);
   EXPECT_EQ(h->blockFreeList.tail->lastPageHandedOut, 3);
 }
 
 TEST_F(BuffersTest, BlocksAreChosenEmptyFirstElseReleasedLast) {
   play(R"(
-    open block 12 3; touch 1 5 9; lists -> blocks 1-4/1 5-8/1 9-12/1 write 0-0
-    acquire a; lists -> blocks 1-4/1 5-8/1 acquired 0/1=16384 write 0-0
-    touch 2; read 9 b; lists -> blocks 5-8/1 heldBlocks 9-12 acquired 0/1=16384 write 0-0
-    touch 5 -> ok; give a+4096; lists -> blocks 5-8/1 0/3=16384 heldBlocks 9-12 write 0-0
-    read 1 c; lists -> blocks 5-8/1 heldBlocks 1-4 9-12 write 0-0
-    touch 2 -> ok; give b; give c)");
+    open block 12 3; touch 1 5 9
+    lists -> blocks 1-4(stale 1) 5-8(stale 5) 9-12(stale 9) write empty
+    acquire a
+    lists -> blocks 1-4(stale 1) 5-8(stale 5) acquired empty(stale slot 1, 16384 bytes) write empty
+    touch 2; read 9 b
+    lists -> blocks 5-8(stale 5) heldBlocks 9-12 acquired empty(stale slot 1, 16384 bytes) write empty
+    touch 5 -> ok
+    return a+4096
+    lists -> blocks 5-8(stale 5) empty(stale slot 1 2, 16384 bytes) heldBlocks 9-12 write empty
+    read 1 c; lists -> blocks 5-8(stale 5) heldBlocks 1-4 9-12 write empty
+    touch 2 -> ok
+    return b; return c)");
   EXPECT_EQ(named("c"), named("a")) << "empty, so before the block of page 5";
 }
 
 TEST_F(BuffersTest, AcquireMakesABlockWhenNoneIsFree) {
   play(R"(
-    open block 4 1; acquire a; set bufferCount 2
-    fail memAlloc; acquire -> !80D; fail memAlloc#2; acquire -> !80D
-    fail memAlloc#3; acquire -> 80D {4:80D !80D}; is heldCount 1
-    fail memAlloc#3 memFree*2!80FFE101; acquire -> 80D {4:80FFE101 4:80FFE101 4:80D !80D}
-    fail; acquire b; lists -> acquired 0 0 write 0-0; give b; give a)");
+    open block 4 1; acquire a; set bufferCount 2; fail memAlloc; acquire -> noBuffer
+    fail memAlloc number 2; acquire -> noBuffer
+    fail memAlloc number 3; acquire -> noBuffer {error noBuffer, report noBuffer}; is heldCount 1
+    fail memAlloc number 3 and memFree times 2 with hostForeignBlock
+    acquire -> noBuffer {error hostForeignBlock, error hostForeignBlock, error noBuffer, report noBuffer}
+    fail nothing; acquire b; lists -> acquired empty empty write empty
+    return b; return a)");
 }
 
 TEST_F(BuffersTest, AddedAndRemovedPageBuffers) {
   play(R"(
-    open buffered 9 1; add 2; is bufferCount 3 length 2; lists -> free 0 0 0 0
-    fail memAlloc#3; add 3 -> !811; is length 1 bufferCount 4; lists -> free 0 0 0 0 0; remove 1
-    fail memAlloc#4; add 3 -> !811; is length 1 bufferCount 4; lists -> free 0 0 0 0 0; remove 1
-    fail; add 0; is bufferCount 3 length 0; add -1; is bufferCount 3; remove 0; remove -3
-    read 9 a; lists -> free 0 0 0 held 9; remove 4 -> !80D; lists -> held 9; is bufferCount 0
-    read 1 -> !80D; give a)");
+    open buffered 9 1; add 2; is bufferCount 3 length 2; lists -> free empty empty empty empty
+    fail memAlloc number 3; add 3 -> buffersMissing; is length 1 bufferCount 4
+    lists -> free empty empty empty empty empty
+    remove 1; fail memAlloc number 4; add 3 -> buffersMissing; is length 1 bufferCount 4
+    lists -> free empty empty empty empty empty
+    remove 1; fail nothing; add 0; is bufferCount 3 length 0
+    add -1; is bufferCount 3
+    remove 0; remove -3; read 9 a; lists -> free empty empty empty held 9
+    remove 4 -> noBuffer; lists -> held 9; is bufferCount 0
+    read 1 -> noBuffer
+    return a)");
 }
 
 TEST_F(BuffersTest, AddedAndRemovedBlocks) {
-  play("open block 9 1; add 2; is bufferCount 3 length 2; lists -> blocks 0 0 0 write 0-0");
-  playRows("fail memAlloc#%1; add 3 -> %2; is length 1 bufferCount 4; remove 1", R"(
-4 | !811
-5 | !811
-6 | 811 {4:811 !811})");
   play(R"(
-    fail; add 0; is bufferCount 3 length 0; add -1; is bufferCount 2; set bufferCount 3
-    remove 0; remove -3; lists -> blocks 0 0 0 write 0-0
-    read 9 a; remove 4 -> !80D; lists -> heldBlocks 9-9 write 0-0; is bufferCount 1
-    read 1 -> !80D; give a)");
+    open block 9 1; add 2; is bufferCount 3 length 2
+    lists -> blocks empty empty empty write empty)");
+  playRows("fail memAlloc number <call>; add 3 -> <outcome>; is length 1 bufferCount 4; remove 1",
+           R"(
+call | outcome
+4 | buffersMissing
+5 | buffersMissing
+6 | buffersMissing {error buffersMissing, report buffersMissing})");
+  play(R"(
+    fail nothing; add 0; is bufferCount 3 length 0
+    add -1; is bufferCount 2
+    set bufferCount 3; remove 0; remove -3; lists -> blocks empty empty empty write empty
+    read 9 a; remove 4 -> noBuffer; lists -> heldBlocks 9-9 write empty; is bufferCount 1
+    read 1 -> noBuffer
+    return a)");
 }
 
 }  // namespace

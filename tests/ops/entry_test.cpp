@@ -88,17 +88,17 @@ TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
   // The calls; the journal's entries; those where releases are refused.
   const std::array<std::string, 4> rows[] = {
       {"poolCreate", "poolCreate:m!", "", ""},
-      {"poolCreate#2", "poolCreate:m poolCreate:b! destroy:m", "", "4:00000002"},
-      {"memAlloc", made + "! destroy:b destroy:m", "4:002", "4:002 4:00000002 4:00000002"},
-      {"extensionLoad", made + " extensionLoad:e!" + undone, "",
-       "4:00000001 4:00000002 4:00000002"},
+      {"poolCreate number 2", "poolCreate:m poolCreate:b! destroy:m", "", "error 0x2"},
+      {"memAlloc", made + "! destroy:b destroy:m", "error noMemory",
+       "error noMemory, error 0x2, error 0x2"},
+      {"extensionLoad", made + " extensionLoad:e!" + undone, "", "error 0x1, error 0x2, error 0x2"},
       {"converterCreate", services + " destroy:e" + undone, "",
-       "4:00000002 4:00000001 4:00000002 4:00000002"}};
+       "error 0x2, error 0x1, error 0x2, error 0x2"}};
   for (const auto& [fault, hostCalls, journalled, refused] : rows) {
     EXPECT_EQ(enter(fault), nullptr);
     EXPECT_EQ(calls().hostCalls(), hostCalls);
     EXPECT_EQ(recorder.entries, journalled);
-    EXPECT_EQ(enter(fault + " destroy*!2 memFree*!1"), nullptr);
+    EXPECT_EQ(enter(fault + " and destroy always with 2 and memFree always with 1"), nullptr);
     EXPECT_EQ(recorder.entries, refused);
     journal = nullptr;
     EXPECT_EQ(enter(fault), nullptr);
@@ -109,17 +109,20 @@ TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
 
 TEST_F(EntryTest, DestroyReleasesAllAndReturnsTheModulePoolsStatus) {
   const std::pair<std::string, std::string> rows[] = {
-      {"", "destroy:c destroy:e destroy:b memFree:m destroy:m"},
-      {"destroy*3!80FFE102", "destroy:c! destroy:e! destroy:b! memFree:m destroy:m"},
-      {"destroy#4!80FFE102", "destroy:c destroy:e destroy:b memFree:m destroy:m!"}};
+      {"nothing", "destroy:c destroy:e destroy:b memFree:m destroy:m"},
+      {"destroy times 3 with hostBlocksLive",
+       "destroy:c! destroy:e! destroy:b! memFree:m destroy:m"},
+      {"destroy number 4 with hostBlocksLive",
+       "destroy:c destroy:e destroy:b memFree:m destroy:m!"}};
   for (const auto& [faults, hostCalls] : rows) {
-    qz::ExtensionObject* second = enter("");
+    qz::ExtensionObject* second = enter("nothing");
     ASSERT_NE(second, nullptr);
     EXPECT_EQ(calls().at(Call::poolCreate, 0).offset, 0);
     EXPECT_EQ(calls().at(Call::poolCreate, 1).offset, 0x100000);
     calls().clear();
     play("fail " + faults);
-    EXPECT_EQ(second->qzpdestroy(second), hostCalls.back() == '!' ? 0x80FFE102 : 0);
+    EXPECT_EQ(second->qzpdestroy(second),
+              hostCalls.back() == '!' ? qz::hostBlocksLive : qz::hostOk);
     EXPECT_EQ(calls().hostCalls(), hostCalls);
     EXPECT_EQ(recorder.entries, "");
   }
@@ -159,25 +162,33 @@ TEST(Wait, ResolvesItsTask) {
 // A report is the status's text and the line with the file's name in one message, in a buffer
 // that grows by 4096 bytes as long as the text does not fit.
 TEST_F(EntryTest, ReportsGrowTheirBuffer) {
-  playRows("set textLength %1 nameLineLength %2; fail %3; flush -> 81E%4; host -> %5; texts -> %6",
-           R"(
-0 | 0 |  |  {!81E} | memAlloc:m4096 memFree:m | 4 [1024 1020]
-1500 | 0 |  |  {!81E} | memAlloc:m4096 memFree:m memAlloc:m8192 memFree:m | 1500 [1024 2048 548]
-4 | 1500 |  |  {!81E} | memAlloc:m4096 memAlloc:m8192 memFree:m memFree:m | 1504 [1024 1020 2044]
-1500 | 0 | memAlloc#2 |  | memAlloc:m4096 memFree:m memAlloc:m8192! | 0 [1024]
-4 | 1500 | memAlloc#2 |  | memAlloc:m4096 memAlloc:m8192! memFree:m | 0 [1024 1020]
-0 | 0 | memAlloc |  | memAlloc:m4096! | 0 []
-0 | 0 | memFree!80FFE101 |  {!81E 4:80FFE101} | memAlloc:m4096 memFree:m! | 4 [1024 1020])");
+  // "texts": characters of the message, then the room in the buffer that each text was given.
+  playRows(
+      R"(
+    set textLength <text> nameLineLength <line>; fail <fault>; flush -> <outcome>
+    host -> <calls>; texts -> <length and room>)",
+      R"(
+text | line | fault | outcome | calls | length and room
+0 | 0 | nothing | notOpen | memAlloc:m4096 memFree:m | 4 [1024 1020]
+1500 | 0 | nothing | notOpen | memAlloc:m4096 memFree:m memAlloc:m8192 memFree:m | 1500 [1024 2048 548]
+4 | 1500 | nothing | notOpen | memAlloc:m4096 memAlloc:m8192 memFree:m memFree:m | 1504 [1024 1020 2044]
+1500 | 0 | memAlloc number 2 | notOpen unreported | memAlloc:m4096 memFree:m memAlloc:m8192! | 0 [1024]
+4 | 1500 | memAlloc number 2 | notOpen unreported | memAlloc:m4096 memAlloc:m8192! memFree:m | 0 [1024 1020]
+0 | 0 | memAlloc | notOpen unreported | memAlloc:m4096! | 0 []
+)"
+      "0 | 0 | memFree with hostForeignBlock | notOpen {report notOpen, error hostForeignBlock} | "
+      "memAlloc:m4096 memFree:m! | 4 [1024 1020]");
 }
 
 TEST_F(EntryTest, ReportsThatNeverFitAreGivenUp) {
-  playRows("set textLength %1 nameLineLength %2; flush -> 81E%3; count memAlloc %4", R"(
-11264 | 0 |  {!81E} | 11
-11265 | 0 |  | 11
-4 | 11260 |  {!81E} | 11
-4 | 11261 |  | 11)");
+  playRows("set textLength <text> nameLineLength <line>; flush -> <outcome>; count memAlloc 11", R"(
+text | line | outcome
+11264 | 0 | notOpen
+11265 | 0 | notOpen unreported
+4 | 11260 | notOpen
+4 | 11261 | notOpen unreported)");
   journal = nullptr;
-  play("flush -> 81E; host ->");
+  play("flush -> notOpen unreported; host ->");
 }
 
 }  // namespace

@@ -207,7 +207,7 @@ TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
     reading(1);  // keeps the block held
     char* const two = reading(2);
     stamp(two, kPage, 2, 9);
-    ASSERT_EQ(giveBack(two), Status::ok);
+    ASSERT_EQ(returnBuffer(two), Status::ok);
 
     module->operations.qzpclose = putOff;
     calls().plan({failure});

@@ -42,17 +42,17 @@ TEST_F(NamingTest, HandlesAreMadeAndFreed) {
   calls().plan({{Call::memAlloc}});
   recorder.entries.clear();
   EXPECT_EQ(module->operations.qzpgetmemhandle(module, journal), nullptr);
-  EXPECT_EQ(recorder.entries, "4:002");
+  EXPECT_EQ(recorder.entries, "error noMemory");
   recorder.entries.clear();
   EXPECT_EQ(module->operations.qzpfreememhandle(nullptr, journal), Status::badArgument);
   EXPECT_EQ(recorder.entries, "");
   play("settle buffered; file 1; preopen 16");
-  EXPECT_EQ(did(call(&Table::qzpfreememhandle)), "ok {!81F}");
+  EXPECT_EQ(did(call(&Table::qzpfreememhandle)), "ok {report alreadyOpen}");
   play("close");
-  calls().plan({{Call::memFree, 1, 1, -1, 0x80FFE101}});  // the name's
+  calls().plan({{Call::memFree, 1, 1, -1, qz::hostForeignBlock}});  // the name's
   recorder.entries.clear();
   EXPECT_EQ(module->operations.qzpfreememhandle(h, journal), Status::badArgument);
-  EXPECT_EQ(recorder.entries, "4:80FFE101");
+  EXPECT_EQ(recorder.entries, "error hostForeignBlock");
   h = nullptr;
 }
 
@@ -68,47 +68,57 @@ TEST_F(NamingTest, NamesGrowTheirBufferAndNeverShrinkIt) {
   play("name efgh -> ok statfs");  // as long as the buffer: a new one
   EXPECT_EQ(did(call(&Table::qzpsetfilename, h->fileName, 4)), "ok statfs");  // its own buffer
   EXPECT_EQ(std::u32string_view(h->fileName), U"efgh");
-  EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "009 {!009}");
-  play("fail memFree!80FFE101=undone; name longer -> 009 {4:80FFE101}");
+  EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "badArgument");
+  play(R"(
+    fail memFree with hostForeignBlock undone
+    name longer -> badArgument {error hostForeignBlock})");
   EXPECT_EQ(std::u32string_view(h->fileName), U"efgh");
-  play("fail memAlloc; name longer -> 002 {4:002}; is fileNameCapacity 0 fileNameLength 0");
+  play(R"(
+    fail memAlloc; name longer -> noMemory {error noMemory}
+    is fileNameCapacity 0 fileNameLength 0)");
   EXPECT_EQ(h->fileName, nullptr);
 }
 
 TEST_F(NamingTest, NothingIsNamedOrPreopenedTwice) {
   play(R"(
-    settle buffered; file 1; set openMode 2; preopen 16 -> !804; count fileOpen 0
-    set openMode 1; preopen -1 -> !009; count fileOpen 0; preopen 16 -> ok read 16
-    is stateFlags 1; set openMode 2; preopen -1 -> !81F)");
-  EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "81F {!81F}");
-  play("set openMode 1; open; count fileOpen 0; read 1 -> ok pread 4096@4096");
+    settle buffered; file 1; set openMode createOrReplace; preopen 16 -> noHeaderYet
+    count fileOpen 0
+    set openMode openOrKeep; preopen -1 -> badArgument; count fileOpen 0
+    preopen 16 -> ok read 16; is stateFlags statePreopened
+    set openMode createOrReplace; preopen -1 -> alreadyOpen)");
+  EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "alreadyOpen");
+  play("set openMode openOrKeep; open; count fileOpen 0; read 1 -> ok pread 4096@4096");
 }
 
 TEST_F(NamingTest, PreopenReadsTheHeader) {
   // Closing a file that is taken for empty removes it.
   playRows(R"(
-    file 1; settle %1; preopen %2 %3 -> ok read %2; host -> fileOpen:%4
-    is length %2; set fileSize 1; close)",
+    file 1; settle <shape>; preopen <bytes> <shift> -> ok read <bytes>; is length <bytes>
+    host -> fileOpen:<flags>@write+exclusive<staging>
+    set fileSize 1; close)",
            R"(
-buffered | 4096 | 8 | 2@5
-direct | 4096 | 0 | 4002@5
-direct | 512 | 8 | 4002@5 memAlloc:b4096z memFree:b
-block | 4096 | 8 | 4002@5 memAlloc:b8192z memFree:b
-buffered | 0 | 0 | 2@5)");
+shape | bytes | shift | staging | flags
+buffered | 4096 | 8 |  | O_RDWR
+direct | 4096 | 0 |  | O_RDWR+O_DIRECT
+direct | 512 | 8 |  memAlloc:b4096z memFree:b | O_RDWR+O_DIRECT
+block | 4096 | 8 |  memAlloc:b8192z memFree:b | O_RDWR+O_DIRECT
+buffered | 0 | 0 |  | O_RDWR)");
 }
 
 TEST_F(NamingTest, PreopenOfAShortHeaderClosesAgain) {
   makeFile(0, 100);
   playRows(R"(
-    settle %1; set lastErrno 0; fail %2; preopen 512 -> 816 %3{4:824(~) !816}
-    is length %4 fd -1 stateFlags 0; count fileClose 1)",
+    settle <shape>; set lastErrno 0; fail <fault>
+    preopen 512 -> shorterThanHeader<call> {error shortHeaderReport(file), report shorterThanHeader}
+    is <length and error> fd -1 stateFlags 0; count fileClose 1)",
            R"(
-buffered | fsync | read 512=100  | 100 lastErrno 0
-direct | fsync | read 512=100  | 100 lastErrno 0
-buffered | read | read 512!5  | -1 lastErrno 5
-direct | memAlloc |  | -1)");
+shape | fault | call | length and error
+buffered | nothing |  read 512=100 | length 100 lastErrno 0
+direct | nothing |  read 512=100 | length 100 lastErrno 0
+buffered | read |  read 512!EIO | length -1 lastErrno EIO
+direct | memAlloc |  | length -1)");
   std::filesystem::remove(path);
-  play("preopen 512 -> 801; is lastErrno 2");
+  play("preopen 512 -> fileNotFound unreported; is lastErrno ENOENT");
 }
 
 TEST_F(NamingTest, FileSystemIsTestedInTheFilesFolder) {
@@ -124,20 +134,23 @@ TEST_F(NamingTest, FileSystemIsTestedInTheFilesFolder) {
     EXPECT_STREQ(h->fsTypeName, "linux");
   }
   calls().fileSystemType = 0x6969;
-  play("info -> ok statfs; is directIoSupport -2");
+  play("info -> ok statfs; is directIoSupport directIoNfs");
   EXPECT_STREQ(h->fsTypeName, "nfs");
   play(R"(
-    set hostPageSize 0; fail statfs; info -> ok statfs!5; is directIoSupport -1 hostPageSize 4096
-    set hostPageSize 0; fail memAlloc; info -> ok; is directIoSupport -3 hostPageSize 4096)");
+    set hostPageSize 0; fail statfs; info -> ok statfs!EIO
+    is directIoSupport directIoTestFailed hostPageSize 4096
+    set hostPageSize 0; fail memAlloc; info -> ok
+    is directIoSupport directIoNoMemory hostPageSize 4096)");
   EXPECT_STREQ(h->fsTypeName, "");
 }
 
 TEST_F(NamingTest, HostPageSizeSetsTheLimits) {
   h->status = Status::busy;
   playRows(R"(
-    option %1; info -> ok statfs; is hostPageSize %2 defaultPageSize %2 autoPageSizeLimit %3
-    is minPageSize 512 maxPageSize 1073741824)",
+    hostOption <option>; info -> ok statfs; is hostPageSize <size> defaultPageSize <size>
+    is autoPageSizeLimit <limit> minPageSize 512 maxPageSize 1073741824)",
            R"(
+option | size | limit
 6144 | 12288 | 65536
 1000 | 512000 | 262144
 65536 | 65536 | 262144
@@ -151,29 +164,33 @@ TEST_F(NamingTest, HostPageSizeSetsTheLimits) {
 }
 
 TEST_F(NamingTest, PageSizesAreChosen) {
-  playRows("option %1; set hostPageSize 0; psize %2 %3 %4 -> %6 statfs; is pageSize %5", R"(
-4096 | 0 | 0 | 0 | 4096 | ok
-4096 | 0 | 512 | 0 | 512 | ok
-4096 | 0 | 512 | 1024 | 1024 | 80A
-4096 | 70000 | 0 | 0 | 73728 | ok
-4096 | 0 | 1000000 | 0 | 4096 | ok
-4096 | 3000 | 3000 | 0 | 2560 | 80A
-4096 | 100000 | 50000 | 0 | 4096 | 80A
-4096 | 0 | 0 | 3000 | 1536000 | 80A
-4096 | 5000 | 8000 | 0 | 4096 | 80A
-4096 | 1073741825 | 1073741826 | 0 | 4096 | 80A
-4096 | 1073741824 | 1073741825 | 0 | 1073741824 | ok
-4096 | 0 | 0 | -1 | 4096 | 80A
-4096 | 0 | 0 | 0x7FFFFFFF | 4096 | 80A
-65536 | 8192 | 0 | 0 | 262144 | ok
-65536 | 0 | 8192 | 0 | 8192 | ok
-0x60000000 | 0x40000001 | 0x40000002 | 0 | 0x60000000 | 80A
-0x60000000 | 1000 | 600 | 0x50000000 | 0x60000000 | 80A)");
-  play("option 8192; set hostPageSize 4096; psize 0 0 0 -> ok");
+  playRows(R"(
+    hostOption <option>; set hostPageSize 0
+    choosePageSize <minimum> <maximum> <multiple> -> <outcome>; is pageSize <size>)",
+           R"(
+option | minimum | maximum | multiple | size | outcome
+4096 | 0 | 0 | 0 | 4096 | ok statfs
+4096 | 0 | 512 | 0 | 512 | ok statfs
+4096 | 0 | 512 | 1024 | 1024 | inexactPageSize statfs unreported
+4096 | 70000 | 0 | 0 | 73728 | ok statfs
+4096 | 0 | 1000000 | 0 | 4096 | ok statfs
+4096 | 3000 | 3000 | 0 | 2560 | inexactPageSize statfs unreported
+4096 | 100000 | 50000 | 0 | 4096 | inexactPageSize statfs unreported
+4096 | 0 | 0 | 3000 | 1536000 | inexactPageSize statfs unreported
+4096 | 5000 | 8000 | 0 | 4096 | inexactPageSize statfs unreported
+4096 | 1073741825 | 1073741826 | 0 | 4096 | inexactPageSize statfs unreported
+4096 | 1073741824 | 1073741825 | 0 | 1073741824 | ok statfs
+4096 | 0 | 0 | -1 | 4096 | inexactPageSize statfs unreported
+4096 | 0 | 0 | 0x7FFFFFFF | 4096 | inexactPageSize statfs unreported
+65536 | 8192 | 0 | 0 | 262144 | ok statfs
+65536 | 0 | 8192 | 0 | 8192 | ok statfs
+0x60000000 | 0x40000001 | 0x40000002 | 0 | 0x60000000 | inexactPageSize statfs unreported
+0x60000000 | 1000 | 600 | 0x50000000 | 0x60000000 | inexactPageSize statfs unreported)");
+  play("hostOption 8192; set hostPageSize 4096; choosePageSize 0 0 0 -> ok");
   renew();
-  play("set pageSize 7; psize 0 0 0 -> 805 {4:805}; is pageSize 7");
+  play("set pageSize 7; choosePageSize 0 0 0 -> noFileName {error noFileName}; is pageSize 7");
   h->status = Status::ok;
-  play("info -> 805; delete -> 805");
+  play("info -> noFileName unreported; delete -> noFileName unreported");
   EXPECT_EQ(h->status, Status::ok);
 }
 

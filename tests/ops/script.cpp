@@ -8,6 +8,9 @@
 #include <regex>
 #include <sstream>
 #include <variant>
+#include <vector>
+
+#include "support/names.h"
 
 namespace qztest {
 
@@ -22,7 +25,7 @@ class ScriptTest::Words : public std::istringstream {
   }
   template <class Number = std::int32_t>
   Number number(const std::string& fallback = "0") {
-    return static_cast<Number>(std::stoll(word(fallback), nullptr, 0));
+    return static_cast<Number>(valueOf(word(fallback)));
   }
   std::pair<std::int64_t, std::optional<std::uint32_t>> page() {
     const std::string text = word();
@@ -48,52 +51,47 @@ Call callOf(const std::string& name) {
   throw std::invalid_argument("no call: " + name);
 }
 
-// "pwrite#2*3!28": see script.h.
-Fault faultOf(const std::string& text) {
-  std::size_t mark = text.find_first_of("#*!=");
-  Fault fault{callOf(text.substr(0, mark))};
-  while (mark != std::string::npos) {
-    const std::size_t next = text.find_first_of("#*!=", mark + 1);
-    const std::string value = text.substr(mark + 1, next - mark - 1);
-    if (text[mark] == '#') {
-      fault.nth = std::stoi(value);
-    } else if (text[mark] == '*') {
-      fault.count = value.empty() ? kEveryLater : std::stoi(value);
-    } else if (text[mark] == '!') {
-      const int base = fault.call > Call::lastSystemCall ? 16 : 10;
-      fault.error = static_cast<std::uint32_t>(std::stoul(value, nullptr, base));
-    } else {
-      fault.result = value == "half" ? kShort : value == "undone" ? kNotDone : std::stoll(value);
-    }
-    mark = next;
-  }
-  return fault;
+std::string withDetails(const std::string& text, const std::vector<std::string>& details) {
+  return details.empty() ? text : fmt::format("{}({})", text, fmt::join(details, ", "));
 }
 
-// "5": its page; "+1": so many more holds; "=100": its valid bytes, where they are not a page.
+// Its page, with its holds where there are several and its valid bytes where they are not a page:
+// "5(2 holds, 100 bytes)".
 std::string shown(const qz::PageBuffer& buffer) {
-  std::string text = fmt::format(" {}", buffer.pageNumber);
-  if (buffer.extraHolds != 0) text += fmt::format("+{}", buffer.extraHolds);
-  const bool whole = buffer.pageNumber == 0 || buffer.validBytes == kPage;
-  return text + (whole ? "" : fmt::format("={}", buffer.validBytes));
+  if (buffer.pageNumber == 0) return "empty";
+  std::vector<std::string> details;
+  if (buffer.extraHolds != 0) details.push_back(fmt::format("{} holds", buffer.extraHolds + 1));
+  if (buffer.validBytes != kPage) details.push_back(fmt::format("{} bytes", buffer.validBytes));
+  return withDetails(std::to_string(buffer.pageNumber), details);
 }
 
-// "5-8": its pages; "x2": held twice; "/3": the first of its stale bits; "=100": its valid bytes,
-// where they are not those of its pages.
+// Its pages, with its holds where there are several, its stale pages among the first eight, and its
+// valid bytes where they are not those of its pages: "5-8(2 holds, stale 5 6, 100 bytes)". An empty
+// block has the places of its stale bits, from 1: "empty(stale slot 1)".
 std::string shown(const qz::BlockRecord& block) {
-  std::string text = fmt::format(" {}", block.firstPage);
-  const std::int64_t pages = block.firstPage == 0 ? 0 : block.lastPage - block.firstPage + 1;
-  if (pages != 0) text += fmt::format("-{}", block.lastPage);
-  if (block.holdCount > 1) text += fmt::format("x{}", block.holdCount);
-  if (*block.staleBits != 0) text += fmt::format("/{:x}", *block.staleBits);
-  return text + (block.validBytes == pages * kPage ? "" : fmt::format("={}", block.validBytes));
+  const bool empty = block.firstPage == 0;
+  const std::int64_t pages = empty ? 0 : block.lastPage - block.firstPage + 1;
+  std::vector<std::string> details;
+  if (block.holdCount > 1) details.push_back(fmt::format("{} holds", block.holdCount));
+  if (*block.staleBits != 0) {
+    std::string stale = empty ? "stale slot" : "stale";
+    for (int i = 0; i < 8; ++i) {
+      if ((*block.staleBits >> i & 1) != 0)
+        stale += fmt::format(" {}", empty ? i + 1 : block.firstPage + i);
+    }
+    details.push_back(stale);
+  }
+  if (block.validBytes != pages * kPage)
+    details.push_back(fmt::format("{} bytes", block.validBytes));
+  const std::string text = empty ? "empty" : fmt::format("{}-{}", block.firstPage, block.lastPage);
+  return withDetails(text, details);
 }
 
 template <class Record>
 std::string shown(const char* name, const qz::List<Record>& list) {
   std::string text = list.head != nullptr ? std::string(" ") + name : "";
   for (const Record* record = list.head; record != nullptr; record = record->next)
-    text += shown(*record);
+    text += " " + shown(*record);
   return text;
 }
 
@@ -125,9 +123,22 @@ std::string listsOf(const qz::FileHandle& h) {
   std::string text = shown("free", h.pageFreeList) + shown("held", h.pageHeldList) +
                      shown("blocks", h.blockFreeList) + shown("heldBlocks", h.blockHeldList) +
                      shown("acquired", h.blockAcquiredList);
-  if (h.writeBlock != nullptr)
-    text += fmt::format(" write {}-{}", h.writeBlock->firstPage, h.writeBlock->lastPage);
-  return text.empty() ? text : text.substr(1);
+  if (const qz::BlockRecord* block = h.writeBlock; block != nullptr) {
+    text += block->firstPage == 0 && block->lastPage == 0
+                ? " write empty"
+                : fmt::format(" write {}-{}", block->firstPage, block->lastPage);
+  }
+  return text.empty() ? "none" : text.substr(1);
+}
+
+std::vector<std::string> columnsOf(const std::string& row) {
+  std::vector<std::string> columns;
+  std::size_t begin = 0;
+  for (std::size_t bar = 0; bar != std::string::npos; begin = bar + 3) {
+    bar = row.find(" | ", begin);
+    columns.push_back(row.substr(begin, bar == std::string::npos ? bar : bar - begin));
+  }
+  return columns;
 }
 
 // A field's value, after it has been given `value`, if any.
@@ -161,7 +172,6 @@ void ScriptTest::play(const std::string& script) {
     std::string wanted = arrow == std::string::npos ? "ok" : step.substr(arrow + 3);
     wanted.erase(0, wanted.find_first_not_of(' '));
     wanted.erase(wanted.find_last_not_of(' ') + 1);
-    if (wanted[0] == '!') wanted = fmt::format("{} {{{}}}", wanted.substr(1), wanted);
     EXPECT_EQ(arrow == std::string::npos ? outcome.substr(0, outcome.find(' ')) : outcome, wanted)
         << outcome;
   }
@@ -169,28 +179,54 @@ void ScriptTest::play(const std::string& script) {
 
 void ScriptTest::playRows(const std::string& script, const std::string& rows) {
   std::istringstream lines(rows);
+  std::vector<std::string> names;
   for (std::string row; std::getline(lines, row);) {
     if (row.find_first_not_of(' ') == std::string::npos) continue;
+    const std::vector<std::string> columns = columnsOf(row);
+    if (names.empty()) {
+      names = columns;
+      continue;
+    }
     SCOPED_TRACE(row);
     std::string text = script;
-    for (int column = 1;; ++column) {
-      const std::size_t bar = row.find(" | ");
-      const std::regex place(fmt::format("%{}", column));
-      text = std::regex_replace(text, place, row.substr(0, bar));
-      if (bar == std::string::npos) break;
-      row.erase(0, bar + 3);
-    }
-    play(std::regex_replace(text, std::regex("%[0-9]"), ""));  // columns that the row lacks
+    for (std::size_t i = 0; i < names.size(); ++i)
+      text = std::regex_replace(text, std::regex("<" + names[i] + ">"), columns.at(i));
+    play(text);
   }
 }
 
 char* ScriptTest::address(const std::string& name) {
   if (name == "null") return nullptr;
   named_["stray"] = path.data();
-  named_["wb"] = h->writeBlock != nullptr ? h->writeBlock->data : nullptr;
+  named_["writeBlock"] = h->writeBlock != nullptr ? h->writeBlock->data : nullptr;
   const std::size_t plus = name.find('+');
   return named_.at(name.substr(0, plus)) +
          (plus == std::string::npos ? 0 : std::stoi(name.substr(plus)));
+}
+
+// The steps of "fail": see script.h.
+std::vector<Fault> ScriptTest::faultsOf(Words& words) {
+  std::vector<Fault> faults;
+  for (std::string word = words.word(); !word.empty(); word = words.word()) {
+    if (word == "number") {
+      faults.at(faults.size() - 1).nth = words.number<int>();
+    } else if (word == "times") {
+      faults.at(faults.size() - 1).count = words.number<int>();
+    } else if (word == "always") {
+      faults.at(faults.size() - 1).count = kEveryLater;
+    } else if (word == "with") {
+      faults.at(faults.size() - 1).error = words.number<std::uint32_t>();
+    } else if (word == "returning") {
+      faults.at(faults.size() - 1).result = words.number<std::int64_t>();
+    } else if (word == "half") {
+      faults.at(faults.size() - 1).result = kShort;
+    } else if (word == "undone") {
+      faults.at(faults.size() - 1).result = kNotDone;
+    } else if (word != "and" && word != "nothing") {
+      faults.push_back({callOf(word)});
+    }
+  }
+  return faults;
 }
 
 Status ScriptTest::openAs(Words& words) {
@@ -246,15 +282,15 @@ Status ScriptTest::readRun(Words& words) {
   return status;
 }
 
-// "own", "rewrite" or "touch": page after page, up to the first failure.
+// "writeOwn", "rewrite" or "touch": page after page, up to the first failure.
 Status ScriptTest::eachPage(const std::string& verb, Words& words) {
   Status status = Status::ok;
   while (status == Status::ok && !words.ended()) {
     const auto [page, version] = words.page();
-    if (verb == "own") status = writeOwn(page, version.value_or(0));
+    if (verb == "writeOwn") status = writeOwn(page, version.value_or(0));
     if (verb == "rewrite") status = rewrite(page, version.value_or(0));
     if (verb == "touch") status = read(page);
-    if (verb == "touch" && status == Status::ok) status = giveBack(at);
+    if (verb == "touch" && status == Status::ok) status = returnBuffer(at);
   }
   return status;
 }
@@ -266,12 +302,12 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
       {"open", [&] { return openAs(words); }},
       {"close", [&] { return close(bits()); }},
       {"acquire", [&] { return handOut(acquire(), words); }},
-      {"give", [&] { return giveBack(address(words.word("it"))); }},
+      {"return", [&] { return returnBuffer(address(words.word("it"))); }},
       {"add", [&] { return add(number()); }},
       {"remove", [&] { return remove(number()); }},
       {"read", [&] { return readAs(words); }},
       {"write", [&] { return writeFrom(words); }},
-      {"own", [&] { return eachPage(verb, words); }},
+      {"writeOwn", [&] { return eachPage(verb, words); }},
       {"rewrite", [&] { return eachPage(verb, words); }},
       {"touch", [&] { return eachPage(verb, words); }},
       {"truncate", [&] { return truncate(words.number<std::int64_t>()); }},
@@ -283,13 +319,13 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
          const std::u32string name = qz::toUtf32(words.word());
          return call(&Table::qzpsetfilename, name.data(), static_cast<std::int32_t>(name.size()));
        }},
-      {"psize",
+      {"choosePageSize",
        [&] {
          const qz::PageSizeRequest wanted{number(), number(), number()};
          return call(&Table::qzppsize, &wanted);
        }},
       {"preopen", [&] { return preopenAs(words); }},
-      {"many", [&] { return readRun(words); }},
+      {"readMany", [&] { return readRun(words); }},
       {"header", [&] { return writeHeader(memory_.get(), number()); }},
       {"reopen", [&] { return reopen(shapeOf(words.word())); }},
       {"hint", [&] {
@@ -309,18 +345,19 @@ std::string ScriptTest::check(const std::string& verb, Words& words) {
   if (verb == "bytes") return std::to_string(bytesOnDisk());
   if (verb == "texts")
     return fmt::format("{} [{}]", recorder.lastLength, fmt::join(recorder.capacities, " "));
-  if (verb == "cut") return std::filesystem::resize_file(path, words.number<std::uint64_t>()), "ok";
+  if (verb == "shrink") {
+    std::filesystem::resize_file(path, words.number<std::uint64_t>());
+    return "ok";
+  }
   if (verb == "end") return h->hostFile == nullptr ? "ok" : did(close());
   if (verb == "settle") return settle(shapeOf(words.word())), "ok";
-  if (verb == "option") return host.setHostPageSize(words.number()), "ok";
+  if (verb == "hostOption") return host.setHostPageSize(words.number()), "ok";
   if (verb == "file") {
     const auto pages = words.number();
     return makeFile(pages, words.number("4096")), "ok";
   }
   if (verb == "fail") {
-    std::vector<Fault> faults;
-    while (!words.ended()) faults.push_back(faultOf(words.word()));
-    return calls().plan(faults), "ok";
+    return calls().plan(faultsOf(words)), "ok";
   }
   const char* from = verb == "has" ? address(words.word()) : nullptr;
   std::string wrong = words.ended() ? "no such step" : "";

@@ -3,39 +3,61 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include "support/fixture.h"
 
 namespace qztest {
 
-// Steps stand between semicolons or on lines of their own. "step -> text" compares with the text
-// of World::did(), where "!81E" is short for "81E {!81E}"; without a text the step must come to
-// "ok", whatever calls it makes. A page is "3" or, with the version of its bytes, "3:1". Addresses
-// have names given by a step: "a", "a+4096"; "it" is what was handed out last, "wb" the write
-// block, "stray" no buffer's, "null" none.
+// Steps stand between semicolons or on lines of their own. Statuses, error numbers, settings and
+// fields have their names of qzpos.h, qzstandin.h and errno.h; "+" joins flags.
 //
-//   open SHAPE PAGES [BUFFERS]    settles, makes a file and opens it; "open" alone: only that
-//   settle SHAPE, option HOST PAGE SIZE, file PAGES [HEADER BYTES], cut BYTES (by plain calls),
-//   end (closes the file if it is attached)
-//   read 3 [a], acquire [a], touch 1 2 (reads and gives back), give [a], add 2, remove 2
-//   write 3 [a], own 3 4 (from the caller's memory), rewrite 3:1 4:1 (in place)
-//   many PAGE COUNT OPTIONS, truncate 3, flush, close [FLAGS], delete, info, name [NAME],
-//   header BYTES, preopen BYTES [SHIFT of the memory: 1], psize MINIMUM MAXIMUM MULTIPLE
+//   step                           comes to "ok", whatever calls it makes
+//   step -> ok pread 4096@512      comes to this and no more: status, then system calls (4096 bytes
+//                                  at offset 512; "=100": 100 bytes moved; "!EIO": failed)
+//   step -> notHeld                fails, which the journal reports once
+//   step -> busy unreported        fails without an entry in the journal
+//   step -> ok {error noMemory}    has these entries in the journal (see NamingJournal)
+//
+// A page is "3" or, with the version of its bytes, "3:1". Addresses have names that a step gives
+// them: "a", "a+4096"; "it" is the page that was read or acquired last, "writeBlock" the write
+// block's data, "stray" an address of no buffer, "null" none.
+//
+// The file and the host:
+//   settle SHAPE, hostOption PAGE SIZE, file PAGES [HEADER BYTES]
+//   shrink BYTES                   makes the file this long behind the module's back
+//   end                            closes the file if it is attached
+// Operations:
+//   open SHAPE PAGES [BUFFERS]     settles, makes a file and opens it; "open" alone: only that
+//   read 3 [a], acquire [a], return [a], add 2, remove 2
+//   touch 1 2                      reads and returns each page
+//   write 3 [a]                    from a buffer that is held
+//   writeOwn 3 4                   from the caller's own memory
+//   rewrite 3:1 4:1                reads, changes in place and writes
+//   readMany PAGE COUNT OPTIONS, truncate 3, flush, close [FLAGS], delete, info, name [NAME]
+//   header BYTES, preopen BYTES [SHIFT of the memory: 1], choosePageSize MINIMUM MAXIMUM MULTIPLE
 //   reopen SHAPE, hint READ WRITE OPTIONS
-//   fail pwrite#2*3!28 fsync      call 2 and the next two fail with 28; "*": all later ones;
-//                                 "=0", "=half": what they return; host calls: "!80FFE101";
-//                                 "=undone": and have no effect
-//   set FIELD VALUE..., is FIELD VALUE..., has a 3:1, disk 3:1 4:0 (pages of the file)
-//   count CALL TIMES..., host, lists, bytes
-//                                 of the last operation; the records, list by list; the file's
-//                                 size or -1
-inline const std::string kShapeRows = "buffered\ndirect\nblock";
+// Faults, for all steps until the next "fail":
+//   fail pwrite number 2 times 3 with ENOSPC and fsync
+//                                  the second pwrite and the next two fail with ENOSPC, the first
+//                                  fsync with EIO; "always": all later ones too
+//   fail pread half                moves half of its bytes; "returning 0": returns 0
+//   fail memFree undone            fails and has no effect
+//   fail nothing
+// Checks:
+//   set FIELD VALUE..., is FIELD VALUE..., count CALL TIMES...
+//   has a 3:1                      the memory at the address has this page
+//   disk 3:1 4:0                   the file has these pages
+//   bytes -> 4096                  the file's size; -1: no file
+//   host -> memFree:b              the host calls of the last operation (see Calls::hostCalls)
+//   lists -> free empty held 3     the records, list by list, from the head
+inline const std::string kShapeRows = "shape\nbuffered\ndirect\nblock";
 
 class ScriptTest : public FileTest {
  protected:
   void play(const std::string& script);
-  // Plays the script for each row, a line of columns between " | ", with the columns in the places
-  // of %1, %2... up to %9; nothing for those that the row lacks.
+  // Plays the script for each row: a line of columns between " | ". The first line names the
+  // columns; a row's column goes where the script has its name as "<name>".
   void playRows(const std::string& script, const std::string& rows);
   char*& named(const std::string& name) { return named_[name]; }
 
@@ -44,6 +66,7 @@ class ScriptTest : public FileTest {
 
   std::string carryOut(const std::string& verb, Words& words);
   std::string check(const std::string& verb, Words& words);
+  static std::vector<Fault> faultsOf(Words& words);
   char* address(const std::string& name);
   Status openAs(Words& words);
   Status preopenAs(Words& words);

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/names.h"
+
 namespace qztest {
 
 namespace {
@@ -225,11 +227,11 @@ void Driver::expectErrorNumber(Status status) const {
 Status Driver::check(const std::string& what, Status actual, Status wanted, Reports reports) {
   const qz::FileHandle& h = *world_.h;
   const std::string did = world_.did(actual);
-  const std::string code = shortCode(static_cast<std::uint32_t>(actual));
+  const std::string name = nameOfStatus(static_cast<std::uint32_t>(actual));
   SCOPED_TRACE(fmt::format("{}: {} [{}]", what, did, calls().hostCalls()));
-  EXPECT_EQ(code, shortCode(static_cast<std::uint32_t>(wanted)));
+  EXPECT_EQ(name, nameOfStatus(static_cast<std::uint32_t>(wanted)));
   EXPECT_TRUE(reports == Reports::notEvenKept || h.status == actual);
-  const bool reported = world_.recorder.entries.find("!" + code) != std::string::npos;
+  const bool reported = world_.recorder.entries.find("report " + name) != std::string::npos;
   if (actual == Status::ok || actual == Status::endOfFile) {
     EXPECT_FALSE(reported);
   } else if (reports <= Reports::numberless && !releaseFailed()) {
@@ -668,9 +670,9 @@ Status Driver::acquire() {
   return check("acquire", actual, wanted);
 }
 
-Status Driver::giveBack(int hold) {
+Status Driver::returnHold(int hold) {
   const Hold given = holds_[static_cast<std::size_t>(hold)];
-  const Status actual = world_.giveBack(given.at);
+  const Status actual = world_.returnBuffer(given.at);
   const bool leftOver = given.ofBlock != inBlocks();
   const Status wanted = !open_                        ? Status::notOpen
                         : leftOver && releaseFailed() ? Status::ioFailed
@@ -680,8 +682,8 @@ Status Driver::giveBack(int hold) {
                leftOver ? Reports::notEvenKept : Reports::all);
 }
 
-Status Driver::giveBackForeign(void* address) {
-  const Status actual = world_.giveBack(address);
+Status Driver::returnForeign(void* address) {
+  const Status actual = world_.returnBuffer(address);
   return check("return foreign", actual, open_ ? Status::notHeld : Status::notOpen);
 }
 

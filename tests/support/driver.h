@@ -48,8 +48,8 @@ class Driver {
   Status write(std::int64_t page, int hold, int shift = 0, bool asItIs = false);
   Status writeSized(std::int64_t page, std::int32_t bytes);
   Status acquire();
-  Status giveBack(int hold);
-  Status giveBackForeign(void* address);
+  Status returnHold(int hold);
+  Status returnForeign(void* address);
   Status add(std::int32_t count);
   Status remove(std::int32_t count);
   Status truncate(std::int64_t pages);

@@ -11,6 +11,7 @@
 
 #include "support/hostcalls.h"
 #include "support/invariants.h"
+#include "support/names.h"
 
 namespace qztest {
 
@@ -36,18 +37,28 @@ void* Library::symbol(const char* name) const { return dlsym(handle, name); }
 
 // --- The journal
 
-std::string shortCode(std::uint32_t status) {
-  if (status == 0) return "ok";
-  constexpr std::uint32_t kModule = 0x803FC000;
-  return (status & 0xFFFFF000) == kModule ? fmt::format("{:03X}", status & 0xFFF)
-                                          : fmt::format("{:08X}", status);
+namespace {
+
+// The text of a status in a report: "!81E". Messages that begin so are the module's reports.
+// Codes of the module come without their prefix.
+constexpr std::uint32_t kModuleCodes = 0x803FC000;
+
+std::string reportText(std::uint32_t status) {
+  return fmt::format("!{:X}", (status & ~0xFFFU) == kModuleCodes ? status & 0xFFF : status);
 }
 
-namespace {
+// The entry of a report: the status behind its text, and a name line that was not the file's.
+std::string reportEntry(const std::string& text) {
+  std::size_t digits = 0;
+  const auto code = static_cast<std::uint32_t>(std::stoul(text.substr(1), &digits, 16));
+  std::string nameLine = text.substr(1 + digits);
+  std::erase(nameLine, ' ');
+  return "report " + nameOfStatus(code > 0xFFF ? code : kModuleCodes | code) + nameLine;
+}
 
 std::string nameIn(const char32_t* name, const std::u32string& expected) {
   if (name == nullptr) return "null";
-  return name == expected ? "~" : qz::toUtf8(name);
+  return name == expected ? "file" : qz::toUtf8(name);
 }
 
 std::string withInserts(std::u32string_view text, const std::u32string& name,
@@ -68,16 +79,17 @@ std::u32string_view insertsOf(std::uint32_t status) {
   return status == 0x803FC824 || status == 0x803FCFD4 ? U"(%s)" : U"";
 }
 
-ShortJournal& self(qz::Journal* journal) { return *static_cast<ShortJournal*>(journal); }
+NamingJournal& self(qz::Journal* journal) { return *static_cast<NamingJournal*>(journal); }
 
-// Writes the short code of a status, or the name of a name line, padded to the length asked for.
+// Writes the text of a status, or a name line that is empty when it names the right file, padded to
+// the length asked for.
 qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t* buffer,
                            std::uint32_t capacity, std::uint32_t* lengthOut,
                            std::va_list arguments) {
-  ShortJournal& me = self(journal);
+  NamingJournal& me = self(journal);
   const bool names = status == 0x803FC825;
   std::string text = names ? nameIn(va_arg(arguments, const char32_t*), me.fileName) : "";
-  text = !names ? "!" + shortCode(status) : text == "~" ? "" : "(" + text + ")";
+  text = !names ? reportText(status) : text == "file" ? "" : "(" + text + ")";
   text.resize(std::max<std::size_t>(text.size(), names ? me.nameLineLength : me.textLength), ' ');
   me.capacities.push_back(capacity);
   if (text.size() > capacity) return qz::hostTextTooLong;
@@ -90,29 +102,27 @@ qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t*
 // open.
 qz::HostStatus messageToJnl(qz::Journal* journal, qz::JournalLevel level, const char32_t* text,
                             std::uint32_t textLength, std::va_list arguments) {
-  ShortJournal& me = self(journal);
+  NamingJournal& me = self(journal);
   me.lastLength = textLength;
   if (level != qz::JournalLevel::error) {
-    me.add("2:" + withInserts({text, textLength}, me.fileName, arguments));
+    me.add("note " + withInserts({text, textLength}, me.fileName, arguments));
   } else if (text[0] == U'!') {
-    std::string entry = qz::toUtf8({text, textLength});
-    std::erase(entry, ' ');
-    me.add(entry);
+    me.add(reportEntry(qz::toUtf8({text, textLength})));
   }
   return 0;
 }
 
 qz::HostStatus statusToJnl(qz::Journal* journal, qz::JournalLevel level, std::uint32_t status,
                            std::va_list arguments) {
-  ShortJournal& me = self(journal);
-  std::string entry = fmt::format("{}:{}", static_cast<std::uint32_t>(level), shortCode(status));
-  me.add(entry + withInserts(insertsOf(status), me.fileName, arguments));
+  NamingJournal& me = self(journal);
+  const std::string kind = level == qz::JournalLevel::error ? "error " : "note ";
+  me.add(kind + nameOfStatus(status) + withInserts(insertsOf(status), me.fileName, arguments));
   return 0;
 }
 
 }  // namespace
 
-ShortJournal::ShortJournal() : qz::Journal{} {
+NamingJournal::NamingJournal() : qz::Journal{} {
   Journal::messageToJnl = qztest::messageToJnl;
   Journal::statusToBuf = qztest::statusToBuf;
   Journal::statusToJnl = qztest::statusToJnl;
@@ -294,8 +304,11 @@ void World::end() {
 
 std::string World::did(Status status) const {
   const std::string io = calls().io();
-  return shortCode(static_cast<std::uint32_t>(status)) + (io.empty() ? "" : " " + io) +
-         (recorder.entries.empty() ? "" : " {" + recorder.entries + "}");
+  const std::string name = nameOfStatus(static_cast<std::uint32_t>(status));
+  const std::string outcome = name + (io.empty() ? "" : " " + io);
+  if (recorder.entries.empty()) return outcome + (status == Status::ok ? "" : " unreported");
+  if (recorder.entries == "report " + name) return outcome;
+  return outcome + " {" + recorder.entries + "}";
 }
 
 std::int64_t World::bytesOnDisk() const {

@@ -29,27 +29,24 @@ struct Library {
   void* symbol(const char* name) const;
 };
 
-// A journal that writes its entries down in short form, separated by blanks:
-//   !80C          a report of 0x803FC80C that names the handle's file
-//   4:802         a status of its own, level 4; 4:80FFE101 one of the host
-//   4:824(~)      with inserts; ~ stands for the file's name
-//   2:text(~)     a note
-class ShortJournal : public qz::Journal {
+// A journal that writes its entries down by name, separated by ", ":
+//   report pageOutOfRange            a failure together with the line that names the file
+//   error hostForeignBlock           a status of the module or host by itself
+//   error shortHeaderReport(file)    with its inserts; "file" stands for the file's name
+//   note text: file                  a note
+class NamingJournal : public qz::Journal {
  public:
-  ShortJournal();
+  NamingJournal();
 
   std::string entries;
-  std::u32string fileName;                // what ~ stands for
+  std::u32string fileName;                // what "file" stands for
   std::uint32_t textLength = 0;           // characters that the text of a status needs; 0: as it is
   std::uint32_t nameLineLength = 0;       // the same for the line that names the file
   std::vector<std::uint32_t> capacities;  // of the buffers that statusToBuf was given
   std::uint32_t lastLength = 0;           // of the last message
 
-  void add(const std::string& entry) { entries += (entries.empty() ? "" : " ") + entry; }
+  void add(const std::string& entry) { entries += (entries.empty() ? "" : ", ") + entry; }
 };
-
-// The code without the module's prefix: "80C"; a host status whole; "ok" for 0.
-std::string shortCode(std::uint32_t status);
 
 // The shapes of buffers and I/O that a file can be opened in.
 enum class Shape : std::uint8_t { buffered, direct, block };
@@ -101,7 +98,7 @@ class World {
   // Reads the page, stamps it and writes it back in place.
   Status rewrite(std::int64_t page, std::uint32_t version);
   Status acquire();  // `at` receives the address
-  Status giveBack(void* address) { return call(&Table::qzpbufreturn, address); }
+  Status returnBuffer(void* address) { return call(&Table::qzpbufreturn, address); }
   Status add(std::int32_t buffers);  // `length` receives how many
   Status remove(std::int32_t buffers) { return call(&Table::qzpbufremove, buffers); }
   Status truncate(std::int64_t pages) { return call(&Table::qzptruncate, pages); }
@@ -119,8 +116,10 @@ class World {
     return status;
   }
 
-  // What an operation came to, for comparison in one line: "80C pread 4096@0!5 {!80C}": its short
-  // code, its system calls and its journal entries, the latter two only when there are any.
+  // What an operation came to, for comparison in one line: its status, its system calls, its
+  // journal entries. "ioFailed pread 4096@0!EIO": a failure that is reported once and has no other
+  // entry. "endOfFile unreported": one without an entry. "ok {error alreadyOpen}": all other
+  // entries.
   std::string did(Status status) const;
 
   // The file's bytes by plain calls; -1 when there is no file.
@@ -136,7 +135,7 @@ class World {
   void finish();
 
   qz::StandInHost host;
-  ShortJournal recorder;
+  NamingJournal recorder;
   qz::Journal* journal = &recorder;
   qz::ExtensionObject* module = nullptr;
   qz::FileHandle* h = nullptr;

@@ -1,6 +1,7 @@
 #include "support/syscalls.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/uio.h>
 #include <sys/vfs.h>
@@ -8,6 +9,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
+
+#include "qzstandin.h"
+#include "support/names.h"
 
 namespace qztest {
 
@@ -108,13 +113,46 @@ std::string Calls::io() const {
     if (transfers) text += " " + std::to_string(record.length);
     if (positioned) text += (transfers ? "@" : " ") + std::to_string(record.offset);
     if (record.result == -1) {
-      text += "!" + std::to_string(record.error);
+      text += "!" + nameOfError(record.error);
     } else if (transfers && record.call != Call::readv && record.result != record.length) {
       text += "=" + std::to_string(record.result);
     }
   }
   return text;
 }
+
+namespace {
+
+using Bits = std::vector<std::pair<std::int64_t, const char*>>;
+
+// The names of the bits that are set, joined by "+"; what has no name as a number.
+std::string namesOfBits(std::int64_t value, const Bits& bits) {
+  std::vector<std::string> names;
+  for (const auto& [bit, name] : bits) {
+    if ((value & bit) == 0) continue;
+    names.emplace_back(name);
+    value &= ~bit;
+  }
+  if (value != 0) names.push_back(fmt::format("{:#x}", value));
+  return fmt::format("{}", fmt::join(names, "+"));
+}
+
+std::string openFlags(std::uint32_t flags) {
+  const char* const access[] = {"O_RDONLY", "O_WRONLY", "O_RDWR", "O_ACCMODE"};
+  const std::string others = namesOfBits(flags & ~std::uint32_t{O_ACCMODE},
+                                         {{O_CREAT, "O_CREAT"}, {O_DIRECT, "O_DIRECT"}});
+  return access[flags & O_ACCMODE] + (others.empty() ? "" : "+" + others);
+}
+
+std::string accessMode(std::int64_t mode) {
+  return namesOfBits(mode, {{qz::accessWrite, "write"},
+                            {qz::accessRead, "read"},
+                            {qz::accessExclusive, "exclusive"},
+                            {qz::accessShared, "shared"},
+                            {qz::accessNoLock, "noLock"}});
+}
+
+}  // namespace
 
 std::string Calls::hostCalls() const {
   std::string text;
@@ -131,7 +169,7 @@ std::string Calls::hostCalls() const {
     } else if (record.call == Call::fileClose && record.flags != 0) {
       text += ":remove";
     } else if (record.call == Call::fileOpen || record.call == Call::fileReopen) {
-      text += fmt::format(":{:x}@{}", record.flags, record.offset);
+      text += ":" + openFlags(record.flags) + "@" + accessMode(record.offset);
     }
     text += (record.result == 0) == creates ? "!" : "";
   }

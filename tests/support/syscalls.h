@@ -89,12 +89,13 @@ class Calls {
   const CallRecord& at(Call call, int place = 0) const;
 
   // The system calls since clear(), one word each: "pwrite 4096@512", "=100" for a result other
-  // than the one asked for, "!28" for an errno: "pread 512@0=0 fsync!5".
+  // than the one asked for, "!ENOSPC" for an
+  // error: "pread 512@0=0 fsync!EIO".
   std::string io() const;
   // The host's operations since clear(), one word each with what they were about: "memAlloc:m40"
-  // (bytes; z: zero-filled), "memFree:b", "destroy:t", "fileOpen:42@5" (flags,
-  // access mode), "fileClose:remove", "taskWait:1000"; "!" after one
-  // that failed.
+  // (40 bytes of the module pool; 40z: zero-filled), "memFree:b" (of the buffer pool), "destroy:t"
+  // (the tree), "fileOpen:O_RDWR+O_CREAT@write+exclusive" (flags and access mode),
+  // "fileClose:remove", "taskWait:1000"; "!" after one that failed.
   std::string hostCalls() const;
 
   // The module's own memory, for its index of records: how often it asked since clear(), and how
