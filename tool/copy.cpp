@@ -62,9 +62,9 @@ Exit runCopy(const Invocation& call) {
   Progress progress(call.progress, "copy", source.measured.found - source.geometry.headerSize);
 
   File from = File::openToRead(session, source, call.io, Use::wholeFile);
-  NewFile target(call.second, call.force);
-  File to = File::create(session, target.temporaryName(), call.second, geometry, call.io,
-                         source.measured.found);
+  NewFile target(call.second, call.force, originOf(from.handle().fd));
+  File to =
+      File::create(session, target.path(), call.second, geometry, call.io, source.measured.found);
   bool good = true;
   if (source.geometry.header) {
     const OnDamage onDamage = call.keepGoing ? listDamage(call.first) : OnDamage();

@@ -43,8 +43,8 @@ Exit runPack(const Invocation& call) {
   const std::optional<std::int64_t> total = input.size();
   Progress progress(call.progress, "pack", total);
 
-  NewFile target(call.second, call.force);
-  File file = File::create(session, target.temporaryName(), call.second, geometry, call.io, total);
+  NewFile target(call.second, call.force, originOf(input.fd()));
+  File file = File::create(session, target.path(), call.second, geometry, call.io, total);
   PayloadWriter writer(file, progress);
   while (const std::size_t bytes = input.read(writer.room(), progress)) writer.filled(bytes);
   const Header header = writer.finish({});

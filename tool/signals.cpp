@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 
 #include "failure.hpp"
@@ -12,19 +11,26 @@
 namespace qzpfile {
 namespace {
 
+// Signals that end a program that does not expect them, without a fault of its own.
+constexpr int kEndSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM,
+                               SIGTERM, SIGUSR2, SIGXCPU, SIGVTALRM, SIGPROF};
+
 // Read and written by signal handlers: lock-free, hence safe there.
 std::atomic<int> endSignal = 0;
 std::atomic<bool> progressRequested = false;
-std::atomic<const char*> unfinishedFile = nullptr;
+std::atomic<int> unfinishedFolder = -1;
+std::atomic<const char*> unfinishedName = nullptr;
 static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<const char*>::is_always_lock_free);
 
 void onEnd(int signal) {
-  // A second SIGPIPE does not force an exit.
+  // A message to a reader that is gone raises SIGPIPE again: that does not force an exit.
   if (endSignal.exchange(signal) == 0 || signal == SIGPIPE) {
     return;
   }
-  if (const char* const path = unfinishedFile.load(); path != nullptr) unlink(path);
+  if (const char* const name = unfinishedName.load(); name != nullptr) {
+    unlinkat(unfinishedFolder, name, 0);
+  }
   dieOf(signal);
 }
 
@@ -37,15 +43,20 @@ void handle(int signal, void (*handler)(int), int flags) {
   sigaction(signal, &action, nullptr);
 }
 
+bool isIgnored(int signal) {
+  struct sigaction action = {};
+  sigaction(signal, nullptr, &action);
+  return action.sa_handler == SIG_IGN;
+}
+
 }  // namespace
 
 void installSignals() {
-  // Without SA_RESTART: a wait for a pipe ends at once.
-  handle(SIGINT, onEnd, 0);
-  handle(SIGTERM, onEnd, 0);
-  handle(SIGHUP, onEnd, 0);
-  handle(SIGPIPE, onEnd, 0);
-  handle(SIGUSR1, onProgressRequest, SA_RESTART);
+  for (const int signal : kEndSignals) {
+    // Without SA_RESTART: a wait for a pipe ends at once.
+    if (!isIgnored(signal)) handle(signal, onEnd, 0);
+  }
+  if (!isIgnored(SIGUSR1)) handle(SIGUSR1, onProgressRequest, SA_RESTART);
   handle(SIGXFSZ, SIG_IGN, 0);
 }
 
@@ -59,7 +70,18 @@ bool takeProgressRequest() {
   return progressRequested.load(std::memory_order_relaxed) && progressRequested.exchange(false);
 }
 
-void setUnfinishedFile(const char* path) { unfinishedFile = path; }
+void setUnfinishedFile(int folder, const char* name) {
+  if (name != nullptr) unfinishedFolder = folder;
+  unfinishedName = name;
+}
+
+SignalsHeldBack::SignalsHeldBack() : before_{} {
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_BLOCK, &all, &before_);
+}
+
+SignalsHeldBack::~SignalsHeldBack() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
 void dieOf(int signal) {
   handle(signal, SIG_DFL, 0);

@@ -41,6 +41,7 @@ class Input {
   ~Input();
 
   const std::string& name() const { return name_; }
+  int fd() const { return fd_; }
   // Bytes still to come; only a regular file knows.
   std::optional<std::int64_t> size() const;
   bool isSameFile(int fd) const;

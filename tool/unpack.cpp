@@ -26,7 +26,7 @@ Exit runUnpack(const Invocation& call) {
   Progress progress(call.progress, "unpack", source.geometry.header->payloadBytes);
 
   std::optional<NewFile> target;
-  if (!toStandardOutput) target.emplace(call.second, call.force);
+  if (!toStandardOutput) target.emplace(call.second, call.force, originOf(file.handle().fd));
   Output output(target ? target->fd() : STDOUT_FILENO,
                 target ? call.second : std::string("standard output"));
   const bool good =

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #include <vector>
 
@@ -18,11 +17,12 @@ constexpr std::size_t kSlabBytes = kSlabPages * kStorePage;
 constexpr std::size_t kHugeFrom = std::size_t{64} << 10U;
 constexpr std::size_t kMostSpareBytes = std::size_t{20} << 20U;  // five blocks of 4 MiB
 
-constexpr std::array<std::uint16_t, 14> kSlotBytes = {32,  48,  64,   96,   128,  192,  256,
-                                                      384, 512, 1024, 1536, 2048, 3072, 4096};
+constexpr std::array<std::uint16_t, 11> kSlotBytes = {64,   128,  192,  256,  384, 512,
+                                                      1024, 1536, 2048, 3072, 4096};
 // Slots of a slab are as aligned as their size is.
 static_assert(std::ranges::all_of(kSlotBytes, [](std::size_t bytes) {
-  return bytes % alignmentOf(bytes) == 0;
+  constexpr std::size_t kCacheLine = 64;
+  return bytes % alignmentOf(bytes) == 0 && bytes % kCacheLine == 0;
 }));
 
 // The index of the smallest slot for so many bytes, by sixteens of them.
@@ -132,14 +132,12 @@ RegionStore::~RegionStore() {
   for (const auto& [block, mapped] : spareMappings_) munmap(block, mapped);
 }
 
-void* RegionStore::allocate(std::size_t bytes, bool zeroed) noexcept try {
-  if (bytes > kLargestBlock) return nullptr;
-  if (bytes > kRegionBytes) return allocateMapping(bytes, zeroed);
-  void* block = bytes < kStorePage ? allocateSlot(bytes) : allocatePages(bytes);
-  if (zeroed && block != nullptr) std::memset(block, 0, bytes);
-  return block;
+Allocation RegionStore::allocate(std::size_t bytes) noexcept try {
+  if (bytes > kLargestBlock) return {nullptr, false};
+  if (bytes > kRegionBytes) return allocateMapping(bytes);
+  return {bytes < kStorePage ? allocateSlot(bytes) : allocatePages(bytes), false};
 } catch (const std::bad_alloc&) {
-  return nullptr;
+  return {nullptr, false};
 }
 
 std::optional<std::size_t> RegionStore::release(void* block) noexcept {
@@ -294,14 +292,13 @@ char* RegionStore::takeSpare(std::size_t mapped) noexcept {
   return block;
 }
 
-void* RegionStore::allocateMapping(std::size_t bytes, bool zeroed) {
+Allocation RegionStore::allocateMapping(std::size_t bytes) {
   const std::size_t mapped = roundUp(bytes, kStorePage);
   char* block = takeSpare(mapped);
-  if (block != nullptr) {
-    if (zeroed) std::memset(block, 0, bytes);
-  } else {
-    block = mapAligned(mapped);  // zeroed by the system
-    if (block == nullptr) return nullptr;
+  const bool isNew = block == nullptr;
+  if (isNew) {
+    block = mapAligned(mapped);
+    if (block == nullptr) return {nullptr, false};
     // The rest behind the last whole 2 MiB would take a huge page for a few bytes.
     madvise(block, mapped / kRegionBytes * kRegionBytes, MADV_HUGEPAGE);
   }
@@ -311,7 +308,7 @@ void* RegionStore::allocateMapping(std::size_t bytes, bool zeroed) {
     munmap(block, mapped);
     throw;
   }
-  return block;
+  return {block, isNew};
 }
 
 std::optional<std::size_t> RegionStore::releaseMapping(void* block) noexcept {
@@ -327,17 +324,16 @@ HeapStore::~HeapStore() {
   for (const auto& [block, asked] : blocks_) std::free(block);
 }
 
-void* HeapStore::allocate(std::size_t bytes, bool zeroed) noexcept try {
+Allocation HeapStore::allocate(std::size_t bytes) noexcept try {
   void* block = nullptr;
   if (bytes > kLargestBlock || posix_memalign(&block, alignmentOf(bytes), bytes) != 0) {
-    return nullptr;
+    return {nullptr, false};
   }
   std::unique_ptr<void, decltype(&std::free)> owner(block, &std::free);
   blocks_.emplace(block, bytes);
-  if (zeroed) std::memset(block, 0, bytes);
-  return owner.release();
+  return {owner.release(), false};
 } catch (const std::bad_alloc&) {
-  return nullptr;
+  return {nullptr, false};
 }
 
 std::optional<std::size_t> HeapStore::release(void* block) noexcept {

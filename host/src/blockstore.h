@@ -24,6 +24,12 @@ constexpr std::size_t alignmentOf(std::size_t blockBytes) {
   return blockBytes >= kSector ? kSector : 16;
 }
 
+// A block as a store gives it.
+struct Allocation {
+  void* address;  // null: there is no memory
+  bool isZero;    // all of it, as memory that the system has just mapped is
+};
+
 // A larger request is taken for a mistake: 4 GiB, where an address has 32 bits 2 GiB.
 inline constexpr std::size_t kLargestBlock =
     sizeof(void*) == 8 ? std::size_t{1} << (sizeof(void*) * 4) : std::size_t{1} << 31U;
@@ -47,12 +53,13 @@ struct RoomyList {
 
 // Memory in regions of 2 MiB that lie at multiples of 2 MiB.
 //
-// Blocks below a page come from slabs: 64 KiB cut into slots of one size. Larger ones take whole
-// pages of a region, those of 64 KiB and more in regions advised for huge pages; ordinary memory
-// makes a disk transfer one segment per page. Blocks beyond a region are mapped on their own.
-// Bookkeeping lies apart from the blocks. Memory that becomes free goes back to the system, but
-// for one empty region of each kind, one empty slab of each size and a few mappings, which opening
-// and closing a file again would only ask for, and have cleared, anew.
+// Blocks below a page come from slabs: 64 KiB cut into slots of one size, which are whole cache
+// lines, so that threads that use different blocks do not wait for each other's stores. Larger ones
+// take whole pages of a region, those of 64 KiB and more in regions advised for huge pages;
+// ordinary memory makes a disk transfer one segment per page. Blocks beyond a region are mapped on
+// their own. Bookkeeping lies apart from the blocks. Memory that becomes free goes back to the
+// system, but for one empty region of each kind, one empty slab of each size and a few mappings,
+// which opening and closing a file again would only ask for, and have cleared, anew.
 class RegionStore {
  public:
   RegionStore();
@@ -60,8 +67,8 @@ class RegionStore {
   RegionStore& operator=(const RegionStore&) = delete;
   ~RegionStore();
 
-  // A block aligned as alignmentOf says; null when there is no memory.
-  void* allocate(std::size_t bytes, bool zeroed) noexcept;
+  // A block aligned as alignmentOf says.
+  Allocation allocate(std::size_t bytes) noexcept;
 
   // Takes a block back: the bytes that were asked for, or nothing when it is not one of ours.
   std::optional<std::size_t> release(void* block) noexcept;
@@ -73,7 +80,7 @@ class RegionStore {
     std::size_t asked;
     std::size_t mapped;
   };
-  static constexpr std::size_t kSlotSizes = 14;
+  static constexpr std::size_t kSlotSizes = 11;
 
   // Where pages were found; no region: there is no memory.
   struct PageRun {
@@ -83,7 +90,7 @@ class RegionStore {
 
   void* allocateSlot(std::size_t bytes);
   void* allocatePages(std::size_t bytes);
-  void* allocateMapping(std::size_t bytes, bool zeroed);
+  Allocation allocateMapping(std::size_t bytes);
   char* takeSpare(std::size_t mapped) noexcept;
   bool keepSpare(char* block, std::size_t mapped) noexcept;
   std::size_t releaseSlot(Slab* slab, std::size_t slot) noexcept;
@@ -112,7 +119,7 @@ class HeapStore {
   ~HeapStore();
 
   // As those of RegionStore.
-  void* allocate(std::size_t bytes, bool zeroed) noexcept;
+  Allocation allocate(std::size_t bytes) noexcept;
   std::optional<std::size_t> release(void* block) noexcept;
 
  private:

@@ -111,8 +111,9 @@ struct Finger {
   FingerLevel* last = levels;
 };
 
-// A page tree and where its key lies in a node.
-struct Tree : PageTree {
+// A page tree and where its key lies in a node. It begins on a cache line of its own, as the trees
+// of other files are used by other threads.
+struct alignas(64) Tree : PageTree {
   Tree(HostRecords* host, std::size_t keyOffset);
 
   HostRecords* host;

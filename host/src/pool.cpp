@@ -1,4 +1,5 @@
 // Memory pools.
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -18,15 +19,21 @@ PoolCounts& operator+=(PoolCounts& sum, const PoolCounts& more) {
   return sum;
 }
 
-void* memAlloc(MemoryPool* self, std::size_t bytes, std::uint32_t flags) noexcept {
-  Pool& pool = poolOf(self);
+Allocation take(Pool& pool, std::size_t bytes) noexcept {
   const auto lock = lockUnlessAlone(pool.mutex);
-  void* block = pool.store.allocate(bytes, (flags & kZeroFill) != 0);
-  if (block == nullptr) return nullptr;
+  const Allocation block = pool.store.allocate(bytes);
+  if (block.address == nullptr) return block;
   ++pool.counts.allocations;
   ++pool.counts.liveBlocks;
   pool.counts.liveBytes += bytes;
   return block;
+}
+
+// Other threads do not wait until the block is cleared.
+void* memAlloc(MemoryPool* self, std::size_t bytes, std::uint32_t flags) noexcept {
+  const Allocation block = take(poolOf(self), bytes);
+  const bool toClear = block.address != nullptr && !block.isZero && (flags & kZeroFill) != 0;
+  return toClear ? std::memset(block.address, 0, bytes) : block.address;
 }
 
 HostStatus memFree(MemoryPool* self, void* block) noexcept {

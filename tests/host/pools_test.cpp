@@ -1,6 +1,8 @@
 // The stand-in host's pools and what they take their memory from.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <fstream>
 #include <initializer_list>
@@ -21,13 +23,14 @@ using qz::PoolCounts;
 // Every block of a store is filled with its own byte; a neighbour's write would show.
 template <class Store>
 struct StoreTest : testing::Test {
-  void take(std::size_t bytes, bool zeroed) {
-    auto* block = static_cast<char*>(store.allocate(bytes, zeroed));
+  void take(std::size_t bytes) {
+    const qz::Allocation taken = store.allocate(bytes);
+    auto* block = static_cast<char*>(taken.address);
     ASSERT_NE(block, nullptr);
     // Direct I/O goes to blocks from 512 bytes on.
     const std::uintptr_t alignment = bytes < 512 ? 16 : bytes < 4096 ? 512 : 4096;
     ASSERT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0U) << bytes;
-    ASSERT_TRUE(!zeroed || std::string_view(block, bytes) == std::string(bytes, '\0'));
+    ASSERT_TRUE(!taken.isZero || std::string_view(block, bytes) == std::string(bytes, '\0'));
     const std::string contents(bytes, static_cast<char>(random() | 1U));
     contents.copy(block, bytes);
     ASSERT_TRUE(blocks.emplace(block, contents).second);
@@ -52,11 +55,11 @@ using Stores = testing::Types<qz::RegionStore, qz::HeapStore>;
 TYPED_TEST_SUITE(StoreTest, Stores);
 
 // Around the sizes at which blocks come from elsewhere, then at random.
-TYPED_TEST(StoreTest, BlocksAreAlignedClearedApartAndKnown) {
+TYPED_TEST(StoreTest, BlocksAreAlignedApartAndKnown) {
   for (int round = 0; round < 3; ++round) {
     for (const std::size_t bytes : {0U, 1U, 40U, 76U, 511U, 512U, 600U, 1024U, 4095U, 4096U, 4097U,
                                     8192U, 65536U, 262144U, 2097152U, 2097153U}) {
-      for (const bool zeroed : {false, true, true}) this->take(bytes, zeroed);
+      for (int block = 0; block < 3; ++block) this->take(bytes);
     }
     while (!this->blocks.empty()) this->give(this->blocks.begin());
   }
@@ -64,7 +67,7 @@ TYPED_TEST(StoreTest, BlocksAreAlignedClearedApartAndKnown) {
     const bool grows = step / 1000 % 2 == 0;
     if (this->blocks.empty() || this->random() % 8 < (grows ? 6U : 2U)) {
       const std::size_t most = std::size_t{16} << this->random() % 14;
-      this->take(this->random() % most, this->random() % 2 == 0);
+      this->take(this->random() % most);
     } else {
       this->give(std::next(this->blocks.begin(),
                            static_cast<std::ptrdiff_t>(this->random() % this->blocks.size())));
@@ -88,7 +91,7 @@ TEST(RegionStoreTest, MemoryGoesBackToTheSystem) {
   const std::size_t before = mappedPages();
   for (const std::size_t bytes : {64U, 4096U, 65536U, 3U << 20U}) {
     for (std::size_t total = 0; total < (32U << 20U); total += bytes) {
-      blocks.push_back(store.allocate(bytes, false));
+      blocks.push_back(store.allocate(bytes).address);
     }
   }
   EXPECT_GE(mappedPages(), before + (128U << 20U) / 4096);
@@ -133,6 +136,19 @@ TEST_F(PoolTest, CountsWhatIsOutAndRefusesWhatIsForeign) {
   MemoryPool* leftOver = newPool("three");  // goes with the host, and its block too
   EXPECT_NE(leftOver->memAlloc(leftOver, 5000, 0), nullptr);
   EXPECT_EQ(host.liveObjects(), 1U);
+}
+
+// Each size is taken once new and once where another block was.
+TEST_F(PoolTest, ClearsBlocksWhereItIsAskedTo) {
+  for (const std::size_t bytes : {1U, 100U, 4096U, 65537U, 2097152U, 3U << 20U}) {
+    for (int round = 0; round < 2; ++round) {
+      auto* block = static_cast<char*>(pool->memAlloc(pool, bytes, qz::kZeroFill));
+      ASSERT_NE(block, nullptr);
+      EXPECT_EQ(std::count(block, block + bytes, '\0'), static_cast<std::ptrdiff_t>(bytes));
+      std::fill_n(block, bytes, '#');
+      EXPECT_EQ(pool->memFree(pool, block), 0U);
+    }
+  }
 }
 
 #ifdef __SANITIZE_ADDRESS__

@@ -28,8 +28,12 @@ int system(const std::string& line) {
 std::string preamble() {
   static const std::string path = QZIOP_PROGRAMS "/qzpfile";
   static const bool runs = system(path + " --version >/dev/null 2>&1") == 0;
-  return "exec </dev/null; umask 022; Q='" + (runs ? path : "qemu-i386 " + path) +
-         "'; poke() { printf \"$1\" | dd of=$3 bs=1 seek=$2 conv=notrunc status=none; }; ";
+  const std::string preload = "LD_PRELOAD=" QZIOP_PROGRAMS "/libtool_faults.so ";
+  return "exec </dev/null; umask 022; export ASAN_OPTIONS=verify_asan_link_order=0\n"
+         "Q='" +
+         std::string(runs ? "" : "qemu-i386 ") + path + "' FAULTY='" +
+         (runs ? "env " : "qemu-i386 -E ") + preload + path + "'\n" +
+         "poke() { printf \"$1\" | dd of=$3 bs=1 seek=$2 conv=notrunc status=none; }\n";
 }
 
 std::string inOneLine(const std::string& text) {

@@ -29,7 +29,8 @@ class Shell {
   ~Shell();
 
   // Runs the line with /bin/sh in the folder. Standard input: nothing. "poke BYTE OFFSET FILE"
-  // overwrites a byte.
+  // overwrites a byte; "QZPFILE_FAULT=... $FAULTY" is the program with system calls that fail, see
+  // preload/faults.cpp.
   Outcome run(const std::string& line) const;
   // The same for lines whose every command must succeed.
   void expectGood(const std::string& line) const;
