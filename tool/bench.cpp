@@ -16,6 +16,7 @@
 #include "commands.hpp"
 #include "json.hpp"
 #include "signals.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -155,7 +156,7 @@ double ratio(const Figure& figure) {
 
 void printText(const Source& source, const std::vector<Figure>& figures,
                const std::vector<IoOutcome>& skipped) {
-  fmt::print("{}: {} of {} bytes, best of {} rounds\n", source.name,
+  fmt::print("{}: {} of {} bytes, best of {} rounds\n", printable(source.name),
              counted(source.measured.wholePages, "page"), source.geometry.pageSize, kRounds);
   fmt::print("{:<9} {:<9} {:>12} {:>12} {:>6}\n", "mode", "order", "module", "pread", "ratio");
   for (const Figure& figure : figures) {

@@ -10,10 +10,12 @@
 #include <algorithm>
 #include <limits>
 #include <map>
+#include <span>
 #include <utility>
 
 #include "help.hpp"
 #include "terminal.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -96,9 +98,10 @@ void addIoOptions(CLI::App& app, const Command& command, Invocation& call) {
 void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   const auto has = [&command](Option option) { return (command.options & option) != 0; };
   if (has(optionPages)) {
-    addParsed(app, "--pages", "A-B", "a page or a range of pages, as 7, 3-9, 3- or -9",
-              "only these pages, counted from 1: 7, 3-9, 3- or -9", parsePageRange,
-              [&call](PageRange range) { call.pages = range; });
+    addParsed(app, "--pages", "LIST", "a list of pages, as 7, 3-9, 3-, -9 or 1,3,7-9",
+              "only these pages, counted from 1, in this order: 7, 3-9, 3-, -9 or 1,3,7-9",
+              parsePageList,
+              [&call](std::vector<PageRange> ranges) { call.pages = std::move(ranges); });
   }
   if (has(optionFormatVersion)) {
     addParsed(app, "--format-version", "N", "1 or 2",
@@ -127,6 +130,14 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   if (has(optionKeepGoing)) {
     app.add_flag("-k,--keep-going", call.keepGoing, "list all that is found, not only the first");
   }
+  if (has(optionSparse)) {
+    addParsed(app, "--sparse", "WHEN", "one of auto, never",
+              "auto: runs of zeros of 64 KiB and more become holes of a regular file; never: zeros "
+              "are written (default: auto)",
+              oneOf<bool>({{"auto", true}, {"never", false}}),
+              [&call](bool sparse) { call.sparse = sparse; });
+  }
+  if (has(optionQuiet)) app.add_flag("-q,--quiet", call.quiet, "say nothing but errors");
   if (has(optionFormat)) {
     addParsed(app, "--format", "FORMAT", "text or json", "text or json (default: text)",
               oneOf<bool>({{"text", false}, {"json", true}}),
@@ -178,16 +189,54 @@ Failure usageFailure(const std::string& what, const std::string& command) {
       .tryThis(fmt::format("qzpfile {}--help", command.empty() ? "" : command + " "));
 }
 
+// A name that is not known, with the one that was probably meant.
+Failure unknownName(const char* what, const std::string& name,
+                    const std::vector<std::string>& known, const std::string& command) {
+  const std::string meant = closest(name, known);
+  const std::string help = fmt::format("qzpfile {}--help", command.empty() ? "" : command + " ");
+  return Failure(Exit::usage, fmt::format("there is no {} \"{}\"", what, name))
+      .tryThis(meant.empty() ? help : fmt::format("{}, if that was meant, or {}", meant, help));
+}
+
 // A line that does not begin with a command or an option of the program itself.
 void requireCommand(const std::vector<std::string>& words) {
   if (words.empty()) {
     throw usageFailure("name a command", "");
   }
-  const bool known = std::ranges::any_of(
-      commands(), [&words](const Command& command) { return words.front() == command.name; });
-  if (!known && words.front() != "--help" && words.front() != "-h" &&
-      words.front() != "--version") {
-    throw usageFailure(fmt::format("there is no command \"{}\"", words.front()), "");
+  const std::string& first = words.front();
+  std::vector<std::string> known = {"help", "--help", "-h", "--version", "-V"};
+  for (const Command& command : commands()) known.emplace_back(command.name);
+  if (std::ranges::find(known, first) == known.end()) {
+    throw unknownName(first.starts_with('-') ? "option" : "command", first, known, "");
+  }
+}
+
+// Long options that the parser would take in another way than they are meant: unknown ones, whose
+// value would pass for a file; "--io=", which would take the next word; "--force=no".
+void checkOptions(const CLI::App& app, std::span<const std::string> words) {
+  std::vector<std::string> known;
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) known.push_back("--" + name);
+  }
+  bool isValue = false;
+  for (const std::string& word : words) {
+    if (std::exchange(isValue, false) && !word.starts_with("--")) continue;
+    if (word == "--") return;
+    const bool isLong = word.starts_with("--");
+    if (!word.starts_with('-') || word == "-") continue;
+    const std::size_t equals = isLong ? word.find('=') : std::string::npos;
+    const std::string name = isLong ? word.substr(0, equals) : word.substr(0, 2);
+    const CLI::Option* const option = app.get_option_no_throw(name);
+    if (option == nullptr) throw unknownName("option", name, known, app.get_name());
+    const bool takesValue = option->get_items_expected_max() > 0;
+    isValue = takesValue && equals == std::string::npos;
+    if (equals == std::string::npos) continue;
+    if (!takesValue) {
+      throw usageFailure(fmt::format("{} takes no value: \"{}\"", name, word), app.get_name());
+    }
+    if (equals + 1 == word.size()) {
+      throw usageFailure(fmt::format("{} has no value behind the =", name), app.get_name());
+    }
   }
 }
 
@@ -206,6 +255,16 @@ void checkTogether(const Command& command, const Invocation& call) {
     throw Failure(Exit::usage, "a paged file must be seekable; a pipe is not")
         .tryThis("name a file: ./- if it is called so");
   }
+  if (call.json && call.quiet) {
+    throw usageFailure("--quiet and --format json exclude each other", command.name);
+  }
+  if ((call.json || call.quiet) && command.run == runHeader && !call.setFrom) {
+    throw usageFailure("--format and --quiet are about the report of --set", command.name);
+  }
+  if (call.json && command.run == runUnpack && call.second == "-") {
+    throw usageFailure("--format json has no place beside the payload on standard output",
+                       command.name);
+  }
   if (command.run == runPut && call.append == call.page.has_value()) {
     throw usageFailure("name either a PAGE or --append", command.name);
   }
@@ -216,11 +275,16 @@ void checkTogether(const Command& command, const Invocation& call) {
 
 }  // namespace
 
-std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std::string>& words) {
+std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std::string>& given) {
+  std::vector<std::string> words = given;
+  if (!words.empty() && words.front() == "help") {  // "help COMMAND" is "COMMAND --help"
+    words.erase(words.begin());
+    words.push_back("--help");
+  }
   CLI::App app("Packs files into pages, reads, changes, checks and measures paged files.");
   requireCommand(words);
   app.set_help_flag("-h,--help", "show this help");
-  app.set_version_flag("--version", "qzpfile " QZPFILE_VERSION, "show the version");
+  app.set_version_flag("-V,--version", "qzpfile " QZPFILE_VERSION, "show the version");
   ParsedCommand parsed{};
   for (const Command& command : commands()) addCommand(app, command, parsed.call);
   const auto chosen = [&app]() -> const Command* {
@@ -230,6 +294,9 @@ std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std:
     });
     return found == commands().end() ? nullptr : &*found;
   };
+  if (std::ranges::any_of(commands(), [&](const Command& c) { return words.front() == c.name; })) {
+    checkOptions(*app.get_subcommand(words.front()), std::span(words).subspan(1));
+  }
   try {
     app.parse(std::vector<std::string>(words.rbegin(), words.rend()));
   } catch (const CLI::CallForHelp&) {

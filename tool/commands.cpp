@@ -24,18 +24,21 @@ constexpr std::array kCommands = {
             "qzpfile pack --io block --block-size 16M big.img big.qzp\tpast the cache, in blocks",
             {"INPUT", "the file to pack, - for standard input"},
             {"OUTPUT", "the paged file to make"},
-            optionNewSizes | optionFormatVersion | kIoOptions | optionForce | optionProgress,
+            optionNewSizes | optionFormatVersion | kIoOptions | optionForce | optionProgress |
+                kResultOptions,
             runPack},
-    Command{"unpack",
-            "get back what was packed",
-            "Writes the bytes that were packed into INPUT to OUTPUT and checks them against the "
-            "checksum in the header. OUTPUT gets its name when all is well.",
-            "qzpfile unpack backup.qzp backup.tar\tunpack into a file\n"
-            "qzpfile unpack src.qzp - | tar t\tunpack into a pipe",
-            {"INPUT", "a file made by pack"},
-            {"OUTPUT", "the file to make, - for standard output"},
-            kIoOptions | optionForce | optionKeepGoing | optionProgress,
-            runUnpack},
+    Command{
+        "unpack",
+        "get back what was packed",
+        "Writes the bytes that were packed into INPUT to OUTPUT and checks them against the "
+        "checksum in the header. OUTPUT gets its name when all is well. Standard output may "
+        "have got bytes before damage is found: look at the exit status.",
+        "qzpfile unpack backup.qzp backup.tar\tunpack into a file\n"
+        "qzpfile unpack src.qzp - | tar t\tunpack into a pipe",
+        {"INPUT", "a file made by pack"},
+        {"OUTPUT", "the file to make, - for standard output"},
+        kIoOptions | optionForce | optionKeepGoing | optionSparse | optionProgress | kResultOptions,
+        runUnpack},
     Command{"info", "show sizes, kind and I/O mode of a paged file",
             "Shows how FILE is divided into header and pages, what it holds, and which I/O mode "
             "it is read in here.",
@@ -45,9 +48,10 @@ constexpr std::array kCommands = {
             kFile, kNone, optionRaw | kIoOptions | optionFormat, runInfo},
     Command{"cat", "write pages to standard output",
             "Writes the pages of FILE to standard output as they are, padding included.",
-            "qzpfile cat --pages 3-5 backup.qzp > pages.bin\tthree pages\n"
+            "qzpfile cat --pages 3-5,9 backup.qzp > pages.bin\tfour pages\n"
             "qzpfile cat places.db | sha256sum\tall pages",
-            kFile, kNone, optionRaw | kIoOptions | optionPages | optionKeepGoing | optionProgress,
+            kFile, kNone,
+            optionRaw | kIoOptions | optionPages | optionKeepGoing | optionSparse | optionProgress,
             runCat},
     Command{"dump", "show pages in hexadecimal and text",
             "Shows the pages of FILE in hexadecimal and as text. Offsets count from the start of "
@@ -58,14 +62,16 @@ constexpr std::array kCommands = {
     Command{"put",
             "write pages from standard input",
             "Writes whole pages from standard input into FILE, from PAGE on or behind the last "
-            "page. In a file made by pack the payload grows as far as the pages written reach, "
-            "the last page may be short there, and the header is kept up to date.",
+            "page. In a file made by pack the header is kept up to date, and the payload ends "
+            "where the last page's bytes end: input that ends within the last page makes the "
+            "payload end there, and when pages are appended, the zeros that filled the page "
+            "before them become payload.",
             "qzpfile put backup.qzp 3 < page.bin\treplace page 3 and, if there is more, the next "
             "ones\n"
             "qzpfile put --append --raw --page-size 4K data.bin < pages.bin\tadd pages",
             kFile,
             {"[PAGE]", "the first page to write, counted from 1"},
-            optionRaw | kIoOptions | optionAppend | optionProgress,
+            optionRaw | kIoOptions | optionAppend | optionProgress | kResultOptions,
             runPut},
     Command{"truncate",
             "cut a paged file to a number of pages",
@@ -74,7 +80,7 @@ constexpr std::array kCommands = {
             "qzpfile truncate backup.qzp 100\tkeep the first 100 pages",
             kFile,
             {"PAGES", "pages to keep"},
-            optionRaw | kIoOptions,
+            optionRaw | kIoOptions | kResultOptions,
             runTruncate},
     Command{"header", "read or replace the header",
             "Writes the bytes before page 1 to standard output; on a terminal in hexadecimal. "
@@ -82,7 +88,7 @@ constexpr std::array kCommands = {
             "that fits it.",
             "qzpfile header backup.qzp > header.bin\tsave the header\n"
             "qzpfile header --set header.bin backup.qzp\tput it back",
-            kFile, kNone, optionRaw | optionSet, runHeader},
+            kFile, kNone, optionRaw | optionSet | kResultOptions, runHeader},
     Command{"copy",
             "copy a paged file page by page",
             "Copies SRC to DST through the module. A file made by pack is checked on the way and "
@@ -94,17 +100,18 @@ constexpr std::array kCommands = {
             {"SRC", kFile.text},
             {"DST", "the file to make"},
             optionNewSizes | optionFormatVersion | optionRaw | kIoOptions | optionForce |
-                optionKeepGoing | optionProgress,
+                optionKeepGoing | optionSparse | optionProgress | kResultOptions,
             runCopy},
     Command{"compare",
             "compare two paged files page by page",
-            "Compares the pages of A and B and says which is the first that differs. Exit status "
-            "1: they differ.",
+            "Compares the pages of A and B and says which is the first that differs. Files made by "
+            "pack with different page sizes are compared by what was packed. Exit status 1: they "
+            "differ.",
             "qzpfile compare backup.qzp copy.qzp\tthe first difference\n"
             "qzpfile compare --keep-going --format json a.db b.db\tall of them, for programs",
             {"A", kFile.text},
             {"B", "the file to compare it with"},
-            optionRaw | kIoOptions | optionKeepGoing | optionFormat | optionProgress,
+            optionRaw | kIoOptions | optionKeepGoing | kResultOptions | optionProgress,
             runCompare},
     Command{"verify", "check a paged file",
             "Checks that FILE is header plus whole pages and that every page fits its checksum. "
@@ -114,7 +121,7 @@ constexpr std::array kCommands = {
             "qzpfile verify --keep-going --format json backup.qzp\tlist all that is wrong",
             kFile, kNone,
             optionRaw | optionIo | optionBlockSize | optionEveryMode | optionKeepGoing |
-                optionFormat | optionProgress,
+                kResultOptions | optionProgress,
             runVerify},
     Command{"bench", "measure reading a paged file",
             "Reads FILE in every I/O mode that the file system allows, in order and at random, "
@@ -133,7 +140,7 @@ constexpr std::array kCommands = {
             "qzpfile repair --yes backup.qzp\tkeep what can be kept",
             {"FILE", "a file made by pack"},
             kNone,
-            optionRepair | optionFormat | optionProgress,
+            optionRepair | kResultOptions | optionProgress,
             runRepair},
     Command{"trace",
             "sum up a trace of the module",
@@ -149,7 +156,8 @@ constexpr std::array kCommands = {
             runTrace},
     Command{"rm", "remove a paged file",
             "Removes FILE, if it is a paged file. With --raw it may be any file.",
-            "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw, runRm},
+            "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw | kResultOptions,
+            runRm},
 };
 
 }  // namespace
@@ -164,14 +172,19 @@ std::optional<RawGeometry> rawGeometry(const Invocation& call) {
                      .headerSize = call.headerSize.value_or(0)};
 }
 
-PageRange pagesOf(const Invocation& call, const File& file) {
+std::vector<PageRange> pagesOf(const Invocation& call, const File& file) {
   const std::int64_t count = file.pageCount();
-  if (call.pages.first > std::max<std::int64_t>(count, 1)) {
-    throw Failure(Exit::usage,
-                  fmt::format("page {} is behind the last page, {}", call.pages.first, count),
-                  file.name());
+  std::vector<PageRange> ranges = call.pages;
+  for (PageRange& range : ranges) {
+    const bool toTheEnd = range.last == PageRange::kToTheEnd;
+    const std::int64_t wanted = toTheEnd ? range.first : range.last;
+    if (wanted > std::max<std::int64_t>(count, toTheEnd ? 1 : 0)) {
+      throw Failure(Exit::usage, fmt::format("page {} is behind the last page, {}", wanted, count),
+                    file.name());
+    }
+    if (toTheEnd) range.last = count;
   }
-  return {.first = call.pages.first, .last = std::min(call.pages.last, count)};
+  return ranges;
 }
 
 Geometry ownGeometry(int version, std::int64_t pageSize, std::int64_t headerSize,

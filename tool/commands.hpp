@@ -5,6 +5,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "failure.hpp"
 #include "iomode.hpp"
@@ -21,6 +22,8 @@ struct Invocation {
   std::string modulePath;
   bool verbose = false;
   bool json = false;
+  bool quiet = false;
+  bool sparse = true;  // runs of zeros become holes
   bool force = false;
   bool raw = false;
   bool append = false;
@@ -33,7 +36,7 @@ struct Invocation {
   std::optional<std::int64_t> headerSize;
   std::optional<std::int64_t> page;    // put: the first page to write; truncate: pages to keep
   std::optional<std::string> setFrom;  // header: where the new header comes from
-  PageRange pages;
+  std::vector<PageRange> pages = {{}};
   IoRequest io;
   ProgressChoice progress = ProgressChoice::automatic;
 };
@@ -55,8 +58,11 @@ enum Option : unsigned {
   optionFormatVersion = 0x100000,
   optionEveryMode = 0x200000,
   optionRepair = 0x400000,  // --dry-run, --yes
+  optionQuiet = 0x10000,
+  optionSparse = 0x20000,
 };
 inline constexpr unsigned kIoOptions = optionIo | optionBlockSize | optionBuffers;
+inline constexpr unsigned kResultOptions = optionFormat | optionQuiet;
 
 // An argument without dashes.
 struct Argument {
@@ -80,8 +86,8 @@ std::span<const Command> commands();
 // The geometry that --raw, --page-size and --header-size give; nothing without --raw.
 std::optional<RawGeometry> rawGeometry(const Invocation& call);
 
-// The pages of --pages that `file` has. Refuses a range that begins behind its last page.
-PageRange pagesOf(const Invocation& call, const File& file);
+// The pages of --pages. Refuses pages that `file` does not have.
+std::vector<PageRange> pagesOf(const Invocation& call, const File& file);
 
 // Checks sizes for a file of the tool's own.
 Geometry ownGeometry(int version, std::int64_t pageSize, std::int64_t headerSize,

@@ -3,11 +3,14 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include "commands.hpp"
 #include "json.hpp"
+#include "payload.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -17,7 +20,8 @@ struct Difference {
   std::string text;
   std::int64_t a = 0;  // the two sizes, or for bytes the file offsets
   std::int64_t b = 0;
-  std::int64_t page = 0;  // pages only
+  std::int64_t page = 0;   // of A; pages and payload only
+  std::int64_t pageB = 0;  // payload only
 };
 
 class Comparison {
@@ -55,6 +59,25 @@ class Comparison {
                             .a = offsetA,
                             .b = offsetB,
                             .page = page});
+  }
+
+  // Bytes of both payloads that begin at `position` there and in these pages at these offsets.
+  void payload(std::int64_t position, std::span<const std::byte> a, std::int64_t pageA,
+               std::int64_t offsetA, std::span<const std::byte> b, std::int64_t pageB,
+               std::int64_t offsetB) {
+    const std::size_t at = firstDifference(a, b);
+    const bool isTold = !differences_.empty() && differences_.back().page == pageA;
+    if (at == a.size() || isTold) return;
+    const auto ahead = static_cast<std::int64_t>(at);
+    differences_.push_back(
+        {.what = "payload",
+         .text = fmt::format("payload byte {}: pages {} and {} (file offsets {} "
+                             "and {})",
+                             position + ahead, pageA, pageB, offsetA + ahead, offsetB + ahead),
+         .a = offsetA + ahead,
+         .b = offsetB + ahead,
+         .page = pageA,
+         .pageB = pageB});
   }
 
  private:
@@ -96,13 +119,75 @@ void comparePages(Session& session, const Invocation& call, const Source& a, con
   }
 }
 
-void printText(const Invocation& call, const Source& a, const Comparison& comparison) {
-  if (comparison.differences().empty()) {
-    fmt::print("{} and {}: same, {} of {} bytes\n", call.first, call.second,
-               counted(a.measured.wholePages, "page"), a.geometry.pageSize);
+// The payload of one of the tool's own files, as far as its pages go.
+class PayloadReader {
+ public:
+  explicit PayloadReader(File& file) : file_(file) { next(); }
+
+  std::span<const std::byte> piece() const { return piece_; }  // empty: the payload has ended
+  std::int64_t page() const { return page_; }
+  std::int64_t offset() const {  // of the piece, in the file
+    return file_.geometry().offsetOf(page_) + (piece_.data() - bytesOf(*hold_).data());
+  }
+
+  void skip(std::size_t bytes) {
+    piece_ = piece_.subspan(bytes);
+    if (piece_.empty()) next();
+  }
+
+ private:
+  void next() {
+    hold_.reset();
+    if (page_ == file_.geometry().header->pageCount()) return;
+    hold_ = file_.read(++page_);
+    piece_ = payloadOf(*file_.geometry().header, page_, bytesOf(*hold_));
+  }
+
+  File& file_;
+  std::int64_t page_ = 0;
+  std::optional<qz::PageHold> hold_;
+  std::span<const std::byte> piece_;
+};
+
+// Pages of different sizes begin at different bytes of the payload.
+void comparePayloads(Session& session, const Invocation& call, const Source& a, const Source& b,
+                     Comparison& comparison) {
+  File fileA = File::openToRead(session, a, call.io, Use::wholeFile);
+  File fileB = File::openToRead(session, b, call.io, Use::wholeFile);
+  PayloadReader readerA(fileA);
+  PayloadReader readerB(fileB);
+  const std::int64_t bytesA = a.geometry.header->payloadBytes;
+  const std::int64_t bytesB = b.geometry.header->payloadBytes;
+  Progress progress(call.progress, "compare", std::min(bytesA, bytesB));
+  std::int64_t position = 0;
+  while (!comparison.isDecided()) {
+    const std::size_t bytes = std::min(readerA.piece().size(), readerB.piece().size());
+    if (bytes == 0) break;
+    comparison.payload(position, readerA.piece().first(bytes), readerA.page(), readerA.offset(),
+                       readerB.piece().first(bytes), readerB.page(), readerB.offset());
+    position += static_cast<std::int64_t>(bytes);
+    readerA.skip(bytes);
+    readerB.skip(bytes);
+    progress.advance(static_cast<std::int64_t>(bytes));
+  }
+  comparison.sizes("payload_size", "payload bytes", bytesA, bytesB);
+}
+
+void printText(const Invocation& call, const Source& a, const Source& b,
+               const Comparison& comparison) {
+  const std::string names = fmt::format("{} and {}", printable(call.first), printable(call.second));
+  if (comparison.differences().empty() && a.geometry.pageSize != b.geometry.pageSize) {
+    fmt::print("{}: same payload, {}, in pages of {} and {} bytes\n", names,
+               counted(a.geometry.header->payloadBytes, "byte"), a.geometry.pageSize,
+               b.geometry.pageSize);
     return;
   }
-  fmt::print("{} and {} differ:\n", call.first, call.second);
+  if (comparison.differences().empty()) {
+    fmt::print("{}: same, {} of {}\n", names, counted(a.measured.wholePages, "page"),
+               counted(a.geometry.pageSize, "byte"));
+    return;
+  }
+  fmt::print("{} differ:\n", names);
   for (const Difference& difference : comparison.differences()) {
     fmt::print("  {}\n", difference.text);
   }
@@ -117,7 +202,8 @@ void printJson(const Invocation& call, Exit exit, const Comparison& comparison) 
   for (const Difference& difference : comparison.differences()) {
     nlohmann::ordered_json entry;
     entry["what"] = difference.what;
-    if (difference.page != 0) entry["page"] = difference.page;
+    if (difference.page != 0) entry[difference.pageB == 0 ? "page" : "page_a"] = difference.page;
+    if (difference.pageB != 0) entry["page_b"] = difference.pageB;
     const bool bytes = difference.page != 0 || difference.what == "header";
     entry[bytes ? "offset_a" : "a"] = difference.a;
     entry[bytes ? "offset_b" : "b"] = difference.b;
@@ -133,8 +219,11 @@ Exit runCompare(const Invocation& call) {
   const Source a = examineWhole(session, call.first, rawGeometry(call));
   const Source b = examineWhole(session, call.second, rawGeometry(call));
   Comparison comparison(a, b, call.keepGoing);
-  comparison.sizes("page_size", "page size", a.geometry.pageSize, b.geometry.pageSize);
-  if (a.geometry.pageSize == b.geometry.pageSize) {
+  if (a.geometry.header && b.geometry.header && a.geometry.pageSize != b.geometry.pageSize) {
+    comparePayloads(session, call, a, b, comparison);
+  } else if (a.geometry.pageSize != b.geometry.pageSize) {
+    comparison.sizes("page_size", "page size", a.geometry.pageSize, b.geometry.pageSize);
+  } else {
     // The first page that differs says more than a size that follows from it.
     comparePages(session, call, a, b, comparison);
     comparison.sizes("page_count", "pages", a.measured.wholePages, b.measured.wholePages);
@@ -143,8 +232,8 @@ Exit runCompare(const Invocation& call) {
   const Exit exit = comparison.differences().empty() ? Exit::good : Exit::different;
   if (call.json) {
     printJson(call, exit, comparison);
-  } else {
-    printText(call, a, comparison);
+  } else if (!call.quiet) {
+    printText(call, a, b, comparison);
   }
   return exit;
 }

@@ -1,35 +1,52 @@
 // qzpfile copy SRC DST: page by page; the tool's own files also into pages of another size.
 #include <fmt/format.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <vector>
 
 #include "commands.hpp"
+#include "json.hpp"
 #include "newfile.hpp"
 #include "payload.hpp"
+#include "report.hpp"
+#include "streams.hpp"
 
 namespace qzpfile {
 namespace {
 
 // The payload, checked on the way, in pages of the new size.
 bool copyOwn(const Source& source, File& from, File& to, const OnDamage& onDamage,
-             Progress& progress) {
+             HolePuncher& holes, Progress& progress) {
   std::vector<std::byte> header = readHeader(source);
   header.resize(static_cast<std::size_t>(to.geometry().headerSize));
   PayloadWriter writer(to, progress);
   Progress reading(ProgressChoice::never, {}, std::nullopt);
-  const bool good = readPayload(from, reading, onDamage,
-                                [&](std::span<const std::byte> bytes) { writer.append(bytes); });
+  const std::int64_t pageSize = to.geometry().pageSize;
+  std::int64_t position = 0;  // in the payload
+  const bool good = readPayload(from, reading, onDamage, [&](std::span<const std::byte> bytes) {
+    writer.append(bytes);
+    while (!bytes.empty()) {
+      const std::int64_t inPage = position % pageSize;
+      const auto part =
+          bytes.first(std::min(bytes.size(), static_cast<std::size_t>(pageSize - inPage)));
+      holes.wrote(to.geometry().offsetOf(position / pageSize + 1) + inPage, part);
+      position += static_cast<std::int64_t>(part.size());
+      bytes = bytes.subspan(part.size());
+    }
+  });
   writer.finish(std::span(header).subspan(kHeaderBytes));
   return good;
 }
 
 // Header and pages as they are.
-void copyForeign(const Source& source, File& from, File& to, Progress& progress) {
+void copyForeign(const Source& source, File& from, File& to, HolePuncher& holes,
+                 Progress& progress) {
   if (source.geometry.headerSize > 0) to.writeHeader(readHeader(source));
   for (std::int64_t page = 1; page <= from.pageCount(); ++page) {
     const qz::PageHold hold = from.read(page);
     to.write(page, bytesOf(hold));
+    holes.wrote(source.geometry.offsetOf(page), bytesOf(hold));
     progress.advance(source.geometry.pageSize);
   }
   to.finish();
@@ -50,6 +67,17 @@ Geometry targetGeometry(const Invocation& call, const Source& source) {
                      call.headerSize.value_or(source.geometry.headerSize), call.second);
 }
 
+// What SQLite has written to its log since the last checkpoint is part of the database.
+void warnOfLog(const std::string& database) {
+  const std::string log = database + "-wal";
+  struct stat info = {};
+  if (stat(log.c_str(), &info) == 0 && info.st_size > 0) {
+    warn(database, fmt::format("changes in {} are not in the copy: copy that file too, under the "
+                               "copy's name and -wal, while nobody writes to the database",
+                               log));
+  }
+}
+
 }  // namespace
 
 Exit runCopy(const Invocation& call) {
@@ -65,22 +93,33 @@ Exit runCopy(const Invocation& call) {
   NewFile target(call.second, call.force, originOf(from.handle().fd));
   File to =
       File::create(session, target.path(), call.second, geometry, call.io, source.measured.found);
+  // The module collects pages into blocks, the payload's writer into batches.
+  const std::int64_t lag = 2 * std::int64_t{to.handle().blockBytes} + (1 << 20);
+  HolePuncher holes(call.sparse ? target.fd() : -1, lag + 2 * geometry.pageSize);
   bool good = true;
   if (source.geometry.header) {
     const OnDamage onDamage = call.keepGoing ? listDamage(call.first) : OnDamage();
-    good = copyOwn(source, from, to, onDamage, progress);
+    good = copyOwn(source, from, to, onDamage, holes, progress);
   } else {
-    copyForeign(source, from, to, progress);
+    copyForeign(source, from, to, holes, progress);
   }
+  holes.finish();
   const std::int64_t pages =
       source.geometry.header ? to.geometry().payloadPagesIn(to.pageCount()) : to.pageCount();
   target.commit();
-  fmt::print("{}: {} of {} bytes, I/O {}\n", call.second, counted(pages, "page"), geometry.pageSize,
-             to.describeIo());
-  if (good) return Exit::good;
-  fmt::print("{}: damaged pages were copied as they are, with checksums that fit them\n",
-             call.second);
-  return Exit::badData;
+  progress.end();
+  const Exit exit = good ? Exit::good : Exit::badData;
+  reportResult(call, exit, "copy", call.second,
+               fmt::format("{} of {}, I/O {}", counted(pages, "page"),
+                           counted(geometry.pageSize, "byte"), to.describeIo()),
+               {{"pages", pages},
+                {"page_size", geometry.pageSize},
+                {"header_size", geometry.headerSize},
+                {"io", jsonIo(to.io())}});
+  if (!good)
+    warn(call.second, "damaged pages were copied as they are, with checksums that fit them");
+  if (source.geometry.kind == FileKind::sqliteDatabase) warnOfLog(call.first);
+  return exit;
 }
 
 }  // namespace qzpfile

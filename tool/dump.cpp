@@ -5,6 +5,7 @@
 #include "commands.hpp"
 #include "hexdump.hpp"
 #include "signals.hpp"
+#include "streams.hpp"
 #include "terminal.hpp"
 
 namespace qzpfile {
@@ -13,16 +14,20 @@ Exit runDump(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
   const Source source = examineWhole(session, call.first, rawGeometry(call));
   File file = File::openToRead(session, source, call.io, Use::somePages);
-  const PageRange range = pagesOf(call, file);
   const bool colour = wantsColour(STDOUT_FILENO);
   const std::size_t perLine = bytesPerLine();
-  for (std::int64_t page = range.first; page <= range.last; ++page) {
-    const qz::PageHold hold = file.read(page);
-    const std::int64_t offset = source.geometry.offsetOf(page);
-    fmt::print("{}page {}, offset {}{}\n", colour ? "\x1b[1m" : "", page, offset,
-               colour ? "\x1b[0m" : "");
-    fmt::print("{}", hexDump(bytesOf(hold), offset, perLine));
-    checkInterrupt();
+  const AlignedBuffer bytes(static_cast<std::size_t>(source.geometry.pageSize));
+  for (const PageRange& range : pagesOf(call, file)) {
+    for (std::int64_t left = range.last - range.first + 1; left > 0; --left) {
+      const std::int64_t page = range.last - left + 1;
+      const std::int64_t offset = source.geometry.offsetOf(page);
+      file.readMany(page, bytes.bytes());  // in any order of pages
+      file.requireUncut();
+      fmt::print("{}page {}, offset {}{}\n", colour ? "\x1b[1m" : "", page, offset,
+                 colour ? "\x1b[0m" : "");
+      fmt::print("{}", hexDump(bytes.bytes(), offset, perLine));
+      checkInterrupt();
+    }
   }
   return Exit::good;
 }

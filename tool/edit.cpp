@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "report.hpp"
 #include "signals.hpp"
 
 namespace qzpfile {
@@ -45,8 +46,8 @@ PageEditor::PageEditor(Session& session, const std::string& name,
   PlainFile plain = PlainFile::openAgain(file_.fd(), name);
   source_ = inspect(plain, raw);
   if (source_.unfinished != Unfinished::no) {
-    fmt::print(stderr, "qzpfile: {}: an interrupted change was {}\n", name,
-               source_.unfinished == Unfinished::decided ? "finished" : "undone");
+    warn(name, fmt::format("an interrupted change was {}",
+                           source_.unfinished == Unfinished::decided ? "finished" : "undone"));
     settleChange(plain, source_);
     source_ = inspect(plain, raw);
   }

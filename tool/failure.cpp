@@ -1,6 +1,9 @@
 #include "failure.hpp"
 
 #include <fmt/format.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <nlohmann/json.hpp>
@@ -8,6 +11,7 @@
 #include <utility>
 
 #include "json.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -101,11 +105,6 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
     case qz::Status::noMemory:
     case qz::Status::noBuffer:
       return "use smaller pages, a smaller --block-size or fewer --buffers";
-    case qz::Status::noSpace:
-      if (error.errorNumber == 0) {  // a part was written, and that is no error to the system
-        return "make room on that file system, or raise the file size limit (ulimit -f)";
-      }
-      break;
     case qz::Status::misfit:
     case qz::Status::endOfFile:
     case qz::Status::shorterThanHeader:
@@ -118,6 +117,21 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
       break;
   }
   return hintForErrno(purpose, error.errorNumber);
+}
+
+// Why the system wrote only a part, which it does without an error: the next byte would have found
+// the file size limit if there is room on the disk up to it, else the end of the disk.
+int reasonForPart(const std::string& file) {
+  rlimit limit = {};
+  struct stat info = {};
+  struct statvfs disk = {};
+  if (getrlimit(RLIMIT_FSIZE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY ||
+      stat(file.c_str(), &info) != 0 || statvfs(file.c_str(), &disk) != 0) {
+    return ENOSPC;
+  }
+  const auto size = static_cast<std::uint64_t>(info.st_size);
+  const std::uint64_t room = std::uint64_t{disk.f_bavail} * disk.f_frsize;
+  return limit.rlim_cur <= size || room >= limit.rlim_cur - size ? EFBIG : ENOSPC;
 }
 
 }  // namespace
@@ -154,14 +168,15 @@ std::string Failure::reason() const {
 
 std::string Failure::text(bool colour) const {
   std::string out = colour ? "\x1b[1;31mqzpfile:\x1b[0m " : "qzpfile: ";
-  if (!file_.empty()) out += file_ + ": ";
-  out += what_;
+  if (!file_.empty()) out += printable(file_) + ": ";
+  out += printable(what_);
   if (errorNumber_ != 0) out += ": " + reasonOf(errorNumber_);
   out += '\n';
   if (page_) out += fmt::format("  where:  page {}, file offset {}\n", *page_, *offset_);
-  if (status_) out += fmt::format("  module: {} (status 0x{:08X})\n", statusText_, *status_);
-  if (!note_.empty()) out += fmt::format("  note:   {}\n", note_);
-  if (!hint_.empty()) out += fmt::format("  try:    {}\n", hint_);
+  if (status_)
+    out += fmt::format("  module: {} (status 0x{:08X})\n", printable(statusText_), *status_);
+  if (!note_.empty()) out += fmt::format("  note:   {}\n", printable(note_));
+  if (!hint_.empty()) out += fmt::format("  try:    {}\n", printable(hint_));
   return out;
 }
 
@@ -192,7 +207,12 @@ Failure systemFailure(Purpose purpose, std::string what, std::string file, int e
       .tryThis(hintForErrno(purpose, errorNumber));
 }
 
-Failure moduleFailure(Purpose purpose, std::string what, std::string file, const qz::Error& error) {
+Failure moduleFailure(Purpose purpose, std::string what, std::string file,
+                      const qz::Error& failed) {
+  qz::Error error = failed;
+  if (error.status == qz::Status::noSpace && error.errorNumber == 0) {
+    error.errorNumber = reasonForPart(error.fileName);
+  }
   return Failure(exitForStatus(purpose, error), std::move(what), std::move(file))
       .fromModule(error)
       .tryThis(hintForStatus(purpose, error));

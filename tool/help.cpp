@@ -93,6 +93,7 @@ std::string programHelp(const CLI::App& app, std::size_t width) {
   out += wrapped(app.get_description(), "", width);
   out += heading("Commands");
   for (const Command& command : commands()) out += entry(command.name, command.summary, width);
+  out += entry("help", "explain a command", width);
   out += entries(app, "Options", false, width);
   out += "\n" +
          wrapped("\"qzpfile COMMAND --help\" explains a command and gives examples.", "", width);

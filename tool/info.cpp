@@ -5,6 +5,7 @@
 
 #include "commands.hpp"
 #include "json.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -18,7 +19,7 @@ void printText(const Source& source, const File& file, std::int64_t pages) {
                ? counted(count, "byte")
                : fmt::format("{} bytes ({})", count, readableSize(static_cast<double>(count)));
   };
-  line("file", source.name);
+  line("file", printable(source.name));
   line("kind", kindName(source.geometry.kind));
   if (source.geometry.header)
     line("format", fmt::format("version {}", source.geometry.header->version));

@@ -15,7 +15,8 @@ nlohmann::ordered_json jsonDocument(const std::string& name, Exit exit);
 
 nlohmann::ordered_json jsonIo(const IoOutcome& outcome);
 
-// File names need not be UTF-8: bytes that are not show as U+FFFD.
+// File names need not be UTF-8: bytes that are not show as U+FFFD, and a second member NAME_hex has
+// all bytes of the name in hexadecimal.
 std::string jsonText(const nlohmann::ordered_json& document);
 
 void printJsonDocument(const nlohmann::ordered_json& document);

@@ -15,6 +15,7 @@
 
 #include "failure.hpp"
 #include "signals.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -127,8 +128,8 @@ void NewFile::make() {
 void NewFile::release() {
   if (!temporary_.empty() && unlinkat(folder_, temporary_.c_str(), 0) != 0 && errno != ENOENT) {
     const int error = errno;
-    fmt::print(stderr, "qzpfile: {}: the unfinished file {} could not be removed: {}\n", shown_,
-               temporary_, std::generic_category().message(error));
+    fmt::print(stderr, "qzpfile: {}: the unfinished file {} could not be removed: {}\n",
+               printable(shown_), temporary_, std::generic_category().message(error));
   }
   temporary_.clear();
   setUnfinishedFile(-1, nullptr);

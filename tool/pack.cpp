@@ -5,8 +5,10 @@
 #include <cstdio>
 
 #include "commands.hpp"
+#include "json.hpp"
 #include "newfile.hpp"
 #include "payload.hpp"
+#include "report.hpp"
 #include "streams.hpp"
 
 namespace qzpfile {
@@ -50,9 +52,17 @@ Exit runPack(const Invocation& call) {
   const Header header = writer.finish({});
   target.commit();
 
-  fmt::print("{}: {} of {} bytes, {} of payload, I/O {}\n", call.second,
-             counted(header.pageCount(), "page"), header.pageSize,
-             counted(header.payloadBytes, "byte"), file.describeIo());
+  progress.end();
+  reportResult(
+      call, Exit::good, "pack", call.second,
+      fmt::format("{} of {} bytes, {} of payload, I/O {}", counted(header.pageCount(), "page"),
+                  header.pageSize, counted(header.payloadBytes, "byte"), file.describeIo()),
+      {{"pages", header.pageCount()},
+       {"page_size", header.pageSize},
+       {"header_size", header.headerSize},
+       {"payload_size", header.payloadBytes},
+       {"payload_checksum", fmt::format("{:016x}", header.payloadChecksum)},
+       {"io", jsonIo(file.io())}});
   return Exit::good;
 }
 

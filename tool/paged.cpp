@@ -414,7 +414,7 @@ void File::writeHeader(std::span<const std::byte> bytes) {
   auto length = static_cast<std::int32_t>(bytes.size());
   const KeepPages keep(paged_.settings());
   if (const auto done = paged_.writeHeader(area.data(), &length); !done) {
-    fail("cannot write the header of", done.error());
+    fail("cannot write the header", done.error());
   }
 }
 

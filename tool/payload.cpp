@@ -7,6 +7,8 @@
 #include <utility>
 #include <vector>
 
+#include "report.hpp"
+
 namespace qzpfile {
 
 PayloadWriter::PayloadWriter(File& file, Progress& progress)
@@ -126,9 +128,7 @@ void PageChecker::meet(const Damage& damage) {
 }
 
 OnDamage listDamage(const std::string& file) {
-  return [file](const Damage& damage) {
-    fmt::print(stderr, "qzpfile: {}: {}\n", file, damage.text());
-  };
+  return [file](const Damage& damage) { warn(file, damage.text()); };
 }
 
 bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
@@ -148,7 +148,7 @@ bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
       fmt::format("is damaged: checksum mismatch: the header has {:016x}, the pages have {:016x}",
                   header.payloadChecksum, checksum);
   if (onDamage) {
-    fmt::print(stderr, "qzpfile: {}: {}\n", file.name(), what);
+    warn(file.name(), what);
     return false;
   }
   throw Failure(Exit::badData, what, file.name())

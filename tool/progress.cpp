@@ -43,12 +43,13 @@ Progress::Progress(ProgressChoice choice, std::string label, std::optional<std::
       start_(Clock::now()),
       nextShow_(start_ + kFirstShow) {}
 
-Progress::~Progress() {
-  if (!shown_) return;
+void Progress::end() {
+  if (!std::exchange(shown_, false)) return;
   if (always_) {
     show(true);
   } else if (lineOpen_) {
     toStandardError("\r" + std::string(terminalWidth(STDERR_FILENO) - 1, ' ') + "\r");
+    lineOpen_ = false;
   }
 }
 

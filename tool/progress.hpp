@@ -18,7 +18,10 @@ class Progress {
   Progress(ProgressChoice choice, std::string label, std::optional<std::int64_t> total);
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
-  ~Progress();
+  ~Progress() { end(); }
+
+  // Takes the line away, or writes the last one, before something else is written to the terminal.
+  void end();
 
   // Adds to the work done and answers signals: SIGUSR1 with a line; throws Interrupted.
   void advance(std::int64_t bytes);

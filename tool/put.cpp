@@ -6,6 +6,7 @@
 #include "commands.hpp"
 #include "edit.hpp"
 #include "newfile.hpp"
+#include "report.hpp"
 #include "streams.hpp"
 
 namespace qzpfile {
@@ -110,8 +111,12 @@ Exit runPut(const Invocation& call) {
     failure.note(outcome(editor, appends, first, next));
     throw;
   }
-  fmt::print("{}: {} written from page {} on, now {}\n", call.first, counted(next - first, "page"),
-             first, counted(editor.pageCount(), "page"));
+  progress.end();
+  reportResult(
+      call, Exit::good, "put", call.first,
+      fmt::format("{} written from page {} on, now {}", counted(next - first, "page"), first,
+                  counted(editor.pageCount(), "page")),
+      {{"first_page", first}, {"pages_written", next - first}, {"pages", editor.pageCount()}});
   return Exit::good;
 }
 

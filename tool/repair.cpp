@@ -11,6 +11,7 @@
 #include "edit.hpp"
 #include "json.hpp"
 #include "payload.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
@@ -262,12 +263,13 @@ void Repair::run() {
 
 void printText(const Repair& repair, const std::string& name, bool good) {
   for (const Step& step : repair.steps()) {
-    fmt::print("{}: {}{}\n", name, step.text, step.loses && !good ? " (lost for good)" : "");
+    fmt::print("{}: {}{}\n", printable(name), step.text,
+               step.loses && !good ? " (lost for good)" : "");
   }
   if (repair.steps().empty()) {
-    fmt::print("{}: good, nothing to repair\n", name);
+    fmt::print("{}: good, nothing to repair\n", printable(name));
   } else {
-    fmt::print("{}: {}\n", name, good ? "repaired" : "not changed");
+    fmt::print("{}: {}\n", printable(name), good ? "repaired" : "not changed");
   }
 }
 
@@ -311,6 +313,7 @@ Exit runRepair(const Invocation& call) {
     printJson(repair, call.first, exit);
     return exit;
   }
+  if (call.quiet) return exit;
   printText(repair, call.first, good);
   if (!good && !call.dryRun) {
     fmt::print("  try:    get a good copy; or give up with --yes what is lost for good\n");

@@ -1,22 +1,32 @@
 // qzpfile rm FILE.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "commands.hpp"
 #include "newfile.hpp"
+#include "report.hpp"
 
 namespace qzpfile {
 namespace {
+
+// In a sticky folder only the owner of a file or of the folder may remove it.
+bool isHeldByAnother(const std::string& name) {
+  struct stat file = {};
+  struct stat folder = {};
+  return lstat(name.c_str(), &file) == 0 && stat(folderOf(name).c_str(), &folder) == 0 &&
+         (folder.st_mode & S_ISVTX) != 0 && file.st_uid != geteuid() && folder.st_uid != geteuid();
+}
 
 // The module does not keep the reason why a file could not be removed.
 int reasonNotRemoved(const std::string& name) {
   for (const std::string& path : {name, folderOf(name)}) {
     if (faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) != 0) return errno;
   }
-  return 0;
+  return isHeldByAnother(name) ? EPERM : 0;
 }
 
 }  // namespace
@@ -30,7 +40,7 @@ Exit runRm(const Invocation& call) {
     if (error.errorNumber == 0) error.errorNumber = reasonNotRemoved(call.first);
     throw moduleFailure(Purpose::input, "cannot remove", call.first, error);
   }
-  fmt::print("{}: removed\n", call.first);
+  reportResult(call, Exit::good, "rm", call.first, "removed", nlohmann::ordered_json::object());
   return Exit::good;
 }
 

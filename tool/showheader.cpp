@@ -10,6 +10,7 @@
 #include "commands.hpp"
 #include "edit.hpp"
 #include "hexdump.hpp"
+#include "report.hpp"
 #include "streams.hpp"
 #include "terminal.hpp"
 
@@ -81,7 +82,8 @@ Exit runHeader(const Invocation& call) {
   const auto length = static_cast<std::int64_t>(bytes.size());
   editor.replaceHeader(std::move(bytes));
   editor.finish();
-  fmt::print("{}: header replaced, {}\n", call.first, counted(length, "byte"));
+  reportResult(call, Exit::good, "header", call.first,
+               fmt::format("header replaced, {}", counted(length, "byte")), {{"bytes", length}});
   return Exit::good;
 }
 

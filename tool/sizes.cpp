@@ -80,6 +80,19 @@ std::optional<PageRange> parsePageRange(std::string_view text) {
   return range;
 }
 
+std::optional<std::vector<PageRange>> parsePageList(std::string_view text) {
+  std::vector<PageRange> ranges;
+  for (bool more = true; more;) {
+    const std::size_t comma = text.find(',');
+    const std::optional<PageRange> range = parsePageRange(text.substr(0, comma));
+    if (!range) return std::nullopt;
+    ranges.push_back(*range);
+    more = comma != std::string_view::npos;
+    if (more) text.remove_prefix(comma + 1);
+  }
+  return ranges;
+}
+
 std::string readableSize(double bytes) {
   constexpr std::array<const char*, 5> kUnits = {"bytes", "KiB", "MiB", "GiB", "TiB"};
   std::size_t unit = 0;

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qzpfile {
 
@@ -25,6 +26,9 @@ struct PageRange {
 // A range from "7", "3-9", "3-" (to the last page) or "-9" (from page 1). Nothing when the text is
 // anything else, begins at page 0 or runs backwards.
 std::optional<PageRange> parsePageRange(std::string_view text);
+
+// Ranges in the order given, from "1,3,7-9".
+std::optional<std::vector<PageRange>> parsePageList(std::string_view text);
 
 // "512 bytes", "68.4 MiB": at most four digits, for people; exact below 1 KiB.
 std::string readableSize(double bytes);

@@ -1,6 +1,7 @@
 #include "streams.hpp"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,12 +9,15 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <new>
 #include <utility>
 
 #include "failure.hpp"
 #include "geometry.hpp"
 #include "signals.hpp"
+#include "sizes.hpp"
 
 namespace qzpfile {
 namespace {
@@ -21,7 +25,40 @@ namespace {
 // Gathers small pages; larger ones are worth a call each, and no copy.
 constexpr std::size_t kPendingBytes = 64U << 10;
 
+// Bytes that are looked at together for zeros; file systems have no smaller holes.
+constexpr std::int64_t kZeroUnit = 4096;
+// What is found of a run of 64 KiB wherever it begins and ends.
+constexpr std::int64_t kLeastHole = (64 << 10) - 2 * kZeroUnit;
+
+// Bytes at the front that are zeros, or are not: in units that end where those of the file do.
+// position: of the first byte in the file.
+std::size_t lengthOfRun(std::span<const std::byte> bytes, std::int64_t position, bool zeros) {
+  std::size_t length = 0;
+  while (length < bytes.size()) {
+    const auto at = position + static_cast<std::int64_t>(length);
+    const auto unit = bytes.subspan(
+        length,
+        std::min(bytes.size() - length, static_cast<std::size_t>(kZeroUnit - at % kZeroUnit)));
+    if (isZeros(unit) != zeros) break;
+    length += unit.size();
+  }
+  return length;
+}
+
+// Only behind the end of a regular file: bytes that are there already would show through.
+bool takesHoles(int fd) {
+  struct stat info = {};
+  const int flags = fcntl(fd, F_GETFL);
+  return fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && flags >= 0 && (flags & O_APPEND) == 0 &&
+         lseek(fd, 0, SEEK_CUR) >= info.st_size;
+}
+
 }  // namespace
+
+bool isZeros(std::span<const std::byte> bytes) {
+  return bytes.empty() || (bytes.front() == std::byte{0} &&
+                           std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
+}
 
 AlignedBuffer::AlignedBuffer(std::size_t bytes)
     : data_(static_cast<std::byte*>(
@@ -47,6 +84,7 @@ Input::Input(const std::string& name)
     throw systemFailure(Purpose::input, "cannot open", name_, errno);
   }
   isRegular_ = S_ISREG(info.st_mode);
+  expected_ = size().value_or(0);
 }
 
 Input::~Input() {
@@ -97,7 +135,10 @@ std::size_t Input::read(std::span<std::byte> area, Progress& progress) {
   while (got < area.size()) {
     if (!isRegular_) waitForData(progress);
     const ssize_t n = ::read(fd_, area.data() + got, area.size() - got);
-    if (n == 0) break;
+    if (n == 0) {
+      requireUncut(got);
+      break;
+    }
     if (n < 0) {
       const int error = errno;
       progress.answerSignals();
@@ -106,7 +147,20 @@ std::size_t Input::read(std::span<std::byte> area, Progress& progress) {
     }
     got += static_cast<std::size_t>(n);
   }
+  taken_ += static_cast<std::int64_t>(got);
   return got;
+}
+
+void Input::requireUncut(std::size_t got) const {
+  const std::int64_t taken = taken_ + static_cast<std::int64_t>(got);
+  // Files of the system, as in /sys, may promise more than they hold: those do not get shorter.
+  if (taken < expected_ && size() == 0) {
+    throw Failure(Exit::badData,
+                  fmt::format("was cut while it was read: it had {}, and {} could be read",
+                              counted(expected_, "byte"), taken),
+                  name_)
+        .tryThis("wait until nobody changes the file, and try again");
+  }
 }
 
 // poll ends at every signal, also where a read would be taken up again.
@@ -115,7 +169,9 @@ void Input::waitForData(Progress& progress) const {
   while (poll(&waited, 1, -1) < 0 && errno == EINTR) progress.answerSignals();
 }
 
-Output::Output(int fd, std::string name) : fd_(fd), name_(std::move(name)) {
+Output::Output(int fd, std::string name, bool sparse)
+    : fd_(fd), name_(std::move(name)), sparse_(sparse && takesHoles(fd)) {
+  if (sparse_) position_ = lseek(fd_, 0, SEEK_CUR);
   pending_.reserve(kPendingBytes);
 }
 
@@ -133,7 +189,44 @@ void Output::flush() {
   pending_.clear();
 }
 
+void Output::finish() {
+  flush();
+  if (skipped_ >= kLeastHole && ftruncate(fd_, position_) != 0) {
+    throw systemFailure(Purpose::output, "cannot write", name_, errno);
+  }
+  endZeros();
+}
+
 void Output::writeThrough(std::span<const std::byte> bytes) {
+  if (!sparse_) return writeAll(bytes);
+  while (!bytes.empty()) {
+    if (const std::size_t data = lengthOfRun(bytes, position_, false); data > 0) {
+      endZeros();
+      writeAll(bytes.first(data));
+      position_ += static_cast<std::int64_t>(data);
+      bytes = bytes.subspan(data);
+    }
+    const std::size_t zeros = lengthOfRun(bytes, position_, true);
+    skipped_ += static_cast<std::int64_t>(zeros);
+    position_ += static_cast<std::int64_t>(zeros);
+    bytes = bytes.subspan(zeros);
+  }
+}
+
+// Many zeros before the next byte become a hole, few are written.
+void Output::endZeros() {
+  if (skipped_ >= kLeastHole) {
+    if (lseek(fd_, position_, SEEK_SET) < 0) {
+      throw systemFailure(Purpose::output, "cannot write", name_, errno);
+    }
+  } else {
+    const std::vector<std::byte> zeros(static_cast<std::size_t>(skipped_));
+    writeAll(zeros);
+  }
+  skipped_ = 0;
+}
+
+void Output::writeAll(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     const ssize_t n = ::write(fd_, bytes.data(), bytes.size());
     if (n < 0) {
@@ -143,6 +236,51 @@ void Output::writeThrough(std::span<const std::byte> bytes) {
       throw systemFailure(Purpose::output, "cannot write", name_, error);
     }
     bytes = bytes.subspan(static_cast<std::size_t>(n));
+  }
+}
+
+void HolePuncher::wrote(std::int64_t offset, std::span<const std::byte> bytes) {
+  while (!bytes.empty() && fd_ >= 0) {
+    const std::size_t data = lengthOfRun(bytes, offset, false);
+    offset += static_cast<std::int64_t>(data);
+    bytes = bytes.subspan(data);
+    const auto zeros = static_cast<std::int64_t>(lengthOfRun(bytes, offset, true));
+    if (zeros > 0) {
+      if (runs_.empty() || runs_.back().end != offset) {
+        forgetShortRun();
+        runs_.push_back({.begin = offset, .end = offset});
+      }
+      runs_.back().end += zeros;
+      offset += zeros;
+      bytes = bytes.subspan(static_cast<std::size_t>(zeros));
+    }
+  }
+  punchBefore(offset - lag_);
+}
+
+void HolePuncher::finish() {
+  forgetShortRun();
+  punchBefore(std::numeric_limits<std::int64_t>::max());
+}
+
+void HolePuncher::forgetShortRun() {
+  if (!runs_.empty() && runs_.back().end - runs_.back().begin < kLeastHole) runs_.pop_back();
+}
+
+// A long run is punched while it goes on, so that the disk need not hold it.
+void HolePuncher::punchBefore(std::int64_t limit) {
+  constexpr std::int64_t kLong = 64 << 20;
+  while (fd_ >= 0 && !runs_.empty()) {
+    Run& run = runs_.front();
+    if (run.end > limit && limit - run.begin < kLong) return;
+    const std::int64_t end = std::min(run.end, limit);
+    if (fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, run.begin, end - run.begin) !=
+        0) {
+      fd_ = -1;  // a file system without holes: zeros are as good
+    }
+    run.begin = end;
+    if (run.begin < run.end) return;
+    runs_.pop_front();
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <span>
@@ -47,33 +48,72 @@ class Input {
   bool isSameFile(int fd) const;
   // Reads all of a pipe into an unnamed file, in `folder` where that can be, and goes on with it.
   void makeSizeKnown(const std::string& folder, Progress& progress);
-  // Fills `area` unless the input ends first; the bytes read.
+  // Fills `area` unless the input ends first; the bytes read. Fails when a regular file ends before
+  // the end that it had when it was opened.
   std::size_t read(std::span<std::byte> area, Progress& progress);
 
  private:
   void waitForData(Progress& progress) const;
+  void requireUncut(std::size_t got) const;
 
   std::string name_;
   int fd_;
   bool isRegular_ = false;
+  std::int64_t expected_ = 0;  // bytes, of a regular file
+  std::int64_t taken_ = 0;
 };
+
+bool isZeros(std::span<const std::byte> bytes);
 
 // Collects what is written into larger pieces. Nothing is written after a failure.
 class Output {
  public:
-  // fd: stays the caller's. name: for messages.
-  Output(int fd, std::string name);
+  // fd: stays the caller's. name: for messages. sparse: runs of zeros of at least 64 KiB become
+  // holes where `fd` is a regular file, which then must be ended by finish().
+  Output(int fd, std::string name, bool sparse = false);
 
   void write(std::span<const std::byte> bytes);
-  // Everything written so far is with the system.
+  // Everything written so far is with the system, zeros at the end excepted.
   void flush();
+  // Everything is.
+  void finish();
 
  private:
   void writeThrough(std::span<const std::byte> bytes);
+  void writeAll(std::span<const std::byte> bytes);
+  void endZeros();
 
   int fd_;
   std::string name_;
+  bool sparse_;
+  std::int64_t position_ = 0;  // in the file, behind what was written or skipped
+  std::int64_t skipped_ = 0;   // zeros before that
   std::vector<std::byte> pending_;
+};
+
+// Turns runs of zeros of at least 64 KiB into holes of a file that something else writes in order.
+class HolePuncher {
+ public:
+  // fd: stays the caller's; -1: leaves everything as it is. lag: bytes that may not be in the file
+  // yet when they count as written.
+  HolePuncher(int fd, std::int64_t lag) : fd_(fd), lag_(lag) {}
+
+  void wrote(std::int64_t offset, std::span<const std::byte> bytes);
+  // Everything is in the file.
+  void finish();
+
+ private:
+  struct Run {
+    std::int64_t begin;  // bytes into the file
+    std::int64_t end;
+  };
+
+  void forgetShortRun();
+  void punchBefore(std::int64_t limit);
+
+  int fd_;
+  std::int64_t lag_;
+  std::deque<Run> runs_;  // the last one may still grow
 };
 
 }  // namespace qzpfile

@@ -3,6 +3,7 @@
 
 #include "commands.hpp"
 #include "edit.hpp"
+#include "report.hpp"
 
 namespace qzpfile {
 
@@ -24,7 +25,9 @@ Exit runTruncate(const Invocation& call) {
   }
   editor.truncate(pages);
   editor.finish();
-  fmt::print("{}: {}, were {}\n", call.first, counted(pages, "page"), pagesBefore);
+  reportResult(call, Exit::good, "truncate", call.first,
+               fmt::format("{}, were {}", counted(pages, "page"), pagesBefore),
+               {{"pages", pages}, {"pages_before", pagesBefore}});
   return Exit::good;
 }
 

@@ -6,8 +6,10 @@
 #include <optional>
 
 #include "commands.hpp"
+#include "json.hpp"
 #include "newfile.hpp"
 #include "payload.hpp"
+#include "report.hpp"
 #include "streams.hpp"
 
 namespace qzpfile {
@@ -28,11 +30,11 @@ Exit runUnpack(const Invocation& call) {
   std::optional<NewFile> target;
   if (!toStandardOutput) target.emplace(call.second, call.force, originOf(file.handle().fd));
   Output output(target ? target->fd() : STDOUT_FILENO,
-                target ? call.second : std::string("standard output"));
+                target ? call.second : std::string("standard output"), call.sparse);
   const bool good =
       readPayload(file, progress, call.keepGoing ? listDamage(call.first) : OnDamage(),
                   [&](std::span<const std::byte> bytes) { output.write(bytes); });
-  output.flush();
+  output.finish();
   const Exit exit = good ? Exit::good : Exit::badData;
   if (!target) {
     return exit;
@@ -41,9 +43,14 @@ Exit runUnpack(const Invocation& call) {
     throw systemFailure(Purpose::output, "cannot write", call.second, errno);
   }
   target->commit();
-  fmt::print("{}: {}, {}, I/O {}\n", call.second,
-             counted(source.geometry.header->payloadBytes, "byte"),
-             good ? "checksum good" : "damaged pages as they are", file.describeIo());
+  progress.end();
+  const Header& header = *source.geometry.header;
+  reportResult(call, exit, "unpack", call.second,
+               fmt::format("{}, {}, I/O {}", counted(header.payloadBytes, "byte"),
+                           good ? "checksum good" : "damaged pages as they are", file.describeIo()),
+               {{"payload_size", header.payloadBytes},
+                {"payload_checksum", fmt::format("{:016x}", header.payloadChecksum)},
+                {"io", jsonIo(file.io())}});
   return exit;
 }
 

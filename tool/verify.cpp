@@ -12,6 +12,7 @@
 #include "commands.hpp"
 #include "json.hpp"
 #include "payload.hpp"
+#include "text.hpp"
 #include "walcheck.hpp"
 
 namespace qzpfile {
@@ -162,7 +163,8 @@ void Verification::note(std::int64_t page, const IoOutcome& io, const char* what
 }
 
 void printText(const Source& source, const Verification& verification) {
-  fmt::print("{}: {}\n", source.name, verification.findings().empty() ? "good" : "damaged");
+  fmt::print("{}: {}\n", printable(source.name),
+             verification.findings().empty() ? "good" : "damaged");
   for (const Finding& finding : verification.findings()) fmt::print("  {}\n", finding.text);
   if (verification.files().empty()) return;
   std::string modes;
@@ -231,7 +233,7 @@ Exit runVerify(const Invocation& call) {
   const Exit exit = verification.findings().empty() ? Exit::good : Exit::different;
   if (call.json) {
     printJson(source, exit, verification);
-  } else {
+  } else if (!call.quiet) {
     printText(source, verification);
   }
   return exit;

@@ -109,7 +109,11 @@ cp good1 x; poke Y 5000 x; poke Y 20000 x; $Q compare -k good1 x | grep -c 'page
 head -c 20000 in | $Q pack --format-version 1 --page-size 4K - x >y; $Q compare -k good1 x
   -> 1 page 5: byte 3616 (file offsets 24096 and 24096) pages: 11 and 5
   payload bytes: 43008 and 20000
-$Q pack --page-size 8K in x >y; $Q compare good1 x -> 1 page size: 4096 and 8192
+$Q pack --page-size 8K in x >y; $Q compare good1 x -> 0 same payload, 43008 bytes, in pages of 4096
+$Q pack --page-size 8K in x >y; poke Y 20000 good1; $Q compare good1 x
+  -> 1 payload byte 15904: pages 4 and 2 (file offsets 20000 and 32288)
+cp in raw; $Q pack --page-size 8K in x >y; $Q compare --raw --page-size 1K raw x
+  -> 1 page 1: byte 0
 cp good1 x; poke Y 99 x; $Q compare --raw --page-size 4K --header-size 4K good1 x
   -> 1 header: byte 99
 $Q copy --header-size 12K good1 x >y; $Q compare good1 x -> 0 same, 11 pages of 4096 bytes

@@ -14,6 +14,10 @@ head -c 20480 in | tail -c 12288 >three; $Q cat good --pages 3-5 | cmp three - -
 $Q cat --io block good --pages 11- | wc -c -> 0 4096
 $Q cat --io direct good --pages -2 | cmp -n 8192 in - -> 0
 $Q cat good --pages 12 -> 64 ! page 12 is behind the last page, 11
+$Q cat good --pages 1-12 -> 64 ! page 12 is behind the last page, 11
+$Q cat good --pages 9223372036854775800- -> 64 ! is behind the last page, 11
+(head -c 32768 in | tail -c 4096; head -c 8192 in) >two; $Q cat good --pages 8,1-2 | cmp two - -> 0
+$Q dump good --pages 5,2 | grep -c '^page [52]' -> 0 2
 $Q dump good --pages 2 | head -2 | tail -1
   -> 0 00003000  31 0a 31 30 34 32 0a 31  30 34 33 0a 31 30 34 34  |1.1042.1043.1044|
 $Q dump good | grep -A1 'page 11, offset 49152' -> 0 0000c000  

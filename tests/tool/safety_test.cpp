@@ -100,5 +100,49 @@ mkdir d; chmod 333 d; chmod 755 .; setpriv --reuid=65534 --clear-groups --inh-ca
 )");
 }
 
+// What cannot be read or removed is told by the exit status, not called bad data or a difference.
+TEST(Safety, FailuresOfTheDiskAreNoVerdicts) {
+  playLines(R"(
+QZPFILE_FAULT=read $FAULTY info good -> 74 ! good: cannot read
+QZPFILE_FAULT=page $FAULTY unpack good x -> 74 ! Input/output error
+QZPFILE_FAULT=page $FAULTY compare good good1 -> 74 ! Input/output error
+QZPFILE_FAULT=page $FAULTY cat good >x -> 74 ! Input/output error
+seq 200000 >big; (ulimit -f 200; $Q pack --page-size 4K big x)
+  -> 74 ! x: cannot write: File too large
+)");
+  if (geteuid() != 0) GTEST_SKIP() << "files of another user need root";
+  playLines(R"(
+mkdir d; cp good d; chmod 666 d/good; chmod 1777 d; chmod 755 .; setpriv --reuid=65534
+  --clear-groups --inh-caps=-all $Q rm d/good -> 77 ! d/good: cannot remove: Operation not permitted
+)");
+}
+
+// An input that gets shorter while it is read is not taken for a shorter input.
+TEST(Safety, InputsThatAreCutAreNoticed) {
+  playLines(R"(
+QZPFILE_FAULT=cut $FAULTY pack in x -> 65 ! in: was cut while it was read: it had 43008 bytes
+$Q pack /sys/kernel/mm/transparent_hugepage/enabled x -> 0 1 page
+)");
+}
+
+// Runs of zeros cost no room on the disk, in whatever pages they come, and dense data stays dense.
+TEST(Safety, ZerosBecomeHoles) {
+  Shell().expectGood(R"sh(
+    blocks() { stat -c %b "$1"; }
+    cat in >zeros; truncate -s 8M zeros; cat in >>zeros; truncate -s 12M zeros
+    for pages in 3000 64K 1M; do
+      $Q pack -q -f --page-size $pages zeros packed
+      $Q unpack -q -f packed out; cmp zeros out; test $(blocks out) -le 400
+      $Q unpack -q -f --sparse=never packed out; cmp zeros out; test $(blocks out) -ge 24000
+      $Q unpack packed - >out; cmp zeros out; test $(blocks out) -le 400
+      $Q copy -q -f packed copied; cmp packed copied; test $(blocks copied) -le 8000
+      $Q copy -q -f --sparse=never packed copied; cmp packed copied; test $(blocks copied) -ge 24000
+      $Q cat packed >out; $Q cat packed | cmp - out; test $(blocks out) -le 6000
+      # What a file has already is overwritten, and a file that grows at its end has no positions.
+      tr '\0' x <zeros >old; $Q unpack packed - 1<>old; cmp zeros old
+      printf old >old; $Q unpack packed - >>old; (printf old; cat zeros) | cmp - old
+    done)sh");
+}
+
 }  // namespace
 }  // namespace qztest
