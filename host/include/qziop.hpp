@@ -305,6 +305,7 @@ class PagedFile {
   bool usesDirectIo() const noexcept { return (handle_->directIoMode & directIo) != 0; }
   void keepWhatOthersWrote() noexcept;
   void keepEmptyFile() noexcept;
+  void unmarkNewFile() noexcept;
   void dispose() noexcept;
 
   FileHandle* handle_;

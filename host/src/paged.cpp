@@ -143,13 +143,26 @@ Result<void> PagedFile::openExisting() {
   }
 }
 
+// The open has cut the file to nothing. ext4 then takes it for the new contents of an old file, and
+// writes all of it out when it is closed. A file that had no bytes before the open has no old
+// contents: a reopen, which closes a descriptor of the file, takes the mark away. If the reopen
+// fails, the file goes on as it is.
+void PagedFile::unmarkNewFile() noexcept {
+  if (handle_->hostFile->fileInfo->size != 0) return;
+  const AccessHints hints = {handle_->readAccess, handle_->writeAccess, handle_->openOptions};
+  table().qzpreopen(handle_, &hints, nullptr);
+}
+
 // Direct I/O that the pages do not fit fails page by page, so it is given up here.
 Result<void> PagedFile::openAsAsked() {
   const bool replaces = handle_->openMode == createOrReplace;
   const std::int64_t headerSize = handle_->headerSize;
   const auto openOnce = [&] {
     auto opened = replaces ? open() : openExisting();
-    if (replaces && opened) handle_->headerSize = headerSize;
+    if (replaces && opened) {
+      unmarkNewFile();
+      handle_->headerSize = headerSize;
+    }
     return opened;
   };
   refusal_.clear();

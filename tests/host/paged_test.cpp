@@ -1,5 +1,9 @@
 // Files opened by the caller's settings, and what the C++ header adds to the operations.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fiemap.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -131,6 +135,39 @@ TEST_F(PagedTest, ANewFileIsMadeOnceAndNeverCut) {
   EXPECT_EQ(second.pageCount(), 1);
   EXPECT_EQ(contents(), "first" + std::string(59, '\0') + page);
   EXPECT_EQ(newFile().open("/nowhere/file", settings).error().errorNumber, ENOENT);
+}
+
+// True when the file's last bytes wait in memory: the system has not chosen their place on disk.
+bool waitsInMemory(const std::string& name) {
+  const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
+  constexpr std::size_t kExtents = 8;
+  alignas(fiemap) char memory[sizeof(fiemap) + kExtents * sizeof(fiemap_extent)] = {};
+  auto* const map = reinterpret_cast<fiemap*>(memory);
+  map->fm_length = FIEMAP_MAX_OFFSET;
+  map->fm_extent_count = kExtents;
+  const bool known = ioctl(fd, FS_IOC_FIEMAP, map) == 0 && map->fm_mapped_extents > 0;
+  close(fd);
+  return known &&
+         (map->fm_extents[map->fm_mapped_extents - 1].fe_flags & FIEMAP_EXTENT_DELALLOC) != 0;
+}
+
+// ext4 writes a file out at its close when it takes it for the new contents of an old file.
+TEST_F(PagedTest, ClosingANewFileDoesNotWaitForTheDisk) {
+  std::ofstream(name) << std::string(kPage, 'p');
+  if (!waitsInMemory(name)) GTEST_SKIP() << "no delayed allocation to be seen in " << name;
+  const Settings settings{
+      .pageSize = kPage, .opening = Opening::replace, .writing = Writing::anyPage};
+  const std::string page(kPage, 'p');
+  const auto rewritten = [&] {
+    qz::PagedFile file = newFile();
+    EXPECT_TRUE(file.open(name, settings));
+    EXPECT_TRUE(file.write(page.data(), 1));
+    EXPECT_TRUE(file.close());
+    return !waitsInMemory(name);
+  };
+  EXPECT_TRUE(rewritten()) << "it had old contents, which the system replaces safely";
+  std::filesystem::remove(name);
+  EXPECT_FALSE(rewritten()) << "it was new";
 }
 
 TEST_F(PagedTest, ClosingAnEmptyFileKeepsWhatOthersWrote) {
