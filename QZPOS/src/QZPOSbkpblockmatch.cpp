@@ -1,5 +1,5 @@
-// bkpblockmatch: the block whose data contains an address that the caller gives back. Blocks on
-// the free list have nothing handed out and are not searched.
+// bkpblockmatch: the block whose data contains an address that the caller returns or
+// writes. Nobody holds blocks on the free list, so they are not searched.
 #include "find.h"
 
 namespace qz {

@@ -1,4 +1,4 @@
-// qzpbufacquire: hands out an empty buffer for the caller to fill and write.
+// qzpbufacquire: gives the caller an empty buffer to fill and write.
 #include "records.h"
 
 namespace qz {

@@ -1,4 +1,4 @@
-// qzpbufadd: adds free buffers, and as many to the limit of what the caller may hold.
+// qzpbufadd: adds free buffers, and raises the number that the caller may hold by as many.
 #include "records.h"
 
 namespace qz {

@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::int64_t kDefaultBlockBytes = 0x40000;
 
-// The key of the page tree, as the host's trees are told of it.
+// Describes the key of the page tree to the host.
 constexpr TreeAttributes kTreeAttributes = {1, offsetof(PageBuffer, pageNumber), 6, 1};
 
 std::int64_t requestedBytes(const FileHandle& h) {
@@ -29,8 +29,8 @@ bool settleBlockSize(FileHandle* h) {
   return blockBytes != 0;
 }
 
-// Makes `wanted` - `*count` records. They are counted when the set-up ends, however it ends, so
-// that whoever looks meanwhile sees the count that it began with.
+// Makes `wanted` - `*count` records. They are counted when the set-up ends, also after a
+// failure: a host operation that is called meanwhile sees the old count.
 template <class MakeOne>
 bool topUp(std::int64_t* count, std::int64_t wanted, Journal* journal, MakeOne makeOne) {
   std::int64_t reached = *count;

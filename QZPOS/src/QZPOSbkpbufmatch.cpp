@@ -1,5 +1,5 @@
-// bkpbufmatch: the held page buffer that begins at an address that the caller gives back. The tail
-// and the head are tried first: callers tend to give back the oldest or the newest.
+// bkpbufmatch: the held page buffer that begins at an address that the caller returns or
+// writes. The tail and the head are tried first: callers mostly return the oldest or the newest.
 #include "find.h"
 
 namespace qz {

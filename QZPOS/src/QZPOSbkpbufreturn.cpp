@@ -1,8 +1,7 @@
 // qzpbufreturn: ends a hold without writing. What the caller may have changed in place is not
-// trusted: a page buffer forgets its page with its last hold, a block marks the page to be read
-// again.
+// trusted: the last return empties a page buffer; in a block the page becomes stale.
 //
-// A record of the other shape, left over from before a reopen, is freed as it comes back.
+// A record of the other shape, left over from before a reopen, is freed when its last hold ends.
 #include "find.h"
 
 namespace qz {
@@ -11,7 +10,7 @@ namespace {
 Status returnBlock(FileHandle* h, const Held& held, const void* address, Journal* journal) {
   BlockRecord* block = held.block;
   const bool leftover = !inBlockMode(*h);
-  const bool freed = endHandOut(h, block, held.foundIn);
+  const bool freed = endBlockHold(h, block, held.foundIn);
   if (freed) joinFreeTail(h, block);
   if (freed && leftover) return bkpdeletebuffers(h, &h->blockFreeList, journal);
   markStale(block, slotIndex(*block, address, h->pageSize));
@@ -23,7 +22,7 @@ Status returnPage(FileHandle* h, PageBuffer* buffer, Journal* journal) {
   unhold(h, buffer);
   joinFreeHead(h, buffer);
   if (inBlockMode(*h)) return bkpdeletebuffers(h, &h->pageFreeList, journal);
-  forgetPage(h, buffer);
+  emptyBuffer(h, buffer);
   return keep(h, Status::ok);
 }
 
@@ -35,7 +34,7 @@ qz::Status qzpbufreturn(qz::FileHandle* h, void* address, qz::Journal* journal) 
   if (!isOpen(*h)) return fail(h, Status::notOpen, journal);
   Held held;
   findHeld(*h, address, &held);
-  // Nothing inside the write block was ever handed out.
+  // Callers hold no address inside the write block.
   if (held.foundIn == FoundIn::writeBlock) held.block = nullptr;
   if (held.block != nullptr) return returnBlock(h, held, address, journal);
   if (held.buffer != nullptr) return returnPage(h, held.buffer, journal);

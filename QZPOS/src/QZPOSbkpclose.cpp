@@ -33,7 +33,7 @@ Status detach(FileHandle* h, bool remove, Journal* journal) {
 }
 
 void freeBuffers(FileHandle* h, FirstFailure* result, Journal* journal) {
-  dropIndex(h);
+  freeIndex(h);
   result->note(bkpdeletebuffers(h, &h->blockHeldList, journal));
   result->note(bkpdeletebuffers(h, &h->blockFreeList, journal));
   result->note(bkpdeletebuffers(h, &h->blockAcquiredList, journal));

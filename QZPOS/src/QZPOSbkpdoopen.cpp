@@ -1,4 +1,4 @@
-// bkpdoopen: the one way in which a file gets opened or reopened. Chooses between buffered and
+// bkpdoopen: opens or reopens the file; nothing else does. Chooses between buffered and
 // direct I/O, asks the host's file service, falls back to buffered I/O where direct I/O is
 // refused, waits for a busy file, and translates the host's status.
 #include <algorithm>
@@ -72,8 +72,8 @@ struct IoChoice {
   std::u32string_view note;  // empty: none
 };
 
-// The wish for direct I/O is the handle's, also on a reopen; how the file will be read comes from
-// the hints.
+// Whether direct I/O is wanted comes from the handle, also on a reopen; how the file will be read
+// comes from the hints.
 IoChoice chooseIo(const FileHandle& h, const AccessHints& hints) {
   const bool wanted = (h.openOptions & optionDirectIo) != 0;
   const bool fit = h.directIoSupport > 0;
@@ -109,7 +109,7 @@ std::uint32_t openFlagsOf(const AccessHints& hints, std::uint32_t openMode, std:
   return flags;
 }
 
-// One physical open: its record, and how to ask the host again with it.
+// One physical open: its parameters, with which the host can be asked again.
 class PhysicalOpen {
  public:
   PhysicalOpen(FileHandle* h, OpenKind kind, const AccessHints& hints, std::uint32_t openFlags,
@@ -156,7 +156,7 @@ class PhysicalOpen {
     }
   }
 
-  // Takes the descriptor over, or keeps what the host tells about the failure.
+  // Stores the descriptor, or the host's error details after a failure.
   Status outcome() {
     const bool nothingOpened = hostStatus_ == 0 && h_->hostFile == nullptr;
     const Status status = nothingOpened ? Status::ioFailed : translate(hostStatus_);

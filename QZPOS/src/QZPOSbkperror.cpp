@@ -24,14 +24,14 @@ class ReportText {
   ReportText(const ReportText&) = delete;
   ReportText& operator=(const ReportText&) = delete;
   ~ReportText() {
-    drop(buffer_);
+    freeText(buffer_);
     for (std::size_t i = 0; i < refusedCount_; ++i) journalStatus(journal_, refused_[i]);
   }
 
   // Formats the status at the start of the text.
   std::uint32_t putStatus(Status status) {
     for (int attempt = 0;; ++attempt) {
-      drop(std::exchange(buffer_, nullptr));
+      freeText(std::exchange(buffer_, nullptr));
       buffer_ = take(bytes_ + kStepBytes);
       if (buffer_ == nullptr) return code(Status::noMemory);
       bytes_ += kStepBytes;
@@ -69,9 +69,9 @@ class ReportText {
     return static_cast<char32_t*>(allocate(pool_, bytes, kAsAllocated));
   }
 
-  void drop(char32_t* buffer) {
+  void freeText(char32_t* buffer) {
     if (buffer == nullptr) return;
-    const HostStatus released = giveBack(pool_, buffer);
+    const HostStatus released = freeMemory(pool_, buffer);
     if (released != 0) refused_[refusedCount_++] = released;
   }
 
@@ -80,7 +80,7 @@ class ReportText {
     char32_t* larger = take(bytes_ + kStepBytes);
     if (larger == nullptr) return false;
     std::memcpy(larger, buffer_, length_ * sizeof(char32_t));
-    drop(std::exchange(buffer_, larger));
+    freeText(std::exchange(buffer_, larger));
     bytes_ += kStepBytes;
     return true;
   }

@@ -1,7 +1,8 @@
 // bkpfindfreebuf: the free record to use next. Empty records come first. Among those that hold
-// pages the one released last goes: a caller who acquires, writes and acquires again uses one
-// record over and over, and a scan of blocks does the same, so that neither sweeps out what was
-// cached before. A page-mode read takes the record released longest ago instead (QZPOSbkpread.cpp).
+// pages the one returned or written last is used: a caller who acquires, writes and acquires again
+// uses one record over and over, and a scan of blocks does the same, so that neither evicts what
+// was cached before. A page-mode read takes the record unused for longest instead
+// (QZPOSbkpread.cpp).
 #include "records.h"
 
 namespace qz {
@@ -35,7 +36,7 @@ template <>
 PageBuffer* bkpfindfreebuf(FileHandle* h) {
   PageBuffer* choice = choose(h->pageFreeList, h->emptyFreePages);
   if (choice == nullptr) return nullptr;
-  if (!isEmptyRecord(*choice)) forgetPage(h, choice);
+  if (!isEmptyRecord(*choice)) emptyBuffer(h, choice);
   choice->validBytes = 0;
   return choice;
 }

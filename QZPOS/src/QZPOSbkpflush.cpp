@@ -6,7 +6,7 @@
 namespace qz {
 namespace {
 
-// A signal is no reason to give up, a timeout is one the second time. Returns 0 or the errno.
+// Repeats an fsync that a signal interrupted, and one that timed out once. Returns 0 or the errno.
 std::int32_t synchronise(int fd) {
   bool timedOut = false;
   while (fsync(fd) == -1) {

@@ -10,7 +10,7 @@ qz::Status qzpfreememhandle(qz::FileHandle* h, qz::Journal* journal) noexcept {
     return Status::ok;
   }
   MemoryPool* pool = h->module->modulePool;
-  bool freed = h->fileName == nullptr || release(pool, h->fileName, journal);
-  freed = release(pool, h, journal) && freed;
+  bool freed = h->fileName == nullptr || freeOrJournal(pool, h->fileName, journal);
+  freed = freeOrJournal(pool, h, journal) && freed;
   return freed ? Status::ok : Status::badArgument;
 }

@@ -66,7 +66,7 @@ void judgeDirectIo(FileHandle* h) {
   std::memset(path, 0, bufferBytes);
   module->converter->convert(module->converter, h->fileName, textBytes, path, textBytes, 0, 0);
   testFileSystem(h, directoryOf(path));
-  giveBack(module->modulePool, path);
+  freeMemory(module->modulePool, path);
 }
 
 void settlePageSizes(FileHandle* h, std::int32_t hostPageSize) {

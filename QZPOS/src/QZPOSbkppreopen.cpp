@@ -25,7 +25,7 @@ Transfer readBounced(const FileHandle& h, void* buffer, std::size_t length) {
   if (bounce == nullptr) return {.result = -1, .error = errno};
   const Transfer transfer = transferred(read(h.fd, bounce, length));
   std::memcpy(buffer, bounce, length);
-  giveBack(pool, bounce);
+  freeMemory(pool, bounce);
   return transfer;
 }
 

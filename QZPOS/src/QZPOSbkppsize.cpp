@@ -72,7 +72,7 @@ Choice choose(const FileHandle& h, const PageSizeRequest& r) {
   if (r.maximumSize > 0 && r.maximumSize < h.defaultPageSize) granularity = kSmallestPage;
   const std::optional<std::int32_t> common =
       commonSize(granularity, r.multiple == 0 ? 1 : r.multiple);
-  // No page can be a multiple of what is negative or beyond the sizes there are.
+  // No page size is a multiple of a negative number or of one beyond the largest page size.
   if (!common) return {h.defaultPageSize, Status::inexactPageSize};
   return chooseWithin(h, fillBounds(h, {r.minimumSize, r.maximumSize}), *common);
 }

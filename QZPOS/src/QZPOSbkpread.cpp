@@ -1,8 +1,8 @@
-// qzpread: hands out one page, in place. In block mode the page lies in a block that was read
-// whole; in page mode in a buffer of its own, found through the page tree.
+// qzpread: gives the caller one page, in place. In block mode the page lies in a block that was
+// read whole; in page mode in a buffer of its own, found through the page tree.
 //
 // A page that comes back short closes the file: its contents do not fit the layout that the
-// handle believes in, and nothing that was not read is ever handed out. (In page mode no bytes at
+// handle believes in, and the caller never gets bytes that were not read. (In page mode no bytes at
 // all are the end of the file, and a failed read is ioFailed; both leave the file open.)
 #include <cstring>
 
@@ -76,7 +76,7 @@ Status closeShort(FileHandle* h, const Transfer& read, Journal* journal) {
   return Status::misfit;
 }
 
-void handOut(FileHandle* h, PageRequest* request, char* address) {
+void giveAddress(FileHandle* h, PageRequest* request, char* address) {
   request->buffer = address;
   h->lastPageRead = request->pageNumber;
 }
@@ -105,7 +105,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   if (isCollected(*h, page)) {
     const Status written = bkpwriteblock(h, journal);
     if (written != Status::ok) return written;
-    // Read back from the file, even if an older copy of the block is still about.
+    // The page is read from the file, even if an older copy of its block is cached.
   } else {
     block = findBlockOfPage(*h, page);
   }
@@ -118,7 +118,7 @@ Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   moveToHeld(h, block);
   if (available < h->pageSize) return closeShortBlock(h, block, available, journal);
   request->length = available;
-  handOut(h, request, slotOf(*h, *block, page));
+  giveAddress(h, request, slotOf(*h, *block, page));
   ++h->heldCount;
   ++block->holdCount;
   block->lastPageHandedOut = page;
@@ -137,7 +137,7 @@ struct PageRead {
 PageRead fillPage(FileHandle* h, std::int64_t page) {
   PageBuffer* buffer = h->pageFreeList.head;
   if (buffer == nullptr) return {nullptr, 0};
-  if (buffer->pageNumber != 0) dropPage(*h, *buffer);
+  if (buffer->pageNumber != 0) takeOutOfTree(*h, *buffer);
   setPageNumber(h, buffer, page);
   const Transfer transfer = readAt(h->fd, buffer->data, h->pageSize, pageOffset(*h, page));
   buffer->validBytes = static_cast<std::int32_t>(transfer.result);
@@ -153,7 +153,7 @@ Status readFromPage(FileHandle* h, PageRequest* request, Journal* journal) {
   if (buffer == nullptr) return Status::noBuffer;
   if (buffer->validBytes == 0) return Status::endOfFile;
   if (buffer->validBytes < 0) {
-    // A failure that was stored earlier has no error number of its own any more.
+    // The error number of an earlier failed read is not kept.
     if (read.error != 0) h->lastErrno = read.error;
     return Status::ioFailed;
   }
@@ -161,7 +161,7 @@ Status readFromPage(FileHandle* h, PageRequest* request, Journal* journal) {
     request->length = buffer->validBytes;
     return closeShort(h, {.result = buffer->validBytes, .error = 0}, journal);
   }
-  handOut(h, request, buffer->data);
+  giveAddress(h, request, buffer->data);
   if (buffer->held != 0) {
     holdAgain(h, buffer);
   } else {

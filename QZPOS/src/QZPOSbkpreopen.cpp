@@ -1,6 +1,6 @@
 // qzpreopen: applies new access hints to an open file. The host reopens the file, the choice of
 // I/O is made anew, and where it changes between single pages and blocks the free records of the
-// old shape are replaced. What the caller holds stays valid and is freed after it comes back.
+// old shape are replaced. What the caller holds stays valid and is freed when its hold ends.
 #include "records.h"
 
 namespace qz {
@@ -20,7 +20,7 @@ Status leaveBlocks(FileHandle* h, Journal* journal) {
   return result.status();
 }
 
-// No record may stand in a tree that is gone; held buffers go on without a page number.
+// The tree is destroyed, so held buffers lose their page numbers.
 Status leavePages(FileHandle* h, Journal* journal) {
   tearDownTree(h);
   for (PageBuffer* buffer = h->pageHeldList.head; buffer != nullptr; buffer = buffer->next) {

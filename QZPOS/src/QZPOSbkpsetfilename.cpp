@@ -57,10 +57,11 @@ qz::Status qzpsetfilename(qz::FileHandle* h, const char32_t* name, std::int32_t 
   char32_t* const old = h->fileName;
   const bool own = isOwnName(*h, name);
   MemoryPool* pool = h->module->modulePool;
-  if (old != nullptr && !own && !release(pool, old, journal)) return keep(h, Status::badArgument);
+  if (old != nullptr && !own && !freeOrJournal(pool, old, journal))
+    return keep(h, Status::badArgument);
   Status status = newName(h, name, length, journal);
   // A piece of the old name has to be copied before its buffer goes.
-  if (own && !release(pool, old, journal)) status = Status::badArgument;
+  if (own && !freeOrJournal(pool, old, journal)) status = Status::badArgument;
   infoThroughTable(h, journal);
   return keep(h, status);
 }

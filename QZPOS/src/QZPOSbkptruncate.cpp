@@ -1,15 +1,15 @@
-// qzptruncate: cuts the file to a page count and brings the cache into line with the new end.
-// What the caller holds is left alone. The walks stop at the first empty record: a cached page
-// beyond the end that they do not reach is never served: reads end at `pageCount`, and an append of
-// a page in its range drops it first.
+// qzptruncate: cuts the file to a page count and removes the pages beyond the new end from the
+// cache. What the caller holds is left alone. The walks stop at the first empty record: a cached
+// page beyond the end that they do not reach is never served: reads end at `pageCount`, and an
+// append of a page in its range empties it first.
 #include "io.h"
 #include "records.h"
 
 namespace qz {
 namespace {
 
-// Drops or writes what the write block has collected up to the new end. Its failure has been
-// stored and reported.
+// Removes collected pages beyond the new end and writes those before it. A failure of the write has
+// been stored and reported.
 Status settleWriteBlock(FileHandle* h, std::int64_t newPageCount, Journal* journal) {
   if (!inBlockMode(*h) || !isCollecting(*h)) return Status::ok;
   BlockRecord* block = h->writeBlock;

@@ -2,7 +2,7 @@
 //
 // A page goes straight to the file, except in block mode where appended pages are collected in
 // the write block, beginning at a block boundary, and pages being collected are rewritten there.
-// Then the cache is brought into line: copies that nobody holds are dropped, copies in held
+// Then the cache is updated: copies that nobody holds are emptied, copies in held
 // blocks are updated, and in page mode the written buffer becomes the cached copy.
 #include <cstring>
 
@@ -35,7 +35,7 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
   if (source->block == nullptr && source->buffer == nullptr) return Status::notHeld;
   if (source->block != nullptr && !liesWithin(h, *source->block, r)) return Status::notHeld;
   if (source->foundIn == FoundIn::writeBlock) {
-    // Never handed out, so there is no hold to end; good only to rewrite a page in its place.
+    // Callers do not hold this address, so no hold ends. It may only rewrite the page at its place.
     if (!inBlockMode(h) || !isCollected(h, r.pageNumber)) return Status::notHeld;
     source->block = nullptr;
   }
@@ -141,27 +141,29 @@ Status writeDirectly(FileHandle* h, const PageRequest& r, Journal* journal) {
     if (bounce == nullptr) return Status::noMemory;
   }
   const Transfer transfer = writePage(*h, r, bounce != nullptr ? bounce : r.buffer);
-  if (bounce != nullptr) giveBack(h->module->bufferPool, bounce);
+  if (bounce != nullptr) freeMemory(h->module->bufferPool, bounce);
   return judgeDirectWrite(h, r, transfer, journal);
 }
 
-// Of a held buffer; rare, and kept out of the way of the common write.
-[[gnu::noinline]] void leaveTree(FileHandle* h, PageBuffer* buffer) { forgetPage(h, buffer); }
+// Empties a held buffer. Rare, so it is not inlined into the common write.
+[[gnu::noinline]] void emptyHeldBuffer(FileHandle* h, PageBuffer* buffer) {
+  emptyBuffer(h, buffer);
+}
 
 // The written buffer becomes the cached copy of the page. While the caller has other holds of it,
-// it stays what it is: the copy of its own page, unless it was given the bytes of another one.
+// it remains the copy of its own page, unless it was written as another page.
 void cacheWritten(FileHandle* h, PageBuffer* buffer, const PageRequest& r) {
   const bool hadAnotherPage = buffer->pageNumber != 0 && buffer->pageNumber != r.pageNumber;
-  if (hadAnotherPage) leaveTree(h, buffer);
+  if (hadAnotherPage) emptyHeldBuffer(h, buffer);
   if (buffer->extraHolds != 0) return;
   setPageNumber(h, buffer, r.pageNumber);
   buffer->validBytes = r.length;
   enterPage(*h, buffer);
 }
 
-// Another buffer's copy of the page is old now. A held one is left to its holder; only a rewrite
-// from the caller's own memory leaves it in the tree. What the tree has of a page that is appended
-// is of a page that a truncate cut off.
+// Another buffer's copy of the page is out of date. A free one is emptied. A held one keeps its
+// bytes and leaves the tree, except after a rewrite from the caller's own memory. A copy of an
+// appended page is of a page that was truncated away.
 void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written, bool appended) {
   if (h->pageTree == nullptr || (isEmpty(h->pageFreeList) && isEmpty(h->pageHeldList))) return;
   PageBuffer* cached = findPage(*h, &r.pageNumber);
@@ -169,25 +171,25 @@ void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written, bool 
     if (cached->held == 0) {
       emptyFreePage(h, cached);
     } else if ((r.flags & kCallersMemory) == 0 || appended) {
-      leaveTree(h, cached);
+      emptyHeldBuffer(h, cached);
     }
   }
   if (written != nullptr) cacheWritten(h, written, r);
 }
 
-void endBlockHold(FileHandle* h, const Held& source, const PageRequest& r) {
+void endHoldOfBlock(FileHandle* h, const Held& source, const PageRequest& r) {
   BlockRecord* block = source.block;
-  if (endHandOut(h, block, source.foundIn)) {
+  if (endBlockHold(h, block, source.foundIn)) {
     joinFreeHead(h, block);
     emptyFreeBlock(h, block);
     return;
   }
-  // Written as another page than its own, a slot has bytes that are not its page's.
+  // A slot that was written as another page no longer has its own page's bytes.
   const std::int32_t index = slotIndex(*block, r.buffer, h->pageSize);
   if (block->firstPage + index != r.pageNumber) markStale(block, index);
 }
 
-void endPageHold(FileHandle* h, PageBuffer* buffer) {
+void endHoldOfPage(FileHandle* h, PageBuffer* buffer) {
   if (endExtraHold(h, buffer)) return;
   unhold(h, buffer);
   joinFreeTail(h, buffer);
@@ -213,8 +215,8 @@ Status store(FileHandle* h, const PageRequest& r, Journal* journal) {
   }
   updateBlocks(h, r.pageNumber, stored);
   updatePages(h, r, source.buffer, appends);
-  if (source.block != nullptr) endBlockHold(h, source, r);
-  if (source.buffer != nullptr) endPageHold(h, source.buffer);
+  if (source.block != nullptr) endHoldOfBlock(h, source, r);
+  if (source.buffer != nullptr) endHoldOfPage(h, source.buffer);
   return status;
 }
 

@@ -39,7 +39,7 @@ HeaderWrite writePadded(FileHandle* h, const void* header, std::int32_t* length,
   std::copy_n(static_cast<const char*>(header), *length, static_cast<char*>(staging));
   *length = static_cast<std::int32_t>(h->headerSize);
   const Transfer transfer = writeAt(h->fd, staging, *length, 0);
-  const HostStatus released = giveBack(pool, staging);
+  const HostStatus released = freeMemory(pool, staging);
   if (released != 0) bkperror(h, Status{released}, journal);
   return {Status::ok, transfer};
 }

@@ -56,7 +56,7 @@ ExtensionObject* loadServices(ExtensionObject* module, QZHandle* host, Journal* 
     if (module->converter != nullptr) return module;
     judgeRelease(module->eavl->destroy(module->eavl), journal);
   }
-  release(modulePool, module, journal);
+  freeOrJournal(modulePool, module, journal);
   return nullptr;
 }
 
@@ -100,7 +100,7 @@ qz::HostStatus qzpdestroy(qz::ExtensionObject* module) noexcept {
   module->converter->destroy(module->converter);
   module->eavl->destroy(module->eavl);
   module->bufferPool->destroy(module->bufferPool);
-  qz::giveBack(modulePool, module);
+  qz::freeMemory(modulePool, module);
   return modulePool->destroy(modulePool);
 }
 

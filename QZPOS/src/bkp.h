@@ -23,11 +23,12 @@ Status bkpdoopen(FileHandle* h, OpenKind kind, std::uint32_t openMode, const Acc
 Status bkpbuffersetup(FileHandle* h, OpenKind kind, Journal* journal);
 
 // Writes the collected pages; ok when there are none. Stores and reports a failure, after which
-// the pages are dropped and the file is cut back to the pages before the write block.
+// the pages are lost and the file is cut back to the pages before the write block.
 Status bkpwriteblock(FileHandle* h, Journal* journal);
 
 // The free record to use next, emptied and still on its free list: an empty one, else the one
-// released last. Null when none is free. PageBuffer in page mode, BlockRecord in block mode.
+// returned or written last. Null when none is free. PageBuffer in page mode, BlockRecord in block
+// mode.
 template <class Record>
 Record* bkpfindfreebuf(FileHandle* h);
 
@@ -38,8 +39,8 @@ PageBuffer* bkpbufmatch(const FileHandle& h, const void* address);
 enum class FoundIn : std::uint32_t { nowhere = 0, heldList = 1, acquiredList = 2, writeBlock = 4 };
 BlockRecord* bkpblockmatch(const FileHandle& h, const void* address, FoundIn* foundIn);
 
-// Frees every record of a list of the handle. ioFailed when a release was refused. Page buffers
-// must have left the tree.
+// Frees every record of a list of the handle. ioFailed when the host refused to free memory. Page
+// buffers must have left the tree.
 template <class Record>
 Status bkpdeletebuffers(FileHandle* h, List<Record>* list, Journal* journal);
 

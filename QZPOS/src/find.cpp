@@ -11,7 +11,7 @@ BlockRecord* walkToPage(const List<BlockRecord>& list, std::int64_t page) {
   return block;
 }
 
-// What the index has of the page, when it is no more than one block. False: there are several, and
+// Sets *found to the block that holds the page, or leaves it. False: several blocks hold it, and
 // the order of the lists decides between them.
 bool askIndex(const FileHandle& h, std::int64_t page, BlockRecord** found) {
   int copies = 0;

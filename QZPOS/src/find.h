@@ -52,7 +52,7 @@ inline bool coversAddress(const FileHandle& h, const BlockRecord& block, const v
 // so at most one does.
 BlockRecord* findListedBlockAt(const FileHandle& h, const void* address, FoundIn* foundIn);
 
-// The same, with the ends of the held list first: callers tend to give back the oldest or the
+// The same, with the ends of the held list first: callers mostly return the oldest or the
 // newest.
 inline BlockRecord* findBlockAt(const FileHandle& h, const void* address, FoundIn* foundIn) {
   *foundIn = FoundIn::heldList;

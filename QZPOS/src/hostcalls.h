@@ -15,7 +15,7 @@ inline void* allocate(MemoryPool* pool, std::size_t bytes, std::uint32_t flags) 
   return pool->memAlloc(pool, bytes, flags);
 }
 
-inline HostStatus giveBack(MemoryPool* pool, void* block) { return pool->memFree(pool, block); }
+inline HostStatus freeMemory(MemoryPool* pool, void* block) { return pool->memFree(pool, block); }
 
 inline HostStatus closeHostFile(HostFile* file, OpenParameters* parameters, Journal* journal) {
   return file->fileMethods->fileClose(file, parameters, journal);
@@ -35,7 +35,7 @@ inline void enterPage(const FileHandle& h, PageBuffer* buffer) {
 
 // Takes the buffer out of the tree, if there is one. An empty buffer's number, 0, is no key of the
 // tree.
-inline void dropPage(const FileHandle& h, const PageBuffer& buffer) {
+inline void takeOutOfTree(const FileHandle& h, const PageBuffer& buffer) {
   if (h.pageTree != nullptr) h.pageTree->treeRemove(&h.pageTree->anchor, &buffer.pageNumber);
 }
 

@@ -118,7 +118,7 @@ BlockRecord* RecordIndex::freeBlock(std::int64_t blockNumber) const {
 }
 
 void indexRecords(FileHandle* h) {
-  dropIndex(h);
+  freeIndex(h);
   const std::int64_t records = h->pageBuffersAllocated + h->blocksAllocated;
   if (records <= kFewRecords) return;
   void* memory = std::calloc(1, sizeof(RecordIndex));
@@ -128,7 +128,7 @@ void indexRecords(FileHandle* h) {
   // With room to grow, so that adding records one by one does not make the index anew each time.
   const std::int64_t growth = records / 2;
   if (!index->reserve(*h, h->pageBuffersAllocated + growth, h->blocksAllocated + growth)) {
-    dropIndex(h);
+    freeIndex(h);
     return;
   }
   addAll(index, h->pageFreeList);
@@ -139,7 +139,7 @@ void indexRecords(FileHandle* h) {
   if (h->writeBlock != nullptr) index->add(h->writeBlock);
 }
 
-void dropIndex(FileHandle* h) {
+void freeIndex(FileHandle* h) {
   if (h->index == nullptr) return;
   h->index->~RecordIndex();
   std::free(std::exchange(h->index, nullptr));

@@ -140,6 +140,6 @@ void indexNewRecord(FileHandle* h, Record* record) {
   }
 }
 
-void dropIndex(FileHandle* h);
+void freeIndex(FileHandle* h);
 
 }  // namespace qz

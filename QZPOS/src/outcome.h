@@ -58,9 +58,9 @@ inline bool judgeRelease(HostStatus released, Journal* journal) {
   return false;
 }
 
-// Gives a block back to its pool; a refusal is journalled, and the clean-up goes on.
-inline bool release(MemoryPool* pool, void* block, Journal* journal) {
-  return judgeRelease(giveBack(pool, block), journal);
+// Frees a block of a pool. A refusal is journalled, and the clean-up goes on.
+inline bool freeOrJournal(MemoryPool* pool, void* block, Journal* journal) {
+  return judgeRelease(freeMemory(pool, block), journal);
 }
 
 // The first failure of a clean-up that goes on.

@@ -56,7 +56,7 @@ void leaveFree(FileHandle* h, Record* record) {
   assert(emptyFree(h, record) >= 0);
 }
 
-// Gives a page buffer its page number; 0 takes it away. The tree is the caller's concern.
+// Sets the page number of a page buffer; 0: none. Does not change the tree.
 inline void setPageNumber(FileHandle* h, PageBuffer* buffer, std::int64_t page) {
   if (buffer->held == 0) {
     h->emptyFreePages += (page == 0 ? 1 : 0) - (isEmptyRecord(*buffer) ? 1 : 0);
@@ -64,7 +64,7 @@ inline void setPageNumber(FileHandle* h, PageBuffer* buffer, std::int64_t page) 
   buffer->pageNumber = page;
 }
 
-// Gives a free block its number; 0 takes it away.
+// Sets the number of a free block; 0: none.
 inline void setBlockNumber(FileHandle* h, BlockRecord* block, std::int64_t blockNumber) {
   h->emptyFreeBlocks += (blockNumber == 0 ? 1 : 0) - (isEmptyRecord(*block) ? 1 : 0);
   if (h->index != nullptr) h->index->renumber(block, blockNumber);
@@ -80,7 +80,7 @@ inline PageBuffer* makePageBuffer(const FileHandle& h, std::uint32_t recordFlags
   buffer->data = static_cast<char*>(
       allocate(h.module->bufferPool, static_cast<std::size_t>(h.pageSize), kAsAllocated));
   if (buffer->data == nullptr) {
-    release(pool, buffer, journal);
+    freeOrJournal(pool, buffer, journal);
     return nullptr;
   }
   buffer->pageNumber = 0;
@@ -109,14 +109,14 @@ inline NewBlock makeBlock(const FileHandle& h, Journal* journal) {
   block->data =
       static_cast<char*>(allocate(dataPool, static_cast<std::size_t>(h.blockBytes), kAsAllocated));
   if (block->data == nullptr) {
-    release(pool, block, journal);
+    freeOrJournal(pool, block, journal);
     return {nullptr, BlockPart::data};
   }
   block->staleBits = static_cast<std::uint8_t*>(
       allocate(pool, static_cast<std::size_t>(h.bitmapBytes), kZeroFill));
   if (block->staleBits == nullptr) {
-    release(dataPool, block->data, journal);
-    release(pool, block, journal);
+    freeOrJournal(dataPool, block->data, journal);
+    freeOrJournal(pool, block, journal);
     return {nullptr, BlockPart::staleBits};
   }
   return {block, BlockPart::none};
@@ -126,8 +126,8 @@ inline NewBlock makeBlock(const FileHandle& h, Journal* journal) {
 // counted either way.
 inline bool freeRecord(FileHandle* h, PageBuffer* buffer, Journal* journal) {
   if (h->index != nullptr) h->index->remove(buffer);
-  const bool dataFreed = release(h->module->bufferPool, buffer->data, journal);
-  const bool recordFreed = release(h->module->modulePool, buffer, journal);
+  const bool dataFreed = freeOrJournal(h->module->bufferPool, buffer->data, journal);
+  const bool recordFreed = freeOrJournal(h->module->modulePool, buffer, journal);
   --h->pageBuffersAllocated;
   return dataFreed && recordFreed;
 }
@@ -136,9 +136,9 @@ inline bool freeRecord(FileHandle* h, PageBuffer* buffer, Journal* journal) {
 inline bool freeRecord(FileHandle* h, BlockRecord* block, Journal* journal) {
   if (h->lastBlock == block) h->lastBlock = nullptr;
   if (h->index != nullptr) h->index->remove(block);
-  const bool bitsFreed = release(h->module->modulePool, block->staleBits, journal);
-  const bool dataFreed = release(h->module->bufferPool, block->data, journal);
-  const bool recordFreed = release(h->module->modulePool, block, journal);
+  const bool bitsFreed = freeOrJournal(h->module->modulePool, block->staleBits, journal);
+  const bool dataFreed = freeOrJournal(h->module->bufferPool, block->data, journal);
+  const bool recordFreed = freeOrJournal(h->module->modulePool, block, journal);
   --h->blocksAllocated;
   return bitsFreed && dataFreed && recordFreed;
 }
@@ -161,7 +161,7 @@ inline void tearDownTree(FileHandle* h) {
   h->pageTree = nullptr;
 }
 
-// A page-mode handle without a tree can hand out nothing.
+// A page-mode handle without a tree can read no page.
 inline bool lacksTree(const FileHandle& h) { return h.pageTree == nullptr; }
 
 // A free page buffer becomes the caller's.
@@ -195,20 +195,20 @@ inline void unhold(FileHandle* h, PageBuffer* buffer) {
   --h->heldCount;
 }
 
-// Takes a buffer's page away from it and out of the tree.
-inline void forgetPage(FileHandle* h, PageBuffer* buffer) {
-  dropPage(*h, *buffer);
+// Empties a buffer: it loses its page and leaves the tree.
+inline void emptyBuffer(FileHandle* h, PageBuffer* buffer) {
+  takeOutOfTree(*h, *buffer);
   setPageNumber(h, buffer, 0);
 }
 
-// Forgets the page of a free buffer, which is then the first in line.
+// Empties a free buffer, which is then the next to be used.
 inline void emptyFreePage(FileHandle* h, PageBuffer* buffer) {
-  forgetPage(h, buffer);
+  emptyBuffer(h, buffer);
   buffer->validBytes = 0;
   moveToHead(h->pageFreeList, buffer);
 }
 
-// Takes a free block's pages away from it.
+// Empties a free block.
 inline void emptyFreeBlock(FileHandle* h, BlockRecord* block) {
   setBlockNumber(h, block, 0);
   block->firstPage = 0;
@@ -237,15 +237,15 @@ inline bool isCollected(const FileHandle& h, std::int64_t page) {
   return isCollecting(h) && coversPage(*h.writeBlock, page);
 }
 
-// A block that a page is about to be handed out from is on the held list.
+// Puts a block that the caller is about to hold on the held list, if it is not there.
 inline void moveToHeld(FileHandle* h, BlockRecord* block) {
   if (block->holdCount != 0) return;
   leaveFree(h, block);
   pushHead(h->blockHeldList, block);
 }
 
-// Ends one hand-out of a block; true when it was the last and the block left its list.
-inline bool endHandOut(FileHandle* h, BlockRecord* block, FoundIn foundIn) {
+// Ends one hold of a block; true when it was the last and the block left its list.
+inline bool endBlockHold(FileHandle* h, BlockRecord* block, FoundIn foundIn) {
   assert(block->holdCount > 0 && h->heldCount > 0 && block != h->writeBlock);
   --block->holdCount;
   --h->heldCount;

@@ -56,7 +56,7 @@ void retire(const Pool& pool, PoolCounts counts) noexcept try {
   const auto lock = lockUnlessAlone(pool.host->retiredMutex);
   pool.host->retiredPools[pool.name] += counts;
 } catch (const std::bad_alloc&) {
-  return;  // the counts are for whoever looks; the pool goes all the same
+  return;  // the counts are lost; the pool is destroyed all the same
 }
 
 HostStatus destroy(MemoryPool* self) noexcept {

@@ -138,7 +138,7 @@ class Play {
       const bool lasts = result.count == kEveryLater && point.step < step;
       if (point.step != step && !lasts) continue;
       const int nth = lasts ? 1 : point.nth;
-      // A name that could not be given back is still in use.
+      // A name whose memory could not be freed is still in use.
       const bool kept = isName && point.call == Call::memFree && nth == 1;
       faults.push_back({point.call, nth, kept ? 1 : result.count, kept ? kNotDone : result.result,
                         result.error});

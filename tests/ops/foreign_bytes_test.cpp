@@ -1,4 +1,4 @@
-// Cases in which bytes that are not the page's could be handed out, or a file's pages could be
+// Cases in which a read could give bytes that are not the page's, or a file's pages could be
 // lost although the caller asked for neither.
 #include <fmt/format.h>
 #include <unistd.h>
@@ -197,7 +197,7 @@ TEST_F(ForeignBytesTest, AHeldBufferOfATruncatedPageIsNoCopyOfTheNextPageEight) 
   EXPECT_TRUE(isStamped(old, kPage, 8, 0)) << "the holder of the old page keeps it";
 }
 
-// A page that was given back unwritten is read again before it is handed out: also after that read
+// A page that was returned unwritten is read again before a caller gets it: also after that read
 // came short, where a replaced close left the file open.
 TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
   const auto original = module->operations.qzpclose;

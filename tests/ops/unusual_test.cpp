@@ -117,7 +117,7 @@ TEST_F(UnusualTest, AChangeOfShapeThatStopsWithBlocksHeld) {
     return a)");
 }
 
-// A page that was handed out before goes back without a tree to enter it in.
+// A page held from before is written when the handle has no page tree any more.
 TEST_F(UnusualTest, AWriteWithoutAPageTree) {
   play(R"(
     open direct 8; read 1 a; reopen block; fail treeCreate
