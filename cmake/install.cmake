@@ -38,6 +38,11 @@ string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
 configure_file(cmake/qziop.pc.in ${PROJECT_BINARY_DIR}/qziop.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qziop.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# gdb loads these with the module: it looks for a file with the module's name under its own folder,
+# at the path of the module. Other prefixes than gdb's need "add-auto-load-scripts-directory".
+install(FILES cmake/libqziop-gdb.py RENAME libqziop.so.${PROJECT_VERSION}-gdb.py
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
+
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR}
         FILES_MATCHING PATTERN "*.md" PATTERN "*.svg")
