@@ -23,6 +23,9 @@ constexpr Work kWork[] = {
     {"read-many", readMany},         {"open-close", openAndClose},
     {"grow-reads", growReads},       {"grow-appends", growAppends},
     {"grow-tree", growTree},         {"whole-files", wholeFiles},
+#ifdef QZPBENCH_HAS_QZVFS
+    {"sqlite", sqliteLayers},
+#endif
 };
 
 void saveText(const std::string& path, const std::string& text) {

@@ -18,7 +18,7 @@ set arrow from 1, graph 0 to 1, graph 1 nohead linecolor rgb '#888888' linewidth
 set lmargin 30
 
 is(name) = strcol(3) eq name
-own(name) = name[1:5] eq 'qziop'
+own(name) = name[1:5] eq 'qziop' || name eq 'on qziop'
 at(name) = is(name) ? column(4) : NaN
 
 plot data using (own(strcol(3)) ? column(4) : NaN):1:5:6:ytic(2) with xerrorbars \

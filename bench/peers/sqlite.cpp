@@ -6,12 +6,13 @@
 
 namespace qzbench {
 
-SqlitePages::SqlitePages(const Task& task)
+SqlitePages::SqlitePages(const Task& task, const char* layer)
     : pageSize_(task.geometry.pageSize),
       writes_(task.access != Access::read),
       page_(1, static_cast<std::size_t>(task.geometry.pageSize)) {
   if (task.access == Access::append) unlink(task.path.c_str());
-  check(sqlite3_open(task.path.c_str(), &database_));
+  check(sqlite3_open_v2(task.path.c_str(), &database_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                        layer));
   run(fmt::format("PRAGMA page_size={}; PRAGMA journal_mode=OFF; PRAGMA synchronous=OFF; "
                   "PRAGMA locking_mode=EXCLUSIVE; "
                   "CREATE TABLE IF NOT EXISTS pages(number INTEGER PRIMARY KEY, data BLOB); BEGIN",
@@ -35,6 +36,28 @@ SqlitePages::~SqlitePages() {
   sqlite3_finalize(insert_);
   sqlite3_close(database_);
 }
+
+#ifdef QZPBENCH_HAS_QZVFS
+namespace {
+
+// Loads the layer once; it stays for every later connection.
+const char* moduleLayer() {
+  static const bool isLoaded = [] {
+    sqlite3* database = nullptr;
+    sqlite3_open(":memory:", &database);
+    sqlite3_enable_load_extension(database, 1);
+    const int result = sqlite3_load_extension(database, QZPBENCH_HAS_QZVFS, nullptr, nullptr);
+    sqlite3_close(database);
+    return result == SQLITE_OK;
+  }();
+  if (!isLoaded) throw Failure(QZPBENCH_HAS_QZVFS ": cannot be loaded");
+  return "qz";
+}
+
+}  // namespace
+
+SqliteOnModule::SqliteOnModule(const Task& task) : SqlitePages(task, moduleLayer()) {}
+#endif
 
 }  // namespace qzbench
 #endif

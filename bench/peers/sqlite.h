@@ -13,7 +13,8 @@ class SqlitePages {
  public:
   static constexpr bool kRawPages = false;
 
-  explicit SqlitePages(const Task& task);
+  // `layer`: the name of SQLite's file layer; null: its default.
+  explicit SqlitePages(const Task& task, const char* layer = nullptr);
   SqlitePages(const SqlitePages&) = delete;
   SqlitePages& operator=(const SqlitePages&) = delete;
   ~SqlitePages();
@@ -50,5 +51,13 @@ class SqlitePages {
   bool writes_;
   Ring page_;
 };
+
+#ifdef QZPBENCH_HAS_QZVFS
+// The same through the module.
+class SqliteOnModule : public SqlitePages {
+ public:
+  explicit SqliteOnModule(const Task& task);
+};
+#endif
 
 }  // namespace qzbench

@@ -18,6 +18,7 @@ void openAndClose(Runner& run);     // both modes
 void growReads(Runner& run);        // many buffers: reads and returns
 void growAppends(Runner& run);      // many buffers: appends
 void growTree(Runner& run);         // many buffers: the host's tree
+void sqliteLayers(Runner& run);     // SQLite on the module and on its own file layer
 void wholeFiles(Runner& run);       // by the tool: pack, unpack, verify
 
 }  // namespace qzbench
