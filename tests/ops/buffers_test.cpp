@@ -6,6 +6,7 @@ namespace {
 
 class BuffersTest : public ScriptTest {};
 
+// A cached page would be lost, or an old one served, if a buffer joined the wrong list or end.
 TEST_F(BuffersTest, PageBuffersMoveBetweenTheirLists) {
   play(R"(
     acquire -> notOpen
@@ -47,6 +48,7 @@ TEST_F(BuffersTest, BlocksKeepTheirPagesWhenGivenBack) {
   EXPECT_EQ(h->blockFreeList.tail->lastPageHandedOut, 3);
 }
 
+// A scan must reuse one block and leave the rest of the cache in place.
 TEST_F(BuffersTest, BlocksAreChosenEmptyFirstElseReleasedLast) {
   play(R"(
     open block 12 3; touch 1 5 9
@@ -64,6 +66,7 @@ TEST_F(BuffersTest, BlocksAreChosenEmptyFirstElseReleasedLast) {
   EXPECT_EQ(named("c"), named("a")) << "empty, so before the block of page 5";
 }
 
+// No memory at any step leaves the handle as it was, with nothing leaked.
 TEST_F(BuffersTest, AcquireMakesABlockWhenNoneIsFree) {
   play(R"(
     open block 4 1; acquire a; set bufferCount 2; fail memAlloc; acquire -> noBuffer
@@ -75,6 +78,7 @@ TEST_F(BuffersTest, AcquireMakesABlockWhenNoneIsFree) {
     return b; return a)");
 }
 
+// The caller learns how many buffers were made, and held ones are never freed.
 TEST_F(BuffersTest, AddedAndRemovedPageBuffers) {
   play(R"(
     open buffered 9 1; add 2; is bufferCount 3 length 2; lists -> free empty empty empty empty
@@ -90,6 +94,7 @@ TEST_F(BuffersTest, AddedAndRemovedPageBuffers) {
     return a)");
 }
 
+// The same for blocks, whose limit goes down with a negative count.
 TEST_F(BuffersTest, AddedAndRemovedBlocks) {
   play(R"(
     open block 9 1; add 2; is bufferCount 3 length 2

@@ -10,6 +10,7 @@ namespace {
 
 class WholeFileTest : public ScriptTest {};
 
+// A short header must not leave old bytes before page 1, nor a long one change the counts.
 TEST_F(WholeFileTest, HeaderIsPaddedOrWrittenWhole) {
   playRows(R"(
     header -1 -> notOpen
@@ -28,6 +29,7 @@ TEST_F(WholeFileTest, HeaderIsPaddedOrWrittenWhole) {
 
 int guardCalls = 0;
 
+// A handle that is closed and opened again must have nothing left of the first file.
 TEST_F(WholeFileTest, CloseReleasesEverything) {
   play("close -> notOpen; open direct 4 2; read 1; rewrite 2:1");
   static qz::PageTree* guarded;
@@ -54,6 +56,7 @@ TEST_F(WholeFileTest, CloseReleasesEverything) {
   play("is fileSize 28672 firstBlockRead 0; close -> notOpen");
 }
 
+// A failed flush keeps the file attached, so that the host can try again.
 TEST_F(WholeFileTest, CloseFlushesFirstWhereAsked) {
   play(R"(
     open buffered 2; close 0xFFFFFFFE; bytes -> 12288
@@ -71,6 +74,7 @@ TEST_F(WholeFileTest, CloseFlushesFirstWhereAsked) {
   EXPECT_NE(h->hostFile, nullptr);
 }
 
+// Later failures of the clean-up must not hide the one that lost pages.
 TEST_F(WholeFileTest, CloseKeepsItsFirstFailure) {
   // Releases 1 and 3 of the plan are the report's text buffer and the stale bits.
   play(R"(
@@ -88,6 +92,7 @@ TEST_F(WholeFileTest, CloseKeepsItsFirstFailure) {
   play("close -> ioFailed unreported; fail destroy with hostBlocksLive; close -> ok");
 }
 
+// An open file is never deleted, and a delete that failed says so.
 TEST_F(WholeFileTest, DeleteRemovesAClosedFile) {
   play(R"(
     open buffered 2; delete -> deleteWhileOpen unreported
@@ -106,6 +111,7 @@ TEST_F(WholeFileTest, DeleteRemovesAClosedFile) {
     close kRemoveFile; bytes -> -1)");
 }
 
+// The caller gets the new rights, and collected or held pages stay.
 TEST_F(WholeFileTest, ReopenAppliesHints) {
   play(R"(
     hint readSequential writeNewPages 0 -> notOpen
@@ -121,6 +127,7 @@ TEST_F(WholeFileTest, ReopenAppliesHints) {
     is openOptions 0x00250202)");
 }
 
+// Holds of the old shape stay valid, and end in the new one without a leak.
 TEST_F(WholeFileTest, ReopenFromBlocksToPages) {
   play(R"(
     open block 8 3; read 1 a; read 2 b; acquire c; writeOwn 9:1

@@ -19,6 +19,7 @@ class NamingTest : public ScriptTest {
   }
 };
 
+// A handle starts with the fields that hosts expect, and reports its last outcome.
 TEST_F(NamingTest, FreshHandle) {
   renew();
   qz::FileHandle expected{};
@@ -38,6 +39,7 @@ TEST_F(NamingTest, FreshHandle) {
   EXPECT_EQ(std::memcmp(&report, &wanted, sizeof report), 0);
 }
 
+// A handle with a file attached must not be freed.
 TEST_F(NamingTest, HandlesAreMadeAndFreed) {
   calls().plan({{Call::memAlloc}});
   recorder.entries.clear();
@@ -56,6 +58,7 @@ TEST_F(NamingTest, HandlesAreMadeAndFreed) {
   h = nullptr;
 }
 
+// A name that cannot be stored must not leave a freed one in the handle.
 TEST_F(NamingTest, NamesGrowTheirBufferAndNeverShrinkIt) {
   renew();
   recorder.fileName = U"efgh";
@@ -79,6 +82,7 @@ TEST_F(NamingTest, NamesGrowTheirBufferAndNeverShrinkIt) {
   EXPECT_EQ(h->fileName, nullptr);
 }
 
+// A second name or pre-open would lose the file that is attached.
 TEST_F(NamingTest, NothingIsNamedOrPreopenedTwice) {
   play(R"(
     settle buffered; file 1; set openMode createOrReplace; preopen 16 -> noHeaderYet
@@ -121,6 +125,7 @@ direct | memAlloc |  | length -1)");
   play("preopen 512 -> fileNotFound unreported; is lastErrno ENOENT");
 }
 
+// Direct I/O is judged by the file system of the file, not of the process.
 TEST_F(NamingTest, FileSystemIsTestedInTheFilesFolder) {
   const std::string folder = std::filesystem::path(path).parent_path();
   std::filesystem::create_directory(folder + "/größe");
@@ -163,6 +168,7 @@ option | size | limit
   Library::get().qzextent(host.handle());
 }
 
+// The size chosen fits the bounds, or the caller is told that it does not.
 TEST_F(NamingTest, PageSizesAreChosen) {
   playRows(R"(
     hostOption <option>; set hostPageSize 0

@@ -10,6 +10,7 @@ namespace {
 
 class OpenTest : public ScriptTest {};
 
+// Wrong flags would lock others out, or open a file for more than was asked.
 TEST_F(OpenTest, HintsBecomeFlagsAndAccessMode) {
   playRows(R"(
     set readAccess <read> writeAccess <write> openOptions <options> openMode <mode>
@@ -32,6 +33,7 @@ readRandom | rewritePages | optionDirectIo | openOrKeep | directIoNfs | O_RDWR@w
   EXPECT_TRUE(calls().at(Call::fileOpen).target == 0666 && calls().at(Call::fileOpen).length == 1);
 }
 
+// The host may refuse for reasons of its own; none of them counts as success.
 TEST_F(OpenTest, HostStatusesAreMapped) {
   // A status of another kind; no file, yet no reason given.
   play(R"(
@@ -44,6 +46,7 @@ TEST_F(OpenTest, HostStatusesAreMapped) {
   play("open -> fileNotFound unreported");
 }
 
+// Each is tried again as often as promised, and no more.
 TEST_F(OpenTest, RefusedDirectIoAndBusyFilesAreTriedAgain) {
   play(R"(
     settle block; file 2; fail fileOpen times 2 with hostBadParameters returning EINVAL
@@ -56,6 +59,7 @@ TEST_F(OpenTest, RefusedDirectIoAndBusyFilesAreTriedAgain) {
   Library::get().qzextent(host.handle());
 }
 
+// The journal must tell why direct I/O is not used.
 TEST_F(OpenTest, NotesTellTheIoType) {
   setenv("QZIOP_DISPLAY_IOP_TYPE", "", 1);
   const std::string open = R"(
@@ -96,6 +100,7 @@ noRead | writeNewPages | optionDirectIo | 1 | - | No Read | Write New Pages)");
   unsetenv("QZIOP_DISPLAY_IOP_TYPE");
 }
 
+// A file that is read or written never goes without a buffer, unless the caller wants that.
 TEST_F(OpenTest, BufferCountIsChosenWhereNotGiven) {
   const std::string script = R"(
     file 2; set bufferCount <asked> readAccess <read> writeAccess <write> openOptions <options>
@@ -117,6 +122,7 @@ TEST_F(OpenTest, BufferCountIsChosenWhereNotGiven) {
 -5 | noRead | noWrite | optionDirectIo | -5 | none)");
 }
 
+// A file that is not header and whole pages is refused, and its bytes stay.
 TEST_F(OpenTest, GeometryIsSettledOrRefused) {
   settle(Shape::buffered);
   playRows(R"(
@@ -170,6 +176,7 @@ TEST_F(OpenTest, BuffersAreMadeInOrder) {
   play("lists -> blocks empty write empty; close");
 }
 
+// A block whose size does not fit 31 bits is refused before memory is asked for.
 TEST_F(OpenTest, BlocksAreWholePagesAndWholeTransfers) {
   const std::string script = R"(
     settle block; file 0 100

@@ -6,6 +6,7 @@ namespace {
 
 class PagesTest : public ScriptTest {};
 
+// An in-order reader must not skip a page unnoticed.
 TEST_F(PagesTest, SequentialReadersFollowTheOrderOrRestart) {
   playRows(R"(
     settle block; file 5; set readAccess readSequential sequentialStartPage <start>
@@ -16,6 +17,7 @@ TEST_F(PagesTest, SequentialReadersFollowTheOrderOrRestart) {
            "start | may be read again\n0 | 1\n3 | 3");
 }
 
+// A hit costs no call, a miss one.
 TEST_F(PagesTest, OneTransferForAPageOrABlock) {
   playRows(R"(
     open <shape> 10; read 6:0 -> ok pread <of page 6>; host ->; count getenv 0
@@ -66,6 +68,7 @@ TEST_F(PagesTest, HeldBlocksEndWhereTheyWereCut) {
     truncate 4; writeOwn 5:2; read 5:2)");
 }
 
+// A run takes as few calls as the system allows and no memory of the host.
 TEST_F(PagesTest, RunsGoStraightToTheCaller) {
   play("read 0 -> notOpen; readMany 1 1 0 -> notOpen");
   settle(Shape::buffered);
@@ -86,6 +89,7 @@ page | count | options | outcome | next
   }
 }
 
+// The caller learns which pages of the run arrived.
 TEST_F(PagesTest, FailedRunsTellHowFarTheyCame) {
   playRows(R"(
     open buffered 2100; fail <fault>; readMany 1 2100 0 -> <outcome>; is lastErrno 0 nextPage <next>
@@ -136,6 +140,7 @@ TEST_F(PagesTest, BlockModeRewritesCollectedPagesInPlace) {
     acquire; write 11 -> ok pwrite 4096@45056)");
 }
 
+// The system refuses unaligned memory; the page must reach the file all the same.
 TEST_F(PagesTest, UnalignedMemoryBouncesUnderDirectIo) {
   const CallerMemory memory = callerMemory(2LL * kPage);
   for (const Shape shape : kShapes) {
