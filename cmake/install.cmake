@@ -21,7 +21,9 @@ endforeach()
 
 install(TARGETS qzpfile RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 # Beside the module, which it looks for there.
-install(TARGETS qzvfs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+if(TARGET qzvfs)
+  install(TARGETS qzvfs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+endif()
 
 install(EXPORT qziopTargets NAMESPACE qziop:: DESTINATION ${config_dir})
 configure_package_config_file(cmake/qziopConfig.cmake.in ${PROJECT_BINARY_DIR}/qziopConfig.cmake
