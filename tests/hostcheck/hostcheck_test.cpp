@@ -639,8 +639,16 @@ const BrokenHost kBrokenHosts[] = {
      }},
 };
 
+// A process with the sanitizer's memory takes long to fork: a dozen hosts are tried there.
+#ifdef __SANITIZE_ADDRESS__
+constexpr std::size_t kStep = 4;
+#else
+constexpr std::size_t kStep = 1;
+#endif
+
 TEST(HostCheck, ABrokenPromiseIsNamedAndNoOther) {
-  for (const BrokenHost& broken : kBrokenHosts) {
+  for (std::size_t i = 0; i < std::size(kBrokenHosts); i += kStep) {
+    const BrokenHost& broken = kBrokenHosts[i];
     SCOPED_TRACE(broken.how);
     TriedHost tried;
     QZHandle* const host = tried.host.handle();
