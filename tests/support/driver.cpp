@@ -268,6 +268,7 @@ Status Driver::physicalOpen(std::uint32_t mode) {
 Status Driver::settling(std::uint32_t mode) {
   if (mode == qz::createOrReplace) {
     if (expect(Call::ftruncate, 0).result < 0) {
+      sizeUnknown_ = true;
       closing(qz::kRemoveFile);
       return Status::notTruncated;
     }
@@ -289,6 +290,7 @@ Status Driver::settling(std::uint32_t mode) {
     return Status::noMemory;
   }
   open_ = true;
+  sizeUnknown_ = false;
   return Status::ok;
 }
 
@@ -338,7 +340,7 @@ Status Driver::preopen(std::int32_t bytes) {
     const bool bounced = (h.directIoMode & qz::directIo) != 0;
     preopened_ = !(bounced && lackedMemory()) && expect(Call::read, bytes).result >= bytes &&
                  size() >= bytes;
-    attached_ = preopened_;
+    attached_ = sizeUnknown_ = preopened_;
     wanted = preopened_ ? Status::ok : Status::shorterThanHeader;
     EXPECT_TRUE(!preopened_ || bytesAt(0, bytes) == view(memory.get() + 1, bytes));
   }
@@ -349,8 +351,8 @@ Status Driver::closing(std::uint32_t flags) {
   const bool wasOpen = open_;
   open_ = preopened_ = false;
   if (!attached_) return Status::notOpen;
-  const bool removed =
-      (flags & qz::kRemoveFile) != 0 || (pageCount_ == 0 && fileSize_ == 0 && writeAccess_ != 0);
+  const bool empty = pageCount_ == 0 && fileSize_ == 0 && !sizeUnknown_;
+  const bool removed = (flags & qz::kRemoveFile) != 0 || (empty && writeAccess_ != 0);
   Status result = writeBack();
   if ((world_.h->openOptions & qz::optionFlushAtClose) != 0) {
     const Status flushed = !wasOpen            ? Status::notOpen
@@ -363,7 +365,7 @@ Status Driver::closing(std::uint32_t flags) {
   }
   if (const Fault* fault = expected_.next(Call::fileClose); fault != nullptr)
     return fault->error == qz::hostNotRemoved ? Status::notRemoved : Status::ioFailed;
-  attached_ = false;
+  attached_ = sizeUnknown_ = false;
   if (removed) {
     exists_ = false;
     disk_.clear();
@@ -390,7 +392,7 @@ Status Driver::erase() {
     wanted = Status::notRemoved;
   } else if (!attached_ && expected_.next(Call::fileClose) != nullptr) {
     wanted = Status::notRemoved;
-    attached_ = true;
+    attached_ = sizeUnknown_ = true;
   } else if (!attached_) {
     wanted = Status::ok;
     exists_ = false;

@@ -133,6 +133,7 @@ class Driver {
   bool attached_ = false;
   bool open_ = false;
   bool preopened_ = false;
+  bool sizeUnknown_ = false;  // attached, and not open since
   bool writable_ = false;
   bool shortOfBuffers_ = false;  // after a set-up or an add that lacked memory
   std::int64_t header_ = 0;

@@ -95,8 +95,8 @@ $Q pack --force=no in x -> 64 ! --force takes no value: "--force=no"
 $Q pack --quiet --format json in x 2>&1 -> 64 exclude each other
 $Q unpack --format json good - -> 64 beside the payload
 $Q header -q good -> 64 ! about the report of --set
-cat good | $Q info - -> 64 ! not a pipe
-$Q pack in - -> 64 ! not a pipe
+cat good | $Q info - -> 64 ! a pipe is not
+$Q pack in - -> 64 ! a pipe is not
 $Q info good --buffers 2000000000 -> 64 ! 1 to 65536
 $Q pack --io block --io direct in x -> 64 ! --io
 $Q pack --page-size 4X in x -> 64 ! "4X" is not a size
