@@ -109,7 +109,7 @@ TEST(Trace, ReplaysExactlyWhatWasRecorded) {
 TEST(Trace, SumsUpWhatWasRecorded) {
   playLines(R"(
 cat good --io buffered -> 0 11 pages read many at a time
-dump good --io buffered -> 0 11 pages read: 0 from memory (hits), 11 from the file (misses)
+verify good --io buffered -> 0 12 pages read: 0 from memory (hits), 12 from the file (misses)
 pack --io buffered --page-size 4K in x -> 0  pages written, 0 of them without a call
 info no -> 0 1 x qzppreopen no: The file or a folder on the way to it does not exist: No such file or
   directory (0x803FC801), first in line
