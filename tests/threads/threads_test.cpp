@@ -68,6 +68,7 @@ TEST(Threads, ManyHandlesOverOneModule) {
 
   std::vector<std::string> problems(kThreads);
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   std::atomic<int> ready = 0;
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([&, i] {
@@ -82,7 +83,7 @@ TEST(Threads, ManyHandlesOverOneModule) {
   }
   for (std::thread& thread : threads) thread.join();
   for (const std::string& problem : problems) EXPECT_EQ(problem, "");
-  EXPECT_EQ(journal.entries().size(), std::size_t{kThreads * kRounds}) << "one report a round";
+  EXPECT_EQ(journal.entries().size(), std::size_t{kThreads} * kRounds) << "one report a round";
 
   EXPECT_EQ(module->dispose(), 0U);
   EXPECT_EQ(host.liveObjects(), 0U);
