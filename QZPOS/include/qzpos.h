@@ -151,10 +151,10 @@ struct BlockRecord {
   BlockRecord* next;
   BlockRecord* prev;
   char* data;                // `blockBytes` bytes
-  std::int64_t blockNumber;  // 0: empty
+  std::int64_t blockNumber;  // 0: empty, or the write block
   std::int64_t firstPage;    // 0: empty
   std::int64_t lastPage;     // 0: empty
-  std::int64_t holdCount;    // hand-outs not yet ended
+  std::int64_t holdCount;    // holds not yet ended
   std::int64_t lastPageHandedOut;
   std::int64_t
       validBytes;  // bytes of `data` that were read, or written behind those; less after a truncate
@@ -192,9 +192,10 @@ struct FileHandle {
   std::uint32_t readAccess;      // caller setting, ReadAccess
   std::uint32_t writeAccess;     // caller setting, WriteAccess
   std::int32_t pageSize;         // caller setting, bytes; 0: open chooses
-  std::int64_t pageCount;        // caller setting; 0: open computes it. Also the last page's number
-  std::int64_t fileSize;         // caller setting, bytes; 0: open takes the file's
-  std::int64_t headerSize;       // caller setting, bytes; where page 1 begins
+  std::int64_t pageCount;        // caller setting; 0: open computes it. Counts collected pages, too
+  std::int64_t
+      fileSize;  // caller setting, bytes; 0: open takes the file's. Without collected pages
+  std::int64_t headerSize;           // caller setting, bytes; where page 1 begins
   std::int64_t sequentialStartPage;  // caller setting; 0 means 1
   std::int32_t minPageSize;
   std::int32_t maxPageSize;
@@ -515,8 +516,10 @@ QZ_EXPORT qz::Status qzpreadmany(qz::FileHandle* handle, qz::PageRequest* const*
 // Stores a page of exactly `pageSize` bytes, from a held buffer, whose hold ends, or with
 // kCallersMemory from the caller's own memory. In block mode appended pages are collected and
 // reach the file a block at a time. wrongLength, pageOutOfRange, writeOutOfSequence,
-// shorterThanHeader, notHeld, noMemory, noSpace, ioFailed. A failed direct write keeps the hold
-// and cuts the file back.
+// shorterThanHeader, notHeld, noMemory, noSpace, ioFailed. If a page write straight to the file
+// fails, the hold goes on and the file is cut back to `pageCount` pages. If the write-back of a
+// full block fails, the hold ends, all collected pages are lost, and `pageCount` is the page before
+// them.
 QZ_EXPORT qz::Status qzpwrite(qz::FileHandle* handle, qz::PageRequest* request,
                               qz::Journal* journal) noexcept;
 

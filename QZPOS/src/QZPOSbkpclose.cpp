@@ -17,7 +17,7 @@ bool isToBeRemoved(const FileHandle& h, std::uint32_t flags) {
   return h.pageCount == 0 && h.fileSize == 0 && h.writeAccess != noWrite;
 }
 
-void settleWriteBlock(FileHandle* h, FirstFailure* result, Journal* journal) {
+void writeBackAndFreeWriteBlock(FileHandle* h, FirstFailure* result, Journal* journal) {
   if (h->writeBlock == nullptr) return;
   if (h->writeBlock->dirtyPages != 0) result->note(bkpwriteblock(h, journal));
   if (h->writeBlock == nullptr) return;  // freed by a replaced qzptruncate that closed the file
@@ -71,7 +71,7 @@ Status close(FileHandle* h, std::uint32_t flags, Journal* journal) {
   }
   const bool remove = isToBeRemoved(*h, flags);
   FirstFailure result;
-  settleWriteBlock(h, &result, journal);
+  writeBackAndFreeWriteBlock(h, &result, journal);
   if (h->hostFile == nullptr) return result.status();
   if ((h->openOptions & optionFlushAtClose) != 0) {
     const Status flushed = flushThroughTable(h, journal);

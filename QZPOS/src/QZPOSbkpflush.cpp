@@ -21,7 +21,7 @@ std::int32_t synchronise(int fd) {
 Status flush(FileHandle* h, Journal* journal) {
   if (!isOpen(*h)) return Status::notOpen;
   if (h->writeAccess == noWrite) return Status::notWritable;
-  const Status written = hasCollected(*h) ? bkpwriteblock(h, journal) : Status::ok;
+  const Status written = hasCollectedPages(*h) ? bkpwriteblock(h, journal) : Status::ok;
   const std::int32_t error = synchronise(h->fd);
   if (error == 0) return written;
   h->lastErrno = error;

@@ -102,7 +102,7 @@ Status closeShortBlock(FileHandle* h, BlockRecord* block, std::int32_t available
 Status readFromBlock(FileHandle* h, PageRequest* request, Journal* journal) {
   const std::int64_t page = request->pageNumber;
   BlockRecord* block = nullptr;
-  if (isCollected(*h, page)) {
+  if (isCollectedPage(*h, page)) {
     const Status written = bkpwriteblock(h, journal);
     if (written != Status::ok) return written;
     // The page is read from the file, even if an older copy of its block is cached.

@@ -50,7 +50,7 @@ qz::Status qzpreopen(qz::FileHandle* h, const qz::AccessHints* hints,
   if (!isOpen(*h)) return reportThenKeep(h, Status::notOpen, journal);
   const std::uint32_t oldMode = h->directIoMode;
   const bool wasBlockMode = inBlockMode(*h);
-  if (hasCollected(*h)) {
+  if (hasCollectedPages(*h)) {
     const Status written = bkpwriteblock(h, journal);
     if (written != Status::ok) return keep(h, written);
   }

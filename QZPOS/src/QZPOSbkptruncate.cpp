@@ -1,7 +1,7 @@
-// qzptruncate: cuts the file to a page count and removes the pages beyond the new end from the
-// cache. What the caller holds is left alone. The walks stop at the first empty record: a cached
-// page beyond the end that they do not reach is never served: reads end at `pageCount`, and an
-// append of a page in its range empties it first.
+// qzptruncate: truncates the file to a page count and removes the pages beyond the new end from the
+// cache. What the caller holds stays as it is. The walks stop at the first empty record. A page
+// beyond the end may stay cached behind it, but no read asks for it, and an append of a page in its
+// range empties it.
 #include "io.h"
 #include "records.h"
 
@@ -10,8 +10,8 @@ namespace {
 
 // Removes collected pages beyond the new end and writes those before it. A failure of the write has
 // been stored and reported.
-Status settleWriteBlock(FileHandle* h, std::int64_t newPageCount, Journal* journal) {
-  if (!inBlockMode(*h) || !isCollecting(*h)) return Status::ok;
+Status dropCollectedBeyond(FileHandle* h, std::int64_t newPageCount, Journal* journal) {
+  if (!inBlockMode(*h) || !writeBlockBegun(*h)) return Status::ok;
   BlockRecord* block = h->writeBlock;
   if (newPageCount < block->firstPage) {
     resetWriteBlock(block);
@@ -24,7 +24,7 @@ Status settleWriteBlock(FileHandle* h, std::int64_t newPageCount, Journal* journ
   return bkpwriteblock(h, journal);
 }
 
-Status cutFile(FileHandle* h, std::int64_t newPageCount) {
+Status truncateFile(FileHandle* h, std::int64_t newPageCount) {
   // The system refuses an end that no file can have.
   const std::int64_t end = wholeFileBytes(newPageCount, h->pageSize, h->headerSize).value_or(-1);
   if (lseek64(h->fd, end, SEEK_SET) == -1 || ftruncate64(h->fd, end) == -1) {
@@ -37,7 +37,7 @@ Status cutFile(FileHandle* h, std::int64_t newPageCount) {
   return Status::ok;
 }
 
-void cutFreeBlocks(FileHandle* h, std::int64_t newPageCount) {
+void truncateFreeBlocks(FileHandle* h, std::int64_t newPageCount) {
   BlockRecord* nearer = nullptr;
   for (BlockRecord* block = h->blockFreeList.tail; block != nullptr && block->firstPage > 0;
        block = nearer) {
@@ -53,7 +53,7 @@ void cutFreeBlocks(FileHandle* h, std::int64_t newPageCount) {
   }
 }
 
-void cutFreePages(FileHandle* h, std::int64_t newPageCount) {
+void truncateFreePages(FileHandle* h, std::int64_t newPageCount) {
   PageBuffer* nearer = nullptr;
   for (PageBuffer* buffer = h->pageFreeList.tail; buffer != nullptr && buffer->pageNumber > 0;
        buffer = nearer) {
@@ -71,14 +71,14 @@ qz::Status qzptruncate(qz::FileHandle* h, std::int64_t newPageCount,
   if (newPageCount > h->pageCount || newPageCount < 0) {
     return fail(h, Status::pageOutOfRange, journal);
   }
-  const Status settled = settleWriteBlock(h, newPageCount, journal);
+  const Status settled = dropCollectedBeyond(h, newPageCount, journal);
   if (settled != Status::ok) return settled;
-  const Status cut = cutFile(h, newPageCount);
-  if (cut != Status::ok) return fail(h, cut, journal);
+  const Status truncated = truncateFile(h, newPageCount);
+  if (truncated != Status::ok) return fail(h, truncated, journal);
   if (inBlockMode(*h)) {
-    cutFreeBlocks(h, newPageCount);
+    truncateFreeBlocks(h, newPageCount);
   } else {
-    cutFreePages(h, newPageCount);
+    truncateFreePages(h, newPageCount);
   }
   return keep(h, Status::ok);
 }

@@ -1,9 +1,9 @@
 // qzpwrite: stores one page and ends the caller's hold on the buffer that it came from.
 //
-// A page goes straight to the file, except in block mode where appended pages are collected in
-// the write block, beginning at a block boundary, and pages being collected are rewritten there.
-// Then the cache is updated: copies that nobody holds are emptied, copies in held
-// blocks are updated, and in page mode the written buffer becomes the cached copy.
+// In block mode an appended page that begins a block goes to the write block, and so do the pages
+// appended after it. A rewrite of a collected page changes it there. All other pages go straight to
+// the file. Then the cache is updated: copies that nobody holds are emptied, copies in held blocks
+// are updated, and in page mode the written buffer becomes the cached copy.
 #include <cstring>
 
 #include "find.h"
@@ -36,7 +36,7 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
   if (source->block != nullptr && !liesWithin(h, *source->block, r)) return Status::notHeld;
   if (source->foundIn == FoundIn::writeBlock) {
     // Callers do not hold this address, so no hold ends. It may only rewrite the page at its place.
-    if (!inBlockMode(h) || !isCollected(h, r.pageNumber)) return Status::notHeld;
+    if (!inBlockMode(h) || !isCollectedPage(h, r.pageNumber)) return Status::notHeld;
     source->block = nullptr;
   }
   return Status::ok;
@@ -45,12 +45,12 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
 // The write block takes rewrites of its own pages, and appended pages once it has begun; it begins
 // with a page at a block boundary. When a replaced qzptruncate does not cut back after a failed
 // write-back, the block keeps its pages: it may be full, or lack the file's last pages. Then the
-// page goes to the file directly.
+// page goes straight to the file.
 bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
   if (!inBlockMode(h) || h.writeBlock == nullptr) return false;
-  if (isCollected(h, page)) return true;
+  if (isCollectedPage(h, page)) return true;
   if (page <= h.pageCount) return false;
-  if (isCollecting(h)) {
+  if (writeBlockBegun(h)) {
     return page - 1 == h.writeBlock->lastPage &&
            extentContains(*h.writeBlock, page, h.pagesPerBlock);
   }
@@ -85,7 +85,7 @@ void updateBlocks(FileHandle* h, std::int64_t page, const char* stored) {
 // Copies the page into the write block, and says where it lies there.
 const char* collect(FileHandle* h, const PageRequest& r) {
   BlockRecord* block = h->writeBlock;
-  if (!isCollecting(*h)) block->firstPage = r.pageNumber;
+  if (!writeBlockBegun(*h)) block->firstPage = r.pageNumber;
   char* slot = slotOf(*h, *block, r.pageNumber);
   // The source may be the slot itself, or overlap it.
   std::memmove(slot, r.buffer, static_cast<std::size_t>(r.length));
@@ -110,12 +110,13 @@ Transfer writePage(const FileHandle& h, const PageRequest& r, const void* source
   return writeAt(h.fd, source, r.length, pageOffset(h, r.pageNumber));
 }
 
-Status judgeDirectWrite(FileHandle* h, const PageRequest& r, const Transfer& transfer,
-                        Journal* journal) {
+Status judgeFileWrite(FileHandle* h, const PageRequest& r, const Transfer& transfer,
+                      Journal* journal) {
   if (transfer.failed()) h->lastErrno = transfer.error;
   const Status status = judgeWrite(transfer, r.length);
   if (status != Status::ok) {
-    // Cuts away whatever part of a new page reached the file.
+    // Removes the part of a new page that reached the file. In block mode this writes collected
+    // pages back first; if that fails, they are lost.
     truncateThroughTable(h, h->pageCount, journal);
     return status;
   }
@@ -134,7 +135,7 @@ void* copyAligned(const FileHandle& h, const PageRequest& r) {
   return copy;
 }
 
-Status writeDirectly(FileHandle* h, const PageRequest& r, Journal* journal) {
+Status writeToFile(FileHandle* h, const PageRequest& r, Journal* journal) {
   void* bounce = nullptr;
   if (needsBounce(*h, r)) {
     bounce = copyAligned(*h, r);
@@ -142,7 +143,7 @@ Status writeDirectly(FileHandle* h, const PageRequest& r, Journal* journal) {
   }
   const Transfer transfer = writePage(*h, r, bounce != nullptr ? bounce : r.buffer);
   if (bounce != nullptr) freeMemory(h->module->bufferPool, bounce);
-  return judgeDirectWrite(h, r, transfer, journal);
+  return judgeFileWrite(h, r, transfer, journal);
 }
 
 // Empties a held buffer. Rare, so it is not inlined into the common write.
@@ -205,12 +206,13 @@ Status store(FileHandle* h, const PageRequest& r, Journal* journal) {
   if (goesToWriteBlock(*h, r.pageNumber)) {
     stored = collect(h, r);
     const std::uint32_t closes = h->closes;
-    // A full write block that could not be written does not keep the hold.
+    // If the write-back fails, the caller's hold ends all the same, below.
     status = writeBlockWhenFull(h, journal);
-    // A replaced qzptruncate may have closed the file, and so freed every record.
+    // The cut-back calls qzptruncate through the table. A replaced one may have closed the file,
+    // and so freed every record.
     if (h->closes != closes) return status;
   } else {
-    status = writeDirectly(h, r, journal);
+    status = writeToFile(h, r, journal);
     if (status != Status::ok) return status;
   }
   updateBlocks(h, r.pageNumber, stored);

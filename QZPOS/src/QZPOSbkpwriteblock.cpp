@@ -1,5 +1,5 @@
-// bkpwriteblock: writes the pages that the write block has collected, with one call. Where that
-// fails the pages are lost, and the file is cut back to what it held before them.
+// bkpwriteblock: writes the pages that the write block has collected, with one call. If that fails,
+// they are lost, and the file is cut back to the page before the first of them.
 #include "io.h"
 #include "records.h"
 
@@ -15,6 +15,10 @@ Status writeCollected(FileHandle* h, Journal* journal) {
   if (transfer.failed()) h->lastErrno = transfer.error;
   const Status status = judgeWrite(transfer, bytes);
   if (status != Status::ok) {
+    // The last page becomes the one before the first collected page. qzptruncate then empties the
+    // write block (dropCollectedBeyond), because all collected pages lie beyond the new end; with a
+    // larger page count it would write the block again and come back here. If the truncate fails,
+    // its status is only in the journal: the caller gets the status of the write.
     truncateThroughTable(h, block->firstPage - 1, journal);
     return status;
   }
@@ -28,7 +32,7 @@ Status writeCollected(FileHandle* h, Journal* journal) {
 
 Status bkpwriteblock(FileHandle* h, Journal* journal) {
   if (!isOpen(*h)) return fail(h, Status::notOpen, journal);
-  return finish(h, hasCollected(*h) ? writeCollected(h, journal) : Status::ok, journal);
+  return finish(h, hasCollectedPages(*h) ? writeCollected(h, journal) : Status::ok, journal);
 }
 
 }  // namespace qz

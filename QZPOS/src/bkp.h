@@ -23,7 +23,7 @@ Status bkpdoopen(FileHandle* h, OpenKind kind, std::uint32_t openMode, const Acc
 Status bkpbuffersetup(FileHandle* h, OpenKind kind, Journal* journal);
 
 // Writes the collected pages; ok when there are none. Stores and reports a failure, after which
-// the pages are lost and the file is cut back to the pages before the write block.
+// the pages are lost and the file is cut back to the page before the first collected one.
 Status bkpwriteblock(FileHandle* h, Journal* journal);
 
 // The free record to use next, emptied and still on its free list: an empty one, else the one

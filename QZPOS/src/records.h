@@ -223,18 +223,20 @@ inline void resetWriteBlock(BlockRecord* block) {
   block->dirtyPages = 0;
 }
 
-inline bool isCollecting(const FileHandle& h) {
+// True from the first collected page until the write-back or the truncate that drops the pages.
+inline bool writeBlockBegun(const FileHandle& h) {
   return h.writeBlock != nullptr && h.writeBlock->firstPage != 0;
 }
 
-// True while there are pages that a write-back would write.
-inline bool hasCollected(const FileHandle& h) {
+// True while there are pages that a write-back would write. In block mode the same as
+// writeBlockBegun; a block left over from before a reopen into page mode is not written.
+inline bool hasCollectedPages(const FileHandle& h) {
   return inBlockMode(h) && h.writeBlock != nullptr && h.writeBlock->dirtyPages != 0;
 }
 
 // True for a page that so far only the write block has.
-inline bool isCollected(const FileHandle& h, std::int64_t page) {
-  return isCollecting(h) && coversPage(*h.writeBlock, page);
+inline bool isCollectedPage(const FileHandle& h, std::int64_t page) {
+  return writeBlockBegun(h) && coversPage(*h.writeBlock, page);
 }
 
 // Puts a block that the caller is about to hold on the held list, if it is not there.

@@ -76,7 +76,8 @@ TEST_F(WholeFileTest, CloseFlushesFirstWhereAsked) {
 
 // Later failures of the clean-up must not hide the one that lost pages.
 TEST_F(WholeFileTest, CloseKeepsItsFirstFailure) {
-  // Releases 1 and 3 of the plan are the report's text buffer and the stale bits.
+  // The first three releases (the report's text buffer, stale bits and data of the write block)
+  // hold; the fourth and fifth, of its record and of the next block's stale bits, fail.
   play(R"(
     open block 4 2; writeOwn 5
     fail pwrite with ENOSPC and memFree number 4 times 2 with hostForeignBlock

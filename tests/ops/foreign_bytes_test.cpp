@@ -315,7 +315,8 @@ TEST_F(ReplacedEntriesTest, ACloseThatReadsAndWritesOtherPagesOfTheShortFile) {
   }
 }
 
-// As a caller should do who learns that the file could not be cut back.
+// A host's qzptruncate that closes the file, as a host should that cannot cut it back. The records
+// of the handle are freed while a write uses them.
 Status truncateOrClose(qz::FileHandle* file, std::int64_t, qz::Journal* log) {
   file->ops->operations.qzpclose(file, 0, log);
   return Status::notTruncated;
@@ -340,8 +341,9 @@ TEST_F(ReplacedEntriesTest, ATruncateThatClosesTheFileAfterAFailedWriteBack) {
   EXPECT_EQ(h->hostFile, nullptr);
 }
 
-// A cut-back that was left undone leaves collected pages behind. The page that is appended next
-// must reach the file.
+// A host's qzptruncate may do nothing. After a failed write-back the write block then still has
+// pages 5 and 6 of 7, and the next append must go straight to the file. The calls bypass the
+// script's checks because the write block's invariant does not hold here.
 TEST_F(ReplacedEntriesTest, AnAppendAfterACutBackThatWasLeftUndone) {
   openWith(Shape::block, 4);
   for (const std::int64_t page : {5, 6, 7}) ASSERT_EQ(writeOwn(page), Status::ok);

@@ -128,6 +128,20 @@ TEST_F(PagesTest, BlockModeEndsHoldsAndUpdatesBlocks) {
     read 3:5 -> ok pread 16384@4096)");
 }
 
+// A failed write-back loses all collected pages, and only these: the file is cut back to the page
+// before the first of them. A wrong page count shows in the ftruncate and in pageCount.
+TEST_F(PagesTest, AFailedWriteBackCutsTheFileBackToThePageBeforeTheCollectedOnes) {
+  playRows(R"(
+    open block 4; writeOwn 5 6 7; fail pwrite <fault>
+    <step> -> <status> pwrite <call> lseek 20480 ftruncate 20480 {report <status>, report <status>}
+    is pageCount 4 fileSize 20480 nextPage 5; bytes -> 20480; close)",
+           R"(
+fault | step | status | call
+with EIO | read 5 | ioFailed | 12288@20480!EIO
+half | read 6 | noSpace | 12288@20480=6144
+with ENOSPC | writeOwn 8 | noSpace | 16384@20480!ENOSPC)");
+}
+
 // An address inside the write block ends no hold.
 TEST_F(PagesTest, BlockModeRewritesCollectedPagesInPlace) {
   play(R"(

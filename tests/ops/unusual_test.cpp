@@ -156,6 +156,7 @@ class InternalCallTest : public ScriptTest {
 };
 
 TEST_F(InternalCallTest, GoThroughTheTable) {
+  // A script, and the internal calls that it makes, with their arguments.
   const std::pair<const char*, std::string> rows[] = {
       {"set hostPageSize 0; choosePageSize 0 0 0", "info "},
       {"file 2; settle buffered; set hostPageSize 0; open", "info "},
