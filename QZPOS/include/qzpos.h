@@ -26,7 +26,7 @@ enum class Status : std::uint32_t {
   noFileName = 0x803FC805,    // none set, or the host cannot use it
   noDescriptor = 0x803FC806,  // the host has no file descriptor left
   busy = 0x803FC807,
-  ioFailed = 0x803FC808,         // a system call or a release failed
+  ioFailed = 0x803FC808,         // a system call failed, or the host refused to free memory
   notRemoved = 0x803FC809,       // the file could not be removed or released
   inexactPageSize = 0x803FC80A,  // a page size was chosen, but not as requested
   endOfFile = 0x803FC80B,        // never reported to a journal
@@ -154,10 +154,9 @@ struct BlockRecord {
   std::int64_t blockNumber;  // 0: empty, or the write block
   std::int64_t firstPage;    // 0: empty
   std::int64_t lastPage;     // 0: empty
-  std::int64_t holdCount;    // holds not yet ended
+  std::int64_t holdCount;    // one for each page that was read, or 1: acquired whole
   std::int64_t lastPageHandedOut;
-  std::int64_t
-      validBytes;  // bytes of `data` that were read, or written behind those; less after a truncate
+  std::int64_t validBytes;  // from the start of `data`; negative: the read failed
   std::int64_t dirtyPages;  // write block only: pages collected, not yet written
   std::int32_t readErrno;   // of the last failed read
   std::uint8_t* staleBits;  // bit i % 8 of byte i / 8: read page firstPage + i again
@@ -239,12 +238,12 @@ struct FileHandle {
   std::uint32_t hostErrorDetail2;
   char fsTypeName[8];  // "linux" or "nfs"; empty: not tested
 
-  // The module's own, behind what the contract gives.
+  // Fields that only the module uses, behind those of the contract.
   RecordIndex* index;            // null: few records, or no memory for it
   std::int32_t emptyFreePages;   // records without a page on pageFreeList
   std::int32_t emptyFreeBlocks;  // records without pages on blockFreeList
-  std::uint8_t sizeUnknown;      // 1: not open since the host opened it; `fileSize` is the caller's
-  std::uint32_t closes;          // completed; records of before the last one are gone
+  std::uint8_t sizeUnknown;      // 1: qzpopen has not succeeded yet; `fileSize` is the caller's
+  std::uint32_t closes;          // completed; the last one freed all records made before it
 };
 static_assert(std::is_standard_layout_v<FileHandle>);
 static_assert(atContractOffset(offsetof(FileHandle, eyecatcher), 0));
@@ -443,8 +442,8 @@ QZ_EXPORT qz::FileHandle* qzpgetmemhandle(qz::ExtensionObject* module,
 QZ_EXPORT qz::Status qzpfreememhandle(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
 // Copies `length` characters of UTF-32 path into the handle and, when the name needed a new
-// buffer, runs qzpinfo. alreadyOpen, badArgument (negative length; old name not released),
-// noMemory.
+// buffer, runs qzpinfo. alreadyOpen, badArgument (negative length, or the host refused to free the
+// old name), noMemory.
 QZ_EXPORT qz::Status qzpsetfilename(qz::FileHandle* handle, const char32_t* name,
                                     std::int32_t length, qz::Journal* journal) noexcept;
 
@@ -486,9 +485,9 @@ QZ_EXPORT qz::Status qzpclose(qz::FileHandle* handle, std::uint32_t flags,
                               qz::Journal* journal) noexcept;
 
 // Applies new access hints to an open file; its buffers are rebuilt when the I/O mode changes
-// shape. Held buffers stay valid. reopenFailed, unreported: the file goes on as before. ioFailed,
-// noMemory: the new hints are in force, but buffers may be missing; close the file. A failed
-// write-back returns its own status and changes no hints.
+// shape. Held buffers stay valid. reopenFailed, unreported: the file stays open as it was.
+// ioFailed, noMemory: the new hints are in force, but buffers may be missing; close the file. A
+// failed write-back returns its own status and changes no hints.
 QZ_EXPORT qz::Status qzpreopen(qz::FileHandle* handle, const qz::AccessHints* hints,
                                qz::Journal* journal) noexcept;
 
@@ -497,11 +496,11 @@ QZ_EXPORT qz::Status qzpreopen(qz::FileHandle* handle, const qz::AccessHints* hi
 // reports only a file that cannot be opened for removal.
 QZ_EXPORT qz::Status qzpdelete(qz::FileHandle* handle, qz::Journal* journal) noexcept;
 
-// Hands out a page: request->buffer is its address inside a module buffer, held until one qzpwrite
-// or qzpbufreturn of that address. Block mode sets request->length to the bytes available there.
-// endOfFile, pageOutOfRange, readOutOfSequence, noBuffer, ioFailed; misfit: the page came back
-// short (page mode: request->length bytes) and the file was closed; the failures of writing back
-// collected pages.
+// Reads a page in place: request->buffer is its address inside a module buffer, held until one
+// qzpwrite or qzpbufreturn of that address. Block mode sets request->length to the bytes available
+// there. endOfFile, pageOutOfRange, readOutOfSequence, noBuffer, ioFailed; misfit: the page came
+// back short (page mode: request->length bytes) and the file was closed; the failures of writing
+// back collected pages.
 QZ_EXPORT qz::Status qzpread(qz::FileHandle* handle, qz::PageRequest* request,
                              qz::Journal* journal) noexcept;
 
@@ -538,8 +537,8 @@ QZ_EXPORT qz::Status qzpflush(qz::FileHandle* handle, qz::Journal* journal) noex
 QZ_EXPORT qz::Status qzpwritehdr(qz::FileHandle* handle, const void* header,
                                  std::int32_t* lengthInOut, qz::Journal* journal) noexcept;
 
-// Hands out an empty buffer to fill and write: `pageSize` bytes in page mode, a whole block in
-// block mode. Held like a page that was read. noBuffer.
+// Gives the caller an empty buffer to fill and write: `pageSize` bytes in page mode, a whole block
+// in block mode. It is held like a page that was read. noBuffer.
 QZ_EXPORT qz::Status qzpbufacquire(qz::FileHandle* handle, void** bufferOut,
                                    qz::Journal* journal) noexcept;
 

@@ -25,7 +25,7 @@ Status removeFile(FileHandle* h, Journal* journal) {
   }
   parameters.removeAtClose = 1;
   if (closeHostFile(h->hostFile, &parameters, journal) != 0) {
-    // The caller may give the deletion up and close the handle: the file is not known to be empty.
+    // If the caller closes the handle now, the close must not take the file for empty.
     h->sizeUnknown = 1;
     return Status::notRemoved;
   }

@@ -1,7 +1,7 @@
 // bkperror: one journal entry for a failure, its text followed by the line that names the file.
 //
 // The journal formats into our buffer; where a text does not fit, the buffer grows in fixed
-// steps and the text is formatted anew. Nothing here changes the handle.
+// steps and the text is formatted again. Nothing here changes the handle.
 #include <algorithm>
 #include <array>
 #include <cstring>

@@ -84,8 +84,8 @@ Status openBuffers(FileHandle* h, Journal* journal) {
     return status;
   }
   closeThroughTable(h, h->openMode == openOrKeep ? 0 : kRemoveFile, journal);
-  // A close that a host replaced may have left the file attached. It is not to be opened again over
-  // the buffers made so far: the page size may be another one by then.
+  // A replaced qzpclose may have left the file attached. The next open must be refused then: it may
+  // have another page size than the buffers that exist.
   h->stateFlags &= ~std::uint32_t{statePreopened};
   return keep(h, status);
 }

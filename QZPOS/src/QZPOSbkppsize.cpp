@@ -30,7 +30,7 @@ struct Bounds {
   std::int64_t high;
 };
 
-// Puts defaults in the place of bounds that were not given.
+// Replaces bounds that were not given with defaults.
 Bounds fillBounds(const FileHandle& h, Bounds given) {
   Bounds b = given;
   if (b.low == 0 && b.high == 0) return {h.defaultPageSize, h.autoPageSizeLimit};

@@ -58,12 +58,12 @@ std::int32_t refreshPage(FileHandle* h, BlockRecord* block, std::int64_t page) {
   return static_cast<std::int32_t>(transfer.result);
 }
 
-// Bytes from the page on that the block read brought: of the block's last page all that came, of
-// the others no more than the page. Negative when the read failed or ended before the page.
+// The page's bytes that the read of its block returned: at most `pageSize`, but all bytes from its
+// start for the block's last page. Negative when the read failed or ended before the page.
 std::int32_t bytesAvailable(const FileHandle& h, const BlockRecord& block, std::int64_t page) {
-  const auto brought = static_cast<std::int32_t>(block.validBytes);  // no more than a block has
-  if (brought < 0) return brought;
-  const std::int32_t available = brought - slotBegin(block, page, h.pageSize);
+  const auto valid = static_cast<std::int32_t>(block.validBytes);  // at most `blockBytes`
+  if (valid < 0) return valid;
+  const std::int32_t available = valid - slotBegin(block, page, h.pageSize);
   return page == block.lastPage ? available : std::min(available, h.pageSize);
 }
 
@@ -82,8 +82,8 @@ void giveAddress(FileHandle* h, PageRequest* request, char* address) {
 }
 
 // The page came short: closes the file. During the close the block counts as held, so that a
-// replaced qzpclose leaves it on its list. If the file is still open afterwards and nobody else
-// holds the block, it goes back to the free list, empty: its short contents are not used again.
+// replaced qzpclose leaves it on its list. If the file is still open afterwards and the block has
+// no other hold, it goes back to the free list, empty: its short contents are not used again.
 Status closeShortBlock(FileHandle* h, BlockRecord* block, std::int32_t available,
                        Journal* journal) {
   const std::uint32_t closes = h->closes;
@@ -130,10 +130,11 @@ struct PageRead {
   std::int32_t error;  // of a read made now
 };
 
-// Reads the page into the first free buffer, an emptied one or the one released longest ago: what
-// was used last is the likeliest to be read again. Caches whatever came of it. An interrupted read
-// is not repeated: the file stays open, and the caller decides whether to go on. (A block read is
-// repeated, because its failure closes the file, and a signal is no reason for that.)
+// Reads the page into the first free buffer: an empty one, else the one returned longest ago, as
+// the pages used last are the likeliest to be read again. The buffer enters the tree even if the
+// read failed or came short. An interrupted read is not repeated: the file stays open, and the
+// caller decides whether to go on. (A block read is repeated, because its failure closes the file,
+// and a signal is no reason for that.)
 PageRead fillPage(FileHandle* h, std::int64_t page) {
   PageBuffer* buffer = h->pageFreeList.head;
   if (buffer == nullptr) return {nullptr, 0};
@@ -153,7 +154,7 @@ Status readFromPage(FileHandle* h, PageRequest* request, Journal* journal) {
   if (buffer == nullptr) return Status::noBuffer;
   if (buffer->validBytes == 0) return Status::endOfFile;
   if (buffer->validBytes < 0) {
-    // The error number of an earlier failed read is not kept.
+    // 0: the read failed earlier, and its error number was not stored.
     if (read.error != 0) h->lastErrno = read.error;
     return Status::ioFailed;
   }

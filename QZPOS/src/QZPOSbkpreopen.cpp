@@ -1,6 +1,6 @@
-// qzpreopen: applies new access hints to an open file. The host reopens the file, the choice of
-// I/O is made anew, and where it changes between single pages and blocks the free records of the
-// old shape are replaced. What the caller holds stays valid and is freed when its hold ends.
+// qzpreopen: applies new access hints to an open file. The host reopens the file, the mode
+// of I/O is chosen again, and where it changes between single pages and blocks the free records of
+// the old shape are replaced. What the caller holds stays valid and is freed when its hold ends.
 #include "records.h"
 
 namespace qz {

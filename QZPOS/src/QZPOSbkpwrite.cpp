@@ -35,15 +35,16 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
   if (source->block == nullptr && source->buffer == nullptr) return Status::notHeld;
   if (source->block != nullptr && !liesWithin(h, *source->block, r)) return Status::notHeld;
   if (source->foundIn == FoundIn::writeBlock) {
-    // Callers do not hold this address, so no hold ends. It may only rewrite the page at its place.
+    // Callers hold no address in the write block, so no hold ends. Only collected pages may be
+    // written from there.
     if (!inBlockMode(h) || !isCollectedPage(h, r.pageNumber)) return Status::notHeld;
     source->block = nullptr;
   }
   return Status::ok;
 }
 
-// The write block takes rewrites of its own pages, and appended pages once it has begun; it begins
-// with a page at a block boundary. When a replaced qzptruncate does not cut back after a failed
+// The write block takes rewrites of the pages that it collected, and further appended pages; its
+// first page lies at a block boundary. When a replaced qzptruncate does not cut back after a failed
 // write-back, the block keeps its pages: it may be full, or lack the file's last pages. Then the
 // page goes straight to the file.
 bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
@@ -57,8 +58,8 @@ bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
   return beginsBlock(page, h.pagesPerBlock);
 }
 
-// A held copy of the page takes the bytes that were stored, and says where it has them now. Its
-// range grows only where they join on to what it has.
+// Copies the stored bytes into a held block and returns their address there. The block's range of
+// pages grows only if the page adjoins it.
 const char* updateHeldBlock(const FileHandle& h, BlockRecord* block, std::int64_t page,
                             const char* stored) {
   char* slot = slotOf(h, *block, page);
@@ -71,8 +72,8 @@ const char* updateHeldBlock(const FileHandle& h, BlockRecord* block, std::int64_
   return slot;
 }
 
-// Every copy takes the bytes from where the last one was made: the caller's address may overlap a
-// place that has just been written.
+// Copies each time from the copy made last: the caller's bytes may overlap a slot that has just
+// been overwritten.
 [[gnu::noinline]] void updateCopies(FileHandle* h, std::int64_t page, const char* stored) {
   settleCopies(h, page,
                [&](BlockRecord* block) { stored = updateHeldBlock(*h, block, page, stored); });
@@ -82,7 +83,7 @@ void updateBlocks(FileHandle* h, std::int64_t page, const char* stored) {
   if (h->blocksAllocated != 0) updateCopies(h, page, stored);
 }
 
-// Copies the page into the write block, and says where it lies there.
+// Copies the page into the write block and returns its address there.
 const char* collect(FileHandle* h, const PageRequest& r) {
   BlockRecord* block = h->writeBlock;
   if (!writeBlockBegun(*h)) block->firstPage = r.pageNumber;
@@ -101,7 +102,7 @@ Status writeBlockWhenFull(FileHandle* h, Journal* journal) {
   return h->writeBlock->dirtyPages == h->pagesPerBlock ? bkpwriteblock(h, journal) : Status::ok;
 }
 
-// Direct I/O takes the caller's own memory only when it is aligned; else through a copy.
+// Direct I/O needs aligned memory: the caller's own is copied when it is not.
 bool needsBounce(const FileHandle& h, const PageRequest& r) {
   return (r.flags & kCallersMemory) != 0 && usesDirectIo(h) && !isAligned(r.buffer);
 }
@@ -163,8 +164,8 @@ void cacheWritten(FileHandle* h, PageBuffer* buffer, const PageRequest& r) {
 }
 
 // Another buffer's copy of the page is out of date. A free one is emptied. A held one keeps its
-// bytes and leaves the tree, except after a rewrite from the caller's own memory. A copy of an
-// appended page is of a page that was truncated away.
+// bytes and leaves the tree, except after a rewrite from the caller's own memory. A cached copy of
+// a page that is appended now dates from before a truncate that removed the page.
 void updatePages(FileHandle* h, const PageRequest& r, PageBuffer* written, bool appended) {
   if (h->pageTree == nullptr || (isEmpty(h->pageFreeList) && isEmpty(h->pageHeldList))) return;
   PageBuffer* cached = findPage(*h, &r.pageNumber);
@@ -209,7 +210,7 @@ Status store(FileHandle* h, const PageRequest& r, Journal* journal) {
     // If the write-back fails, the caller's hold ends all the same, below.
     status = writeBlockWhenFull(h, journal);
     // The cut-back calls qzptruncate through the table. A replaced one may have closed the file,
-    // and so freed every record.
+    // which frees every record.
     if (h->closes != closes) return status;
   } else {
     status = writeToFile(h, r, journal);

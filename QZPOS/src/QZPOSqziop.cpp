@@ -1,8 +1,9 @@
 // qziop: what the host loads the module for. Makes the pools, the tree extension and the
 // converter, and returns the extension object with the operation table.
 //
-// Each release on the way out of a failure is journalled when the host refuses it; the reason of
-// the failure itself is the host's to report, except for the extension object's own memory.
+// When a step fails, what the steps before it made is released; a release that the host refuses is
+// journalled. The host reports why the step failed; qziop itself reports only that there is no
+// memory for the extension object.
 #include <cstring>
 
 #include "hostcalls.h"
@@ -46,7 +47,8 @@ void stamp(ExtensionObject* module, QZHandle* host) {
   module->operations = kOperations;
 }
 
-// The tree extension and the converter. Null: neither is left, and the object is freed.
+// Makes the tree extension and the converter. On failure it releases both, frees the object and
+// returns null.
 ExtensionObject* loadServices(ExtensionObject* module, QZHandle* host, Journal* journal) {
   MemoryPool* modulePool = module->modulePool;
   module->eavl = host->extensionLoad(host, U"qzeavl", 6, journal);

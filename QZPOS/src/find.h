@@ -21,14 +21,14 @@ inline BlockRecord* findBlockOfPage(const FileHandle& h, std::int64_t page) {
   return h.blocksAllocated == 0 ? nullptr : findListedBlock(h, page);
 }
 
-// Calls visit(block) for every held block that has room for the page, after having emptied every
-// free one. There can be several: a truncate leaves held blocks as they are, and the pages beyond
+// Empties every free block that has room for the page, then calls visit(block) for every held one.
+// There can be several: a truncate leaves held blocks as they are, and the pages beyond
 // the new end may be appended again and read into another block. visit must not renumber blocks.
 template <class Visit>
 void settleCopies(FileHandle* h, std::int64_t page, Visit visit) {
   if (h->index != nullptr) {
     const std::int64_t blockNumber = blockOfPage(page, h->pagesPerBlock);
-    // A block that is emptied loses its number, so each of them is looked up afresh.
+    // An emptied block loses its number, so each step looks up the first one left.
     while (BlockRecord* block = h->index->freeBlock(blockNumber)) emptyFreeBlock(h, block);
     h->index->visitBlocks(blockNumber, visit);
     return;
@@ -52,7 +52,7 @@ inline bool coversAddress(const FileHandle& h, const BlockRecord& block, const v
 // so at most one does.
 BlockRecord* findListedBlockAt(const FileHandle& h, const void* address, FoundIn* foundIn);
 
-// The same, with the ends of the held list first: callers mostly return the oldest or the
+// The same, but tries the ends of the held list first: callers mostly return the oldest or the
 // newest.
 inline BlockRecord* findBlockAt(const FileHandle& h, const void* address, FoundIn* foundIn) {
   *foundIn = FoundIn::heldList;
@@ -75,14 +75,14 @@ inline PageBuffer* findBufferAt(const FileHandle& h, const void* address) {
   return findListedBufferAt(h, address);
 }
 
-// What an address of the caller's belongs to: one record, or none.
+// The record that an address of the caller's belongs to: a block, a page buffer, or none.
 struct Held {
   BlockRecord* block = nullptr;
   FoundIn foundIn = FoundIn::nowhere;  // of the block
   PageBuffer* buffer = nullptr;
 };
 
-// Records of the mode's own shape are looked at first. The write block is among them.
+// Looks at records of the mode's own shape first, the write block included.
 inline void findHeld(const FileHandle& h, const void* address, Held* held) {
   if (inBlockMode(h)) {
     held->block = bkpblockmatch(h, address, &held->foundIn);

@@ -23,7 +23,7 @@ inline HostStatus closeHostFile(HostFile* file, OpenParameters* parameters, Jour
 
 // The page tree over single-page buffers. A reopen whose set-up failed leaves a handle without one.
 
-// The buffer entered under *page, whose address the tree receives as its key. There must be a tree.
+// The buffer of page *page, or null. The tree gets that address as its key. There must be a tree.
 inline PageBuffer* findPage(const FileHandle& h, const std::int64_t* page) {
   return static_cast<PageBuffer*>(h.pageTree->treeFind(&h.pageTree->anchor, page));
 }
@@ -33,8 +33,8 @@ inline void enterPage(const FileHandle& h, PageBuffer* buffer) {
   h.pageTree->treeInsert(&h.pageTree->anchor, buffer);
 }
 
-// Takes the buffer out of the tree, if there is one. An empty buffer's number, 0, is no key of the
-// tree.
+// Takes the buffer out of the tree, if there is a tree. For an empty buffer it changes nothing: its
+// number, 0, is not in the tree.
 inline void takeOutOfTree(const FileHandle& h, const PageBuffer& buffer) {
   if (h.pageTree != nullptr) h.pageTree->treeRemove(&h.pageTree->anchor, &buffer.pageNumber);
 }

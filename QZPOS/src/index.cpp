@@ -62,12 +62,12 @@ bool RecordIndex::reserve(const FileHandle& h, std::int64_t pageBuffers, std::in
   blockBytes_ = std::max(h.blockBytes, 1);
   blockShift_ = static_cast<int>(std::bit_width(static_cast<std::uint32_t>(blockBytes_ - 1)));
   return buffersByAddress_.reserve(bufferEntries) &&
-         blocksByAddress_.reserve(blockEntries * kStretchesOfBlock) &&
+         blocksByAddress_.reserve(blockEntries * kKeysOfBlock) &&
          blocksByNumber_.reserve(blockEntries);
 }
 
 template <class Visit>
-void RecordIndex::visitStretches(const BlockRecord& block, Visit visit) const {
+void RecordIndex::visitAddressKeys(const BlockRecord& block, Visit visit) const {
   const std::uint64_t last = keyOf(block.data + blockBytes_ - 1) >> blockShift_;
   for (std::uint64_t i = keyOf(block.data) >> blockShift_; i <= last; ++i) visit(i);
 }
@@ -86,13 +86,13 @@ void RecordIndex::remove(PageBuffer* buffer) {
 void RecordIndex::add(BlockRecord* block) {
   assert(roomForBlocks_ > 0);
   --roomForBlocks_;
-  visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.insert(stretch, block); });
+  visitAddressKeys(*block, [&](std::uint64_t key) { blocksByAddress_.insert(key, block); });
   if (block->blockNumber != 0) blocksByNumber_.insert(keyOf(block->blockNumber), block);
 }
 
 void RecordIndex::remove(BlockRecord* block) {
   ++roomForBlocks_;
-  visitStretches(*block, [&](std::uint64_t stretch) { blocksByAddress_.erase(stretch, block); });
+  visitAddressKeys(*block, [&](std::uint64_t key) { blocksByAddress_.erase(key, block); });
   if (block->blockNumber != 0) blocksByNumber_.erase(keyOf(block->blockNumber), block);
 }
 
@@ -125,7 +125,7 @@ void indexRecords(FileHandle* h) {
   if (memory == nullptr) return;
   auto* index = new (memory) RecordIndex;
   h->index = index;
-  // With room to grow, so that adding records one by one does not make the index anew each time.
+  // With room to grow, so that adding records one by one does not rebuild the index each time.
   const std::int64_t growth = records / 2;
   if (!index->reserve(*h, h->pageBuffersAllocated + growth, h->blocksAllocated + growth)) {
     freeIndex(h);

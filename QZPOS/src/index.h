@@ -1,10 +1,10 @@
 // Finds buffer records by address and by page without walking their lists.
 //
 // The lists decide what happens; the index only answers what a walk would have found, so that a
-// handle with tens of thousands of buffers is as quick as one with four. A handle with few
-// records goes without until it has grown once: a short walk costs less than a lookup. So does one
-// whose index finds no memory: it is slower, not wrong. The index is the module's own memory, not
-// the host's, and is allocated only where records are made.
+// handle with tens of thousands of buffers is as quick as one with four. A handle with few records
+// has no index until it has grown once, because a short walk costs less than a lookup. Without
+// memory for an index a handle walks its lists: slower, but with the same results. The index comes
+// from the C library's heap, not from the host, and is allocated only where records are made.
 #pragma once
 
 #include <cstddef>
@@ -14,9 +14,9 @@
 
 namespace qz {
 
-// Records under 64-bit keys; a key can have several. Open addressing, at most half full.
-// Neighbouring keys are often used one after the other: those of a run have their homes side by
-// side, so that going through them touches each cache line once.
+// Records under 64-bit keys; a key can have several records. Open addressing, at most half full.
+// Neighbouring keys are often used one after the other, so their home slots are neighbours, too: a
+// run of keys touches each cache line once.
 class RecordMap {
  public:
   RecordMap() = default;
@@ -24,12 +24,12 @@ class RecordMap {
   RecordMap& operator=(const RecordMap&) = delete;
   ~RecordMap();
 
-  // Makes room for this many entries; once, before anything else. False: no memory.
+  // Makes room for this many entries. Call it once, before anything else. False: no memory.
   bool reserve(std::size_t entries);
 
-  // No more entries at a time than there is room for.
+  // There must be room for the entry.
   void insert(std::uint64_t key, void* record);
-  // The record must be there, under that key.
+  // The record must have been inserted under that key.
   void erase(std::uint64_t key, const void* record);
 
   // Calls visit(record) for every record under the key.
@@ -61,7 +61,7 @@ class RecordMap {
 
 class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
  public:
-  // Makes room for so many records of each shape. False: no memory.
+  // Makes room for this many records of each shape. False: no memory.
   bool reserve(const FileHandle& h, std::int64_t pageBuffers, std::int64_t blocks);
 
   // Room for one more record of either shape.
@@ -72,7 +72,7 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   void remove(PageBuffer* buffer);
   void remove(BlockRecord* block);
 
-  // The block's number is about to become another one; 0 is under no number.
+  // Call it before the block's number changes to `blockNumber`. Number 0 is not indexed.
   void renumber(BlockRecord* block, std::int64_t blockNumber);
 
   // The page buffer, held or free, whose data begins at the address; or null.
@@ -92,7 +92,7 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
                            [&](void* record) { visit(static_cast<BlockRecord*>(record)); });
   }
 
-  // A block of that number that nobody holds, or null.
+  // A block of that number without a hold, or null.
   [[nodiscard]] BlockRecord* freeBlock(std::int64_t blockNumber) const;
 
   // Calls visit(block), which must not renumber it, for every block of that number.
@@ -105,7 +105,7 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
  private:
   // Page buffers are keyed by address >> pageShift_, blocks by each address >> blockShift_ that
   // they cover: at most two, because 1 << blockShift_ is no less than a block's bytes.
-  static constexpr std::size_t kStretchesOfBlock = 2;
+  static constexpr std::size_t kKeysOfBlock = 2;
 
   static std::uint64_t keyOf(const void* address) {
     return reinterpret_cast<std::uintptr_t>(address);
@@ -113,9 +113,9 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   static std::uint64_t keyOf(std::int64_t blockNumber) {
     return static_cast<std::uint64_t>(blockNumber);
   }
-  // Calls visit(stretch) for the stretches that the block lies in.
+  // Calls visit(key) for each key of the block's addresses.
   template <class Visit>
-  void visitStretches(const BlockRecord& block, Visit visit) const;
+  void visitAddressKeys(const BlockRecord& block, Visit visit) const;
 
   RecordMap buffersByAddress_;
   RecordMap blocksByAddress_;
@@ -123,11 +123,11 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   std::int64_t roomForBuffers_ = 0;
   std::int64_t roomForBlocks_ = 0;
   std::int32_t blockBytes_ = 0;
-  int pageShift_ = 0;  // of an address to the number of its stretch
-  int blockShift_ = 0;
+  int pageShift_ = 0;   // from the address of a page buffer's data to its key
+  int blockShift_ = 0;  // the same for blocks
 };
 
-// Makes the handle's index anew from its lists, if it has enough records to want one.
+// Rebuilds the handle's index from its lists, if it has enough records for one.
 void indexRecords(FileHandle* h);
 
 // Enters a record that has just been made and stands on its list.

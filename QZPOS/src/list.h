@@ -1,10 +1,9 @@
-// Moves on the doubly linked lists of buffer records. No other file assigns `next` or `prev`.
+// Operations on the doubly linked lists of buffer records. No other file assigns `next` or `prev`.
 //
-// Where a record joins decides what is reused first: the head is for records that a write or a
-// return has emptied, the tail for those that keep their pages.
+// Where a record joins a free list decides when it is reused: one that a write or a return has
+// emptied joins at the head, one that keeps its pages at the tail.
 //
-// Assertions stand where a broken invariant would corrupt memory; debug builds and the sanitizer's
-// have them.
+// Debug and sanitizer builds assert what would corrupt memory if it did not hold.
 #pragma once
 
 #include <cassert>

@@ -13,27 +13,27 @@ inline bool isPreopened(const FileHandle& h) { return (h.stateFlags & statePreop
 inline bool inBlockMode(const FileHandle& h) { return (h.directIoMode & blockMode) != 0; }
 inline bool usesDirectIo(const FileHandle& h) { return (h.directIoMode & directIo) != 0; }
 
-// Keeps the outcome for the host.
+// Stores the outcome in the handle.
 inline Status keep(FileHandle* h, Status status) {
   h->status = status;
   return status;
 }
 
-// Keeps a failure and reports it.
+// Stores a failure, then reports it.
 inline Status fail(FileHandle* h, Status status, Journal* journal) {
   h->status = status;
   bkperror(h, status, journal);
   return status;
 }
 
-// Reports a failure before it is kept: a journal that looks at the handle still sees the outcome
+// Reports a failure before it is stored: a journal that looks at the handle still sees the outcome
 // of the operation before.
 inline Status reportThenKeep(FileHandle* h, Status status, Journal* journal) {
   bkperror(h, status, journal);
   return keep(h, status);
 }
 
-// Keeps the outcome; reports it unless it is success or the end of the file.
+// Stores the outcome; reports it unless it is success or the end of the file.
 inline Status finish(FileHandle* h, Status status, Journal* journal) {
   if (status == Status::ok || status == Status::endOfFile) return keep(h, status);
   return fail(h, status, journal);
@@ -51,7 +51,7 @@ inline void journalWithName(Journal* journal, Status status, const FileHandle& h
   if (journal != nullptr) qzlStatusToJnl(journal, JournalLevel::error, code(status), h.fileName);
 }
 
-// Journals the refusal of a release, if it is one. True when the release was made.
+// Journals a release that the host refused. True when it was not refused.
 inline bool judgeRelease(HostStatus released, Journal* journal) {
   if (released == 0) return true;
   journalStatus(journal, released);
@@ -63,7 +63,7 @@ inline bool freeOrJournal(MemoryPool* pool, void* block, Journal* journal) {
   return judgeRelease(freeMemory(pool, block), journal);
 }
 
-// The first failure of a clean-up that goes on.
+// The first failure of a clean-up that continues after failures.
 class FirstFailure {
  public:
   void note(Status status) {

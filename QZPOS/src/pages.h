@@ -13,13 +13,14 @@
 
 namespace qz {
 
-// Linux moves no more bytes with one call, whatever it is asked for. Neither a page nor a block is
-// larger, so that what comes back short is short.
+// Linux moves at most this many bytes with one call. No page and no block is larger, so a transfer
+// of fewer bytes than were asked for reached the end of the file or failed part way.
 inline constexpr std::int32_t kMostBytesOfACall = 0x7FFFF000;
 
 constexpr std::int64_t pageOffset(std::int64_t page, std::int32_t pageSize,
                                   std::int64_t headerSize) {
-  // Unsigned: what lies beyond the offsets there are becomes negative, which the system refuses.
+  // Unsigned arithmetic: an offset beyond the largest one becomes negative, which the system
+  // refuses.
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(page - 1) *
                                        static_cast<std::uint64_t>(pageSize) +
                                    static_cast<std::uint64_t>(headerSize));
@@ -32,7 +33,7 @@ inline std::int64_t pageOffset(const FileHandle& h, std::int64_t page) {
   return pageOffset(page, h.pageSize, h.headerSize);
 }
 
-// Bytes of a file of a header and whole pages; nothing when no file can be that long.
+// Size of a file with a header and whole pages; no value when no file can be that long.
 constexpr std::optional<std::int64_t> wholeFileBytes(std::int64_t pageCount, std::int32_t pageSize,
                                                      std::int64_t headerSize) {
   std::int64_t bytes = 0;
@@ -43,7 +44,7 @@ constexpr std::optional<std::int64_t> wholeFileBytes(std::int64_t pageCount, std
 static_assert(wholeFileBytes(4, 512, 100) == 2148);
 static_assert(!wholeFileBytes(std::numeric_limits<std::int64_t>::max(), 512, 0));
 
-// The page so many pages on. The last page that can be numbered has none after it.
+// The page `count` pages after `page`, but at most the largest page number.
 constexpr std::int64_t pageOn(std::int64_t page, std::int64_t count) {
   return page + std::min(count, std::numeric_limits<std::int64_t>::max() - page);
 }
@@ -71,35 +72,35 @@ constexpr std::int64_t lastPageOfBlock(std::int64_t firstPage, std::int32_t page
 }
 static_assert(lastPageOfBlock(9, 8, 20) == 16 && lastPageOfBlock(17, 8, 20) == 20);
 
-// True for a page that a block can begin with.
+// True for the first page of a block.
 constexpr bool beginsBlock(std::int64_t page, std::int32_t pagesPerBlock) {
   return (page - 1) % pagesPerBlock == 0;
 }
 
-// The pages that a block holds now; never true of an empty block.
+// True for a page that the block holds now; never for an empty block.
 inline bool coversPage(const BlockRecord& block, std::int64_t page) {
   return block.firstPage <= page && page <= block.lastPage;
 }
 
-// The pages that a block has room for, whether it holds them or not.
+// True for a page that the block has room for, whether it holds the page or not: its extent.
 inline bool extentContains(const BlockRecord& block, std::int64_t page,
                            std::int32_t pagesPerBlock) {
   return block.firstPage != 0 && block.firstPage <= page && page - block.firstPage < pagesPerBlock;
 }
 
-// Which page of the block's extent a page of it is, from 0. A block has less than 2 GiB: inside it
-// 32 bits will do, which a 32-bit machine is quick with.
+// The page's position in the block's extent, from 0. A block has less than 2 GiB, so 32 bits are
+// enough inside it, and they are faster on a 32-bit machine.
 inline std::int32_t slotIndex(const BlockRecord& block, std::int64_t page) {
   return static_cast<std::int32_t>(page - block.firstPage);
 }
 
-// The same of an address in the block's data.
+// The same for an address in the block's data.
 inline std::int32_t slotIndex(const BlockRecord& block, const void* address,
                               std::int32_t pageSize) {
   return static_cast<std::int32_t>(static_cast<const char*>(address) - block.data) / pageSize;
 }
 
-// Where a page of the block's extent lies in its data.
+// Byte offset of the page in the block's data.
 inline std::int32_t slotBegin(const BlockRecord& block, std::int64_t page, std::int32_t pageSize) {
   return slotIndex(block, page) * pageSize;
 }
@@ -126,8 +127,8 @@ inline void clearStale(BlockRecord* block, std::int32_t index) {
   block->staleBits[index >> 3] &= static_cast<std::uint8_t>(~staleMask(index));
 }
 
-// Least common multiple; nothing when a number is below 1 or the result does not fit the 31 bits of
-// a size.
+// Least common multiple; no value when a number is below 1 or the result does not fit the 31 bits
+// of a size.
 constexpr std::optional<std::int32_t> commonSize(std::int64_t a, std::int64_t b) {
   std::int64_t multiple = 0;
   if (a < 1 || b < 1) return std::nullopt;

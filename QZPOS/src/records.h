@@ -122,8 +122,8 @@ inline NewBlock makeBlock(const FileHandle& h, Journal* journal) {
   return {block, BlockPart::none};
 }
 
-// Frees a page buffer that is on no list. True when every release was made; it is no longer
-// counted either way.
+// Frees a page buffer that is on no list. False when the host refused to free some of its memory;
+// the buffer is not counted any more in either case.
 inline bool freeRecord(FileHandle* h, PageBuffer* buffer, Journal* journal) {
   if (h->index != nullptr) h->index->remove(buffer);
   const bool dataFreed = freeOrJournal(h->module->bufferPool, buffer->data, journal);
@@ -143,14 +143,14 @@ inline bool freeRecord(FileHandle* h, BlockRecord* block, Journal* journal) {
   return bitsFreed && dataFreed && recordFreed;
 }
 
-// Frees the write block. The pages that it collected must have been written or given up.
+// Frees the write block. The pages that it collected must have been written or discarded before.
 inline bool freeWriteBlock(FileHandle* h, Journal* journal) {
   const bool freed = freeRecord(h, h->writeBlock, journal);
   h->writeBlock = nullptr;
   return freed;
 }
 
-// Unhooks every page buffer from the tree at once and gives the tree up.
+// Takes every page buffer out of the tree at once and destroys the tree.
 inline void tearDownTree(FileHandle* h) {
   PageTree* tree = h->pageTree;
   if (tree == nullptr) return;
@@ -164,7 +164,7 @@ inline void tearDownTree(FileHandle* h) {
 // A page-mode handle without a tree can read no page.
 inline bool lacksTree(const FileHandle& h) { return h.pageTree == nullptr; }
 
-// A free page buffer becomes the caller's.
+// Begins the caller's hold of a free page buffer.
 inline void hold(FileHandle* h, PageBuffer* buffer) {
   assert(buffer->held == 0);
   leaveFree(h, buffer);
@@ -179,7 +179,7 @@ inline void holdAgain(FileHandle* h, PageBuffer* buffer) {
   ++h->heldCount;
 }
 
-// Ends a hold that is not the buffer's last. False when it is the last one, left as it was.
+// Ends a hold that is not the buffer's last. False when it is the last one; that is left alone.
 inline bool endExtraHold(FileHandle* h, PageBuffer* buffer) {
   if (buffer->extraHolds == 0) return false;
   --buffer->extraHolds;
@@ -216,7 +216,7 @@ inline void emptyFreeBlock(FileHandle* h, BlockRecord* block) {
   block->validBytes = 0;
 }
 
-// The write block between two collections.
+// Makes the write block empty, to collect from its start again.
 inline void resetWriteBlock(BlockRecord* block) {
   block->firstPage = 0;
   block->lastPage = 0;
@@ -234,7 +234,7 @@ inline bool hasCollectedPages(const FileHandle& h) {
   return inBlockMode(h) && h.writeBlock != nullptr && h.writeBlock->dirtyPages != 0;
 }
 
-// True for a page that so far only the write block has.
+// True for a page that was collected and is not yet in the file.
 inline bool isCollectedPage(const FileHandle& h, std::int64_t page) {
   return writeBlockBegun(h) && coversPage(*h.writeBlock, page);
 }

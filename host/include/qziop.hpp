@@ -1,4 +1,4 @@
-// A way into the module for C++ callers, over its operation table.
+// The module for C++ callers: classes over its operation table.
 //
 //   qz::StandInHost host;
 //   auto module = qz::Module::load(host.handle());
@@ -6,9 +6,9 @@
 //   auto opened = file->open("data.qzp", {.pageSize = 4096, .writing = qz::Writing::anyPage});
 //   if (!opened) return fail(opened.error());
 //
-// Nothing is hidden: the extension object, the operation table and the file handle are in reach,
-// and every member calls the table's entry of its name as it stands at that moment. Nothing is
-// copied: a page that was read is used where the module keeps it.
+// Nothing is hidden: programs can reach the extension object, the operation table and the file
+// handle, and every member calls the table's entry of its name, also one that was replaced. Nothing
+// is copied: a page that was read is used where the module keeps it.
 //
 // Failures come back as values. Nothing here throws, except std::bad_alloc.
 #pragma once
@@ -78,8 +78,8 @@ class [[nodiscard]] Result<void> {
 // The error that a handle's last operation left, for a status that it returned.
 Error errorOf(FileHandle* handle, Status status);
 
-// A page or an empty buffer that the caller holds, given back unwritten at the end of its scope
-// unless PagedFile::write took it. It must not outlive the close of its file.
+// A page or an empty buffer that the caller holds. The end of its scope returns it unwritten,
+// unless PagedFile::write ended the hold. It must not outlive the close of its file.
 class PageHold {
  public:
   // `block`: the one that a page which was read lies in; null in page mode.
@@ -113,7 +113,7 @@ class PageHold {
   std::int32_t run() const noexcept;
   explicit operator bool() const noexcept { return data_ != nullptr; }
 
-  // Ends the hold now; its outcome, or ok when it had ended before.
+  // Returns the page or buffer now, unwritten. The outcome, or ok when the hold had ended before.
   Status giveBack(Journal* journal = nullptr) noexcept {
     if (data_ == nullptr) {
       return Status::ok;
@@ -186,7 +186,7 @@ class PagedFile {
   }
   // For a file that others changed: writes collected pages back, closes the file and opens what its
   // name stands for now, so that counts and pages are those of the file. Pages must not be held
-  // (badArgument). After any other failure the file is closed. The host's lock is given up and
+  // (badArgument). After any other failure the file is closed. The host's lock is released and
   // taken again.
   Result<void> refresh();
   Result<void> reopen(const AccessHints& hints) {
@@ -230,7 +230,7 @@ class PagedFile {
     return PageHold(handle_, static_cast<char*>(address), 0,
                     block ? handle_->blockBytes : handle_->pageSize);
   }
-  // Ends several holds, unwritten. All are tried; the error is the first failure's.
+  // Returns several pages or buffers, unwritten. All are tried; the error is the first failure's.
   Result<void> giveBack(std::span<PageHold> holds);
   // Writes a held buffer as page `page` and ends the hold. After a failure that kept the hold,
   // `hold` still has it: write again or let it go.
@@ -278,7 +278,7 @@ class PagedFile {
   // there are as many. After a failure there are pageCount().
   Result<void> extendTo(std::int64_t pages);
   Result<void> flush() { return outcome(table().qzpflush(handle_, journal_)); }
-  // Hands collected pages to the system, as a flush does, but does not wait until they are durable.
+  // Writes collected pages to the file, as a flush does, but does not wait until they are durable.
   // misfit, with nothing written: others changed the size of the file.
   Result<void> writeBack();
   // *length: header bytes given; then the bytes stored.
@@ -311,7 +311,7 @@ class PagedFile {
   FileHandle* handle_;
   Journal* journal_;
   std::optional<Io> asked_;  // of the settings given to open
-  std::string refusal_;      // why direct I/O was not tried, or was given up
+  std::string refusal_;      // why direct I/O was not tried or not used
 };
 
 // The module, loaded into this process and made known to a host. At the end of its scope the

@@ -1,8 +1,8 @@
 // The stand-in host: a small host toolkit with all that the module asks of one.
 //
 // A program makes a StandInHost, gives handle() to qzextent and qziop of a loaded module and one
-// of its journals to every operation. The records handed out are plain data: a caller may replace
-// a slot of any of them and put it back. docs/host-contract.md describes every record.
+// of its journals to every operation. The host's records are plain data: a program may replace a
+// slot of any of them and restore it. docs/host-contract.md describes every record.
 //
 // Pools, journals and the services that make objects may be used from several threads at once; one
 // tree or one host file by one thread at a time.
@@ -46,8 +46,8 @@ enum HostCode : HostStatus {
   hostOtherFailure = 0x80FFE014,        // any other error number
   hostUnsupportedFile = 0x80FFE015,     // no regular file or block device; EFBIG, EOVERFLOW, ENXIO
   // Outside the file service's range, which the module journals or ignores.
-  hostForeignBlock = 0x80FFE101,     // memFree of a block that the pool has not handed out
-  hostBlocksLive = 0x80FFE102,       // destroy of a pool with blocks still handed out
+  hostForeignBlock = 0x80FFE101,     // memFree of an address that is no block of the pool in use
+  hostBlocksLive = 0x80FFE102,       // destroy of a pool with blocks still in use
   hostTextTooLong = 0x80FFE103,      // a text does not fit its buffer; nothing was stored
   hostBadText = 0x80FFE104,          // null text, a length beyond reason, or no UTF-8 for it
   hostUnknownOption = 0x80FFE105,    // no such option, or it is not set
@@ -96,7 +96,7 @@ using JournalFunction = void (*)(void* context, const JournalEntry& entry) noexc
 // operations never throw: an entry for which there is no memory is lost with hostNoMemory.
 class StandInJournal : public Journal {
  public:
-  // With JournalSink::function each entry is handed to function(context, entry). The context is
+  // With JournalSink::function each entry is passed to function(context, entry). The context is
   // the program's and may be null; a null function discards the entries.
   explicit StandInJournal(JournalSink sink = JournalSink::memory,
                           JournalFunction function = nullptr, void* context = nullptr) noexcept;
@@ -107,7 +107,7 @@ class StandInJournal : public Journal {
   std::vector<JournalEntry> entries() const;
   void clear();
 
-  // Adds an entry. Used by the journal operations once the text stands.
+  // Adds an entry. The journal operations call it with the formatted text.
   HostStatus append(JournalLevel level, std::uint32_t status, std::string text) noexcept;
 
  private:
@@ -118,11 +118,11 @@ class StandInJournal : public Journal {
   std::vector<JournalEntry> entries_;
 };
 
-// What a pool has out, and what went wrong with it.
+// Use of a pool.
 struct PoolCounts {
-  std::size_t liveBlocks = 0;    // handed out and not yet given back
+  std::size_t liveBlocks = 0;    // allocated and not yet freed
   std::size_t liveBytes = 0;     // bytes asked for in those
-  std::size_t allocations = 0;   // blocks handed out so far
+  std::size_t allocations = 0;   // blocks allocated so far
   std::size_t refusedFrees = 0;  // memFree calls refused with hostForeignBlock
   std::size_t leakedBlocks = 0;  // still live when the pool was destroyed
 };

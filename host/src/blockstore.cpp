@@ -25,7 +25,7 @@ static_assert(std::ranges::all_of(kSlotBytes, [](std::size_t bytes) {
   return bytes % alignmentOf(bytes) == 0 && bytes % kCacheLine == 0;
 }));
 
-// The index of the smallest slot for so many bytes, by sixteens of them.
+// The index of the smallest slot that has room, by the bytes asked for in units of 16.
 constexpr std::size_t kSlotStep = 16;
 constexpr auto kSizeIndexes = [] {
   std::array<std::uint8_t, kStorePage / kSlotStep + 1> indexes = {};
@@ -182,7 +182,7 @@ RegionStore::Slab* RegionStore::addSlab(std::size_t sizeIndex) {
   slab->sizeIndex = sizeIndex;
   slab->askedPlus1.resize(slots);
   slab->freeSlots.resize(slots);
-  for (std::size_t i = 0; i < slots; ++i) {  // taken from the end: addresses rise
+  for (std::size_t i = 0; i < slots; ++i) {  // used from the end, so that addresses rise
     slab->freeSlots[i] = static_cast<std::uint16_t>(slots - 1 - i);
   }
   const PageRun run = takePages(kSlabPages, false);
@@ -256,7 +256,7 @@ RegionStore::Region* RegionStore::addRegion(bool huge) {
   auto region = std::make_unique<Region>();
   region->base = mapAligned(kRegionBytes);
   if (region->base == nullptr) return nullptr;
-  if (huge) madvise(region->base, kRegionBytes, MADV_HUGEPAGE);  // refused: only slower
+  if (huge) madvise(region->base, kRegionBytes, MADV_HUGEPAGE);  // if refused, only slower
   Region* const added = region.get();
   try {
     regions_.emplace(reinterpret_cast<std::uintptr_t>(added->base) / kRegionBytes,

@@ -1,5 +1,5 @@
-// Where the memory of a pool comes from. A store knows every block that it has out, so that a
-// foreign or freed address is refused without being looked at.
+// Where the memory of a pool comes from. A store records every block in use, so it refuses a
+// foreign or freed address without reading from it.
 #pragma once
 
 #include <array>
@@ -16,21 +16,21 @@ namespace qz {
 inline constexpr std::size_t kStorePage = 4096;
 inline constexpr std::size_t kRegionBytes = std::size_t{2} << 20U;  // also a huge page
 
-// What direct I/O asks of a block that it reads or writes: pages below 4096 bytes go to disks with
-// sectors of 512.
+// The alignment that direct I/O needs for a block: pages below 4096 bytes go to disks with sectors
+// of 512 bytes.
 constexpr std::size_t alignmentOf(std::size_t blockBytes) {
   constexpr std::size_t kSector = 512;
   if (blockBytes >= kStorePage) return kStorePage;
   return blockBytes >= kSector ? kSector : 16;
 }
 
-// A block as a store gives it.
+// A block that a store has allocated.
 struct Allocation {
   void* address;  // null: there is no memory
-  bool isZero;    // all of it, as memory that the system has just mapped is
+  bool isZero;    // all of it: the system has just mapped it
 };
 
-// A larger request is taken for a mistake: 4 GiB, where an address has 32 bits 2 GiB.
+// The largest block: 4 GiB, or 2 GiB where an address has 32 bits. A larger request is refused.
 inline constexpr std::size_t kLargestBlock =
     sizeof(void*) == 8 ? std::size_t{1} << (sizeof(void*) * 4) : std::size_t{1} << 31U;
 
@@ -55,11 +55,11 @@ struct RoomyList {
 //
 // Blocks below a page come from slabs: 64 KiB cut into slots of one size, which are whole cache
 // lines, so that threads that use different blocks do not wait for each other's stores. Larger ones
-// take whole pages of a region, those of 64 KiB and more in regions advised for huge pages;
-// ordinary memory makes a disk transfer one segment per page. Blocks beyond a region are mapped on
-// their own. Bookkeeping lies apart from the blocks. Memory that becomes free goes back to the
-// system, but for one empty region of each kind, one empty slab of each size and a few mappings,
-// which opening and closing a file again would only ask for, and have cleared, anew.
+// take whole pages of a region. Blocks of 64 KiB and more use regions advised for huge pages,
+// because in ordinary memory a disk transfer needs one segment per page. Blocks larger than a
+// region are mapped on their own. Bookkeeping lies apart from the blocks. Free memory goes back
+// to the system, but for one empty region and slab of each kind and a few mappings: a file
+// that is closed and opened again uses them without having them mapped and cleared once more.
 class RegionStore {
  public:
   RegionStore();
@@ -70,7 +70,8 @@ class RegionStore {
   // A block aligned as alignmentOf says.
   Allocation allocate(std::size_t bytes) noexcept;
 
-  // Takes a block back: the bytes that were asked for, or nothing when it is not one of ours.
+  // Frees a block. Returns the bytes that were asked for; no value for an address that is no block
+  // of this store.
   std::optional<std::size_t> release(void* block) noexcept;
 
  private:
@@ -82,7 +83,7 @@ class RegionStore {
   };
   static constexpr std::size_t kSlotSizes = 11;
 
-  // Where pages were found; no region: there is no memory.
+  // Free pages in a row. A null region: there is no memory.
   struct PageRun {
     Region* region;
     std::size_t first;
@@ -110,7 +111,8 @@ class RegionStore {
   std::size_t spareBytes_ = 0;
 };
 
-// One heap block for each, so that a sanitizer sees what happens around and after it.
+// One heap block for each, so that a sanitizer sees accesses beyond its ends and after it was
+// freed.
 class HeapStore {
  public:
   HeapStore() = default;

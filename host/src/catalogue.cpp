@@ -1,7 +1,7 @@
 // The message catalogue: one text for every status of the module and of this host.
 //
-// The module gives inserts to four statuses only; every other text must ask for none. The
-// file-name line is put right behind the text of a failure, so it brings its own separator.
+// The module gives inserts to four statuses only; every other text must have no placeholder. The
+// file-name line comes right behind the text of a failure, so it begins with its own separator.
 #include <cstdio>
 
 #include "qzpos.h"
@@ -44,7 +44,7 @@ constexpr CatalogueText kCatalogue[] = {
     text(Status::readOutOfSequence,
          "A page of a file opened for reading in order was read out of "
          "order"),
-    text(Status::notHeld, "The address given back or written is not that of a page held"),
+    text(Status::notHeld, "The address returned or written is not that of a held page"),
     text(Status::writeOutOfSequence,
          "The page written is neither the next new page nor one that "
          "may be rewritten"),
@@ -87,7 +87,7 @@ constexpr CatalogueText kCatalogue[] = {
     {hostUnsupportedFile,
      "The host opens only regular files and block devices of a size that it "
      "can address"},
-    {hostForeignBlock, "A block of memory was given back that its pool has not handed out"},
+    {hostForeignBlock, "The memory to be freed is no block in use of this pool"},
     {hostBlocksLive, "A memory pool was destroyed while blocks of it were in use"},
     {hostTextTooLong, "A text does not fit its buffer"},
     {hostBadText, "A text is missing or its length is beyond reason"},

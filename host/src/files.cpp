@@ -5,9 +5,9 @@
 // descriptor open for writing, a shared one a descriptor open for reading.
 //
 // The whole file is locked: the last byte that an offset can have is the gate, all before it the
-// body. Taking a lock means taking both in one call. A reopen works with two descriptors, whose
-// locks exclude each other, so the lock has to pass from one to the other: whoever holds the gate
-// exclusively keeps newcomers out meanwhile, and a body given up can be had again.
+// body. An open locks both in one call. A reopen has two descriptors, whose locks exclude each
+// other, so it unlocks the body on the old one and locks it on the new one. Meanwhile the gate
+// stays locked exclusively: no other open gets the body, and a failed reopen can lock it again.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <linux/magic.h>
@@ -29,8 +29,8 @@ namespace {
 
 static_assert(sizeof(off_t) == 8, "files beyond 2 GiB need 64-bit offsets");
 
-// What the first detail word says: the step that failed. The second has the open flags as the
-// system got them.
+// The first detail word: the step that failed. The second has the open flags as the system got
+// them.
 enum Step : std::uint32_t { stepName = 1, stepOpen, stepInspect, stepLock };
 
 struct Failure {
@@ -86,8 +86,9 @@ HostStatus statusOf(int errorNumber) {
 
 Failure failed(Step step, int errorNumber) { return {statusOf(errorNumber), errorNumber, step}; }
 
-// Takes no terminal, follows no child process, and does not wait for the other end of a pipe,
-// which is refused afterwards; on files and block devices O_NONBLOCK means nothing further.
+// The file becomes no controlling terminal and is closed in child programs. O_NONBLOCK keeps the
+// open of a pipe, which is refused afterwards, from waiting; on files and block devices it does
+// nothing.
 int systemFlags(const OpenParameters& parameters) {
   return static_cast<int>(parameters.openFlags) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 }
@@ -113,7 +114,7 @@ Failure narrowName(std::u32string_view name, std::string* path) {
   return kNoFailure;
 }
 
-// The kind of an open file must be one that pages can be read from at any offset.
+// Accepts only kinds of files in which pages can be read at any offset.
 Failure inspect(int fd, std::int64_t* size) {
   struct stat about = {};
   if (fstat(fd, &about) != 0) return failed(stepInspect, errno);
@@ -164,30 +165,31 @@ Failure takeLock(int fd, Lock lock) {
   return lockFailure(errno);
 }
 
-// Whoever had the lock before may have been another client of a network file system. The kernel
-// keeps pages of FUSE files from one open to the next and would go on showing those from before;
-// NFS drops them with the lock by itself.
-void forgetCached(int fd) {
+// Another client of a network file system may have changed the file under the lock before this one.
+// For FUSE files the kernel keeps cached pages from one open to the next and would show their old
+// contents; NFS drops cached pages itself when a lock is taken.
+void dropCached(int fd) {
   struct statfs system = {};
   if (fstatfs(fd, &system) == 0 && system.f_type == FUSE_SUPER_MAGIC) {
     posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
   }
 }
 
-// Passes a file's lock on from `oldFd` to `newFd`, which gets it as `wanted`. After a failure
-// `oldFd` has what it had, and closing `newFd` leaves no trace.
+// Moves a file's lock from `oldFd`, which has it as `held`, to `newFd`, which gets it as `wanted`.
+// After a failure `oldFd` has its lock as before, and closing `newFd` has no effect.
 Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
   if (wanted == Lock::none) return kNoFailure;
   if (held == Lock::none) return takeLock(newFd, wanted);
   if (held == Lock::shared && wanted == Lock::shared) {
     return setLock(newFd, wanted, kBody) ? kNoFailure : lockFailure(errno);
   }
-  // Someone keeps the gate: the old descriptor if it is exclusive, else the new one.
+  // The gate is locked exclusively all the time: by the old descriptor if its lock is exclusive,
+  // else by the new one.
   if (held == Lock::shared) {
     setLock(oldFd, Lock::none, kGate);
     if (!setLock(newFd, Lock::exclusive, kGate)) {
       const Failure failure = lockFailure(errno);
-      setLock(oldFd, Lock::shared, kGate);  // not needed for what the lock keeps out
+      setLock(oldFd, Lock::shared, kGate);  // if refused: the body's lock is enough
       return failure;
     }
   }
@@ -198,8 +200,8 @@ Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
   return failure;
 }
 
-// Notes the outcome of an open where the module looks for it, and journals a failure: the module
-// does not. Direct I/O that the file system refuses is no failure yet, as the module asks again.
+// Stores the outcome of an open for the module, and journals a failure, which the module does not.
+// Direct I/O that the file system refuses is not journalled: the module tries again without it.
 HostStatus report(OpenParameters* parameters, const Failure& failure, Journal* journal) noexcept {
   const bool good = failure.status == hostOk;
   const bool asksAgain = failure.errorNumber == EINVAL && (parameters->openFlags & O_DIRECT) != 0;
@@ -224,7 +226,7 @@ Failure openFile(const OpenParameters& parameters, std::uint32_t accessMode, Ope
   if (file->lock == Lock::none) return kNoFailure;
   const Failure lockFailure = takeLock(file->info.fd, file->lock);
   if (lockFailure.status != hostOk) return lockFailure;
-  forgetCached(file->info.fd);
+  dropCached(file->info.fd);
   return inspect(file->info.fd, &file->info.size);  // it may have grown before it was locked
 }
 
@@ -239,8 +241,8 @@ HostFile* fileOpen(FileService* self, OpenParameters* parameters, Word /*one*/,
   return nullptr;
 }
 
-// Opens the same file anew, whatever its name stands for by now, and puts the new descriptor in
-// the place and under the number of the old one.
+// Opens the same file again, even if its name stands for another one now. The new descriptor gets
+// the number of the old one.
 Failure reopenFile(const OpenParameters& parameters, std::uint32_t accessMode, OpenFile* file) {
   const std::string self = "/proc/self/fd/" + std::to_string(file->info.fd);
   const int fd = openRetrying(self, systemFlags(parameters) & ~(O_CREAT | O_EXCL | O_TRUNC), 0);
@@ -267,8 +269,8 @@ HostStatus fileReopen(HostFile* self, OpenParameters* parameters, std::uint32_t 
   return report(parameters, {hostNoMemory, ENOMEM, stepOpen}, journal);
 }
 
-// 0 or an error number. A file without any name left is as good as removed; a name that stands for
-// another file by now is left alone.
+// Returns 0 or an error number. A file without any name left counts as removed. A name that stands
+// for another file now is left alone.
 int removeName(const OpenFile& file) {
   struct stat named = {};
   struct stat opened = {};
@@ -287,10 +289,10 @@ HostStatus fileClose(HostFile* self, OpenParameters* parameters, Journal* journa
       journalFileFailure(journal, hostNotRemoved, file->name, removal);
       return hostNotRemoved;
     }
-    // FUSE releases such a lock only some time after close returns, and on a network file system
-    // the next open of the same file would be refused meanwhile. An unlock is done when it returns.
+    // FUSE ends such a lock only some time after close returns, and until then an open of the same
+    // file on a network file system would be refused. An unlock is complete when it returns.
     if (file->lock != Lock::none) setLock(file->info.fd, Lock::none, kBodyAndGate);
-    // The descriptor is gone whatever close says; the record stays until a close that succeeds.
+    // The descriptor is closed even if close fails; the record stays until a close succeeds.
     if (close(std::exchange(file->info.fd, -1)) != 0 && errno != EINTR) {
       journalFileFailure(journal, hostCloseFailed, file->name, errno);
       return hostCloseFailed;

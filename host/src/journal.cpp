@@ -1,9 +1,8 @@
 // The journal: formats texts with their inserts and stores, prints or passes on the entries.
 //
-// What the two operations that fill a buffer produce is message text once more: the module appends
-// the file-name line to a status text and hands the whole to messageToJnl as the text. A percent
-// sign that came in with an insert is therefore doubled there, else a file name could act as a
-// format.
+// The two operations that fill a buffer produce text that is formatted once more: the module
+// appends the file-name line to a status text and passes both to messageToJnl. They therefore
+// double a percent sign in an insert; otherwise a file name could act as a format.
 #include <algorithm>
 #include <bit>
 #include <cstdio>
@@ -15,12 +14,12 @@
 namespace qz {
 namespace {
 
-constexpr std::uint32_t kLongestText = 1U << 24U;  // characters; more is taken for a mistake
+constexpr std::uint32_t kLongestText = 1U << 24U;  // characters; a longer text is refused
 constexpr std::u32string_view kNoName = U"(no name)";
 
 enum class Percent { single, doubled };
 
-// One argument list, taken from step by step.
+// Takes the arguments of a list one by one.
 class Inserts {
  public:
   explicit Inserts(std::va_list arguments) { va_copy(arguments_, arguments); }

@@ -1,4 +1,4 @@
-// Finding and loading the module, and the parts of the C++ way in that are not on the page path.
+// Finding and loading the module, and members of qziop.hpp that do not read or write pages.
 #include <dlfcn.h>
 #include <link.h>
 #include <unistd.h>
@@ -41,10 +41,10 @@ std::string pluginFolder() {
   return plugin.substr(0, plugin.rfind('/') + 1);
 }
 
-// A plugin has its module beside it or where it was linked to look: the program that loaded it
-// knows nothing of it. For a program the folder of installed modules comes first as it lies seen
-// from the program, so that a tree that was installed may move. The plain name makes the system
-// search, first where the program or plugin was linked to look.
+// A plugin has the module beside it or on the search path that it was linked with; the folder of
+// the program that loaded it does not count. For a program the folder of installed modules is found
+// from the program's own folder, so that an installed tree can be moved. The plain name makes the
+// system search, first on the search path that the program or plugin was linked with.
 std::vector<std::string> candidates(const std::string& path) {
   if (!path.empty()) return {path.find('/') == std::string::npos ? "./" + path : path};
   std::vector<std::string> result;
@@ -174,7 +174,7 @@ void PagedFile::dispose() noexcept {
   FileHandle* handle = handle_;
   if (handle == nullptr) return;
   const OperationTable& operations = handle->ops->operations;
-  // A file that was never opened was never read either: its close must not take it for empty.
+  // A file that was never open may have contents: its close must not take it for empty.
   if ((handle->stateFlags & stateOpen) == 0) handle->writeAccess = noWrite;
   keepWhatOthersWrote();
   if (handle->hostFile != nullptr) operations.qzpclose(handle, 0, journal_);

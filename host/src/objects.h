@@ -1,5 +1,5 @@
-// The host's objects, each a record of the host interface with what this host keeps about it.
-// The slots get the record's address and find the rest behind it.
+// The host's objects: each is a record of the host interface, followed by this host's own data
+// about it. The slots get the record's address and find that data behind it.
 #pragma once
 
 #include <sys/single_threaded.h>
@@ -19,15 +19,16 @@ namespace qz {
 
 struct HostRecords;
 
-// Holds the mutex, unless the process has only ever had one thread: most of what opening a file
-// costs this host would be locks that nobody contends for.
+// Holds the mutex, unless the process has only ever had one thread: otherwise most of the host's
+// time for opening a file would go to uncontended locks.
 inline std::unique_lock<std::mutex> lockUnlessAlone(std::mutex& mutex) {
   std::unique_lock lock(mutex, std::defer_lock);
   if (__libc_single_threaded == 0) lock.lock();
   return lock;
 }
 
-// All objects of one kind that the host has handed out; it frees those left at its own end.
+// All objects of one kind that the host has made and that are not destroyed yet. The host destroys
+// those left when it is destroyed itself.
 template <class Object>
 class Registry {
  public:
@@ -83,7 +84,7 @@ struct FingerLevel {
   bool holds(std::int64_t key) const { return key >= low && key <= high; }
 };
 
-// The links from a tree's root down to where a search ended, which is the last of them.
+// The links from a tree's root down to the one at which a search ended, which is the last.
 struct Finger {
   // An AVL tree of this height has more nodes than an address space.
   static constexpr std::size_t kMostLevels = 64;

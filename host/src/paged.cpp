@@ -22,7 +22,7 @@ struct Free {
 };
 using AlignedMemory = std::unique_ptr<char, Free>;
 
-// Memory that direct I/O takes, `bytes` rounded up; null when there is none.
+// Memory aligned for direct I/O, `bytes` rounded up to the alignment; null without memory.
 AlignedMemory alignedMemory(std::int64_t bytes) {
   const std::int64_t whole = (bytes + kDirectAlignment - 1) / kDirectAlignment * kDirectAlignment;
   return AlignedMemory(static_cast<char*>(
@@ -59,8 +59,8 @@ Status statusOfCreate(int error) {
   }
 }
 
-// Makes an empty file where the name has none; 0 or an error number. The descriptor that is closed
-// here is of a new file, so that the process loses no lock by it.
+// Makes an empty file if there is none of that name. Returns 0 or an error number. Only the
+// descriptor of a new file is closed here, so the process loses no lock on an existing one.
 int createWhereNone(const std::string& path) {
   constexpr mode_t anyone = 0666;
   int fd = -1;
@@ -80,8 +80,8 @@ std::int64_t granuleOf(const FileHandle& handle) {
                                         std::max<std::int64_t>(both, 1))));
 }
 
-// Whether the file takes direct I/O in units of `granule` bytes. An empty one does not tell: then
-// what every disk refuses is refused.
+// Whether the file takes direct I/O in units of `granule` bytes, as a read of it shows. An empty
+// file cannot show that; for it only units that every disk refuses count as refused.
 bool takesUnitsOf(int fd, std::int64_t granule) {
   constexpr std::int64_t smallest = 512;
   if (granule == kDirectAlignment) return true;
@@ -125,8 +125,9 @@ Result<void> PagedFile::refused(Status status, std::string text) const {
   return error;
 }
 
-// A header of an empty file is still to be written. To the module such a file is shorter than its
-// header, so it is opened without one. The size that the open found tells whether it was empty.
+// The header of an empty file is not written yet. The module would refuse such a file as shorter
+// than its header, so it is opened with a header of 0 bytes. If the size found by the open shows
+// that the file was not empty by then, it is closed and opened again.
 Result<void> PagedFile::openExisting() {
   const std::int64_t headerSize = handle_->headerSize;
   const std::string path = toUtf8(handle_->fileName);
@@ -139,21 +140,22 @@ Result<void> PagedFile::openExisting() {
     const bool wasEmpty = handle_->fileSize == 0;
     handle_->headerSize = headerSize;
     if (!opened || !empty || wasEmpty) return opened;
-    if (auto closed = close(); !closed) return closed;  // written meanwhile
+    if (auto closed = close(); !closed) return closed;
   }
 }
 
-// The open has cut the file to nothing. ext4 then takes it for the new contents of an old file, and
-// writes all of it out when it is closed. A file that had no bytes before the open has no old
-// contents: a reopen, which closes a descriptor of the file, takes the mark away. If the reopen
-// fails, the file goes on as it is.
+// The open truncated the file to 0 bytes. ext4 then marks it as one whose contents are replaced,
+// and writes all of it to disk when it is closed. A file that was empty before has no contents to
+// replace: a reopen, which closes a descriptor of the file, removes the mark. If the reopen fails,
+// the mark stays, which costs only time.
 void PagedFile::unmarkNewFile() noexcept {
   if (handle_->hostFile->fileInfo->size != 0) return;
   const AccessHints hints = {handle_->readAccess, handle_->writeAccess, handle_->openOptions};
   table().qzpreopen(handle_, &hints, nullptr);
 }
 
-// Direct I/O that the pages do not fit fails page by page, so it is given up here.
+// If the pages do not fit the alignment of direct I/O, every read of a page would fail: the file is
+// closed and opened without direct I/O.
 Result<void> PagedFile::openAsAsked() {
   const bool replaces = handle_->openMode == createOrReplace;
   const std::int64_t headerSize = handle_->headerSize;
@@ -227,7 +229,7 @@ Result<void> PagedFile::readRun(std::int64_t firstPage, std::int32_t count,
   if (pagesRead == nullptr) return outcome(status);
   *pagesRead = 0;
   if (status != Status::ok) return outcome(status);
-  // The operation takes the page count's word for it, and others may have cut the file.
+  // The operation trusts the page count, but another program may have made the file shorter.
   std::int64_t pages = pageCount();
   if (const auto size = sizeOf(handle_->fd)) {
     pages = std::min(pages, (*size - headerSize()) / pageSize());
@@ -248,8 +250,8 @@ Result<void> PagedFile::extendTo(std::int64_t pages) {
   return {};
 }
 
-// A truncate to the pages that there are writes the collected ones and waits for nothing. It would
-// also cut what others have appended, so the file is asked for its size first.
+// A truncate to the current page count writes the collected pages and waits for nothing. It would
+// also cut away what another program appended, so the file's size is compared first.
 Result<void> PagedFile::writeBack() {
   if (!isOpen()) return outcome(Status::notOpen);
   if (!isCollecting()) return {};
@@ -259,7 +261,8 @@ Result<void> PagedFile::writeBack() {
   return truncate(pageCount());
 }
 
-// To the module a file is empty when nothing was known of it but that. The file knows better.
+// The module removes a file at close if the handle says that it is empty. Another program may have
+// written to the file since, so the handle gets its real size.
 void PagedFile::keepWhatOthersWrote() noexcept {
   if (handle_->hostFile == nullptr || handle_->pageCount != 0 || handle_->fileSize != 0) return;
   const auto size = sizeOf(handle_->fd);

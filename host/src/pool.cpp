@@ -29,7 +29,7 @@ Allocation take(Pool& pool, std::size_t bytes) noexcept {
   return block;
 }
 
-// Other threads do not wait until the block is cleared.
+// The block is cleared outside the lock, so that other threads do not wait.
 void* memAlloc(MemoryPool* self, std::size_t bytes, std::uint32_t flags) noexcept {
   const Allocation block = take(poolOf(self), bytes);
   const bool toClear = block.address != nullptr && !block.isZero && (flags & kZeroFill) != 0;
@@ -49,14 +49,14 @@ HostStatus memFree(MemoryPool* self, void* block) noexcept {
   return hostOk;
 }
 
-// Keeps what the pool's counts say beyond its end.
+// Stores the counts of a pool that is destroyed.
 void retire(const Pool& pool, PoolCounts counts) noexcept try {
   counts.leakedBlocks = std::exchange(counts.liveBlocks, 0);
   counts.liveBytes = 0;
   const auto lock = lockUnlessAlone(pool.host->retiredMutex);
   pool.host->retiredPools[pool.name] += counts;
 } catch (const std::bad_alloc&) {
-  return;  // the counts are lost; the pool is destroyed all the same
+  return;  // no memory: the counts are lost, but the pool is destroyed
 }
 
 HostStatus destroy(MemoryPool* self) noexcept {

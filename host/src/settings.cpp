@@ -1,4 +1,5 @@
-// The caller's settings: what they mean to the module, and which of them it could not follow.
+// The caller's settings: the fields of the handle that they become, and why an open file does not
+// have the mode of I/O that they ask for.
 #include "settings.h"
 
 #include <limits>

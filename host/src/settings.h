@@ -1,4 +1,4 @@
-// What the caller's settings become in a file handle, and what the handle tells about them.
+// Turns the caller's settings into fields of a file handle, and those back into settings.
 #pragma once
 
 #include <cstdint>

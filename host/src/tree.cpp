@@ -1,15 +1,15 @@
 // The extension "qzeavl": AVL trees through the first two words of the caller's own records.
 //
-// A node's words are its left and right link. Bit 0 of a link tells that this side is the taller
-// one, by one level; the addresses of nodes are even. A node that is in no tree may have anything
-// in them. No operation allocates. A root set to null from outside empties the tree.
+// A node's words are its left and right link. Bit 0 of a link is set if that side is taller, by one
+// level; the addresses of nodes are even. In a node that is in no tree the words can have any
+// value. No operation allocates. A root set to null from outside empties the tree.
 //
 // Pages are mostly used in runs, so a search begins where the last one ended if its key belongs
-// there: a finger keeps the links from the root down, each with the range of keys behind it. There
-// is one for finding and inserting and one for removing, as a cache that makes room removes its
-// oldest page between a find and the insert that follows it. A rotation moves the finger that led
-// to it along, so that the next key of a run is found one step further; the other finger is cut
-// off at the link that the rotation went through.
+// there: a finger keeps the links from the root down, each with the range of keys below it. There
+// is one finger for finding and inserting and one for removing, because a cache that needs room
+// removes its oldest page between a find and the insert that follows it. A rotation updates the
+// finger whose search led to it, so that the next key of a run is found one step further; the other
+// finger is cut short at the link where the rotation was.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -20,7 +20,7 @@
 namespace qz {
 namespace {
 
-// Levels up from where the last search ended that the next one tries before the root.
+// How many levels above the end of the last search the next one tries before it begins at the root.
 constexpr std::size_t kLevelsTried = 4;
 
 enum Side : std::size_t { left = 0, right = 1 };
@@ -35,26 +35,26 @@ Node* target(void* link) { return std::bit_cast<Node*>(bits(link) & ~std::uintpt
 
 bool isTaller(const void* link) { return (bits(link) & 1U) != 0; }
 
-// A link to a node or null, on a side that is the taller one or not.
+// A link to a node or to null, with the bit for a taller side.
 void* linkTo(const Node* node, bool taller) {
   return std::bit_cast<void*>(bits(node) | (taller ? 1U : 0U));
 }
 
 void setTaller(void** link, bool taller) { *link = linkTo(target(*link), taller); }
 
-// Lets a link lead to another node; its side stays as tall as it was.
+// Makes a link lead to another node and keeps its bit for a taller side.
 void lead(void** link, const Node* node) {
   *link = std::bit_cast<void*>(bits(node) | (bits(*link) & 1U));
 }
 
 std::size_t other(std::size_t side) { return side ^ 1U; }
 
-// The side of a node that a link of it is.
+// The side of the node on which its link `link` is.
 std::size_t sideOf(const Node* node, void* const* link) {
   return link == &node->links[right] ? right : left;
 }
 
-// The other link of the node that has this one.
+// The other link of the node that `link` is part of.
 void** opposite(Node* node, void* const* link) {
   return link == &node->links[left] ? &node->links[right] : &node->links[left];
 }
@@ -74,8 +74,8 @@ std::int64_t keyOf(const Node* node, std::size_t keyOffset) {
   return keyAt(reinterpret_cast<const char*>(node) + keyOffset);
 }
 
-// Rebalances below `link`, whose node is two levels taller on `side`, by a rotation or a double
-// one. True: the whole is one level shorter than it was with the two levels.
+// Rebalances the subtree at `link`, whose node is two levels taller on `side`, by a single or
+// double rotation. True: the subtree is one level shorter than before the rotation.
 [[gnu::always_inline]] inline bool rebalance(void** link, std::size_t side) {
   Node* node = target(*link);
   Node* child = target(node->links[side]);
@@ -99,14 +99,14 @@ std::int64_t keyOf(const Node* node, std::size_t keyOffset) {
   return shortens;
 }
 
-// The part of a link's keys that lies behind its node's link on `side`.
+// The part of a link's key range that lies below its node's link on `side`.
 FingerLevel levelBelow(const FingerLevel& level, Node* node, std::int64_t nodeKey,
                        std::size_t side) {
   if (side == left) return {&node->links[left], level.low, nodeKey - 1};
   return {&node->links[right], nodeKey + 1, level.high};
 }
 
-// The root set to null from outside has emptied the tree: a finger must not outlive that.
+// Resets the fingers if the root was set to null from outside, which empties the tree.
 void forgetIfCleared(Tree* tree) {
   if (tree->anchor.root != nullptr) return;
   tree->search.last = tree->search.levels;
@@ -119,9 +119,9 @@ std::int64_t pick(bool second, std::int64_t ifFirst, std::int64_t ifSecond) {
   return (ifFirst & ~mask) | (ifSecond & mask);
 }
 
-// Leads the finger from the node behind its last link to where the key is or would be. A search
-// that goes far turns at random, so that a branch would go wrong at every other node, and a node
-// that is not cached costs more than all else: both that may be next are fetched at once.
+// Moves the finger from the node at its last link down to where the key is or would be. In a long
+// search the side is random, so a branch would be mispredicted at every other node; therefore there
+// is none. A cache miss costs most: both nodes that may come next are prefetched.
 Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffset) {
   FingerLevel at = *finger->last;
   while (node != nullptr) {
@@ -140,7 +140,7 @@ Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffse
   return node;
 }
 
-// Leads the finger to the link where the key is or would be, and returns the node there or null.
+// Moves the finger to the link where the key is or would be, and returns the node there or null.
 [[gnu::always_inline]] inline Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
   forgetIfCleared(tree);
   for (std::size_t tried = 0; !finger->last->holds(key); ++tried) {
@@ -156,13 +156,13 @@ Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffse
   return node == nullptr ? nullptr : descend(finger, node, key, tree->keyOffset);
 }
 
-// What lies behind the link of `level` was rearranged: the other finger must not lead further.
+// The subtree at the link of `level` was rearranged: cuts the other finger short there.
 void cutBystander(Finger* bystander, const Finger& changed, const FingerLevel* level) {
   FingerLevel* same = bystander->levels + (level - changed.levels);
   if (same < bystander->last && same->link == level->link) bystander->last = same;
 }
 
-// Rotates where an insert made the node behind the link of `level` too tall on `side`.
+// Rotates the node at the link of `level`, which an insert made too tall on `side`.
 void rebalanceInserted(Tree* tree, FingerLevel* level, std::size_t side) {
   Finger& finger = tree->search;
   rebalance(level->link, side);
@@ -183,8 +183,8 @@ void treeInsert(TreeAnchor* anchor, void* record) noexcept {
   if (seek(tree, &finger, keyOf(added, tree->keyOffset)) != nullptr) return;
   added->links[left] = nullptr;
   added->links[right] = nullptr;
-  *finger.last->link = added;  // no side that ended here was the taller one
-  // Every node upwards grows by a level on its side, up to the first that was not balanced.
+  *finger.last->link = added;  // an empty side is never the taller one
+  // Each node above grows by a level on that side, up to the first one that was not balanced.
   for (FingerLevel* level = finger.last; level != finger.levels; --level) {
     Node* node = target(*level[-1].link);
     void** const across = opposite(node, level->link);
@@ -205,8 +205,8 @@ void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   return seek(tree, &tree->search, keyAt(key));
 }
 
-// Puts the next larger node in the place of a node with two children, which the finger is at, and
-// leads the finger to the link that this leaves shorter. The levels that it enters have no keys.
+// Replaces a node with two children, which the finger is at, by the next larger node, and moves the
+// finger to the link that becomes shorter. The levels that it enters have no range of keys.
 void replaceBySuccessor(Finger* finger, Node* node) {
   FingerLevel* const place = finger->last;
   Node* successor = target(node->links[right]);
@@ -222,9 +222,9 @@ void replaceBySuccessor(Finger* finger, Node* node) {
   place[1].link = &successor->links[right];
 }
 
-// Rebalances upwards after the side behind the finger's last link has become one level shorter.
-// The finger keeps leading there. Returns the uppermost level whose link leads to another node
-// now, if it is above `changed`.
+// Rebalances upwards after the subtree at the finger's last link has become one level shorter. The
+// finger still leads to it. Returns the uppermost level whose link leads to another node now, if it
+// is above `changed`.
 FingerLevel* shorten(Finger* finger, std::size_t keyOffset, FingerLevel* changed) {
   for (FingerLevel* level = finger->last; level != finger->levels; --level) {
     const FingerLevel& above = level[-1];

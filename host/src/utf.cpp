@@ -1,4 +1,4 @@
-// UTF-32 to UTF-8 and back, with bytes that are no UTF-8 kept as U+DC80 to U+DCFF.
+// UTF-32 to UTF-8 and back; bytes that are not UTF-8 become U+DC80 to U+DCFF.
 #include "utf.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ bool isSurrogate(char32_t point) { return point >= 0xD800 && point <= 0xDFFF; }
 
 char byteOf(char32_t bits) { return static_cast<char>(static_cast<unsigned char>(bits)); }
 
-// Bytes that a lead byte announces, and the smallest code point that needs as many.
+// The length of the sequence that a lead byte begins, and the smallest code point of that length.
 struct Lead {
   std::size_t length;
   char32_t bits;
