@@ -1,8 +1,13 @@
 #include "database.h"
 
+#include <sys/resource.h>
+
+#include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 SQLITE_EXTENSION_INIT3
@@ -12,6 +17,8 @@ namespace {
 
 constexpr int kSmallestPage = 512;
 constexpr int kLargestPage = 65536;
+constexpr int kDirectPage = 4096;        // direct I/O takes pages of that size on every disk
+constexpr std::int64_t kMostZeros = 16;  // pages that a write may leave out and have filled
 
 // SQLite reads and writes pages whole, except for the header and counters in page 1, and while it
 // copies a database into one with larger pages.
@@ -20,10 +27,21 @@ bool isPage(int bytes, sqlite3_int64 offset) {
          std::has_single_bit(static_cast<unsigned>(bytes)) && offset % bytes == 0;
 }
 
+// A direct write that a limit of the file's size would cut inside a sector is refused with EINVAL.
+bool isBeyondLimit(sqlite3_int64 bytes) {
+  struct rlimit limit = {};
+  return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+         static_cast<rlim_t>(bytes) > limit.rlim_cur;
+}
+
 int resultOfRead(int error) {
   const bool damaged = error == EIO || error == ERANGE || error == ENXIO;
   return damaged ? SQLITE_IOERR_CORRUPTFS : SQLITE_IOERR_READ;
 }
+
+// Of a write-back that a read needs. After SQLITE_FULL from a read SQLite may go on with the
+// transaction, some of whose pages are lost; after an I/O error it rolls back.
+int resultInRead(int code) { return code == SQLITE_FULL ? SQLITE_IOERR_WRITE : code; }
 
 }  // namespace
 
@@ -59,14 +77,38 @@ void Database::drop() {
   cached_ = false;
 }
 
-// Direct I/O that the disk does not take in units of this page size.
-bool Database::giveUpDirect(const qz::Error& error) {
-  if (wish_.io == qz::Io::buffered || error.errorNumber != EINVAL) return false;
+// Pages that were collected are lost with a failed write: SQLite must not go on without them.
+int Database::failedWrite(const qz::Error& error, sqlite3_int64 bytes) {
+  const bool refused = error.errorNumber == EINVAL;
+  const bool full = error.status == qz::Status::noSpace || (refused && isBeyondLimit(bytes));
+  if (refused && !full) goBuffered();
+  return failed(error, full ? SQLITE_FULL : SQLITE_IOERR_WRITE);
+}
+
+void Database::goBuffered() {
   whyNotDirect_ = "the disk does not take pages of " + std::to_string(pageSize_) + " bytes";
   sqlite3_log(SQLITE_NOTICE, "qzvfs: %s: buffered I/O: %s", path_.c_str(), whyNotDirect_.c_str());
   wish_.io = qz::Io::buffered;
+}
+
+// Direct I/O that the disk does not take in units of this page size.
+bool Database::giveUpDirect(const qz::Error& error) {
+  if (wish_.io == qz::Io::buffered || error.errorNumber != EINVAL || file_->isCollecting()) {
+    return false;
+  }
+  goBuffered();
   drop();
   return true;
+}
+
+// How the module opens the file. Direct I/O appends in blocks as well, and reads single pages with
+// readMany. An empty file does not tell whether the disk takes small pages, and collected pages
+// could not be written another way: they are then written one by one, as in a file that the layer
+// underneath makes longer.
+qz::Io Database::ioFor(int pageSize, sqlite3_int64 bytes) const {
+  if (wish_.io == qz::Io::buffered) return qz::Io::buffered;
+  const bool unsure = pageSize < kDirectPage && bytes == 0;
+  return unsure || chunked_ ? qz::Io::direct : qz::Io::block;
 }
 
 // The name may stand for another file than the one that the layer underneath has open.
@@ -93,13 +135,14 @@ bool Database::tryOpen(int pageSize, sqlite3_int64 bytes) {
   }
   file_.emplace(*std::move(file));
   const Expecting ours(identity_);
-  const bool block = wish_.io == qz::Io::block;
+  io_ = ioFor(pageSize, bytes);
+  const bool keepsBlocks = wish_.io == qz::Io::block && io_ == qz::Io::block;
   const auto opened = file_->open(
       path_, {.pageSize = pageSize,
               .writing = wish_.writable ? qz::Writing::anyPage : qz::Writing::none,
-              .io = wish_.io,
+              .io = io_,
               .blockBytes = std::max<std::int64_t>(wish_.blockBytes / pageSize, 1) * pageSize,
-              .buffers = block ? wish_.buffers : 1,
+              .buffers = keepsBlocks ? wish_.buffers : 1,
               .locking = qz::Locking::none});  // SQLite's own locks are in force
   if (!opened) {
     whyNot_ = opened.error().message();
@@ -109,10 +152,18 @@ bool Database::tryOpen(int pageSize, sqlite3_int64 bytes) {
     whyNot_ = "the size changed while the file was opened";
   } else {
     if (const qz::IoReport io = file_->io(); io.asked != io.obtained) whyNotDirect_ = io.reason;
+    if (wish_.io == qz::Io::direct) makeAligned(pageSize);
     return true;
   }
   drop();
   return false;
+}
+
+// Memory that direct I/O reads a page into.
+void Database::makeAligned(int pageSize) {
+  const auto bytes = static_cast<std::size_t>(std::max(pageSize, kDirectPage));
+  aligned_.reset(static_cast<char*>(std::aligned_alloc(kDirectPage, bytes)));
+  if (aligned_ == nullptr) throw std::bad_alloc();
 }
 
 // Decides where pages of this size go, and brings the module up to date with the file.
@@ -124,7 +175,7 @@ int Database::look(int pageSize, bool* throughModule) {
       return code;
     }
     const bool asItWas = usable_ && file_ && file_->isOpen() && pageSize == pageSize_ && !cached_ &&
-                         file_->pageCount() * pageSize == bytes;
+                         file_->pageCount() * pageSize == bytes && ioFor(pageSize, bytes) == io_;
     pageSize_ = pageSize;
     if (!asItWas) {
       drop();
@@ -137,11 +188,12 @@ int Database::look(int pageSize, bool* throughModule) {
   return SQLITE_OK;
 }
 
-int Database::readPage(void* data, int pageSize, std::int64_t page, bool* done) {
+// The page from its block in memory; the module reads the block where it is not there.
+int Database::readFromBlock(void* data, int pageSize, std::int64_t page, bool* done) {
   const auto hold = file_->read(page);
   if (hold) {
     std::memcpy(data, hold->data(), static_cast<std::size_t>(pageSize));
-    cached_ = cached_ || wish_.io == qz::Io::block;
+    cached_ = true;
     *done = true;
     return SQLITE_OK;
   }
@@ -154,10 +206,35 @@ int Database::readPage(void* data, int pageSize, std::int64_t page, bool* done) 
   return failed(hold.error(), resultOfRead(hold.error().errorNumber));
 }
 
+int Database::readPage(void* data, int pageSize, std::int64_t page, bool* done) {
+  if (wish_.io == qz::Io::block) return readFromBlock(data, pageSize, page, done);
+  // Collected pages are not in the file yet.
+  if (file_->isCollecting() && page * pageSize > file_->settings().fileSize) {
+    if (const int code = writeBack(); code != SQLITE_OK) return resultInRead(code);
+  }
+  const bool direct = wish_.io == qz::Io::direct;
+  void* const area = direct ? aligned_.get() : data;
+  std::int32_t pages = 0;
+  const auto got = file_->readMany(page, 1, area, &pages);
+  if (!got && got.status() != qz::Status::endOfFile) {
+    if (giveUpDirect(got.error())) return SQLITE_OK;
+    return failed(got.error(), resultOfRead(got.error().errorNumber));
+  }
+  if (pages == 1) {
+    if (direct) std::memcpy(data, area, static_cast<std::size_t>(pageSize));
+    *done = true;
+    return SQLITE_OK;
+  }
+  // The file has become shorter: the layer underneath tells how much of the page is left.
+  drop();
+  return SQLITE_OK;
+}
+
 int Database::read(void* data, int bytes, sqlite3_int64 offset) {
   if (isPage(bytes, offset)) {
     bool throughModule = false;
-    if (const int code = look(bytes, &throughModule); code != SQLITE_OK) return code;
+    const int looked = look(bytes, &throughModule);
+    if (looked != SQLITE_OK) return resultInRead(looked);
     const std::int64_t page = offset / bytes + 1;
     if (throughModule && page <= file_->pageCount()) {
       bool done = false;
@@ -167,7 +244,7 @@ int Database::read(void* data, int bytes, sqlite3_int64 offset) {
     // Beyond the pages that were there: a checkpoint of another process may have added it.
     if (throughModule && file_ && !file_->isCollecting()) stale();
   }
-  if (const int code = writeBack(); code != SQLITE_OK) return code;
+  if (const int code = writeBack(); code != SQLITE_OK) return resultInRead(code);
   return lower_->pMethods->xRead(lower_, data, bytes, offset);
 }
 
@@ -176,18 +253,18 @@ int Database::write(const void* data, int bytes, sqlite3_int64 offset) {
     bool throughModule = false;
     if (const int code = look(bytes, &throughModule); code != SQLITE_OK) return code;
     const std::int64_t page = offset / bytes + 1;
-    // Pages between the last one and this one are a hole in the file.
-    if (!throughModule || page > file_->pageCount() + 1) break;
-    const auto written = file_->write(data, page);
+    // A hole in the file is left to the layer underneath. SQLite often leaves out a page that it
+    // writes soon after: such pages are filled, as then the file need not be opened anew.
+    if (!throughModule || page > file_->pageCount() + 1 + kMostZeros) break;
+    const bool collecting = file_->isCollecting();
+    auto written = file_->extendTo(page - 1);
+    if (written) written = file_->write(data, page);
     if (written) {
       // A checkpoint tells nobody when it is done, so its pages must not wait.
       return checkpointing_ ? writeBack() : SQLITE_OK;
     }
-    again = giveUpDirect(written.error());
-    if (!again) {
-      const bool full = written.status() == qz::Status::noSpace;
-      return failed(written.error(), full ? SQLITE_FULL : SQLITE_IOERR_WRITE);
-    }
+    again = !collecting && giveUpDirect(written.error());
+    if (!again) return failedWrite(written.error(), offset + bytes);
   }
   if (const int code = writeBack(); code != SQLITE_OK) return code;
   stale();
@@ -200,7 +277,7 @@ int Database::truncate(sqlite3_int64 bytes) {
   if (collecting && bytes % pageSize_ == 0 && bytes / pageSize_ <= file_->pageCount()) {
     const auto cut = file_->truncate(bytes / pageSize_);
     if (!cut) return failed(cut.error(), SQLITE_IOERR_TRUNCATE);
-    if (!chunked_) return SQLITE_OK;
+    return SQLITE_OK;
   }
   if (const int code = writeBack(); code != SQLITE_OK) return code;
   stale();
@@ -209,10 +286,16 @@ int Database::truncate(sqlite3_int64 bytes) {
 
 int Database::writeBack() {
   if (!file_ || !file_->isCollecting()) return SQLITE_OK;
+  const sqlite3_int64 bytes = file_->pageCount() * pageSize_;
   const auto written = file_->writeBack();
-  if (written) return SQLITE_OK;
-  const bool full = written.status() == qz::Status::noSpace;
-  return failed(written.error(), full ? SQLITE_FULL : SQLITE_IOERR_WRITE);
+  return written ? SQLITE_OK : failedWrite(written.error(), bytes);
+}
+
+int Database::setChunked() {
+  const int code = writeBack();
+  chunked_ = true;
+  stale();
+  return code;
 }
 
 // fsync is of the file, not of the descriptor.
@@ -243,7 +326,8 @@ std::string Database::describe() {
   }
   if (pageSize_ == 0) return "no page yet (asked: " + wish_.asked + ")";
   if (!usable_) return "SQLite's own (asked: " + wish_.asked + "; " + whyNot_ + ")";
-  std::string text = nameOf(file_->io().obtained);
+  const bool direct = file_->io().obtained != qz::Io::buffered;
+  std::string text = nameOf(direct ? wish_.io : qz::Io::buffered);
   if (text == wish_.asked) return text;
   text += " (asked: " + wish_.asked;
   return text + (whyNotDirect_.empty() ? ")" : "; " + whyNotDirect_ + ")");

@@ -9,6 +9,7 @@
 
 #include <sqlite3ext.h>
 
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,10 @@ struct Wish {
   bool writable = true;
 };
 
+struct Free {
+  void operator()(void* memory) const { std::free(memory); }
+};
+
 class Database {
  public:
   // `lower` is the open file of the layer underneath, which the caller closes.
@@ -43,12 +48,14 @@ class Database {
   int fileSize(sqlite3_int64* bytes);
   // Hands collected pages to the system.
   int writeBack();
+  // The layer underneath grows the file in chunks.
+  int setChunked();
+  bool isChunked() const noexcept { return chunked_; }
   // Others may have changed the file, or the layer underneath has.
   void stale() noexcept { looked_ = false; }
 
   sqlite3_file* lower() const noexcept { return lower_; }
   void setCheckpointing(bool on) noexcept { checkpointing_ = on; }
-  void setChunked() noexcept { chunked_ = true; }
   // errno of the last failure of the module; nothing when it never failed.
   std::optional<int> lastErrno() const noexcept { return errno_; }
   // The mode of I/O of the pages, and why it is not the one asked for.
@@ -56,10 +63,15 @@ class Database {
 
  private:
   int look(int pageSize, bool* throughModule);
+  qz::Io ioFor(int pageSize, sqlite3_int64 bytes) const;
   bool tryOpen(int pageSize, sqlite3_int64 bytes);
+  void makeAligned(int pageSize);
   bool isOurFile();
+  int readFromBlock(void* data, int pageSize, std::int64_t page, bool* done);
   int readPage(void* data, int pageSize, std::int64_t page, bool* done);
   int failed(const qz::Error& error, int code);
+  int failedWrite(const qz::Error& error, sqlite3_int64 bytes);
+  void goBuffered();
   bool giveUpDirect(const qz::Error& error);
   void drop();
 
@@ -70,13 +82,15 @@ class Database {
   Identity identity_;
   bool known_;  // identity_ is that of the file underneath
   std::optional<qz::PagedFile> file_;
+  qz::Io io_ = qz::Io::buffered;  // as the module was asked to open the file
+  std::unique_ptr<char, Free> aligned_;
   int pageSize_ = 0;     // of the last page that was asked for
   bool looked_ = false;  // what the next line says is so as long as nobody else changes the file
   bool usable_ = false;  // pages go through the module
   bool cached_ = false;  // blocks were read: their pages may be in memory
   bool checkpointing_ = false;
-  bool chunked_ = false;  // the layer underneath grows the file in chunks
-  std::string whyNot_;    // of pages that do not go through the module
+  bool chunked_ = false;
+  std::string whyNot_;  // of pages that do not go through the module
   std::string whyNotDirect_;
   std::optional<int> errno_;  // of the last failure
 };

@@ -133,14 +133,13 @@ int control(sqlite3_file* file, int operation, void* argument) {
       database.setCheckpointing(false);
       break;
     case SQLITE_FCNTL_CHUNK_SIZE:
-      database.setChunked();
+      if (const int code = database.setChunked(); code != SQLITE_OK) return code;
       break;
-    case SQLITE_FCNTL_SIZE_HINT: {  // may make the file longer
-      const int code = database.writeBack();
+    case SQLITE_FCNTL_SIZE_HINT:
+      // The layer underneath makes a file longer that grows in chunks, and nothing else.
+      if (!database.isChunked()) return SQLITE_OK;
       database.stale();
-      if (code != SQLITE_OK) return code;
       break;
-    }
     default:
       break;
   }

@@ -222,17 +222,27 @@ Result<void> PagedFile::giveBack(std::span<PageHold> holds) {
   return first;
 }
 
+// Before a read into one area its last byte gets a value that few pages end with. If it is another
+// one afterwards, the read filled the whole area: the file need not be asked for its size.
 Result<void> PagedFile::readRun(std::int64_t firstPage, std::int32_t count,
                                 PageRequest* const* requests, std::uint32_t options,
                                 std::int32_t* pagesRead) {
+  constexpr char unread = '\xA7';
+  char* last = nullptr;
+  if (pagesRead != nullptr && (options & kContiguous) != 0 && count > 0) {
+    last = requests[0]->buffer + std::int64_t{count} * pageSize() - 1;
+    *last = unread;
+  }
   const Status status = table().qzpreadmany(handle_, requests, firstPage, count, options, journal_);
   if (pagesRead == nullptr) return outcome(status);
   *pagesRead = 0;
   if (status != Status::ok) return outcome(status);
   // The operation trusts the page count, but another program may have made the file shorter.
   std::int64_t pages = pageCount();
-  if (const auto size = sizeOf(handle_->fd)) {
-    pages = std::min(pages, (*size - headerSize()) / pageSize());
+  if (last == nullptr || *last == unread) {
+    if (const auto size = sizeOf(handle_->fd)) {
+      pages = std::min(pages, (*size - headerSize()) / pageSize());
+    }
   }
   *pagesRead = static_cast<std::int32_t>(std::clamp<std::int64_t>(pages - firstPage + 1, 0, count));
   return {};
