@@ -396,6 +396,34 @@ TEST_F(SqliteTest, ErrorsThatPassAreReportedAndPass) {
   }
 }
 
+// A transaction with a write that the system refused must fail, also where the write was of pages
+// collected before, or the disk refuses direct I/O. Nothing of it may stay, and the next one works.
+TEST_F(SqliteTest, RefusedWritesFailTheirTransactionAndLoseNothing) {
+  for (const std::string& mode : kModes) {
+    for (const int error : {EINVAL, EIO, ENOSPC}) {
+      for (int nth = 1; nth <= 20; ++nth) {
+        SCOPED_TRACE(fmt::format("{}, write {} fails with {}", mode, nth, error));
+        Connection database(fresh(), viaModule(mode) + "&block=32768");
+        ASSERT_EQ(database.run("pragma synchronous=off; pragma cache_size=10;"
+                               "create table t(a integer primary key, b text);" +
+                               insertRows(1, 100)),
+                  SQLITE_OK);
+        qztest::calls().plan({{.call = qztest::Call::pwrite,
+                               .nth = nth,
+                               .error = static_cast<std::uint32_t>(error)}});
+        // A read in the transaction may need pages that were collected.
+        const char* const read = nth % 2 == 0 ? "select sum(length(b)) from t;" : "";
+        const int code = database.run("begin;" + insertRows(101, 1200) + read + "commit");
+        qztest::calls().plan({});
+        if (code != SQLITE_OK) database.run("rollback");
+        EXPECT_EQ(database.ask("select count(*) from t"), code == SQLITE_OK ? "1200" : "100");
+        EXPECT_EQ(database.ask("pragma integrity_check"), "ok");
+        EXPECT_EQ(database.run(insertRows(1201, 1300)), SQLITE_OK);
+      }
+    }
+  }
+}
+
 TEST_F(SqliteTest, ParametersAreCheckedAndTheModeIsTold) {
   EXPECT_EQ(Connection(fresh(), "vfs=qz&io=quick").handle(), nullptr);
   EXPECT_EQ(Connection(fresh(), "vfs=qz&buffers=0").handle(), nullptr);
