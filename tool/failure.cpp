@@ -53,9 +53,37 @@ Exit exitForStatus(Purpose purpose, const qz::Error& error) {
       return error.errorNumber == 0 ? Exit::badData : Exit::ioError;
     case qz::Status::endOfFile:
       return Exit::badData;
-    default:
-      return exitForErrno(purpose, error.errorNumber);
+    // The system's error number decides.
+    case qz::Status::ok:
+    case qz::Status::noMemory:
+    case qz::Status::badArgument:
+    case qz::Status::noHeaderYet:
+    case qz::Status::noDescriptor:
+    case qz::Status::busy:
+    case qz::Status::ioFailed:
+    case qz::Status::notRemoved:
+    case qz::Status::inexactPageSize:
+    case qz::Status::pageOutOfRange:
+    case qz::Status::noBuffer:
+    case qz::Status::notWritable:
+    case qz::Status::noSpace:
+    case qz::Status::buffersMissing:
+    case qz::Status::readOutOfSequence:
+    case qz::Status::notHeld:
+    case qz::Status::writeOutOfSequence:
+    case qz::Status::wrongLength:
+    case qz::Status::notTruncated:
+    case qz::Status::notOpen:
+    case qz::Status::alreadyOpen:
+    case qz::Status::accessNote:
+    case qz::Status::deleteWhileOpen:
+    case qz::Status::shortHeaderReport:
+    case qz::Status::fileNameLine:
+    case qz::Status::reopenFailed:
+    case qz::Status::cannotRemoveReport:
+      break;
   }
+  return exitForErrno(purpose, error.errorNumber);
 }
 
 const char* hintForErrno(Purpose purpose, int errorNumber) {
@@ -113,7 +141,36 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
                "what was read: try again";
       }
       break;
-    default:
+    // The system's error number decides.
+    case qz::Status::ok:
+    case qz::Status::badArgument:
+    case qz::Status::fileNotFound:
+    case qz::Status::accessRefused:
+    case qz::Status::isDirectory:
+    case qz::Status::noHeaderYet:
+    case qz::Status::noFileName:
+    case qz::Status::noDescriptor:
+    case qz::Status::ioFailed:
+    case qz::Status::notRemoved:
+    case qz::Status::inexactPageSize:
+    case qz::Status::pageOutOfRange:
+    case qz::Status::notWritable:
+    case qz::Status::noSpace:
+    case qz::Status::readOnlyFileSystem:
+    case qz::Status::buffersMissing:
+    case qz::Status::readOutOfSequence:
+    case qz::Status::notHeld:
+    case qz::Status::writeOutOfSequence:
+    case qz::Status::wrongLength:
+    case qz::Status::notTruncated:
+    case qz::Status::notOpen:
+    case qz::Status::alreadyOpen:
+    case qz::Status::accessNote:
+    case qz::Status::deleteWhileOpen:
+    case qz::Status::shortHeaderReport:
+    case qz::Status::fileNameLine:
+    case qz::Status::reopenFailed:
+    case qz::Status::cannotRemoveReport:
       break;
   }
   return hintForErrno(purpose, error.errorNumber);

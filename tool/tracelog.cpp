@@ -23,9 +23,7 @@ using Json = nlohmann::json;
 
 constexpr int kVersion = 1;
 constexpr std::size_t kSlowest = 5;
-constexpr std::uint32_t kEndOfFile = 0x803FC80B;
-constexpr std::uint32_t kCallersMemory = 0x10;
-constexpr std::uint32_t kContiguous = 0x8;
+constexpr std::uint32_t kEndOfFile = static_cast<std::uint32_t>(qz::Status::endOfFile);
 
 std::int64_t number(const Json& line, const char* name) {
   return line.value(name, std::int64_t{0});
@@ -142,14 +140,14 @@ class Replay {
     if (operation == "qzpread") {
       model.read(page, address);
     } else if (operation == "qzpwrite") {
-      const bool own = (number(line, "flags") & kCallersMemory) != 0;
+      const bool own = (number(line, "flags") & qz::kCallersMemory) != 0;
       model.write(page, own ? CacheModel::kOwnMemory : address);
     } else if (operation == "qzpbufreturn") {
       model.returnHold(address);
     } else if (operation == "qzpbufacquire") {
       model.acquire(address);
     } else if (operation == "qzpreadmany") {
-      model.readMany(page, count, (number(line, "options") & kContiguous) != 0);
+      model.readMany(page, count, (number(line, "options") & qz::kContiguous) != 0);
     } else if (operation == "qzptruncate") {
       model.truncate(number(line, "pages"));
     } else if (operation == "qzpflush" || operation == "qzpclose") {

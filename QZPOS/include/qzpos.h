@@ -13,8 +13,10 @@
 
 namespace qz {
 
-// Outcome of an operation. A host's own status appears only in journals and as the result of
-// qzpdestroy.
+// Outcome of an operation: always one of these codes, never a host's own status. Those appear only
+// in journals, and as the HostStatus that qzpdestroy and qzWait return.
+//
+// Numbers are in order and never reused. A new code goes behind 0x803FC826, not into a gap.
 enum class Status : std::uint32_t {
   ok = 0,
   noMemory = 0x803FC002,
@@ -53,6 +55,60 @@ enum class Status : std::uint32_t {
   reopenFailed = 0x803FC826,
   cannotRemoveReport = 0x803FCFD4,  // journal only: delete could not open the file
 };
+
+// Every code but `ok`, for hosts and tests that go through them all.
+inline constexpr Status kStatusCodes[] = {
+    Status::noMemory,
+    Status::badArgument,
+    Status::fileNotFound,
+    Status::accessRefused,
+    Status::isDirectory,
+    Status::noHeaderYet,
+    Status::noFileName,
+    Status::noDescriptor,
+    Status::busy,
+    Status::ioFailed,
+    Status::notRemoved,
+    Status::inexactPageSize,
+    Status::endOfFile,
+    Status::pageOutOfRange,
+    Status::noBuffer,
+    Status::notWritable,
+    Status::noSpace,
+    Status::readOnlyFileSystem,
+    Status::buffersMissing,
+    Status::readOutOfSequence,
+    Status::notHeld,
+    Status::writeOutOfSequence,
+    Status::shorterThanHeader,
+    Status::misfit,
+    Status::wrongLength,
+    Status::notTruncated,
+    Status::notOpen,
+    Status::alreadyOpen,
+    Status::unsupportedFile,
+    Status::accessNote,
+    Status::deleteWhileOpen,
+    Status::shortHeaderReport,
+    Status::fileNameLine,
+    Status::reopenFailed,
+    Status::cannotRemoveReport,
+};
+
+// How many inserts, each a text, the module gives the text of a status: a description and the
+// file's name for `accessNote`, the file's name for the other three.
+constexpr int insertsOf(Status status) {
+  switch (status) {
+    case Status::accessNote:
+      return 2;
+    case Status::shortHeaderReport:
+    case Status::fileNameLine:
+    case Status::cannotRemoveReport:
+      return 1;
+    default:
+      return 0;
+  }
+}
 
 // Values of FileHandle::openMode.
 enum OpenMode : std::uint32_t {

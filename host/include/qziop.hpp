@@ -29,7 +29,7 @@ namespace qz {
 
 // Why a call failed.
 struct Error {
-  Status status = Status::ok;     // the module's code, or the host's where one passed through
+  Status status = Status::ok;     // the module's code, never one of the host's own statuses
   std::string text;               // of the message catalogue, or the loader's own words
   std::int32_t errorNumber = 0;   // errno behind the failure; 0 where no system call is
   std::uint32_t hostDetail1 = 0;  // the host's two words about a failed open

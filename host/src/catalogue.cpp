@@ -1,7 +1,8 @@
 // The message catalogue: one text for every status of the module and of this host.
 //
-// The module gives inserts to four statuses only; every other text must have no placeholder. The
-// file-name line comes right behind the text of a failure, so it begins with its own separator.
+// Only accessNote, shortHeaderReport, fileNameLine and cannotRemoveReport have inserts; no other
+// text may contain a placeholder. The file-name line comes right behind the text of a failure, so
+// it begins with its own separator.
 #include <cstdio>
 
 #include "qzpos.h"
@@ -10,58 +11,93 @@
 namespace qz {
 namespace {
 
-struct CatalogueText {
-  std::uint32_t status;
+// The text of a module code, null for any other status. A switch, so that the compiler names a code
+// without a text.
+// NOLINTNEXTLINE(readability-function-size): one case for each code
+const char* moduleText(Status status) {
+  switch (status) {
+    case Status::ok:
+      return "Success";
+    case Status::noMemory:
+      return "There is not enough memory";
+    case Status::badArgument:
+      return "An argument is not valid, or a name, handle or task could not be found or released";
+    case Status::fileNotFound:
+      return "The file or a folder on the way to it does not exist";
+    case Status::accessRefused:
+      return "Access to the file was refused";
+    case Status::isDirectory:
+      return "The name stands for a directory, not a file";
+    case Status::noHeaderYet:
+      return "A file that is to be created or replaced has no header to read yet";
+    case Status::noFileName:
+      return "No file name was given, or it cannot be used";
+    case Status::noDescriptor:
+      return "No further file can be opened: all file descriptors are in use";
+    case Status::busy:
+      return "The file is in use, or cannot be locked at the moment";
+    case Status::ioFailed:
+      return "Reading, writing or releasing the file or its memory failed";
+    case Status::notRemoved:
+      return "The file could not be removed or released";
+    case Status::inexactPageSize:
+      return "No page size meets the request exactly; the nearest was chosen";
+    case Status::endOfFile:
+      return "The file has no further page";
+    case Status::pageOutOfRange:
+      return "The page number is outside the file";
+    case Status::noBuffer:
+      return "No page buffer is free: all that may be held at once are held";
+    case Status::notWritable:
+      return "The file was not opened for writing";
+    case Status::noSpace:
+      return "The disk, the quota or the size that a file may have is used up";
+    case Status::readOnlyFileSystem:
+      return "The file system is read-only";
+    case Status::buffersMissing:
+      return "Fewer page buffers could be added than were asked for";
+    case Status::readOutOfSequence:
+      return "A page of a file opened for reading in order was read out of order";
+    case Status::notHeld:
+      return "The address returned or written is not that of a held page";
+    case Status::writeOutOfSequence:
+      return "The page written is neither the next new page nor one that may be rewritten";
+    case Status::shorterThanHeader:
+      return "The file is shorter than its header";
+    case Status::misfit:
+      return "The file is not a header followed by whole pages";
+    case Status::wrongLength:
+      return "The length written is not the page size";
+    case Status::notTruncated:
+      return "The file could not be cut to its new length";
+    case Status::notOpen:
+      return "The file is not open";
+    case Status::alreadyOpen:
+      return "The file is open already, or an earlier close did not finish";
+    case Status::unsupportedFile:
+      return "This kind or size of file cannot be handled";
+    case Status::accessNote:
+      return "%s [file %s]";
+    case Status::deleteWhileOpen:
+      return "The file cannot be removed while it is open";
+    case Status::shortHeaderReport:
+      return "The file ends before the header that was to be read [file %s]";
+    case Status::fileNameLine:
+      return " [file %s]";
+    case Status::reopenFailed:
+      return "The file could not be reopened with its new access hints";
+    case Status::cannotRemoveReport:
+      return "The file could not be opened for its removal [file %s]";
+  }
+  return nullptr;
+}
+
+struct HostText {
+  HostStatus status;
   const char* text;
 };
 
-constexpr CatalogueText text(Status status, const char* words) {
-  return {static_cast<std::uint32_t>(status), words};
-}
-
-constexpr CatalogueText kCatalogue[] = {
-    text(Status::ok, "Success"),
-    text(Status::noMemory, "There is not enough memory"),
-    text(Status::badArgument,
-         "An argument is not valid, or a name, handle or task could not be found or released"),
-    text(Status::fileNotFound, "The file or a folder on the way to it does not exist"),
-    text(Status::accessRefused, "Access to the file was refused"),
-    text(Status::isDirectory, "The name stands for a directory, not a file"),
-    text(Status::noHeaderYet, "A file that is to be created or replaced has no header to read yet"),
-    text(Status::noFileName, "No file name was given, or it cannot be used"),
-    text(Status::noDescriptor, "No further file can be opened: all file descriptors are in use"),
-    text(Status::busy, "The file is in use, or cannot be locked at the moment"),
-    text(Status::ioFailed, "Reading, writing or releasing the file or its memory failed"),
-    text(Status::notRemoved, "The file could not be removed or released"),
-    text(Status::inexactPageSize, "No page size meets the request exactly; the nearest was chosen"),
-    text(Status::endOfFile, "The file has no further page"),
-    text(Status::pageOutOfRange, "The page number is outside the file"),
-    text(Status::noBuffer, "No page buffer is free: all that may be held at once are held"),
-    text(Status::notWritable, "The file was not opened for writing"),
-    text(Status::noSpace, "The disk, the quota or the size that a file may have is used up"),
-    text(Status::readOnlyFileSystem, "The file system is read-only"),
-    text(Status::buffersMissing, "Fewer page buffers could be added than were asked for"),
-    text(Status::readOutOfSequence,
-         "A page of a file opened for reading in order was read out of "
-         "order"),
-    text(Status::notHeld, "The address returned or written is not that of a held page"),
-    text(Status::writeOutOfSequence,
-         "The page written is neither the next new page nor one that "
-         "may be rewritten"),
-    text(Status::shorterThanHeader, "The file is shorter than its header"),
-    text(Status::misfit, "The file is not a header followed by whole pages"),
-    text(Status::wrongLength, "The length written is not the page size"),
-    text(Status::notTruncated, "The file could not be cut to its new length"),
-    text(Status::notOpen, "The file is not open"),
-    text(Status::alreadyOpen, "The file is open already, or an earlier close did not finish"),
-    text(Status::unsupportedFile, "This kind or size of file cannot be handled"),
-    text(Status::accessNote, "%s [file %s]"),
-    text(Status::deleteWhileOpen, "The file cannot be removed while it is open"),
-    text(Status::shortHeaderReport,
-         "The file ends before the header that was to be read [file %s]"),
-    text(Status::fileNameLine, " [file %s]"),
-    text(Status::reopenFailed, "The file could not be reopened with its new access hints"),
-    text(Status::cannotRemoveReport, "The file could not be opened for its removal [file %s]"),
+constexpr HostText kHostTexts[] = {
     {hostNoMemory, "The host has not enough memory"},
     {hostBadParameters, "The system does not take this combination of parameters for the file"},
     {hostDeviceError, "The device that holds the file reported an error"},
@@ -100,7 +136,8 @@ constexpr CatalogueText kCatalogue[] = {
 }  // namespace
 
 std::string statusText(std::uint32_t status) {
-  for (const CatalogueText& entry : kCatalogue) {
+  if (const char* text = moduleText(Status{status}); text != nullptr) return text;
+  for (const HostText& entry : kHostTexts) {
     if (entry.status == status) return entry.text;
   }
   char words[64];

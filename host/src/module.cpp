@@ -86,8 +86,8 @@ Result<void*> loadFirst(const std::vector<std::string>& paths, std::string* load
   return loadError(Status::fileNotFound, "The module was not found; tried " + tried);
 }
 
-// True for statuses that can come from a failed system call, a host's own statuses included. For
-// the others `lastErrno` is stale: operations that make no system call leave it as it was.
+// True if the status can be caused by a failed system call, and for a code that is not known here.
+// For the others lastErrno is stale, left over from an earlier failure.
 bool hasSystemReason(Status status) {
   switch (status) {
     case Status::badArgument:
@@ -106,9 +106,30 @@ bool hasSystemReason(Status status) {
     case Status::alreadyOpen:
     case Status::deleteWhileOpen:
       return false;
-    default:
+    case Status::ok:
+    case Status::noMemory:
+    case Status::fileNotFound:
+    case Status::accessRefused:
+    case Status::isDirectory:
+    case Status::noFileName:
+    case Status::noDescriptor:
+    case Status::busy:
+    case Status::ioFailed:
+    case Status::notRemoved:
+    case Status::noSpace:
+    case Status::readOnlyFileSystem:
+    case Status::shorterThanHeader:
+    case Status::misfit:
+    case Status::notTruncated:
+    case Status::unsupportedFile:
+    case Status::accessNote:
+    case Status::shortHeaderReport:
+    case Status::fileNameLine:
+    case Status::reopenFailed:
+    case Status::cannotRemoveReport:
       return true;
   }
+  return true;
 }
 
 std::string hex(std::uint32_t value) {

@@ -41,6 +41,8 @@ bool isEmptyFile(const std::string& path) {
   return stat(path.c_str(), &about) == 0 && S_ISREG(about.st_mode) && about.st_size == 0;
 }
 
+std::string textOf(Status status) { return statusText(static_cast<std::uint32_t>(status)); }
+
 Status statusOfCreate(int error) {
   switch (error) {
     case ENOENT:
@@ -180,7 +182,8 @@ Result<void> PagedFile::openAsAsked() {
 }
 
 Result<void> PagedFile::open(std::string_view utf8Name, const Settings& settings) {
-  if (handle_->hostFile != nullptr) return refused(Status::alreadyOpen, statusText(0x803FC81F));
+  if (handle_->hostFile != nullptr)
+    return refused(Status::alreadyOpen, textOf(Status::alreadyOpen));
   if (std::string problem = settings.problem(); !problem.empty()) {
     return refused(Status::badArgument, std::move(problem));
   }
@@ -192,7 +195,7 @@ Result<void> PagedFile::open(std::string_view utf8Name, const Settings& settings
   if (settings.opening == Opening::existingOrNew) {
     if (const int error = createWhereNone(std::string(utf8Name)); error != 0) {
       const Status status = statusOfCreate(error);
-      auto failed = refused(status, statusText(static_cast<std::uint32_t>(status)));
+      auto failed = refused(status, textOf(status));
       Error reason = failed.error();
       reason.errorNumber = error;
       return reason;
@@ -252,7 +255,7 @@ Result<void> PagedFile::extendTo(std::int64_t pages) {
   if (!isOpen()) return outcome(Status::notOpen);
   if (pageCount() >= pages) return {};
   const AlignedMemory zeros = alignedMemory(pageSize());
-  if (zeros == nullptr) return refused(Status::noMemory, statusText(0x803FC002));
+  if (zeros == nullptr) return refused(Status::noMemory, textOf(Status::noMemory));
   std::fill_n(zeros.get(), pageSize(), '\0');
   while (pageCount() < pages) {
     if (auto written = write(zeros.get(), pageCount() + 1); !written) return written;

@@ -3,31 +3,21 @@
 #include <vector>
 
 #include "checks.h"
+#include "qzpos.h"
 
 namespace qz::hostcheck {
 namespace {
 
-constexpr std::uint32_t kPageOutOfRange = 0x803FC80C;
-constexpr std::uint32_t kAccessNote = 0x803FC821;
-constexpr std::uint32_t kShortHeader = 0x803FC824;
-constexpr std::uint32_t kFileNameLine = 0x803FC825;
-constexpr std::uint32_t kCannotRemove = 0x803FCFD4;
+constexpr auto kPageOutOfRange = static_cast<std::uint32_t>(Status::pageOutOfRange);
+constexpr auto kAccessNote = static_cast<std::uint32_t>(Status::accessNote);
+constexpr auto kFileNameLine = static_cast<std::uint32_t>(Status::fileNameLine);
 
-// The codes of qzpos.h, and those of the file service.
+// The codes of the module and of the file service.
 std::vector<std::uint32_t> allStatuses() {
-  std::vector<std::uint32_t> all = {0x803FC002, 0x803FC009, 0x803FC81B, 0x803FC81C, 0x803FC81E,
-                                    0x803FC81F, 0x803FC820, 0x803FC821, 0x803FC823, 0x803FC824,
-                                    0x803FC825, 0x803FC826, 0x803FCFD4};
-  for (std::uint32_t code = 0x803FC801; code <= 0x803FC818; ++code) {
-    if (code != 0x803FC813 && code != 0x803FC817) all.push_back(code);
-  }
+  std::vector<std::uint32_t> all;
+  for (const Status status : kStatusCodes) all.push_back(static_cast<std::uint32_t>(status));
   for (std::uint32_t code = 0x80FFE001; code <= 0x80FFE015; ++code) all.push_back(code);
   return all;
-}
-
-bool takesInserts(std::uint32_t status) {
-  return status == kAccessNote || status == kShortHeader || status == kFileNameLine ||
-         status == kCannotRemove;
 }
 
 // The text of a status that has room enough.
@@ -91,7 +81,8 @@ void insertsAreTakenInOrder(const Trial& trial) {
   const std::size_t first = both.find(U"first insert");
   promised(
       first != std::u32string::npos && both.find(U"second insert", first) != std::u32string::npos,
-      "the text of 0x803FC821 does not have its two inserts in their order: " + narrow(both));
+      "the text of " + hex(kAccessNote) +
+          " does not have its two inserts in their order: " + narrow(both));
   textOf(trial, kFileNameLine, nullptr, nullptr);  // null is a name that is not there
   if (trial.options.entries == nullptr) return;
   const std::size_t before = trial.entries().size();
@@ -118,12 +109,13 @@ void textsTakeTheInsertsTheyGet(const Trial& trial) {
   for (const std::uint32_t status : allStatuses()) {
     const std::u32string one = textOf(trial, status, U"insert one", U"insert two").text;
     const std::u32string other = textOf(trial, status, U"other", U"another").text;
-    if (!takesInserts(status)) {
+    const int inserts = insertsOf(Status{status});
+    if (inserts == 0) {
       promised(one == other, "the text of " + hex(status) + " has a placeholder: " + narrow(one));
       continue;
     }
     promised(
-        contains(one, U"insert one") && contains(one, U"insert two") == (status == kAccessNote),
+        contains(one, U"insert one") && contains(one, U"insert two") == (inserts == 2),
         "the text of " + hex(status) + " does not have the inserts that it gets: " + narrow(one));
   }
 }
@@ -167,11 +159,11 @@ void percentSignsAreDoubled(const Trial& trial) {
 
 void theNameLineSeparatesItself(const Trial& trial) {
   const std::u32string text = goodTextOf(trial, kFileNameLine, U"name", nullptr);
-  needed(!text.empty(), "the text of 0x803FC825 is empty");
+  needed(!text.empty(), "the text of " + hex(kFileNameLine) + " is empty");
   const char32_t first = text.front();
   const bool letter = (first >= U'0' && first <= U'9') || (first >= U'A' && first <= U'Z') ||
                       (first >= U'a' && first <= U'z') || first > 0x7F;
-  promised(!letter, "the text of 0x803FC825 begins with a letter: " + narrow(text));
+  promised(!letter, "the text of " + hex(kFileNameLine) + " begins with a letter: " + narrow(text));
 }
 
 void entriesAreMade(const Trial& trial) {
@@ -184,8 +176,8 @@ void entriesAreMade(const Trial& trial) {
   statusToJnl(trial.journal, kPageOutOfRange);
   const std::string status = newEntry(trial, before);
   const std::string wanted = narrow(goodTextOf(trial, kPageOutOfRange, nullptr, nullptr));
-  promised(contains(status, wanted.c_str()),
-           "statusToJnl of 0x803FC80C makes another text than statusToBuf: " + status);
+  promised(contains(status, wanted.c_str()), "statusToJnl of " + hex(kPageOutOfRange) +
+                                                 " makes another text than statusToBuf: " + status);
 }
 
 constexpr Check kChecks[] = {

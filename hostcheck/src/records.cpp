@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "checks.h"
+#include "qzpos.h"
 
 namespace qz::hostcheck {
 namespace {
@@ -88,7 +89,8 @@ bool useFromThread(const Trial& trial, MemoryPool* pool, unsigned char mark) {
     std::memset(block, mark, kBytes);
     char32_t text[300];
     std::uint32_t length = 0;
-    statusToBuf(trial.journal, 0x803FC80C, text, 300, &length);
+    statusToBuf(trial.journal, static_cast<std::uint32_t>(Status::pageOutOfRange), text, 300,
+                &length);
     std::int32_t value = 0;
     std::uint32_t bytes = sizeof value;
     getOption(trial, kPageSizeOption, kOptionInt32, &value, &bytes);

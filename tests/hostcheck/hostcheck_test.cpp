@@ -333,7 +333,7 @@ const BrokenHost kBrokenHosts[] = {
        host->defaultJournal->statusToBuf = [](Journal* self, std::uint32_t status, char32_t* buffer,
                                               std::uint32_t capacity, std::uint32_t* length,
                                               std::va_list inserts) {
-         if (status != 0x803FC821) {
+         if (Status{status} != Status::accessNote) {
            return real.journal.statusToBuf(self, status, buffer, capacity, length, inserts);
          }
          const auto* first = va_arg(inserts, const char32_t*);
@@ -347,7 +347,7 @@ const BrokenHost kBrokenHosts[] = {
                                               std::uint32_t capacity, std::uint32_t* length,
                                               std::va_list inserts) {
          *length = 0;
-         if (status == 0x803FC826) return HostStatus{hostUnknownOption};
+         if (Status{status} == Status::reopenFailed) return HostStatus{hostUnknownOption};
          return real.journal.statusToBuf(self, status, buffer, capacity, length, inserts);
        };
      }},
@@ -356,7 +356,9 @@ const BrokenHost kBrokenHosts[] = {
        host->defaultJournal->statusToBuf = [](Journal* self, std::uint32_t status, char32_t* buffer,
                                               std::uint32_t capacity, std::uint32_t* length,
                                               std::va_list inserts) {
-         if (status == 0x803FC818) status = 0x803FC824;
+         if (Status{status} == Status::misfit) {
+           status = static_cast<std::uint32_t>(Status::shortHeaderReport);
+         }
          return real.journal.statusToBuf(self, status, buffer, capacity, length, inserts);
        };
      }},
@@ -401,7 +403,7 @@ const BrokenHost kBrokenHosts[] = {
                                               std::va_list inserts) {
          const HostStatus result =
              real.journal.statusToBuf(self, status, buffer, capacity, length, inserts);
-         if (status != 0x803FC825 || *length == 0) return result;
+         if (Status{status} != Status::fileNameLine || *length == 0) return result;
          const std::u32string text(buffer, *length);
          *length -= static_cast<std::uint32_t>(text.find(U"file"));
          text.copy(buffer, *length, text.find(U"file"));

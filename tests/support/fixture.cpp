@@ -39,8 +39,8 @@ void* Library::symbol(const char* name) const { return dlsym(handle, name); }
 
 namespace {
 
-// The text of a status in a report: "!81E". Messages that begin so are the module's reports.
-// Codes of the module come without their prefix.
+// How a report shows a status: `!` and its hexadecimal digits; module codes (0x803FCxxx) are
+// shortened to the last three. A message that begins with `!` is a report of the module.
 constexpr std::uint32_t kModuleCodes = 0x803FC000;
 
 std::string reportText(std::uint32_t status) {
@@ -73,10 +73,10 @@ std::string withInserts(std::u32string_view text, const std::u32string& name,
   return filled;
 }
 
-// The texts that a status takes as its inserts.
-std::u32string_view insertsOf(std::uint32_t status) {
-  if (status == 0x803FC821) return U"(%s|%s)";
-  return status == 0x803FC824 || status == 0x803FCFD4 ? U"(%s)" : U"";
+// Placeholders for the inserts that a status takes.
+std::u32string_view placeholders(std::uint32_t status) {
+  const int inserts = qz::insertsOf(Status{status});
+  return inserts == 2 ? U"(%s|%s)" : inserts == 1 ? U"(%s)" : U"";
 }
 
 NamingJournal& self(qz::Journal* journal) { return *static_cast<NamingJournal*>(journal); }
@@ -87,7 +87,7 @@ qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t*
                            std::uint32_t capacity, std::uint32_t* lengthOut,
                            std::va_list arguments) {
   NamingJournal& me = self(journal);
-  const bool names = status == 0x803FC825;
+  const bool names = Status{status} == Status::fileNameLine;
   std::string text = names ? nameIn(va_arg(arguments, const char32_t*), me.fileName) : "";
   text = !names ? reportText(status) : text == "file" ? "" : "(" + text + ")";
   text.resize(std::max<std::size_t>(text.size(), names ? me.nameLineLength : me.textLength), ' ');
@@ -116,7 +116,7 @@ qz::HostStatus statusToJnl(qz::Journal* journal, qz::JournalLevel level, std::ui
                            std::va_list arguments) {
   NamingJournal& me = self(journal);
   const std::string kind = level == qz::JournalLevel::error ? "error " : "note ";
-  me.add(kind + nameOfStatus(status) + withInserts(insertsOf(status), me.fileName, arguments));
+  me.add(kind + nameOfStatus(status) + withInserts(placeholders(status), me.fileName, arguments));
   return 0;
 }
 

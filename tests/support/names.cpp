@@ -16,77 +16,98 @@ namespace qztest {
 
 namespace {
 
+using qz::Status;
 using Names = std::map<std::string, std::int64_t>;
 
-#define STATUS(name) std::pair(#name, static_cast<std::int64_t>(qz::Status::name))
+#define NAME(name)   \
+  case Status::name: \
+    return #name
+
+// The name of a module code, null for any other status. A switch, so that the compiler names a code
+// without a name.
+const char* nameOfCode(Status status) {
+  switch (status) {
+    NAME(ok);
+    NAME(noMemory);
+    NAME(badArgument);
+    NAME(fileNotFound);
+    NAME(accessRefused);
+    NAME(isDirectory);
+    NAME(noHeaderYet);
+    NAME(noFileName);
+    NAME(noDescriptor);
+    NAME(busy);
+    NAME(ioFailed);
+    NAME(notRemoved);
+    NAME(inexactPageSize);
+    NAME(endOfFile);
+    NAME(pageOutOfRange);
+    NAME(noBuffer);
+    NAME(notWritable);
+    NAME(noSpace);
+    NAME(readOnlyFileSystem);
+    NAME(buffersMissing);
+    NAME(readOutOfSequence);
+    NAME(notHeld);
+    NAME(writeOutOfSequence);
+    NAME(shorterThanHeader);
+    NAME(misfit);
+    NAME(wrongLength);
+    NAME(notTruncated);
+    NAME(notOpen);
+    NAME(alreadyOpen);
+    NAME(unsupportedFile);
+    NAME(accessNote);
+    NAME(deleteWhileOpen);
+    NAME(shortHeaderReport);
+    NAME(fileNameLine);
+    NAME(reopenFailed);
+    NAME(cannotRemoveReport);
+  }
+  return nullptr;
+}
+
 #define VALUE(name) std::pair(#name, static_cast<std::int64_t>(qz::name))
 
+Names allStatuses() {
+  Names names = {{"ok", 0},
+                 VALUE(hostNoMemory),
+                 VALUE(hostBadParameters),
+                 VALUE(hostDeviceError),
+                 VALUE(hostNoDevice),
+                 VALUE(hostStaleFile),
+                 VALUE(hostFileNotFound),
+                 VALUE(hostAccessRefused),
+                 VALUE(hostNoSpace),
+                 VALUE(hostIsDirectory),
+                 VALUE(hostBadName),
+                 VALUE(hostNoDescriptor),
+                 VALUE(hostCloseFailed),
+                 VALUE(hostNotRemoved),
+                 VALUE(hostReadOnlyFileSystem),
+                 VALUE(hostLocked),
+                 VALUE(hostProgramRunning),
+                 VALUE(hostDeviceBusy),
+                 VALUE(hostNoLocks),
+                 VALUE(hostTryAgain),
+                 VALUE(hostOtherFailure),
+                 VALUE(hostUnsupportedFile),
+                 VALUE(hostForeignBlock),
+                 VALUE(hostBlocksLive),
+                 VALUE(hostTextTooLong),
+                 VALUE(hostBadText),
+                 VALUE(hostUnknownOption),
+                 VALUE(hostWrongValueType),
+                 VALUE(hostNoSuchExtension),
+                 VALUE(hostNoEncoding)};
+  for (const Status code : qz::kStatusCodes) {
+    names[nameOfCode(code)] = static_cast<std::int64_t>(code);
+  }
+  return names;
+}
+
 const Names& statuses() {
-  static const Names names = {STATUS(ok),
-                              STATUS(noMemory),
-                              STATUS(badArgument),
-                              STATUS(fileNotFound),
-                              STATUS(accessRefused),
-                              STATUS(isDirectory),
-                              STATUS(noHeaderYet),
-                              STATUS(noFileName),
-                              STATUS(noDescriptor),
-                              STATUS(busy),
-                              STATUS(ioFailed),
-                              STATUS(notRemoved),
-                              STATUS(inexactPageSize),
-                              STATUS(endOfFile),
-                              STATUS(pageOutOfRange),
-                              STATUS(noBuffer),
-                              STATUS(notWritable),
-                              STATUS(noSpace),
-                              STATUS(readOnlyFileSystem),
-                              STATUS(buffersMissing),
-                              STATUS(readOutOfSequence),
-                              STATUS(notHeld),
-                              STATUS(writeOutOfSequence),
-                              STATUS(shorterThanHeader),
-                              STATUS(misfit),
-                              STATUS(wrongLength),
-                              STATUS(notTruncated),
-                              STATUS(notOpen),
-                              STATUS(alreadyOpen),
-                              STATUS(unsupportedFile),
-                              STATUS(accessNote),
-                              STATUS(deleteWhileOpen),
-                              STATUS(shortHeaderReport),
-                              STATUS(fileNameLine),
-                              STATUS(reopenFailed),
-                              STATUS(cannotRemoveReport),
-                              VALUE(hostNoMemory),
-                              VALUE(hostBadParameters),
-                              VALUE(hostDeviceError),
-                              VALUE(hostNoDevice),
-                              VALUE(hostStaleFile),
-                              VALUE(hostFileNotFound),
-                              VALUE(hostAccessRefused),
-                              VALUE(hostNoSpace),
-                              VALUE(hostIsDirectory),
-                              VALUE(hostBadName),
-                              VALUE(hostNoDescriptor),
-                              VALUE(hostCloseFailed),
-                              VALUE(hostNotRemoved),
-                              VALUE(hostReadOnlyFileSystem),
-                              VALUE(hostLocked),
-                              VALUE(hostProgramRunning),
-                              VALUE(hostDeviceBusy),
-                              VALUE(hostNoLocks),
-                              VALUE(hostTryAgain),
-                              VALUE(hostOtherFailure),
-                              VALUE(hostUnsupportedFile),
-                              VALUE(hostForeignBlock),
-                              VALUE(hostBlocksLive),
-                              VALUE(hostTextTooLong),
-                              VALUE(hostBadText),
-                              VALUE(hostUnknownOption),
-                              VALUE(hostWrongValueType),
-                              VALUE(hostNoSuchExtension),
-                              VALUE(hostNoEncoding)};
+  static const Names names = allStatuses();
   return names;
 }
 
@@ -126,7 +147,7 @@ const Names& settings() {
   return names;
 }
 
-#undef STATUS
+#undef NAME
 #undef VALUE
 
 Names allErrors() {
@@ -149,13 +170,11 @@ std::int64_t valueOfName(const std::string& name) {
 }  // namespace
 
 std::string nameOfStatus(std::uint32_t status) {
-  static const auto names = [] {
-    std::map<std::int64_t, std::string> byValue;
-    for (const auto& [name, value] : statuses()) byValue[value] = name;
-    return byValue;
-  }();
-  const auto found = names.find(status);
-  return found != names.end() ? found->second : fmt::format("{:#x}", status);
+  if (const char* name = nameOfCode(Status{status}); name != nullptr) return name;
+  for (const auto& [name, value] : statuses()) {
+    if (value == status) return name;
+  }
+  return fmt::format("{:#x}", status);
 }
 
 std::string nameOfError(int error) {
