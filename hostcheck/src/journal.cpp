@@ -12,9 +12,13 @@ constexpr auto kPageOutOfRange = static_cast<std::uint32_t>(Status::pageOutOfRan
 constexpr auto kAccessNote = static_cast<std::uint32_t>(Status::accessNote);
 constexpr auto kFileNameLine = static_cast<std::uint32_t>(Status::fileNameLine);
 
-// The codes of the module and of the file service.
+// In the module's range, but no code of this version: it stands for one of a later module.
+constexpr std::uint32_t kLaterStatus = 0x803FCFFF;
+static_assert(std::ranges::find(kStatusCodes, Status{kLaterStatus}) == std::end(kStatusCodes));
+
+// The codes of the module and of the file service, and one that no catalogue can know.
 std::vector<std::uint32_t> allStatuses() {
-  std::vector<std::uint32_t> all;
+  std::vector<std::uint32_t> all = {kLaterStatus};
   for (const Status status : kStatusCodes) all.push_back(static_cast<std::uint32_t>(status));
   for (std::uint32_t code = 0x80FFE001; code <= 0x80FFE015; ++code) all.push_back(code);
   return all;
@@ -99,8 +103,9 @@ void everyStatusHasAText(const Trial& trial) {
   for (const std::uint32_t status : allStatuses()) {
     const StatusText found = textOf(trial, status, U"insert", U"insert");
     promised(found.result == 0 && !found.text.empty(),
-             "statusToBuf of " + hex(status) + " returns " + hex(found.result) + " and " +
-                 std::to_string(found.text.size()) + " characters");
+             "statusToBuf of " + hex(status) +
+                 (status == kLaterStatus ? ", which no module uses yet," : "") + " returns " +
+                 hex(found.result) + " and " + std::to_string(found.text.size()) + " characters");
   }
 }
 
@@ -183,7 +188,7 @@ void entriesAreMade(const Trial& trial) {
 constexpr Check kChecks[] = {
     {17, "texts have the length that is given", textsHaveALength},
     {18, "inserts are taken in their order", insertsAreTakenInOrder},
-    {19, "every status has a text", everyStatusHasAText},
+    {19, "every status has a text, also one of a later module", everyStatusHasAText},
     {20, "texts of statuses take the inserts that they get", textsTakeTheInsertsTheyGet},
     {21, "statusToBuf stays within the capacity", buffersAreNotExceeded},
     {22, "statusToBuf refuses a text that does not fit", textsThatDoNotFitAreRefused},

@@ -351,6 +351,16 @@ const BrokenHost kBrokenHosts[] = {
          return real.journal.statusToBuf(self, status, buffer, capacity, length, inserts);
        };
      }},
+    {19, "only statuses of this version have a text",
+     [](QZHandle* host) {
+       host->defaultJournal->statusToBuf = [](Journal* self, std::uint32_t status, char32_t* buffer,
+                                              std::uint32_t capacity, std::uint32_t* length,
+                                              std::va_list inserts) {
+         const bool later = statusText(status).find("has no text") != std::string::npos;
+         if (later) return HostStatus{hostUnknownOption};
+         return real.journal.statusToBuf(self, status, buffer, capacity, length, inserts);
+       };
+     }},
     {20, "a text has a placeholder that gets no insert",
      [](QZHandle* host) {
        host->defaultJournal->statusToBuf = [](Journal* self, std::uint32_t status, char32_t* buffer,
