@@ -305,7 +305,7 @@ void World::end() {
 std::string World::did(Status status) const {
   const std::string io = calls().io();
   const std::string name = nameOfStatus(static_cast<std::uint32_t>(status));
-  const std::string outcome = name + (io.empty() ? "" : " " + io);
+  std::string outcome = name + (io.empty() ? "" : " " + io);
   if (recorder.entries.empty()) return outcome + (status == Status::ok ? "" : " unreported");
   if (recorder.entries == "report " + name) return outcome;
   return outcome + " {" + recorder.entries + "}";
