@@ -22,20 +22,21 @@ good() {
   if said=$("$@" 2>&1); then pass "$text"; else fail "$text: exit status $?: $(in_one_line <<<"$said")"; fi
 }
 
-# refused TEXT STATUS WORDS COMMAND...: must end with this exit status and say these words.
-refused() {
+# The names of exit statuses: those of sysexits.h without EX_, and FAILURE for any but 0.
+declare -A exit_statuses=([OK]=0 [USAGE]=64 [CANTCREAT]=73 [IOERR]=74)
+# ends TEXT STATUS WORDS COMMAND...: must end with the exit status of this name and say these words.
+ends() {
   local text=$1 wanted=$2 words=$3 said status
   shift 3
   said=$("$@" 2>&1) && status=0 || status=$?
   judge "$text" "$wanted" "$words" $status "$said"
 }
-any_failure=any # for STATUS: each but 0
 judge() {
   local said
   said=$(in_one_line <<<"$5")
-  if [ "$2" = $any_failure ] && [ "$4" -ne 0 ] && [ -n "$said" ]; then
+  if [ "$2" = FAILURE ] && [ "$4" -ne 0 ] && [ -n "$said" ]; then
     pass "$1: exit status $4: $(sed "s,$W/,,g" <<<"$said" | cut -c1-150)"
-  elif [ "$2" != $any_failure ] && [ "$4" -eq "$2" ] && [[ $said == *"$3"* ]]; then
+  elif [ "$2" != FAILURE ] && [ "$4" -eq "${exit_statuses[$2]}" ] && [[ $said == *"$3"* ]]; then
     pass "$1: \"$3\""
   else
     fail "$1: exit status $4, not $2 with \"$3\": $said"
@@ -123,7 +124,7 @@ honest() {
   fail "$text: passes as good and is not"
 }
 
-# Nothing that is half made may be left in a folder, nor the file TARGET.
+# nothing_left FOLDER TARGET: no temporary file may be left in the folder, nor the file TARGET.
 nothing_left() {
   local left
   left=$(ls -A "$1" | grep -E "^\.qzpfile-|^$2\$" || true)
@@ -140,7 +141,7 @@ begin_put() {
   head -c 4096 "$W/pages" >&7
   sleep 0.3
 }
-# end_put TEXT STATUS WORDS: feeds the rest; the put must end so.
+# end_put TEXT STATUS WORDS: feeds the rest; the put must end as `ends` says.
 end_put() {
   local status
   tail -c +4097 "$W/pages" >&7 2>/dev/null

@@ -60,10 +60,10 @@ in_kernel_ext4_quota() {
   seq 5000000 | head -c 30000000 >"$W/large"
   local mode as_user="setpriv --reuid 1000 --clear-groups"
   for mode in buffered direct block; do
-    refused "pack, $mode" 74 "Disk quota exceeded" \
+    ends "pack, $mode" IOERR "Disk quota exceeded" \
       $as_user $Q pack --io $mode --page-size 4K "$W/in" "$W/fs/new"
     nothing_left "$W/fs" new
-    refused "append, $mode" 74 "Disk quota exceeded" \
+    ends "append, $mode" IOERR "Disk quota exceeded" \
       $as_user $Q put --io $mode "$W/fs/file" --append <"$W/large"
     honest "the file, $mode" "$W/fs/file" in
   done
@@ -89,11 +89,11 @@ in_kernel_failing_device() {
     sync
     begin_put "$W/fs/file" $mode
     table flakey "$device" 0 0 60 1 error_writes
-    end_put "put, $mode, the device failing writes meanwhile" "$any_failure" ""
-    refused "pack, $mode, the same" "$any_failure" "" $Q pack --io $mode "$W/in" "$W/fs/new"
+    end_put "put, $mode, the device failing writes meanwhile" FAILURE ""
+    ends "pack, $mode, the same" FAILURE "" $Q pack --io $mode "$W/in" "$W/fs/new"
     table error
     echo 3 >/proc/sys/vm/drop_caches
-    refused "verify, $mode, the device failing all" "$any_failure" "" $Q verify "$W/fs/file"
+    ends "verify, $mode, the device failing all" FAILURE "" $Q verify "$W/fs/file"
     table linear "$device" 0
     umount "$W/fs"
     mount /dev/mapper/disk "$W/fs"
@@ -129,13 +129,13 @@ in_kernel_nfs() {
     $Q pack -f --page-size 4K "$W/in" "$W/nfs$version/file" >/dev/null
     good "the server verifies the file" $Q verify "$W/fs/file"
     begin_put "$W/nfs$version/file" buffered
-    refused "locked by the client, put on the server" 74 "another program has the file open, or" \
+    ends "locked by the client, put on the server" IOERR "another program has the file open, or" \
       $Q put "$W/fs/file" 1 <"$W/pages"
-    end_put "the client goes on" 0 "3 pages written"
+    end_put "the client goes on" OK "3 pages written"
     begin_put "$W/nfs$version/file" buffered
     stop_server
-    end_put "put, the server stopped meanwhile" "$any_failure" ""
-    refused "verify, the server stopped" "$any_failure" "" $Q verify "$W/nfs$version/file"
+    end_put "put, the server stopped meanwhile" FAILURE ""
+    ends "verify, the server stopped" FAILURE "" $Q verify "$W/nfs$version/file"
     start_server 2>/dev/null
     sleep 3
     honest "the file, with the server back" "$W/nfs$version/file" in put

@@ -2,7 +2,7 @@
 
 # Sectors of 512 bytes: direct I/O also moves pages of 512 bytes, where the file system says so.
 small_pages() {
-  refused "pages of 512 bytes" 0 "I/O $1" $Q pack --io direct --page-size 512 "$W/in" "$W/fs/small"
+  ends "pages of 512 bytes" OK "I/O $1" $Q pack --io direct --page-size 512 "$W/in" "$W/fs/small"
   good "pages of 512 bytes, verify" $Q verify "$W/fs/small"
 }
 
@@ -27,9 +27,9 @@ place_ext4_journalled() {
 place_large_sectors() {
   make_fs ext4 100m "-b 4096" "" 4096
   works "$W/fs" buffered direct block
-  refused "pages of 512 bytes, direct" 64 "multiples of 4096 bytes" \
+  ends "pages of 512 bytes, direct" USAGE "multiples of 4096 bytes" \
     $Q pack --io direct --page-size 512 "$W/in" "$W/fs/small"
-  refused "pages of 512 bytes, auto" 0 "I/O buffered (asked: auto" \
+  ends "pages of 512 bytes, auto" OK "I/O buffered (asked: auto" \
     $Q pack --page-size 512 "$W/in" "$W/fs/small"
 }
 
@@ -75,11 +75,11 @@ place_read_only() {
   good "verify" $Q verify "$W/fs/file"
   for mode in buffered direct block; do
     good "module, $mode: reads" $S read "$W/fs/shapes-$mode" $mode 4096
-    refused "put, $mode" 73 "Read-only file system" $Q put --io $mode "$W/fs/file" 3 <"$W/pages"
-    refused "pack, $mode" 73 "Read-only file system" $Q pack --io $mode "$W/in" "$W/fs/new"
+    ends "put, $mode" CANTCREAT "Read-only file system" $Q put --io $mode "$W/fs/file" 3 <"$W/pages"
+    ends "pack, $mode" CANTCREAT "Read-only file system" $Q pack --io $mode "$W/in" "$W/fs/new"
   done
-  refused "truncate" 73 "Read-only file system" $Q truncate "$W/fs/file" 5
-  refused "rm" 73 "Read-only file system" $Q rm "$W/fs/file"
+  ends "truncate" CANTCREAT "Read-only file system" $Q truncate "$W/fs/file" 5
+  ends "rm" CANTCREAT "Read-only file system" $Q rm "$W/fs/file"
   good "the file is as before" holds "$W/fs/file" in
 }
 
@@ -92,8 +92,8 @@ place_turned_read_only() {
     [ -w "/sys/fs/ext4/$loop/trigger_fs_error" ] || skip "this kernel makes no ext4 error on demand"
     begin_put "$W/fs/file" $mode
     echo test >"/sys/fs/ext4/$loop/trigger_fs_error"
-    end_put "put, $mode, turned read-only meanwhile" 73 "Read-only file system"
-    refused "pack, $mode, afterwards" 73 "Read-only file system" \
+    end_put "put, $mode, turned read-only meanwhile" CANTCREAT "Read-only file system"
+    ends "pack, $mode, afterwards" CANTCREAT "Read-only file system" \
       $Q pack --io $mode "$W/in" "$W/fs/new"
     honest "the file, $mode" "$W/fs/file" in
     umount "$W/fs"
@@ -108,7 +108,7 @@ place_device_shrunk() {
   mount -o loop "$W/image" "$W/fs"
   truncate -s 40m "$W/image"
   for i in 1 4 8; do honest "file $i of 8" "$W/fs/$i" in; done
-  refused "put" 74 "Input/output error" $Q put "$W/fs/8" 3 <"$W/pages"
+  ends "put" IOERR "Input/output error" $Q put "$W/fs/8" 3 <"$W/pages"
 }
 
 place_device_shut_down() {
@@ -118,9 +118,9 @@ place_device_shut_down() {
     $Q pack --page-size 4K "$W/in" "$W/fs/file" >/dev/null
     begin_put "$W/fs/file" $mode
     xfs_io -x -c "shutdown -f" "$W/fs"
-    end_put "put, $mode, the device gone meanwhile" 74 "Input/output error"
-    refused "verify" 74 "Input/output error" $Q verify "$W/fs/file"
-    refused "pack, $mode" 74 "Input/output error" $Q pack --io $mode "$W/in" "$W/fs/new"
+    end_put "put, $mode, the device gone meanwhile" IOERR "Input/output error"
+    ends "verify" IOERR "Input/output error" $Q verify "$W/fs/file"
+    ends "pack, $mode" IOERR "Input/output error" $Q pack --io $mode "$W/in" "$W/fs/new"
     umount "$W/fs"
     mount -o loop "$W/image" "$W/fs"
     honest "the file, $mode, after the next mount" "$W/fs/file" in
@@ -137,10 +137,10 @@ place_quota() {
   sync
   seq 9000000 | head -c 30000000 >"$W/large"
   for mode in buffered direct block; do
-    refused "pack, $mode" 74 "Disk quota exceeded" \
+    ends "pack, $mode" IOERR "Disk quota exceeded" \
       $Q pack --io $mode --page-size 4K "$W/large" "$W/fs/new"
     nothing_left "$W/fs" new
-    refused "append, $mode" 74 "Disk quota exceeded" append "$W/fs/file" $mode
+    ends "append, $mode" IOERR "Disk quota exceeded" append "$W/fs/file" $mode
     honest "the file, $mode" "$W/fs/file" in
   done
 }
@@ -200,11 +200,11 @@ place_fuse_interrupted() {
 place_fuse_failing_writes() {
   mount_faulty failing-writes
   for mode in buffered direct block; do
-    refused "pack, $mode" 74 "Input/output error" \
+    ends "pack, $mode" IOERR "Input/output error" \
       $Q pack --io $mode --page-size 4K "$W/in" "$W/fs/new"
     nothing_left "$W/fs" new
     $Q pack -f --page-size 4K "$W/in" "$W/real/file" >/dev/null
-    refused "append, $mode" 74 "Input/output error" $Q put --io $mode "$W/fs/file" --append <"$W/pages"
+    ends "append, $mode" IOERR "Input/output error" $Q put --io $mode "$W/fs/file" --append <"$W/pages"
     honest "the file, $mode" "$W/fs/file" in
   done
 }
@@ -216,8 +216,8 @@ place_fuse_lost() {
     $Q pack -f --page-size 4K "$W/in" "$W/fs/file" >/dev/null
     begin_put "$W/fs/file" $mode
     touch "$W/real/.lost"
-    end_put "put, $mode, the server gone meanwhile" 74 "not connected"
-    refused "verify" 74 "too many of its replicas, cannot be reached" $Q verify "$W/fs/file"
+    end_put "put, $mode, the server gone meanwhile" IOERR "not connected"
+    ends "verify" IOERR "too many of its replicas, cannot be reached" $Q verify "$W/fs/file"
     rm "$W/real/.lost"
     honest "the file, $mode, with the server back" "$W/fs/file" in
   done

@@ -103,11 +103,11 @@ place_replicated() {
 
   # Locks.
   begin_put "$a/seen-block" buffered
-  refused "locked by one client, put on the other" 74 "another program has the file open, or" \
+  ends "locked by one client, put on the other" IOERR "another program has the file open, or" \
     $Q put "$b/seen-block" 1 <"$W/pages"
-  refused "locked by one client, verify on the other" 74 "in use, or cannot be locked" \
+  ends "locked by one client, verify on the other" IOERR "in use, or cannot be locked" \
     $Q verify "$b/seen-block"
-  end_put "the first client goes on" 0 "3 pages written"
+  end_put "the first client goes on" OK "3 pages written"
   good "then the other can" $Q put "$b/seen-block" 1 <"$W/pages"
 
   # One of three bricks dies in the middle of each change.
@@ -116,7 +116,7 @@ place_replicated() {
     $Q pack --page-size 4K "$W/in" "$a/$file" >/dev/null
     begin_put "$a/$file" $mode
     kill_brick 1
-    end_put "one brick dies, put, $mode" 0 "3 pages written"
+    end_put "one brick dies, put, $mode" OK "3 pages written"
     good "one brick dead, verify, $mode" $Q verify "$b/$file"
     good "one brick dead, tool, $mode" use_tool "$a" $mode
     good "one brick dead, module, $mode" $S change "$a/shapes" $mode 4096
@@ -139,15 +139,15 @@ place_replicated() {
     sleep 0.3
     kill_brick 2
     kill_brick 3
-    end_put "two bricks die, put, $mode" 74 "not connected"
+    end_put "two bricks die, put, $mode" IOERR "not connected"
     cat "$W/in" >&8 2>/dev/null
     exec 8>&-
     wait $pack && status=0 || status=$?
     rm "$W/packed"
     judge "two bricks die, pack, $mode" 74 "not connected" $status "$(cat "$W/pack.said")"
-    refused "two bricks dead, verify, $mode" 74 "too many of its replicas, cannot be reached" \
+    ends "two bricks dead, verify, $mode" IOERR "too many of its replicas, cannot be reached" \
       $Q verify "$b/$file"
-    refused "two bricks dead, pack, $mode" 74 "too many of its replicas, cannot be reached" \
+    ends "two bricks dead, pack, $mode" IOERR "too many of its replicas, cannot be reached" \
       $Q pack --io $mode "$W/in" "$a/other"
     if restore; then pass "the bricks come back and are healed"; else fail "the bricks are not healed"; fi
     honest "the file that was put to, $mode" "$b/$file" in

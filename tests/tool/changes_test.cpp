@@ -10,11 +10,11 @@ namespace {
 TEST(Changes, LeaveTheFileAsItIsOnAFullDisk) {
   for (const char* file : {"good", "good1"}) {
     playLines(R"(
-$Q truncate f 4 -> 74
-$Q put f 3 <page -> 74
-$Q put f --append <page -> 74
-$Q header f --set h -> 74
-$Q header --raw --page-size 4K --header-size 4K f --set h -> 74
+$Q truncate f 4 -> IOERR
+$Q put f 3 <page -> IOERR
+$Q put f --append <page -> IOERR
+$Q header f --set h -> IOERR
+$Q header --raw --page-size 4K --header-size 4K f --set h -> IOERR
 )",
               std::string("cp ") + file +
                   " f; head -c 4096 in >page; head -c 4096 f >h; "
@@ -23,120 +23,130 @@ $Q header --raw --page-size 4K --header-size 4K f --set h -> 74
   }
 }
 
+// The same for a repair, which writes to the file, too.
 TEST(Changes, ARepairIsOne) {
   playLines(R"(
 poke Y 5000 good; cp good kept; (ulimit -f 0; $Q repair good) 2>/dev/null; s=$?; cmp good kept &&
-  exit $s -> 74
+  exit $s -> IOERR
 )");
 }
 
-// A page in the middle of a put cannot be written: the file system is full then, or nearly so.
+// A page in the middle of a change cannot be written for lack of space: the file must be as before.
 TEST(Changes, AreAllOrNothing) {
   playLines(R"(
-(ulimit -f 120; cat in | $Q put f 1) -> 74 ! nothing was changed
-(ulimit -f 120; cat in in | $Q put f 1) -> 74 ! nothing was changed
-(ulimit -f 120; cat in | $Q put f --append) -> 74 ! nothing was appended
-(ulimit -f 106; $Q truncate f 2) -> 74 ! try:    raise the file size limit
+(ulimit -f 120; cat in | $Q put f 1) -> IOERR ! nothing was changed
+(ulimit -f 120; cat in in | $Q put f 1) -> IOERR ! nothing was changed
+(ulimit -f 120; cat in | $Q put f --append) -> IOERR ! nothing was appended
+(ulimit -f 106; $Q truncate f 2) -> IOERR ! try:    raise the file size limit
 )",
             "cp good f; cp f kept; %1; s=$?; cmp f kept && exit $s");
 }
 
+// A put of a good copy mends a damaged page, and damage elsewhere stays visible.
 TEST(Changes, PutADamagedPageRight) {
   playLines(R"(
-poke Y 20000 f1; $Q cat good1 --pages 4 | $Q put f1 4; cmp f1 good1 -> 0 1 page written
+poke Y 20000 f1; $Q cat good1 --pages 4 | $Q put f1 4; cmp f1 good1 -> OK 1 page written
 poke Y 9000 f1; poke Y 20000 f1; for p in 2 4; do $Q cat good1 --pages $p | $Q put f1 $p; done;
-  cmp f1 good1 -> 0 1 page written
-poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; cmp f good -> 0 1 page written
-poke Y 9000 f; poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; $Q verify f -> 1 page 1 (
+  cmp f1 good1 -> OK 1 page written
+poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; cmp f good -> OK 1 page written
+poke Y 9000 f; poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; $Q verify f -> DIFFERS page 1 (
 )",
             "cp good f; cp good1 f1; %1");
 }
 
+// The file would grow while it is read, without end.
 TEST(Changes, TakeNoPagesFromTheFileItself) {
   playLines(R"(
-$Q put good --append <good -> 64 ! standard input is the file itself
-$Q put good 3 <good -> 64 ! standard input is the file itself
-$Q put --raw --page-size 4K good --append <good -> 64 ! standard input is the file itself
+$Q put good --append <good -> USAGE ! standard input is the file itself
+$Q put good 3 <good -> USAGE ! standard input is the file itself
+$Q put --raw --page-size 4K good --append <good -> USAGE ! standard input is the file itself
 )",
             "cp good kept; %1; s=$?; cmp good kept && exit $s");
 }
 
+// While a put waits for its input, no other program may use the file.
 TEST(Changes, KeepOthersOutFromTheFirstLookOn) {
   playLines(
       R"(
-$Q put good 1 <page -> 74 ! The file is in use
-$Q truncate good 3 -> 74 ! The file is in use
-$Q unpack good - -> 74 ! The file is in use
+$Q put good 1 <page -> IOERR ! The file is in use
+$Q truncate good 3 -> IOERR ! The file is in use
+$Q unpack good - -> IOERR ! The file is in use
 )",
       "head -c 4096 in >page; mkfifo f; $Q put good --append <f >said & p=$!; exec 3>f; "
       "sleep 0.3; %1; s=$?; cat page >&3; exec 3>&-; wait $p; $Q verify good >said || exit 1; "
       "exit $s");
 }
 
-// A put was killed before its change was decided. Who only reads the file writes nothing to it.
+// A put was killed before its change was complete. Commands that read show the file as it was
+// before and write nothing; commands that write undo the change first.
 TEST(Changes, ThatWereKilledAreReadAndUndone) {
   playLines(R"(
-$Q unpack f - | cmp in - && cmp f kept -> 0
-$Q cat f --pages 1 | cmp -n 4096 in - && cmp f kept -> 0
-$Q header f | head -c 64 >h; head -c 64 good | cmp h - && cmp f kept -> 0
-$Q copy f g >said; cmp g good && cmp f kept -> 0
-$Q verify f; cmp f kept -> 0 change interrupted: the next change, or qzpfile repair, undoes it
-$Q info f | grep ^change; cmp f kept -> 0 undoes it
-$Q repair -n f; cmp f kept -> 0 a change was interrupted before it was decided
-$Q repair f && cmp f good -> 0 f: repaired
-head -c 4096 in | $Q put f 1; cmp f good -> 0 1 page written ! an interrupted change was undone
-$Q put f 2 </dev/null; cmp f good -> 0 ! an interrupted change was undone
+$Q unpack f - | cmp in - && cmp f kept -> OK
+$Q cat f --pages 1 | cmp -n 4096 in - && cmp f kept -> OK
+$Q header f | head -c 64 >h; head -c 64 good | cmp h - && cmp f kept -> OK
+$Q copy f g >said; cmp g good && cmp f kept -> OK
+$Q verify f; cmp f kept -> OK change interrupted: the next change, or qzpfile repair, undoes it
+$Q info f | grep ^change; cmp f kept -> OK undoes it
+$Q repair -n f; cmp f kept -> OK a change was interrupted before it was decided
+$Q repair f && cmp f good -> OK f: repaired
+head -c 4096 in | $Q put f 1; cmp f good -> OK 1 page written ! an interrupted change was undone
+$Q put f 2 </dev/null; cmp f good -> OK ! an interrupted change was undone
 )",
             "cp good f; mkfifo p; sh -c \"exec $Q put f --append\" <p & k=$!; exec 3>p; "
             "seq 1000000 | head -c 1100000 >&3; sleep 0.3; kill -KILL $k; exec 3>&-; "
             "wait $k 2>/dev/null; cp f kept; test $(wc -c <f) -gt 1000000 || exit 9; %1");
 }
 
+// Commands that only read must work on files that the user may not write.
 TEST(Changes, ReadWithoutPermissionToWrite) {
   if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
   playLines(R"(
-unpack good - | cmp in - -> 0
-verify good -> 0 good: good
-put good 1 -> 77 ! cannot open for writing
-repair good -> 77 ! cannot open for writing
-repair -n good -> 0 good: good, nothing to repair
+unpack good - | cmp in - -> OK
+verify good -> OK good: good
+put good 1 -> NOPERM ! cannot open for writing
+repair good -> NOPERM ! cannot open for writing
+repair -n good -> OK good: good, nothing to repair
 )",
             "chmod 755 .; chmod 644 good; setpriv --reuid=65534 --clear-groups --inh-caps=-all $Q "
             "%1");
 }
 
+// Damage is named page by page, and good pages can still be read. -k goes on behind a damaged page.
 TEST(Checksums, NameEveryDamagedPage) {
   playLines(R"(
 $Q verify -k f
-  -> 1 page 1 (file offset 8192) is damaged: it does not fit its checksum page 3 (file offset
+  -> DIFFERS page 1 (file offset 8192) is damaged: it does not fit its checksum page 3 (file offset
   16384) is damaged
-$Q verify -k f --format json | grep -c '"what": "page"' -> 0 2
-$Q verify --every-mode -k f | grep -c damaged: -> 0 2
-$Q unpack f o; s=$?; test ! -e o && exit $s -> 65 ! where:  page 1, file offset 8192
-$Q copy f o; s=$?; test ! -e o && exit $s -> 65 ! does not fit its checksum where:  page 1
-$Q cat f >o -> 65 ! where:  page 1
-$Q cat f --pages 2 | cmp -n 4096 two - -> 0
-$Q cat f --pages 3- >o -> 65 ! where:  page 3
+$Q verify -k f --format json | grep -c '"what": "page"' -> OK 2
+$Q verify --every-mode -k f | grep -c damaged: -> OK 2
+$Q unpack f o; s=$?; test ! -e o && exit $s -> DATAERR ! where:  page 1, file offset 8192
+$Q copy f o; s=$?; test ! -e o && exit $s -> DATAERR ! does not fit its checksum where:  page 1
+$Q cat f >o -> DATAERR ! where:  page 1
+$Q cat f --pages 2 | cmp -n 4096 two - -> OK
+$Q cat f --pages 3- >o -> DATAERR ! where:  page 3
 $Q unpack -k f o; s=$?; cmp o spoilt && exit $s
-  -> 65 damaged pages as they are ! f: page 1 (file offset 8192) is damaged: it does not fit its
+  -> DATAERR damaged pages as they are ! f: page 1 (file offset 8192) is damaged: it does not fit its
   checksum qzpfile: f: page 3
-$Q cat -k f >o; s=$?; head -c 43008 o | cmp spoilt && exit $s -> 65 ! f: page 3 (file offset 16384)
-$Q copy -k f o; s=$?; $Q unpack o - | cmp spoilt && exit $s -> 65 o: 11 pages ! f: page 3
-$Q cat --raw --page-size 4K --pages 3-12 f | cmp -n 40960 spoilt - -> 0
-$Q compare -k good f | grep -c byte -> 0 2
+$Q cat -k f >o; s=$?; head -c 43008 o | cmp spoilt && exit $s
+  -> DATAERR ! f: page 3 (file offset 16384)
+$Q copy -k f o; s=$?; $Q unpack o - | cmp spoilt && exit $s -> DATAERR o: 11 pages ! f: page 3
+$Q cat --raw --page-size 4K --pages 3-12 f | cmp -n 40960 spoilt - -> OK
+$Q compare -k good f | grep -c byte -> OK 2
 )",
             "cp good f; poke Y 9000 f; poke Y 20000 f; cp in spoilt; poke Y 808 spoilt; "
             "poke Y 11808 spoilt; tail -c +4097 in | head -c 4096 >two; %1");
 }
 
+// A damaged frame ends the log as SQLite sees it, which frames left over from before do not.
 TEST(Checksums, OfSqliteLogsAreFollowedFrameByFrame) {
   playLines(R"(
-$Q verify w -> 0 of this log, 0 behind them left over from before
-poke Y 9000 w; $Q verify -k w -> 1 page 3 (file offset 8272) in mode buffered: the frame does not fit
-poke Y 4180 w; $Q verify -k w -> 1 page 2 (file offset 4152)
-poke Y 4160 w; $Q verify -k w -> 1 page 3 (file offset 8272)
-poke Y 17 w; $Q verify w -> 1 the header does not fit its checksum
-truncate -s -4120 w; $Q verify w -> 0 good
+$Q verify w -> OK of this log, 0 behind them left over from before
+poke Y 9000 w; $Q verify -k w
+  -> DIFFERS page 3 (file offset 8272) in mode buffered: the frame does not fit
+poke Y 4180 w; $Q verify -k w -> DIFFERS page 2 (file offset 4152)
+poke Y 4160 w; $Q verify -k w -> DIFFERS page 3 (file offset 8272)
+poke Y 17 w; $Q verify w -> DIFFERS the header does not fit its checksum
+truncate -s -4120 w; $Q verify w -> OK good
 )",
             "sqlite3 db 'PRAGMA page_size=4096; PRAGMA journal_mode=wal; "
             "PRAGMA wal_autocheckpoint=0; CREATE TABLE t(x); INSERT INTO t "
@@ -167,24 +177,26 @@ TEST(Repair, SaysWhatIsLostAndKeepsTheRest) {
     shell.expectGood("cp good f; " + parts[0] + "; cp f damaged");
     const bool loses = parts[1] == "yes";
     const Outcome dry = shell.run("$Q repair --dry-run f; s=$?; cmp f damaged || exit 9; exit $s");
-    EXPECT_EQ(dry.status, 1) << dry.said();
+    EXPECT_EQ(dry.ended(), "DIFFERS") << dry.said();
     EXPECT_NE(dry.said().find(parts[2]), std::string::npos) << dry.said();
     const Outcome careful = shell.run("$Q repair f");
-    EXPECT_EQ(careful.status, loses ? 1 : 0) << careful.said();
-    EXPECT_EQ(shell.run("cmp f damaged").status, loses ? 0 : 1);
+    EXPECT_EQ(careful.ended(), loses ? "DIFFERS" : "OK") << careful.said();
+    EXPECT_EQ(shell.run("cmp f damaged").ended(), loses ? "OK" : "DIFFERS");
     const Outcome done = shell.run("$Q repair --yes f && $Q verify f && $Q unpack f - | wc -c");
-    EXPECT_EQ(done.status, 0) << done.said();
+    EXPECT_EQ(done.ended(), "OK") << done.said();
     EXPECT_NE(done.out.find("\n" + parts[3] + "\n"), std::string::npos) << done.out;
   }
 }
 
+// A guess about a file whose header cannot be trusted could destroy it.
 TEST(Repair, RefusesWhatItCannotKnow) {
   playLines(R"(
 poke Y 30 good; cp good kept; $Q repair --yes good; s=$?; cmp good kept && exit $s
-  -> 65 ! has a damaged header
-$Q repair in -> 65 ! is no kind of paged file
-sqlite3 db 'CREATE TABLE t(x);'; $Q repair db -> 65 ! is a SQLite database, which pack did not make
-$Q repair no -> 66 ! No such file
+  -> DATAERR ! has a damaged header
+$Q repair in -> DATAERR ! is no kind of paged file
+sqlite3 db 'CREATE TABLE t(x);'; $Q repair db
+  -> DATAERR ! is a SQLite database, which pack did not make
+$Q repair no -> NOINPUT ! No such file
 )");
 }
 

@@ -12,44 +12,44 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Each row is a command, how it ends, and what is in its document, which must be all of standard
-// output, with nothing on standard error.
+// Programs read these documents. Each row is a command, how it ends, and members of its document,
+// which must be all of standard output, with nothing on standard error.
 TEST(Interface, SpeaksJson) {
   const std::string rows = R"sh(
 info good
-  -> 0 info {"/kind": "qzpfile", "/pages": 11, "/format_version": 2, "/file_size": 53248, "/payload_size": 43008,
+  -> OK info {"/kind": "qzpfile", "/pages": 11, "/format_version": 2, "/file_size": 53248, "/payload_size": 43008,
   "/payload_checksum": "93e2fd5e25d6d33d", "/io/obtained": "buffered"}
-verify good -> 0 verify {"/good": true, "/pages_read": 11, "/findings": null}
+verify good -> OK verify {"/good": true, "/pages_read": 11, "/findings": null}
 verify bad
-  -> 1 verify {"/good": false, "/findings/0/what": "page", "/findings/0/page": 3,
+  -> DIFFERS verify {"/good": false, "/findings/0/what": "page", "/findings/0/page": 3,
   "/findings/0/offset": 16384}
-verify bad1 -> 1 verify {"/good": false, "/findings/0/what": "checksum"}
+verify bad1 -> DIFFERS verify {"/good": false, "/findings/0/what": "checksum"}
 repair --dry-run bad
-  -> 1 repair {"/changed": false, "/steps/0/what": "damaged_page", "/steps/0/page": 3,
+  -> DIFFERS repair {"/changed": false, "/steps/0/what": "damaged_page", "/steps/0/page": 3,
   "/steps/0/loses": true}
-repair good -> 0 repair {"/changed": false, "/good": true, "/steps": null}
+repair good -> OK repair {"/changed": false, "/good": true, "/steps": null}
 verify cut
-  -> 1 verify {"/findings/0/what": "not_whole", "/bytes_expected": 53248,
+  -> DIFFERS verify {"/findings/0/what": "not_whole", "/bytes_expected": 53248,
   "/bytes_found": 53148, "/left_over_bytes": 3996}
 compare good bad
-  -> 1 compare {"/differences/0/what": "page", "/differences/0/page": 3,
+  -> DIFFERS compare {"/differences/0/what": "page", "/differences/0/page": 3,
   "/differences/0/offset_a": 20000, "/differences/0/offset_b": 20000}
-bench good -> 0 bench {"/results/0/bytes": 45056, "/results/1/bytes": 45056}
+bench good -> OK bench {"/results/0/bytes": 45056, "/results/1/bytes": 45056}
 info no
-  -> 66 error {"/error/file": "no", "/error/errno": 2, "/error/status": 2151663617,
+  -> NOINPUT error {"/error/file": "no", "/error/errno": 2, "/error/status": 2151663617,
   "/error/status_text": "The file or a folder on the way to it does not exist",
   "/error/hint": "check the name and the folder it is in"}
-info good --frob -> 64 error {}
-info "$(printf 'a\377')" -> 66 error {"/error/file": "a\ufffd", "/error/file_hex": "61ff"}
-pack in p -> 0 pack {"/file": "p", "/pages": 1, "/payload_size": 43008, "/io/asked": "auto"}
-unpack good u -> 0 unpack {"/file": "u", "/payload_checksum": "93e2fd5e25d6d33d"}
-copy good c -> 0 copy {"/file": "c", "/pages": 11, "/page_size": 4096}
-put good 11 <in -> 0 put {"/first_page": 11, "/pages_written": 11, "/pages": 21}
-truncate good 3 -> 0 truncate {"/pages": 3, "/pages_before": 21}
-header three --set h -> 0 header {"/file": "three"}
-compare bad wide -> 1 compare {"/differences/0/what": "payload", "/differences/0/page_a": 3,
+info good --frob -> USAGE error {}
+info "$(printf 'a\377')" -> NOINPUT error {"/error/file": "a\ufffd", "/error/file_hex": "61ff"}
+pack in p -> OK pack {"/file": "p", "/pages": 1, "/payload_size": 43008, "/io/asked": "auto"}
+unpack good u -> OK unpack {"/file": "u", "/payload_checksum": "93e2fd5e25d6d33d"}
+copy good c -> OK copy {"/file": "c", "/pages": 11, "/page_size": 4096}
+put good 11 <in -> OK put {"/first_page": 11, "/pages_written": 11, "/pages": 21}
+truncate good 3 -> OK truncate {"/pages": 3, "/pages_before": 21}
+header three --set h -> OK header {"/file": "three"}
+compare bad wide -> DIFFERS compare {"/differences/0/what": "payload", "/differences/0/page_a": 3,
   "/differences/0/page_b": 2}
-rm p -> 0 rm {"/file": "p"}
+rm p -> OK rm {"/file": "p"}
 )sh";
   const Shell shell;
   shell.expectGood(
@@ -60,15 +60,15 @@ rm p -> 0 rm {"/file": "p"}
     SCOPED_TRACE(row);
     const std::size_t arrow = row.find(" -> ");
     std::istringstream wanted(row.substr(arrow + 4));
-    int status = 0;
+    std::string ended;
     std::string schema;
     Json members;
-    wanted >> status >> schema >> members;
+    wanted >> ended >> schema >> members;
     members["/schema"] = "qzpfile/" + schema;
     members["/schema_version"] = 1;
-    members["/exit_status"] = status;
     const Outcome outcome = shell.run("$Q " + row.substr(0, arrow) + " --format=json");
-    EXPECT_EQ(outcome.status, status) << outcome.said();
+    members["/exit_status"] = outcome.status;
+    EXPECT_EQ(outcome.ended(), ended) << outcome.said();
     EXPECT_EQ(outcome.err, "");
     const Json document = Json::parse(outcome.out).flatten();
     for (const auto& [place, value] : members.items()) EXPECT_EQ(document.at(place), value);
@@ -79,62 +79,64 @@ rm p -> 0 rm {"/file": "p"}
   }
 }
 
+// A mistyped command line must change nothing, and the message must say what was wrong with it.
 TEST(Interface, RefusesWhatItDoesNotUnderstand) {
   playLines(R"(
-$Q -> 64 ! name a command
-$Q frob -> 64 ! there is no command "frob"
-$Q pack in -> 64 ! OUTPUT is required
-$Q info good one two -> 64 ! not expected: one two try:    qzpfile info --help
-$Q info good one --force -> 64 ! there is no option "--force" try:    --format, if that was meant
+$Q -> USAGE ! name a command
+$Q frob -> USAGE ! there is no command "frob"
+$Q pack in -> USAGE ! OUTPUT is required
+$Q info good one two -> USAGE ! not expected: one two try:    qzpfile info --help
+$Q info good one --force -> USAGE ! there is no option "--force" try:    --format, if that was meant
 $Q pack --pagesize 4K in x
-  -> 64 ! there is no option "--pagesize" try:    --page-size, if that was meant
-$Q pack -z 4K in x -> 64 ! there is no option "-z"
-$Q inof good -> 64 ! there is no command "inof" try:    info, if that was meant
-$Q pack --io= m x -> 64 ! --io has no value behind the =
-$Q pack --force=no in x -> 64 ! --force takes no value: "--force=no"
-$Q pack --quiet --format json in x 2>&1 -> 64 exclude each other
-$Q unpack --format json good - -> 64 beside the payload
-$Q header -q good -> 64 ! about the report of --set
-cat good | $Q info - -> 64 ! a pipe is not
-$Q pack in - -> 64 ! a pipe is not
-$Q info good --buffers 2000000000 -> 64 ! 1 to 65536
-$Q pack --io block --io direct in x -> 64 ! --io
-$Q pack --page-size 4X in x -> 64 ! "4X" is not a size
-$Q pack --page-size 2G in x -> 64 ! 1 GiB
-$Q pack --page-size 99999999999999999999 in x -> 64 ! is not a size
-$Q pack --page-size 9007199254740993K in x -> 64 ! is not a size
-$Q pack --page-size=-4096 in x -> 64 ! is not a size
-$Q pack --page-size 511 in x -> 64 ! 512 bytes
-$Q pack --header-size 63 in x -> 64 ! no room
-$Q pack --io fast in x -> 64 ! auto, buffered, direct, block
-$Q cat good --pages 5-3 -> 64 ! "5-3" is not a list of pages
-$Q cat good --pages 0-3 -> 64 ! is not a list of pages
-$Q cat good --pages - -> 64 ! is not a list of pages
-$Q cat good --pages 3, -> 64 ! "3," is not a list of pages
-$Q info good --module ./no.so -> 66 ! cannot load the module
-$Q info good --module ./good -> 66 ! try:    name libqziop.so with --module
+  -> USAGE ! there is no option "--pagesize" try:    --page-size, if that was meant
+$Q pack -z 4K in x -> USAGE ! there is no option "-z"
+$Q inof good -> USAGE ! there is no command "inof" try:    info, if that was meant
+$Q pack --io= m x -> USAGE ! --io has no value behind the =
+$Q pack --force=no in x -> USAGE ! --force takes no value: "--force=no"
+$Q pack --quiet --format json in x 2>&1 -> USAGE exclude each other
+$Q unpack --format json good - -> USAGE beside the payload
+$Q header -q good -> USAGE ! about the report of --set
+cat good | $Q info - -> USAGE ! a pipe is not
+$Q pack in - -> USAGE ! a pipe is not
+$Q info good --buffers 2000000000 -> USAGE ! 1 to 65536
+$Q pack --io block --io direct in x -> USAGE ! --io
+$Q pack --page-size 4X in x -> USAGE ! "4X" is not a size
+$Q pack --page-size 2G in x -> USAGE ! 1 GiB
+$Q pack --page-size 99999999999999999999 in x -> USAGE ! is not a size
+$Q pack --page-size 9007199254740993K in x -> USAGE ! is not a size
+$Q pack --page-size=-4096 in x -> USAGE ! is not a size
+$Q pack --page-size 511 in x -> USAGE ! 512 bytes
+$Q pack --header-size 63 in x -> USAGE ! no room
+$Q pack --io fast in x -> USAGE ! auto, buffered, direct, block
+$Q cat good --pages 5-3 -> USAGE ! "5-3" is not a list of pages
+$Q cat good --pages 0-3 -> USAGE ! is not a list of pages
+$Q cat good --pages - -> USAGE ! is not a list of pages
+$Q cat good --pages 3, -> USAGE ! "3," is not a list of pages
+$Q info good --module ./no.so -> NOINPUT ! cannot load the module
+$Q info good --module ./good -> NOINPUT ! try:    name libqziop.so with --module
 for s in 4096 4K 4k 4KiB 4096B; do $Q pack -f --page-size $s in x || exit; done | uniq -c
-  -> 0 5 x: 11 pages of 4096 bytes, 43008 bytes of payload,
+  -> OK 5 x: 11 pages of 4096 bytes, 43008 bytes of payload,
   I/O buffered (asked: auto; the file is smaller than one block)
-$Q pack --page-size 1MB in x -> 0 1 page of 1000000
+$Q pack --page-size 1MB in x -> OK 1 page of 1000000
 $Q pack --page-size 600 in x
-  -> 0 I/O buffered (asked: auto; direct I/O needs page and header sizes that are multiples of
+  -> OK I/O buffered (asked: auto; direct I/O needs page and header sizes that are multiples of
 )");
 }
 
 // On a terminal, which script(1) provides, there is colour, too.
 TEST(Interface, ShowsProgressAndColourWhereTheyAreWanted) {
   playLines(R"(
-seq 3000000 >big; $Q pack big x --progress always >/dev/null -> 0 ! 100%
-seq 3000000 >big; $Q pack big x >/dev/null -> 0
-seq 200000 >big; (ulimit -f 200; $Q pack -v big x) -> 74 ! error: 
-TERM=xterm script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> 0 1
-NO_COLOR=1 script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> 1 0
-TERM=dumb script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> 1 0
-TERM=xterm $Q info no 2>&1 | tr '\033' @ | grep -c @ -> 1 0
-script -qec "stty cols 30; $Q pack in x --progress always" /dev/null | tr '\r' @ | tail -1 -> 0 x: 1
+seq 3000000 >big; $Q pack big x --progress always >/dev/null -> OK ! 100%
+seq 3000000 >big; $Q pack big x >/dev/null -> OK
+seq 200000 >big; (ulimit -f 200; $Q pack -v big x) -> IOERR ! error: 
+TERM=xterm script -qec "$Q info no" /dev/null | tr '\033' @ | grep -c @ -> OK 1
+! NO_COLOR=1 script -qec "$Q info no" /dev/null | tr '\033' @ | grep @ -> OK
+! TERM=dumb script -qec "$Q info no" /dev/null | tr '\033' @ | grep @ -> OK
+! TERM=xterm $Q info no 2>&1 | tr '\033' @ | grep @ -> OK
+script -qec "stty cols 30; $Q pack in x --progress always" /dev/null | tr '\r' @ | tail -1
+  -> OK x: 1
 script -qec "stty cols 30; $Q cat good --progress always >/dev/null" /dev/null | tr '\r' @
-  -> 0 @cat  44.0 KiB of 44.0 KiB  10@
+  -> OK @cat  44.0 KiB of 44.0 KiB  10@
 )");
 }
 
@@ -142,24 +144,26 @@ script -qec "stty cols 30; $Q cat good --progress always >/dev/null" /dev/null |
 // character, a mark that turns the direction of writing, and a byte that is not UTF-8.
 TEST(Interface, ShowsNamesAsText) {
   playLines(R"(
-pack in "$n" -> 0 a\x1b[31m\n\u0085\u202e\xffä: 1 page
-info "$n" -> 66 ! a\x1b[31m\n\u0085\u202e\xffä: cannot read
---"$n" -> 64 ! "--a\x1b[31m\n\u0085\u202e\xffä"
+pack in "$n" -> OK a\x1b[31m\n\u0085\u202e\xffä: 1 page
+info "$n" -> NOINPUT ! a\x1b[31m\n\u0085\u202e\xffä: cannot read
+--"$n" -> USAGE ! "--a\x1b[31m\n\u0085\u202e\xffä"
 )",
             R"(n=$(printf 'a\033[31m\n\302\205\342\200\256\377\303\244'); $Q %1)");
 }
 
+// --quiet leaves only errors; scripts go by the exit status.
 TEST(Interface, IsQuietWhenAsked) {
   playLines(R"(
 for c in "pack in x" "unpack good y" "copy good z" "header good --set h" "put good 2"
   "truncate good 2" "verify good" "compare good good" "repair good" "rm good"; do $Q $c -q <in || exit; done
-  -> 0
-poke Y 20000 good; $Q verify -q good -> 1
-$Q info no -> 66 ! No such file
+  -> OK
+poke Y 20000 good; $Q verify -q good -> DIFFERS
+$Q info no -> NOINPUT ! No such file
 )",
             "head -c 64 good >h; %1");
 }
 
+// An option that is missing from the man page or from a completion is one that users do not find.
 TEST(Interface, HelpManPageAndCompletionAgree) {
   Shell().expectGood("S=" QZIOP_SOURCES R"(/tool; set -x
     zsh=$S/completion/_qzpfile
@@ -189,7 +193,7 @@ TEST(Interface, HelpManPageAndCompletionAgree) {
     done
     $Q put --help >help; $Q help put | diff help -
     $Q -V >short; $Q --version | diff short -
-    $Q --version | grep '^qzpfile 3\.3\.1$')");
+    $Q --version | grep -Fx 'qzpfile )" QZIOP_VERSION "'");
 }
 
 }  // namespace

@@ -26,6 +26,7 @@ TEST(Packing, RoundTripsInAllModesAndSizes) {
     done)sh");
 }
 
+// A copy with other sizes of pages and header keeps every byte of the payload.
 TEST(Packing, CopiesIntoOtherPagesAndBack) {
   Shell().expectGood(R"sh(
     for size in 512 4K 12K 1M; do
@@ -56,63 +57,68 @@ SQL
     done)sh");
 }
 
+// Nothing that exists is overwritten by accident, or by what is no regular file; and sizes that a
+// mode cannot take are refused before anything is written.
 TEST(Packing, TakesItsTargetsWithCare) {
   playLines(R"(
-$Q pack in good -> 73 ! good: exists already
-$Q unpack good in -> 73 ! in: exists already
-chmod 640 good; $Q pack -f in good >y && stat -c %a good -> 0 640
+$Q pack in good -> CANTCREAT ! good: exists already
+$Q unpack good in -> CANTCREAT ! in: exists already
+chmod 640 good; $Q pack -f in good >y && stat -c %a good -> OK 640
 ln -s good link; head -c 9 in >small; $Q pack -f small link >y; test -L link && $Q unpack good - |
-  cmp small - -> 0
-mkdir d; $Q pack in d --force -> 73 ! d: is a folder
-mkfifo f; $Q pack in f --force -> 73 ! not a regular file
-$Q pack in no/such -> 73 ! try:    make the folder first
+  cmp small - -> OK
+mkdir d; $Q pack in d --force -> CANTCREAT ! d: is a folder
+mkfifo f; $Q pack in f --force -> CANTCREAT ! not a regular file
+$Q pack in no/such -> CANTCREAT ! try:    make the folder first
 n=$(printf 'p\303\266\344\270\200\377'); $Q pack in "$n" && $Q unpack "$n" - | cmp in -
-  -> 0 1 page of 65536
-$Q pack in x >y; stat -c %a x -> 0 644
-$Q pack --io direct --page-size 5000 in x -> 64 ! bytes, not 5000 and 4096
-$Q pack --io block --header-size 100 in x -> 64 ! bytes, not 65536 and 100
-$Q pack --io block --block-size 100000 in x -> 64 ! does not hold whole pages of 65536 bytes
-$Q pack -f --page-size 600 in good >y; $Q unpack --io direct good x -> 64 ! not 600 and 4096
-$Q pack -f --page-size 600 in good >y; $Q info good --io auto -> 0 buffered (asked: auto;
+  -> OK 1 page of 65536
+$Q pack in x >y; stat -c %a x -> OK 644
+$Q pack --io direct --page-size 5000 in x -> USAGE ! bytes, not 5000 and 4096
+$Q pack --io block --header-size 100 in x -> USAGE ! bytes, not 65536 and 100
+$Q pack --io block --block-size 100000 in x -> USAGE ! does not hold whole pages of 65536 bytes
+$Q pack -f --page-size 600 in good >y; $Q unpack --io direct good x -> USAGE ! not 600 and 4096
+$Q pack -f --page-size 600 in good >y; $Q info good --io auto -> OK buffered (asked: auto;
 )");
 }
 
+// Half a file under the name that was asked for would pass as the whole.
 TEST(Packing, LeavesNothingWhenItFails) {
   playLines(R"(
-seq 200000 >big; (ulimit -f 200; $Q pack big x); s=$?; test ! -e x && exit $s -> 74 ! ulimit -f
+seq 200000 >big; (ulimit -f 200; $Q pack big x); s=$?; test ! -e x && exit $s -> IOERR ! ulimit -f
 seq 3000000 >big; (ulimit -f 9000; $Q pack --io block big x); s=$?; test ! -e x && exit $s
-  -> 74 ! status 0x803FC80F
+  -> IOERR ! status 0x803FC80F
 cp good kept; seq 200000 >big; (ulimit -f 200; $Q pack -f big good); cmp good kept
-  -> 0 ! ulimit -f
-$Q unpack good - >/dev/full -> 74 ! No space left on device
-$Q info good >/dev/full -> 74 ! standard output
-$Q info good --format json >/dev/full -> 74 ! standard output
+  -> OK ! ulimit -f
+$Q unpack good - >/dev/full -> IOERR ! No space left on device
+$Q info good >/dev/full -> IOERR ! standard output
+$Q info good --format json >/dev/full -> IOERR ! standard output
 mkfifo f; env --default-signal $Q pack f x & p=$!; exec 3>f; sleep 0.3; kill -INT $p; wait $p
-  -> 130
+  -> SIGINT
 mkfifo f; $Q pack f x & p=$!; exec 3>f; echo bytes >&3; sleep 0.3; kill -USR1 $p; sleep 0.3;
-  exec 3>&-; wait $p -> 0 6 bytes of payload ! pack  
+  exec 3>&-; wait $p -> OK 6 bytes of payload ! pack  
 )");
 }
 
+// The message must lead to the file system, not to the file.
 TEST(Packing, ReportsAFullDisk) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting a small file system needs root";
   playLines(
       R"(
 mount -t tmpfs -o size=1m none d; $Q pack big d/x; s=$?; ls -A d; exit $s
-  -> 74 ! try:    make room on that file system
+  -> IOERR ! try:    make room on that file system
 mount -t tmpfs -o ro none d; $Q pack in d/x
-  -> 73 ! Read-only file system try:    use another file system
+  -> CANTCREAT ! Read-only file system try:    use another file system
 )",
       "mkdir d; seq 1000000 >big; export Q; unshare -m sh -c '%1'");
 }
 
+// A missing permission has an exit status of its own, for scripts that call sudo.
 TEST(Packing, ReportsRefusedAccess) {
   if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
   playLines(R"(
-info good -> 77 ! Permission denied
-pack in x -> 77 ! try:    look at the permissions
-truncate kept 1 -> 77 ! cannot open for writing: Permission denied
-rm kept -> 77 ! cannot remove
+info good -> NOPERM ! Permission denied
+pack in x -> NOPERM ! try:    look at the permissions
+truncate kept 1 -> NOPERM ! cannot open for writing: Permission denied
+rm kept -> NOPERM ! cannot remove
 )",
             "chmod 755 .; cp good kept; chmod 600 good; setpriv --reuid=65534 --clear-groups "
             "--inh-caps=-all $Q %1");

@@ -1,9 +1,11 @@
 #include "tool/shell.h"
 
 #include <sys/wait.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -23,8 +25,7 @@ int system(const std::string& line) {
   return WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
 }
 
-// What stands before each line. The program goes through the emulator where the kernel does not run
-// it.
+// Comes before each line. Where the kernel cannot run the program, the emulator does.
 std::string preamble() {
   static const std::string path = QZIOP_PROGRAMS "/qzpfile";
   static const bool runs = system(path + " --version >/dev/null 2>&1") == 0;
@@ -43,6 +44,30 @@ std::string inOneLine(const std::string& text) {
 }  // namespace
 
 std::string Outcome::said() const { return inOneLine(out + err); }
+
+std::string Outcome::ended() const {
+  switch (status) {
+    case 0:
+      return "OK";
+    case 1:
+      return "DIFFERS";
+    case EX_USAGE:
+      return "USAGE";
+    case EX_DATAERR:
+      return "DATAERR";
+    case EX_NOINPUT:
+      return "NOINPUT";
+    case EX_CANTCREAT:
+      return "CANTCREAT";
+    case EX_IOERR:
+      return "IOERR";
+    case EX_NOPERM:
+      return "NOPERM";
+    default:
+      const char* const signal = status > 128 ? sigabbrev_np(status - 128) : nullptr;
+      return signal == nullptr ? std::to_string(status) : std::string("SIG") + signal;
+  }
+}
 
 // Every folder begins with `in`, 10 pages and a half of text, and `good` and `good1`, packed from
 // it in versions 2 and 1 of the file format.
@@ -93,14 +118,14 @@ std::vector<std::string> rowsOf(const std::string& text) {
 }
 
 void playLines(const std::string& rows, std::string_view frame) {
-  static const std::regex form("(.*) -> ([0-9]+)( [^!].*?)?( ! .*)?");
+  static const std::regex form("(.*) -> ([A-Z]+)( [^!].*?)?( ! .*)?");
   for (const std::string& row : rowsOf(rows)) {
     SCOPED_TRACE(row);
     std::smatch parts;
     ASSERT_TRUE(std::regex_match(row, parts, form));
     const Outcome outcome =
         Shell().run(std::string(frame).replace(frame.find("%1"), 2, parts[1].str()));
-    EXPECT_EQ(outcome.status, std::stoi(parts[2])) << outcome.out << outcome.err;
+    EXPECT_EQ(outcome.ended(), parts[2].str()) << outcome.out << outcome.err;
     const auto check = [](const std::string& wanted, const std::string& text) {
       const bool found = inOneLine(text).find(wanted) != std::string::npos;
       EXPECT_TRUE(wanted.empty() ? text.empty() : found) << text;

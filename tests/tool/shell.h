@@ -11,16 +11,19 @@
 namespace qztest {
 
 struct Outcome {
-  int status = 0;  // exit status; 128 and the number for a signal
+  int status = 0;  // of the exit; 128 and the number for a signal
   std::string out;
   std::string err;
 
   // Both, in one line: a line break and the blanks behind it count as one blank.
   std::string said() const;
+  // The exit status by its name in sysexits.h without EX_, as DATAERR; DIFFERS for 1, with which
+  // the program says that a file is not good or not the same; SIGINT for the end by that signal.
+  std::string ended() const;
 };
 
-// The folder lies on the disk of the build, so that direct I/O is to be had. It goes with the
-// object; nothing half-made may be left in it then.
+// The folder lies on the disk of the build, which takes direct I/O. It is deleted with the object;
+// a temporary file of the program that is still in it then fails the test.
 class Shell {
  public:
   Shell();
@@ -39,15 +42,15 @@ class Shell {
   std::string folder_;
 };
 
-// The rows of a text; what begins with blanks belongs to the row above.
+// The rows of a text; a line that begins with blanks continues the row above.
 std::vector<std::string> rowsOf(const std::string& text);
 
 // Runs each row in a folder of its own:
 //
-//   LINE -> STATUS OUT ! ERR
+//   LINE -> ENDED OUT ! ERR
 //
-// OUT must occur in standard output, ERR in standard error, each in one line; what is not given
-// must be empty. With a frame, LINE stands in the place of %1 there.
+// ENDED is as Outcome::ended says. OUT must occur in standard output, ERR in standard error, each
+// in one line; where a row has none, there must be no output. A frame is run with LINE for its %1.
 void playLines(const std::string& rows, std::string_view frame = "%1");
 
 }  // namespace qztest

@@ -79,7 +79,8 @@ void recordRandomWork(const fs::path& folder, const fs::path& trace) {
   }
 }
 
-// What the model says of other hints is worth as much as what it says of those that were used.
+// The model of the cache predicts other settings. For the settings that were used, its prediction
+// must be what was recorded.
 TEST(Trace, ReplaysExactlyWhatWasRecorded) {
   const fs::path folder = QZIOP_PROGRAMS "/trace-work";
   fs::create_directories(folder);
@@ -93,7 +94,7 @@ TEST(Trace, ReplaysExactlyWhatWasRecorded) {
   waitpid(child, &status, 0);
   ASSERT_EQ(status, 0);
   const Outcome outcome = Shell().run("$Q trace --format json " + trace.string());
-  ASSERT_EQ(outcome.status, 0) << outcome.said();
+  ASSERT_EQ(outcome.ended(), "OK") << outcome.said();
   const Json document = Json::parse(outcome.out);
   EXPECT_EQ(document.at("files").size(), 12U);
   for (const Json& file : document.at("files")) {
@@ -105,13 +106,14 @@ TEST(Trace, ReplaysExactlyWhatWasRecorded) {
   fs::remove_all(folder);
 }
 
-// %1 is recorded.
+// The command of each row is recorded, and its trace summed up.
 TEST(Trace, SumsUpWhatWasRecorded) {
   playLines(R"(
-cat good --io buffered -> 0 11 pages read many at a time
-verify good --io buffered -> 0 12 pages read: 0 from memory (hits), 12 from the file (misses)
-pack --io buffered --page-size 4K in x -> 0  pages written, 0 of them without a call
-info no -> 0 1 x qzppreopen no: The file or a folder on the way to it does not exist: No such file or
+cat good --io buffered -> OK 11 pages read many at a time
+verify good --io buffered -> OK 12 pages read: 0 from memory (hits), 12 from the file (misses)
+pack --io buffered --page-size 4K in x -> OK  pages written, 0 of them without a call
+info no
+  -> OK 1 x qzppreopen no: The file or a folder on the way to it does not exist: No such file or
   directory (0x803FC801), first in line
 )",
             "QZIOP_TRACE=t $Q %1 --module " QZIOP_TRACE_MODULE " >/dev/null 2>&1; $Q trace t");
@@ -121,16 +123,17 @@ info no -> 0 1 x qzppreopen no: The file or a folder on the way to it does not e
 // is no trace is refused.
 TEST(Trace, RefusesWhatIsNoTrace) {
   playLines(R"(
-$Q trace good -> 65 ! is not a trace of the module
-$Q trace no -> 66 ! No such file
-: >t; $Q trace t -> 65 ! is empty
-echo '{"qziop_trace":2}' >t; $Q trace t -> 65 ! version 2
-echo '{"qziop_trace":1}' >t; $Q trace t -> 0 0 operations
+$Q trace good -> DATAERR ! is not a trace of the module
+$Q trace no -> NOINPUT ! No such file
+: >t; $Q trace t -> DATAERR ! is empty
+echo '{"qziop_trace":2}' >t; $Q trace t -> DATAERR ! version 2
+echo '{"qziop_trace":1}' >t; $Q trace t -> OK 0 operations
 printf '{"qziop_trace":1}\n{"id":1,"op":"qzpinfo","status":"ok","ns":5}\n\0\0\0' >t; $Q trace t
-  -> 0 1 operation
-printf '{"qziop_trace":1}\n{"id":1,"op":"qzpin' >t; $Q trace t -> 0 the last line is not complete
-printf '{"qziop_trace":1}\n{"id":1,"op":\n{}\n' >t; $Q trace t -> 65 ! line 2 is not one of a trace
-printf '{"qziop_trace":1}\n{"id":"1"}\n' >t; $Q trace t -> 65 ! line 2 is not one of a trace
+  -> OK 1 operation
+printf '{"qziop_trace":1}\n{"id":1,"op":"qzpin' >t; $Q trace t -> OK the last line is not complete
+printf '{"qziop_trace":1}\n{"id":1,"op":\n{}\n' >t; $Q trace t
+  -> DATAERR ! line 2 is not one of a trace
+printf '{"qziop_trace":1}\n{"id":"1"}\n' >t; $Q trace t -> DATAERR ! line 2 is not one of a trace
 )");
 }
 
