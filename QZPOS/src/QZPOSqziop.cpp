@@ -8,32 +8,15 @@
 
 #include "hostcalls.h"
 #include "outcome.h"
+#include "qzpoperations.h"
 
 namespace qz {
 namespace {
 
 constexpr OperationTable kOperations = {
-    .qzpbufacquire = qzpbufacquire,
-    .qzpbufadd = qzpbufadd,
-    .qzpbufremove = qzpbufremove,
-    .qzpbufreturn = qzpbufreturn,
-    .qzpclose = qzpclose,
-    .qzpfreememhandle = qzpfreememhandle,
-    .qzpgetmemhandle = qzpgetmemhandle,
-    .qzpinfo = qzpinfo,
-    .qzpopen = qzpopen,
-    .qzppsize = qzppsize,
-    .qzpread = qzpread,
-    .qzpwrite = qzpwrite,
-    .qzpreadmany = qzpreadmany,
-    .qzptruncate = qzptruncate,
-    .qzpsetfilename = qzpsetfilename,
-    .qzppreopen = qzppreopen,
-    .qzpdelete = qzpdelete,
-    .qzpgetstatus = qzpgetstatus,
-    .qzpflush = qzpflush,
-    .qzpwritehdr = qzpwritehdr,
-    .qzpreopen = qzpreopen,
+#define SLOT(name) .name = name,
+    QZP_EACH_OPERATION(SLOT)
+#undef SLOT
 };
 
 void stamp(ExtensionObject* module, QZHandle* host) {

@@ -2,6 +2,7 @@
 #include <atomic>
 
 #include "module.h"
+#include "qzpoperations.h"
 #include "recorder.h"
 
 using qz::Status;
@@ -15,27 +16,9 @@ using qz::trace::Text;
 namespace {
 
 constexpr qz::OperationTable kRecorded = {
-    .qzpbufacquire = qzpbufacquire,
-    .qzpbufadd = qzpbufadd,
-    .qzpbufremove = qzpbufremove,
-    .qzpbufreturn = qzpbufreturn,
-    .qzpclose = qzpclose,
-    .qzpfreememhandle = qzpfreememhandle,
-    .qzpgetmemhandle = qzpgetmemhandle,
-    .qzpinfo = qzpinfo,
-    .qzpopen = qzpopen,
-    .qzppsize = qzppsize,
-    .qzpread = qzpread,
-    .qzpwrite = qzpwrite,
-    .qzpreadmany = qzpreadmany,
-    .qzptruncate = qzptruncate,
-    .qzpsetfilename = qzpsetfilename,
-    .qzppreopen = qzppreopen,
-    .qzpdelete = qzpdelete,
-    .qzpgetstatus = qzpgetstatus,
-    .qzpflush = qzpflush,
-    .qzpwritehdr = qzpwritehdr,
-    .qzpreopen = qzpreopen,
+#define SLOT(name) .name = name,
+    QZP_EACH_OPERATION(SLOT)
+#undef SLOT
 };
 
 std::atomic<int> recordedObjects = 0;

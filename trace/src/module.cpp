@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "qzpoperations.h"
 #include "syscalls.h"
 
 namespace qz::trace {
@@ -53,30 +54,15 @@ bool find(void* library, const char* name, Function* function) {
 }
 
 bool findAll(void* library, RealModule* module) {
-  OperationTable& table = module->operations;
-  return find(library, "qzextent", &module->qzextent) && find(library, "qziop", &module->qziop) &&
-         find(library, "qzpdestroy", &module->qzpdestroy) &&
-         find(library, "qzpgetreqversion", &module->qzpgetreqversion) &&
-         find(library, "qzpgetversion", &module->qzpgetversion) &&
-         find(library, "qzpbufacquire", &table.qzpbufacquire) &&
-         find(library, "qzpbufadd", &table.qzpbufadd) &&
-         find(library, "qzpbufremove", &table.qzpbufremove) &&
-         find(library, "qzpbufreturn", &table.qzpbufreturn) &&
-         find(library, "qzpclose", &table.qzpclose) &&
-         find(library, "qzpfreememhandle", &table.qzpfreememhandle) &&
-         find(library, "qzpgetmemhandle", &table.qzpgetmemhandle) &&
-         find(library, "qzpinfo", &table.qzpinfo) && find(library, "qzpopen", &table.qzpopen) &&
-         find(library, "qzppsize", &table.qzppsize) && find(library, "qzpread", &table.qzpread) &&
-         find(library, "qzpwrite", &table.qzpwrite) &&
-         find(library, "qzpreadmany", &table.qzpreadmany) &&
-         find(library, "qzptruncate", &table.qzptruncate) &&
-         find(library, "qzpsetfilename", &table.qzpsetfilename) &&
-         find(library, "qzppreopen", &table.qzppreopen) &&
-         find(library, "qzpdelete", &table.qzpdelete) &&
-         find(library, "qzpgetstatus", &table.qzpgetstatus) &&
-         find(library, "qzpflush", &table.qzpflush) &&
-         find(library, "qzpwritehdr", &table.qzpwritehdr) &&
-         find(library, "qzpreopen", &table.qzpreopen);
+  bool all = find(library, "qzextent", &module->qzextent) &&
+             find(library, "qziop", &module->qziop) &&
+             find(library, "qzpdestroy", &module->qzpdestroy) &&
+             find(library, "qzpgetreqversion", &module->qzpgetreqversion) &&
+             find(library, "qzpgetversion", &module->qzpgetversion);
+#define FIND(name) all = all && find(library, #name, &module->operations.name);
+  QZP_EACH_OPERATION(FIND)
+#undef FIND
+  return all;
 }
 
 RealModule* loadModule() {
