@@ -3,6 +3,7 @@
 // layer underneath and never seen here again.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -226,6 +227,20 @@ bool numberParameter(const char* name, const char* key, std::int64_t least, std:
   return false;
 }
 
+// A misspelt parameter has no effect, as with SQLite's own, but is named in the log.
+void warnOfUnknown(const char* name) {
+  constexpr int firstWithKeys = 3031000;
+  if (sqlite3_libversion_number() < firstWithKeys) return;
+  static constexpr const char* known[] = {"io",    "block",     "buffers", "vfs",  "mode",
+                                          "cache", "immutable", "nolock",  "psow", "modeof"};
+  const char* key = nullptr;
+  for (int i = 0; (key = sqlite3_uri_key(name, i)) != nullptr; ++i) {
+    if (std::ranges::none_of(known, [&](const char* one) { return std::strcmp(one, key) == 0; })) {
+      sqlite3_log(SQLITE_WARNING, "qzvfs: the parameter %s is not known", key);
+    }
+  }
+}
+
 // The system's cache is what makes repeated reads fast, as long as the database fits into it.
 qz::Io automatic(sqlite3_file* lower) {
   sqlite3_int64 bytes = 0;
@@ -236,6 +251,7 @@ qz::Io automatic(sqlite3_file* lower) {
 
 // The name's parameter, else the environment's.
 bool readWish(const char* name, sqlite3_file* lower, Wish* wish) {
+  warnOfUnknown(name);
   const char* asked = sqlite3_uri_parameter(name, "io");
   if (asked == nullptr) asked = std::getenv("QZVFS_IO");
   wish->asked = asked != nullptr ? asked : "auto";
