@@ -14,7 +14,7 @@ namespace qz {
 namespace {
 
 constexpr OperationTable kOperations = {
-#define SLOT(name) .name = name,
+#define SLOT(name) .name = (name),
     QZP_EACH_OPERATION(SLOT)
 #undef SLOT
 };

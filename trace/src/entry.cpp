@@ -16,7 +16,7 @@ using qz::trace::Text;
 namespace {
 
 constexpr qz::OperationTable kRecorded = {
-#define SLOT(name) .name = name,
+#define SLOT(name) .name = (name),
     QZP_EACH_OPERATION(SLOT)
 #undef SLOT
 };
