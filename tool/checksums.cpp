@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstring>
 #include <limits>
 #include <utility>
 
@@ -20,7 +21,7 @@ void ChecksumPage::clear(std::int64_t group) {
 
 bool ChecksumPage::load(std::int64_t group, std::span<const std::byte> stored) {
   group_ = group;
-  std::ranges::copy(stored.first(bytes_.bytes().size()), bytes_.data());
+  std::memcpy(bytes_.data(), stored.data(), bytes_.bytes().size());
   return loadNumber(bytes_.bytes(), bytes_.bytes().size() - 8) == ownChecksum();
 }
 

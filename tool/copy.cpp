@@ -43,9 +43,11 @@ bool copyOwn(const Source& source, File& from, File& to, const OnDamage& onDamag
 void copyForeign(const Source& source, File& from, File& to, HolePuncher& holes,
                  Progress& progress) {
   if (source.geometry.headerSize > 0) to.writeHeader(readHeader(source));
+  EarlyWrites early(to.io().mode == IoChoice::buffered ? to.fd() : -1);
   for (std::int64_t page = 1; page <= from.pageCount(); ++page) {
     const qz::PageHold hold = from.read(page);
     to.write(page, bytesOf(hold));
+    early.wroteUpTo(source.geometry.offsetOf(page + 1));
     holes.wrote(source.geometry.offsetOf(page), bytesOf(hold));
     progress.advance(source.geometry.pageSize);
   }

@@ -4,12 +4,21 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 #include <vector>
 
 #include "report.hpp"
 
 namespace qzpfile {
+namespace {
+
+// Direct I/O can use the memory as it is.
+bool isAligned(const std::byte* memory) {
+  return reinterpret_cast<std::uintptr_t>(memory) % std::size_t{kDirectAlignment} == 0;
+}
+
+}  // namespace
 
 PayloadWriter::PayloadWriter(File& file, Progress& progress)
     : file_(file),
@@ -19,6 +28,7 @@ PayloadWriter::PayloadWriter(File& file, Progress& progress)
               .headerSize = static_cast<std::int32_t>(file.geometry().headerSize),
               .changing = true},
       checksums_(file, file.geometry(), 0, {}),
+      early_(file.io().mode == IoChoice::buffered ? file.fd() : -1),
       batch_(batchBytes(file.geometry().pageSize)) {
   file_.writeHeader(encodeHeader(header_));
 }
@@ -32,26 +42,41 @@ void PayloadWriter::filled(std::size_t bytes) {
 }
 
 void PayloadWriter::append(std::span<const std::byte> bytes) {
+  const auto pageSize = static_cast<std::size_t>(header_.pageSize);
   while (!bytes.empty()) {
-    const auto piece = bytes.first(std::min(bytes.size(), room().size()));
-    std::ranges::copy(piece, room().begin());
-    filled(piece.size());
-    bytes = bytes.subspan(piece.size());
+    std::size_t taken = 0;
+    if (used_ == 0 && isAligned(bytes.data())) {
+      for (; bytes.size() - taken >= pageSize; taken += pageSize) {
+        writePage(bytes.subspan(taken, pageSize));
+      }
+      header_.payloadBytes += static_cast<std::int64_t>(taken);
+      progress_.advance(static_cast<std::int64_t>(taken));
+    }
+    if (taken == 0) {
+      taken = std::min(bytes.size(), room().size());
+      std::memcpy(room().data(), bytes.data(), taken);
+      filled(taken);
+    }
+    bytes = bytes.subspan(taken);
   }
 }
 
 void PayloadWriter::writePages() {
   const auto pageSize = static_cast<std::size_t>(header_.pageSize);
   for (std::size_t at = 0; at < used_; at += pageSize) {
-    const auto page = batch_.bytes().subspan(at, pageSize);
-    const std::uint64_t checksum = pageChecksum(page, nextPage_);
-    header_.payloadChecksum += checksum;
-    checksums_.note(nextPage_, checksum);
-    file_.write(nextPage_, page);
-    ++nextPage_;
+    writePage(batch_.bytes().subspan(at, pageSize));
   }
   progress_.advance(static_cast<std::int64_t>(used_));
   used_ = 0;
+}
+
+void PayloadWriter::writePage(std::span<const std::byte> page) {
+  const std::uint64_t checksum = pageChecksum(page, nextPage_);
+  header_.payloadChecksum += checksum;
+  checksums_.note(nextPage_, checksum);
+  file_.write(nextPage_, page);
+  ++nextPage_;
+  early_.wroteUpTo(file_.geometry().offsetOf(nextPage_));
 }
 
 Header PayloadWriter::finish(std::span<const std::byte> headerTail) {

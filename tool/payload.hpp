@@ -24,7 +24,7 @@ class PayloadWriter {
   // Where the next bytes of the payload go; never empty. Then tell how many they are.
   std::span<std::byte> room();
   void filled(std::size_t bytes);
-  // The same for bytes that lie elsewhere.
+  // The same for bytes that lie elsewhere; whole pages are written from there.
   void append(std::span<const std::byte> bytes);
   // Pads the last page, completes the header, puts everything on disk and closes the file.
   // headerTail: what the header area holds after the header itself.
@@ -32,11 +32,13 @@ class PayloadWriter {
 
  private:
   void writePages();
+  void writePage(std::span<const std::byte> page);
 
   File& file_;
   Progress& progress_;
   Header header_;
   ChecksumWriter checksums_;
+  EarlyWrites early_;
   AlignedBuffer batch_;
   std::size_t used_ = 0;
   std::int64_t nextPage_ = 1;

@@ -169,8 +169,19 @@ void Input::waitForData(Progress& progress) const {
   while (poll(&waited, 1, -1) < 0 && errno == EINTR) progress.answerSignals();
 }
 
-Output::Output(int fd, std::string name, bool sparse)
-    : fd_(fd), name_(std::move(name)), sparse_(sparse && takesHoles(fd)) {
+void EarlyWrites::wroteUpTo(std::int64_t end) {
+  constexpr std::int64_t kAtATime = 8 << 20;  // few calls, and no small requests to the disk
+  if (fd_ < 0 || end - started_ < kAtATime) return;
+  // A system without the call writes everything at the flush.
+  if (sync_file_range(fd_, started_, end - started_, SYNC_FILE_RANGE_WRITE) != 0) fd_ = -1;
+  started_ = end;
+}
+
+Output::Output(int fd, std::string name, bool sparse, bool toBeFlushed)
+    : fd_(fd),
+      name_(std::move(name)),
+      sparse_(sparse && takesHoles(fd)),
+      early_(toBeFlushed ? fd : -1) {
   if (sparse_) position_ = lseek(fd_, 0, SEEK_CUR);
   pending_.reserve(kPendingBytes);
 }
@@ -198,7 +209,11 @@ void Output::finish() {
 }
 
 void Output::writeThrough(std::span<const std::byte> bytes) {
-  if (!sparse_) return writeAll(bytes);
+  if (!sparse_) {
+    writeAll(bytes);
+    position_ += static_cast<std::int64_t>(bytes.size());
+    bytes = {};
+  }
   while (!bytes.empty()) {
     if (const std::size_t data = lengthOfRun(bytes, position_, false); data > 0) {
       endZeros();
@@ -211,6 +226,7 @@ void Output::writeThrough(std::span<const std::byte> bytes) {
     position_ += static_cast<std::int64_t>(zeros);
     bytes = bytes.subspan(zeros);
   }
+  early_.wroteUpTo(position_ - skipped_);
 }
 
 // Many zeros before the next byte become a hole, few are written.

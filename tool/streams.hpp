@@ -65,12 +65,28 @@ class Input {
 
 bool isZeros(std::span<const std::byte> bytes);
 
+// Has the system write a new file to the disk while the rest of it is being made, so that the flush
+// at the end has little left to wait for. It decides nothing: the flush tells of every failure.
+class EarlyWrites {
+ public:
+  // fd: stays the caller's; -1: leaves everything to the flush.
+  explicit EarlyWrites(int fd) : fd_(fd) {}
+
+  // The file has everything up to here.
+  void wroteUpTo(std::int64_t end);
+
+ private:
+  int fd_;
+  std::int64_t started_ = 0;  // bytes whose writing was asked for
+};
+
 // Collects what is written into larger pieces. Nothing is written after a failure.
 class Output {
  public:
   // fd: stays the caller's. name: for messages. sparse: runs of zeros of at least 64 KiB become
-  // holes where `fd` is a regular file, which then must be ended by finish().
-  Output(int fd, std::string name, bool sparse = false);
+  // holes where `fd` is a regular file, which then must be ended by finish(). toBeFlushed: the
+  // caller flushes the file at the end.
+  Output(int fd, std::string name, bool sparse = false, bool toBeFlushed = false);
 
   void write(std::span<const std::byte> bytes);
   // Everything written so far is with the system, zeros at the end excepted.
@@ -86,6 +102,7 @@ class Output {
   int fd_;
   std::string name_;
   bool sparse_;
+  EarlyWrites early_;
   std::int64_t position_ = 0;  // in the file, behind what was written or skipped
   std::int64_t skipped_ = 0;   // zeros before that
   std::vector<std::byte> pending_;

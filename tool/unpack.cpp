@@ -30,7 +30,8 @@ Exit runUnpack(const Invocation& call) {
   std::optional<NewFile> target;
   if (!toStandardOutput) target.emplace(call.second, call.force, originOf(file.handle().fd));
   Output output(target ? target->fd() : STDOUT_FILENO,
-                target ? call.second : std::string("standard output"), call.sparse);
+                target ? call.second : std::string("standard output"), call.sparse,
+                target.has_value());
   const bool good =
       readPayload(file, progress, call.keepGoing ? listDamage(call.first) : OnDamage(),
                   [&](std::span<const std::byte> bytes) { output.write(bytes); });
