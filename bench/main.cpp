@@ -71,6 +71,7 @@ int runCommand(int argc, char** argv) {
   for (const Work& work : kWork) names.emplace_back(work.name);
   app.add_option("work", settings.work, "what to run; all of it unless named")
       ->check(CLI::IsMember(names));
+  app.add_option("--only", settings.only, "hold only contests whose description has this text");
   app.add_option("--dir", settings.diskFolder, "folder on the disk for the files")
       ->capture_default_str();
   app.add_option("--memory-dir", settings.memoryFolder, "folder in memory that takes O_DIRECT")

@@ -149,7 +149,11 @@ Seats seatsOf(const Contest& contest) {
   Seats seats;
   for (const Participant& participant : contest.participants) {
     seats.push_back({&participant, participant.name});
-    sizeSlice(seats.back(), contest);
+    if (contest.alike && seats.size() > 1) {
+      seats.back().operations = seats.front().operations;
+    } else {
+      sizeSlice(seats.back(), contest);
+    }
   }
   seats.push_back(seats.front());
   seats.back().name += " again";
@@ -160,7 +164,7 @@ Seats seatsOf(const Contest& contest) {
 
 Outcome hold(const Contest& contest, const Effort& effort) {
   const double start = nowNs(CLOCK_MONOTONIC);
-  const double mostNs = (contest.whole ? 2 : 1) * effort.mostNs;
+  const double mostNs = (contest.whole || contest.alike ? 4 : 1) * effort.mostNs;
   Seats seats = seatsOf(contest);
   std::size_t rounds = 0;
   for (std::size_t nextLook = kLeastRounds;;) {

@@ -46,7 +46,10 @@ struct Contest {
   std::string variant;                    // how, and with which sizes
   std::vector<Participant> participants;  // the floor first
   std::vector<Goal> goals;
-  double sliceNs = 4e6;   // of elapsed time
+  double sliceNs = 4e6;  // of elapsed time
+  // Every slice has as many operations as the floor's: for work with a start and an end that cost
+  // as much however long the slice is.
+  bool alike = false;
   bool whole = false;     // work that cannot be sliced: each turn is one grain, however long
   std::string plotLabel;  // its row in the picture; empty: it has none
 
@@ -60,7 +63,7 @@ struct Contest {
 // decided, or at the most time. What no open goal needs leaves earlier.
 struct Effort {
   double leastNs = 0.25e9;  // of each contestant
-  double mostNs = 10e9;     // of the contest; twice as long for whole runs
+  double mostNs = 10e9;     // of the contest; four times as long for whole runs and alike slices
 };
 
 struct Standing {

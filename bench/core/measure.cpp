@@ -55,15 +55,20 @@ double instructionsSoFar() {
 
 std::int64_t ownReads = 0;  // of measuring itself
 
-// The second number: nanoseconds spent ready to run, but waiting. A kernel without it: none.
-double waitedSoFar() {
-  static const int fd = open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC);
+// The second number of schedstat: nanoseconds spent ready to run, but waiting. A kernel without it:
+// none.
+double waitedIn(int fd) {
   if (fd == -1) return 0;
   ++ownReads;
-  const Text text = textOf(fd, "/proc/self/schedstat");
+  const Text text = textOf(fd, "schedstat");
   char* second = nullptr;
   std::strtoull(text.data(), &second, 10);
   return std::strtod(second, nullptr);
+}
+
+double waitedSoFar() {
+  static const int fd = open("/proc/self/schedstat", O_RDONLY | O_CLOEXEC);
+  return waitedIn(fd);
 }
 
 }  // namespace
@@ -107,6 +112,14 @@ Moment momentNow() {
     if (moment.afterNs - moment.beforeNs < kInterrupted) break;
   }
   return moment;
+}
+
+double waitedOf(pid_t process) {
+  const std::string path = "/proc/" + std::to_string(process) + "/schedstat";
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const double waited = waitedIn(fd);
+  if (fd != -1) close(fd);
+  return waited;
 }
 
 }  // namespace qzbench

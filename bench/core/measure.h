@@ -1,6 +1,8 @@
 // Time, processor time, instructions and transfer calls of a piece of work.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <ctime>
 #include <stdexcept>
@@ -51,6 +53,8 @@ struct Moment {
   double waitedNs = 0;
 };
 Moment momentNow();
+// How long the main thread of another process waited for a processor; it may have ended.
+double waitedOf(pid_t process);
 
 // True if the processor counts instructions for us. Asked before any thread starts.
 bool countsInstructions();

@@ -77,6 +77,8 @@ Runner::Runner(const Settings& settings, Report report)
 Runner::~Runner() { loaded().reset(); }
 
 void Runner::hold(const Contest& contest) {
+  const std::string description = contest.work + "; " + contest.variant;
+  if (description.find(settings_.only) == std::string::npos) return;
   outcomes_.push_back(qzbench::hold(contest, settings_.effort));
   report_(outcomes_.back());
   if (!settings_.busy) return;

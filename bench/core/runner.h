@@ -17,13 +17,14 @@ struct Settings {
   std::string module;             // path of the library; empty: beside the program
   std::string tool;               // path of qzpfile
   std::vector<std::string> work;  // names of what is run; empty: everything
+  std::string only;               // in the description of the contests that are held
   std::vector<std::int32_t> pageSizes = {4096, 512, 65536};
   std::vector<std::int32_t> bufferCounts = {4, 64, 1024, 65536};
   Effort effort;
   bool busy = false;  // hold each contest again beside a busy loop
   std::int64_t warmBytes = std::int64_t{64} << 20U;
   std::int64_t directBytes = std::int64_t{512} << 20U;
-  std::int64_t wholeBytes = std::int64_t{32} << 20U;
+  std::int64_t wholeBytes = std::int64_t{128} << 20U;
 };
 
 // A new file handle with its caller settings, named and open.
@@ -55,7 +56,7 @@ class Runner {
   Folder& disk() { return disk_; }
   Folder& memory() { return memory_; }
 
-  // Holds a contest, keeps its outcome and reports it.
+  // Holds a contest, keeps its outcome and reports it; unless others alone are wanted.
   void hold(const Contest& contest);
 
   const std::vector<Outcome>& outcomes() const { return outcomes_; }

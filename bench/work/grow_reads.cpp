@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <numeric>
 #include <random>
+#include <tuple>
 
 #include "../core/memory.h"
 #include "../core/passes.h"
@@ -153,8 +154,10 @@ class ManyBuffers {
 // module does: buffers given back out of order lie so when they are read into again.
 class BareBuffers {
  public:
-  BareBuffers(const std::string& path, Shape shape, std::size_t held)
-      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)), ring_(held, kPageSize) {
+  BareBuffers(const std::string& path, Shape shape, std::size_t held,
+              MemoryKind kind = MemoryKind::ordinary)
+      : file_(path, O_RDONLY | (shape == Shape::page ? 0 : O_DIRECT)),
+        ring_(held, kPageSize, kind) {
     for (std::size_t i = 0; i < held; ++i) free_.push_back(ring_.at(i));
   }
 
@@ -209,11 +212,15 @@ void growInShape(Runner& run, Shape shape) {
                                             {heldOf(wanted, counts[i]), order}));
     }
     const std::string most = contest.participants.back().name;
-    for (const std::int32_t count : {counts.front(), counts.back()}) {
+    // The stand-in host has huge pages for what many buffers take.
+    for (const auto& [count, kind, suffix] :
+         {std::tuple(counts.front(), MemoryKind::ordinary, ""),
+          std::tuple(counts.back(), MemoryKind::ordinary, ""),
+          std::tuple(counts.back(), MemoryKind::huge, " in huge pages")}) {
       const Holding holding = {heldOf(wanted, count), order};
-      const std::string name = fmt::format("pread into {}", holding.pages);
-      if (contest.has(name)) continue;
-      auto bare = std::make_shared<BareBuffers>(path, shape, holding.pages);
+      const std::string name = fmt::format("pread into {}{}", holding.pages, suffix);
+      if (contest.has(name) || (kind == MemoryKind::huge && wanted != kHalf)) continue;
+      auto bare = std::make_shared<BareBuffers>(path, shape, holding.pages, kind);
       contest.participants.push_back(holder(name, std::move(bare), cycle, holding));
     }
     // Out of order, memory that is touched less often costs the bare loop as well.
