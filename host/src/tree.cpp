@@ -205,21 +205,32 @@ void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   return seek(tree, &tree->search, keyAt(key));
 }
 
-// Replaces a node with two children, which the finger is at, by the next larger node, and moves the
-// finger to the link that becomes shorter. The levels that it enters have no range of keys.
-void replaceBySuccessor(Finger* finger, Node* node) {
+// The side of a node with two children from which its neighbour replaces it when it is removed. It
+// is the side where the last search found room for a key: when a run of new pages replaces the run
+// behind it, both then change leaves only. From the other side, the next page to be removed would
+// move up here each time, and every search for its neighbours would pass the whole height below it.
+std::size_t sideOfNeighbour(const Finger& search, const Finger& removal, const Node* node) {
+  const FingerLevel* same = search.levels + (removal.last - removal.levels);
+  const bool passes = same < search.last && same->link == removal.last->link;
+  return passes && same[1].link == &node->links[left] ? left : right;
+}
+
+// Replaces a node with two children, which the finger is at, by its neighbour on that side, and
+// moves the finger to the link that becomes shorter. The levels that it enters have no range of
+// keys.
+void replaceByNeighbour(Finger* finger, Node* node, std::size_t side) {
   FingerLevel* const place = finger->last;
-  Node* successor = target(node->links[right]);
-  finger->enter({&node->links[right], 0, 0});
-  while (Node* smaller = target(successor->links[left])) {
-    finger->enter({&successor->links[left], 0, 0});
-    successor = smaller;
+  Node* neighbour = target(node->links[side]);
+  finger->enter({&node->links[side], 0, 0});
+  while (Node* nearer = target(neighbour->links[other(side)])) {
+    finger->enter({&neighbour->links[other(side)], 0, 0});
+    neighbour = nearer;
   }
-  lead(finger->last->link, target(successor->links[right]));
-  lead(place->link, successor);
-  successor->links[left] = node->links[left];
-  successor->links[right] = node->links[right];
-  place[1].link = &successor->links[right];
+  lead(finger->last->link, target(neighbour->links[side]));
+  lead(place->link, neighbour);
+  neighbour->links[left] = node->links[left];
+  neighbour->links[right] = node->links[right];
+  place[1].link = &neighbour->links[side];
 }
 
 // Rebalances upwards after the subtree at the finger's last link has become one level shorter. The
@@ -257,7 +268,7 @@ void treeRemove(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   Node* above = target(node->links[right]);
   const bool hasBoth = below != nullptr && above != nullptr;
   if (hasBoth) {
-    replaceBySuccessor(&finger, node);
+    replaceByNeighbour(&finger, node, sideOfNeighbour(tree->search, finger, node));
   } else {
     lead(place->link, below != nullptr ? below : above);
   }
