@@ -32,6 +32,7 @@ Status checkRead(const FileHandle& h, std::int64_t page) {
 BlockRecord* fillBlock(FileHandle* h, std::int64_t page) {
   auto* block = bkpfindfreebuf<BlockRecord>(h);
   if (block == nullptr) return nullptr;
+  __builtin_prefetch(block->next);
   setBlockNumber(h, block, blockOfPage(page, h->pagesPerBlock));
   block->firstPage = firstPageOfBlock(block->blockNumber, h->pagesPerBlock);
   block->lastPage = lastPageOfBlock(block->firstPage, h->pagesPerBlock, h->pageCount);
@@ -138,6 +139,8 @@ struct PageRead {
 PageRead fillPage(FileHandle* h, std::int64_t page) {
   PageBuffer* buffer = h->pageFreeList.head;
   if (buffer == nullptr) return {nullptr, 0};
+  // The next read takes this record, which no cache may have: it is fetched while the system reads.
+  __builtin_prefetch(buffer->next);
   if (buffer->pageNumber != 0) takeOutOfTree(*h, *buffer);
   setPageNumber(h, buffer, page);
   const Transfer transfer = readAt(h->fd, buffer->data, h->pageSize, pageOffset(*h, page));

@@ -32,6 +32,15 @@ class RecordMap {
   // The record must have been inserted under that key.
   void erase(std::uint64_t key, const void* record);
 
+  // The first record under the key for which isWanted(record) is true, or null.
+  template <class IsWanted>
+  [[nodiscard]] void* find(std::uint64_t key, IsWanted isWanted) const {
+    for (std::size_t i = home(key); slots_[i].record != nullptr; i = next(i)) {
+      if (slots_[i].key == key && isWanted(slots_[i].record)) return slots_[i].record;
+    }
+    return nullptr;
+  }
+
   // Calls visit(record) for every record under the key.
   template <class Visit>
   void visit(std::uint64_t key, Visit visit) const {
