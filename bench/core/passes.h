@@ -39,6 +39,7 @@ struct Task {
   std::int32_t buffers = 4;     // that the module may hand out
   std::size_t ring = 1;         // buffers that a bare loop cycles through
   bool hugeBlocks = true;       // of a bare loop
+  bool bySettings = false;      // the module's new file is opened through PagedFile::open
 };
 
 using Order = std::vector<std::int64_t>;  // page numbers

@@ -25,6 +25,16 @@ OpenSettings settingsFor(const Task& task) {
   return settings;
 }
 
+// As a program in C++ makes a file.
+qz::PagedFile newFileBySettings(const Task& task) {
+  qz::PagedFile file = value(module().newFile());
+  require(file.open(task.path, {.pageSize = task.geometry.pageSize,
+                                .opening = qz::Opening::replace,
+                                .writing = qz::Writing::newPages,
+                                .buffers = task.buffers}));
+  return file;
+}
+
 std::uint32_t expectedMode(const Task& task) {
   if (!task.direct) return 0;
   return task.blockBytes == 0 ? qz::directIo : qz::directIo | qz::blockMode;
@@ -33,7 +43,8 @@ std::uint32_t expectedMode(const Task& task) {
 }  // namespace
 
 ModulePages::ModulePages(const Task& task)
-    : file_(openFile(settingsFor(task))),
+    : file_(task.bySettings && task.access == Access::append ? newFileBySettings(task)
+                                                             : openFile(settingsFor(task))),
       handle_(file_.handle()),
       table_(file_.table()),
       pageSize_(task.geometry.pageSize),

@@ -40,6 +40,7 @@ void appendPages(Runner& run) {
             {kPlotPageSize, kDiskBytes / kPlotPageSize},
             run.disk().file("appended"),
             true};
+  task.bySettings = true;
   task.ring = buffersInTurn(task);
   Contest contest = contestOf(task, "in the page cache of a disk");
   contest.plotLabel = "append pages, disk";
