@@ -78,10 +78,9 @@ struct Pool : MemoryPool {
 // A link of a page tree and the keys that may lie behind it.
 struct FingerLevel {
   void** link;
-  std::int64_t low;
-  std::int64_t high;
+  std::int64_t bounds[2];  // the lowest and the highest
 
-  bool holds(std::int64_t key) const { return key >= low && key <= high; }
+  bool holds(std::int64_t key) const { return key >= bounds[0] && key <= bounds[1]; }
 };
 
 // The links from a tree's root down to the one at which a search ended, which is the last.
@@ -91,7 +90,7 @@ struct Finger {
 
   explicit Finger(void** root) {
     using Key = std::numeric_limits<std::int64_t>;
-    levels[0] = {root, Key::min(), Key::max()};
+    levels[0] = {root, {Key::min(), Key::max()}};
   }
   Finger(const Finger&) = delete;
   Finger& operator=(const Finger&) = delete;
