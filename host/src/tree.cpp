@@ -196,7 +196,13 @@ void treeInsert(TreeAnchor* anchor, void* record) noexcept {
 
 void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   Tree* tree = treeOf(anchor);
-  return seek(tree, &tree->search, keyAt(key));
+  const std::int64_t wanted = keyAt(key);
+  // The page of the search before, which a write or another read asks for, needs no bounds.
+  if (Node* same = tree->anchor.root == nullptr ? nullptr : target(*tree->search.last->link);
+      same != nullptr && keyOf(same, tree->keyOffset) == wanted) {
+    return same;
+  }
+  return seek(tree, &tree->search, wanted);
 }
 
 // The side of a node with two children from which its neighbour replaces it when it is removed. It
