@@ -111,7 +111,7 @@ class Files {
   Participant ddCopy(const Mode& mode) const { return dd(packed(2), beforePages(2), mode, true); }
   // Copies, and then writes to the disk as the others do.
   Participant cp(const std::string& input, std::int64_t before) const {
-    return maker("cp, then sync", {"sh", "-c", "cp \"$0\" \"$1\" && sync \"$1\"", input, output_},
+    return maker("cp, then sync", {"sh", "-c", R"(cp "$0" "$1" && sync "$1")", input, output_},
                  before);
   }
   Participant cpIn() const { return cp(plain_, 0); }

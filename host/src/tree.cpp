@@ -126,7 +126,7 @@ Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffse
     const std::size_t side = key > nodeKey ? right : left;
     at[1] = {&node->links[side], {at->bounds[0], at->bounds[1]}};
     ++at;
-    // Chosen by its place: masks take more instructions, most of all on a 32-bit machine.
+    // An index selects the bound: masks take more instructions, most of all on a 32-bit machine.
     at->bounds[other(side)] = nodeKey + (2 * static_cast<std::int64_t>(side) - 1);
     node = target(*at->link);
   }
