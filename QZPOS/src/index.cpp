@@ -118,10 +118,9 @@ void RecordIndex::renumber(BlockRecord* block, std::int64_t blockNumber) {
 }
 
 PageBuffer* RecordIndex::bufferAt(const void* address) const {
-  return static_cast<PageBuffer*>(
-      buffersByAddress_.find(keyOf(address) >> pageShift_, [&](const void* record) {
-        return static_cast<const PageBuffer*>(record)->data == address;
-      }));
+  return static_cast<PageBuffer*>(buffersByAddress_.find(
+      keyOf(address) >> pageShift_,
+      [&](const void* record) { return static_cast<const PageBuffer*>(record)->data == address; }));
 }
 
 BlockRecord* RecordIndex::freeBlock(std::int64_t blockNumber) const {

@@ -256,8 +256,8 @@ RegionStore::Region* RegionStore::addRegion(bool huge) {
   auto region = std::make_unique<Region>();
   region->base = mapAligned(kRegionBytes);
   if (region->base == nullptr) return nullptr;
-  // A store with a second region is large: its small blocks, used in any order, need more entries of
-  // the address translation than the processor has. If the advice is refused, only slower.
+  // A store with a second region is large: its small blocks, used in any order, need more entries
+  // of the address translation than the processor has. If the advice is refused, only slower.
   if (huge || !regions_.empty()) madvise(region->base, kRegionBytes, MADV_HUGEPAGE);
   Region* const added = region.get();
   try {
