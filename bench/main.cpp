@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "contests/work.h"
 #include "core/report.h"
-#include "work/work.h"
 
 namespace qzbench {
 namespace {
