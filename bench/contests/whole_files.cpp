@@ -21,8 +21,10 @@ namespace {
 constexpr std::int32_t kPageSize = 64 << 10;
 constexpr std::int64_t kMostPages = kPageSize / 8 - 1;  // of one group: one checksum page is enough
 constexpr int kVersions[] = {1, 2};
-// Verifying is quick: a larger file keeps the start of the programs out of the result.
+// Work that waits for no disk is quick: larger files keep the start of the programs out of the
+// result.
 constexpr std::int64_t kVerifyTimes = 4;
+constexpr std::int64_t kMemoryTimes = 2;
 
 // Bytes before the pages: the header, in version 2 the checksum page of the only group, too.
 std::int64_t beforePages(int version) { return version * std::int64_t{kPageSize}; }
@@ -227,11 +229,11 @@ void wholeFiles(Runner& run) {
     for (const int version : kVersions) contest.participants.push_back(files.verify(version));
     run.hold(contest);
   }
-  const Geometry geometry = geometryOf(run.settings().wholeBytes);
-  const Files onDisk(run.disk(), tool, geometry);
-  const Files inMemory(run.memory(), tool, geometry);
   for (const Mode& mode : kModes) {
-    makeFiles(run, geometry, mode.inMemory ? inMemory : onDisk, mode);
+    const Geometry geometry =
+        geometryOf((mode.inMemory ? kMemoryTimes : 1) * run.settings().wholeBytes);
+    const Files files(mode.inMemory ? run.memory() : run.disk(), tool, geometry);
+    makeFiles(run, geometry, files, mode);
   }
 }
 
