@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
   if (const auto named = file->setName(argv[1]); !named) return failed(named.error());
   if (const auto opened = open(*file); !opened) return failed(opened.error());
 
-  auto note = file->acquire();  // the module's own memory, given back at the end of its scope
+  auto note = file->acquire();  // the module's own memory; the end of the scope returns it
   if (!note) return failed(note.error());
   std::strncpy(note->data(), argv[2], std::size_t(note->bytes()));
   const auto written = file->write(*note, file->settings().pageCount + 1);

@@ -25,7 +25,7 @@ struct IoRequest {
 // What a run does with a file; `automatic` is decided by it.
 enum class Use { wholeFile, somePages };
 
-// A mode and in words why it is not the one asked for (empty: it is, or nobody minds).
+// A mode and in words why it is not the one asked for (empty: it is, or any mode would do).
 struct IoOutcome {
   IoChoice asked = IoChoice::automatic;
   IoChoice mode = IoChoice::buffered;

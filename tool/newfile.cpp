@@ -192,7 +192,7 @@ void NewFile::moveIntoPlace() const {
   if (force_) {
     done = renameat(folder_, from, folder_, to);
   } else {
-    // Refuses a target that came into being meanwhile.
+    // Refuses a target that was created in the meantime.
     done = renameat2(folder_, from, folder_, to, RENAME_NOREPLACE);
     if (done != 0 && (errno == EINVAL || errno == ENOSYS)) {
       // A file system without that call: a second name, then away with the first.

@@ -56,7 +56,7 @@ struct Source {
   std::int64_t actualBytes = 0;  // an unfinished change included
   Unfinished unfinished = Unfinished::no;
   ChangeRecord change = {};  // of a decided change
-  // Keeps the shared lock under which all this was read: nobody changes the file meanwhile.
+  // Keeps the shared lock under which all this was read, so that no program changes the file.
   std::shared_ptr<qz::PagedFile> look = nullptr;
 };
 

@@ -1,5 +1,5 @@
 // bkpblockmatch: the block whose data contains an address that the caller returns or
-// writes. Nobody holds blocks on the free list, so they are not searched.
+// writes. Blocks on the free list have no holds, so they are not searched.
 #include "find.h"
 
 namespace qz {

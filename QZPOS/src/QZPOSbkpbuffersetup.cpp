@@ -30,7 +30,7 @@ bool settleBlockSize(FileHandle* h) {
 }
 
 // Makes `wanted` - `*count` records. They are counted when the set-up ends, also after a
-// failure: a host operation that is called meanwhile sees the old count.
+// failure: host operations called during the set-up see the old count.
 template <class MakeOne>
 bool topUp(std::int64_t* count, std::int64_t wanted, Journal* journal, MakeOne makeOne) {
   std::int64_t reached = *count;

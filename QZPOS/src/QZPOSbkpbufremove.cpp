@@ -1,4 +1,4 @@
-// qzpbufremove: frees buffers that nobody holds, and lowers the limit of what the caller may hold.
+// qzpbufremove: frees buffers without a hold, and lowers the limit of what the caller may hold.
 #include "records.h"
 
 namespace qz {

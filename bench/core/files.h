@@ -47,7 +47,7 @@ class Folder {
   // The path of a file of stamped pages, made at the first request and shared by those who only
   // read it. What is made is on disk and, unless `direct`, in the page cache.
   const std::string& stamped(const Geometry& geometry, bool direct = false);
-  // A copy of its own for one who writes to it.
+  // A separate copy for a participant that writes to it.
   std::string stampedCopy(const Geometry& geometry, const std::string& name);
   void drop(const Geometry& geometry);
 

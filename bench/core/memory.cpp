@@ -20,7 +20,7 @@ std::size_t roundedUp(std::size_t bytes, std::size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
 
-// A mapping that begins at a multiple of `alignment`; what lies before it is given back.
+// A mapping that begins at a multiple of `alignment`; what lies before it is unmapped.
 char* mapAligned(std::size_t bytes, std::size_t alignment) {
   void* area =
       mmap(nullptr, bytes + alignment, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -36,7 +36,7 @@ struct Task {
   bool direct = false;          // O_DIRECT
   bool flush = false;           // to the disk at the end
   std::int32_t blockBytes = 0;  // transfers of whole blocks of this size; 0: of pages
-  std::int32_t buffers = 4;     // that the module may hand out
+  std::int32_t buffers = 4;     // that may be held at a time
   std::size_t ring = 1;         // buffers that a bare loop cycles through
   bool hugeBlocks = true;       // of a bare loop
   bool bySettings = false;      // the module's new file is opened through PagedFile::open
@@ -145,7 +145,8 @@ struct Progress {
 };
 
 // Finds every page of an order as one version and makes it the next. Stores that share a file share
-// its progress: each run opens the file anew, because nobody may cache what another one changes.
+// its progress: each run opens the file again, because no side may have cached what another one
+// changed.
 template <class Store>
 class Rewriting {
  public:

@@ -177,7 +177,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: qzpcount FOLDER [time]\n");
     return 2;
   }
-  // Whoever counts by marks needs to know where they are.
+  // A program that counts instructions between marks needs their addresses.
   std::printf("mark %p\n", reinterpret_cast<void*>(&mark));
   for (const Path* path : kPaths) {
     std::printf("place %s %p\n", path->name, reinterpret_cast<void*>(path->run));

@@ -3,7 +3,7 @@
 //
 // The module counts pages and may have some in memory, so what it knows is looked at again
 // whenever another connection may have changed the file: after each lock that was taken, and after
-// every change that the layer underneath made. Pages that it collects are handed to the system
+// every change that the layer underneath made. Pages that it collects are written to the file
 // before any lock is given up and before that layer touches the file.
 #pragma once
 
@@ -85,7 +85,7 @@ class Database {
   qz::Io io_ = qz::Io::buffered;  // as the module was asked to open the file
   std::unique_ptr<char, Free> aligned_;
   int pageSize_ = 0;     // of the last page that was asked for
-  bool looked_ = false;  // what the next line says is so as long as nobody else changes the file
+  bool looked_ = false;  // the next field holds while no other program changes the file
   bool usable_ = false;  // pages go through the module
   bool cached_ = false;  // blocks were read: their pages may be in memory
   bool checkpointing_ = false;

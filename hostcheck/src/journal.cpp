@@ -109,7 +109,7 @@ void everyStatusHasAText(const Trial& trial) {
   }
 }
 
-// A placeholder that nobody filled would read what is no insert.
+// A placeholder without an insert would make the journal read beyond its arguments.
 void textsTakeTheInsertsTheyGet(const Trial& trial) {
   for (const std::uint32_t status : allStatuses()) {
     const std::u32string one = textOf(trial, status, U"insert one", U"insert two").text;

@@ -31,6 +31,7 @@ Pairs pairsOf(double ratio, std::size_t count, double noise) {
   return pairs;
 }
 
+// Rounds of different length must count by their work, not one each.
 TEST(Intervals, ARatioIsThatOfTheSumsPerOperation) {
   const std::vector<Cost> over = {{30, 10}, {10, 10}};
   const std::vector<Cost> under = {{10, 20}, {10, 20}};
@@ -38,6 +39,7 @@ TEST(Intervals, ARatioIsThatOfTheSumsPerOperation) {
   EXPECT_DOUBLE_EQ(qzbench::meanOf(over).value, 2);
 }
 
+// A machine that slows down slows both sides: their ratio stays known.
 TEST(Intervals, AChangeOfSpeedThatBothSidesFeelDoesNotWidenThem) {
   const Pairs pairs = pairsOf(1.04, 60, 0);
   const Interval ratio = qzbench::ratioOf(pairs.over, pairs.under);
@@ -45,6 +47,7 @@ TEST(Intervals, AChangeOfSpeedThatBothSidesFeelDoesNotWidenThem) {
   EXPECT_NEAR(ratio.high, 1.04, 1e-9);
 }
 
+// Noise must show as a wider interval, or a chance difference would pass as a result.
 TEST(Intervals, NoiseOfOneSideWidensThemAndMorePairsNarrowThem) {
   const Pairs few = pairsOf(1.04, 20, 0.1);
   const Pairs many = pairsOf(1.04, 500, 0.1);
@@ -75,12 +78,14 @@ TEST(Intervals, TheyHoldTheTrueRatio) {
   EXPECT_LE(outside, 10);
 }
 
+// A slow last round of one side must not count against a side that was no longer there.
 TEST(Intervals, ContestantsThatLeftEarlyAreComparedOverTheRoundsTheyHad) {
   const std::vector<Cost> left = {{20, 10}};
   const std::vector<Cost> stayed = {{10, 10}, {1000, 10}};
   EXPECT_DOUBLE_EQ(qzbench::ratioOf(left, stayed).value, 2);
 }
 
+// A goal counts as met or missed only if the whole interval lies on one side of it.
 TEST(Verdicts, AnIntervalThatCrossesItsGoalDecidesNothing) {
   EXPECT_EQ(qzbench::verdictOf({1.00, 0.97, 1.05}, 1.05), Verdict::met);
   EXPECT_EQ(qzbench::verdictOf({1.10, 1.06, 1.20}, 1.05), Verdict::missed);

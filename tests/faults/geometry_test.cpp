@@ -61,6 +61,7 @@ class GeometryTest : public ::testing::Test, public World {
   }
 };
 
+// An offset that is computed with 32 bits would reach another page near 2 GiB and 4 GiB.
 TEST_F(GeometryTest, PagesAtTheEdges) {
   std::int64_t missing = 0;  // bytes of a file that this file system cannot have
   const auto useAround = [&, this](Shape shape, std::int32_t pageSize, std::int64_t header,

@@ -206,7 +206,7 @@ class Play {
     } else if (status != Status::ok && status != Status::deleteWhileOpen && !ownMemory) {
       EXPECT_NE(entries, "") << shown;
     }
-    // Staging memory goes without a word.
+    // A refused free of staging memory is not reported.
     const bool staging = word == "writeOwn" || word == "preopen" || word == "name" ||
                          word == "info" || word == "append";
     if (!released && !staging && !ownMemory) {
@@ -365,6 +365,8 @@ class FaultLoop : public ::testing::TestWithParam<std::tuple<Script, Shape>> {
   int pairsSeen = 0;
 };
 
+// Runs each script once for every call that it makes, with that call failing: no failure may lose
+// pages, leak memory or go unreported.
 TEST_P(FaultLoop, EveryCallFailsInTurn) {
   const char* asked = std::getenv("QZIOP_FAULTS_THIN");
 #ifdef __SANITIZE_ADDRESS__

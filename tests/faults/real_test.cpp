@@ -99,6 +99,8 @@ std::string ext4(int tmpfsMiB, int sectorBytes) {
       tmpfsMiB, sectorBytes);
 }
 
+// A file system that fills up refuses an append; every page stored before stays, and the file goes
+// on when there is room again.
 TEST(RealFaultsMounted, FullFileSystem) {
   const Mounted mounted("mount -t tmpfs -o size=64k none $F");
   if (!mounted.works()) GTEST_SKIP() << "no small file system: " << mounted.told;

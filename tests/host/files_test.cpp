@@ -77,11 +77,14 @@ class FilesTest : public testing::Test {
   HostStatus status = 0;
 };
 
+// The module maps the host's statuses to its own: each cause must have the right one.
 TEST_F(FilesTest, StatusesByCause) {
   fs::create_directory(folder / "dir");
   fs::create_symlink("loop", folder / "loop");
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0666), 0);
   const auto here = [&](const char* name) { return qz::toUtf32(path(name)); };
+  // The steps of an open, as the host's first detail word numbers them.
+  enum : std::uint32_t { naming = 1, opening = 2, inspecting = 3, locking = 4 };
   struct Case {
     std::u32string name;
     std::uint32_t flags;
@@ -91,22 +94,22 @@ TEST_F(FilesTest, StatusesByCause) {
     std::uint32_t mode = kUnlocked;
   };
   const std::vector<Case> cases = {
-      {here("none"), both, qz::hostFileNotFound, ENOENT, 2},
-      {here("none/data"), both | O_CREAT, qz::hostFileNotFound, ENOENT, 2},
-      {here("data/x"), read, qz::hostFileNotFound, ENOTDIR, 2},
-      {here("dir"), both, qz::hostIsDirectory, EISDIR, 2},
-      {here("dir"), read, qz::hostIsDirectory, EISDIR, 3},
-      {here("loop"), read, qz::hostBadName, ELOOP, 2},
-      {here("pipe"), read, qz::hostUnsupportedFile, EOPNOTSUPP, 3},
-      {here("pipe"), write, qz::hostUnsupportedFile, ENXIO, 2},
-      {here("data"), read, qz::hostBadParameters, EBADF, 4, qz::accessExclusive},
-      {here("data"), write, qz::hostBadParameters, EBADF, 4, qz::accessShared},
-      {U"/dev/null", both, qz::hostUnsupportedFile, EOPNOTSUPP, 3},
-      {U"/proc/version", read | O_DIRECT, qz::hostBadParameters, EINVAL, 2},
-      {U"", read, qz::hostBadName, ENOENT, 1},
-      {std::u32string(U"a\0b", 3), read, qz::hostBadName, EILSEQ, 1},
-      {{U'a', 0xD800}, read, qz::hostBadName, EILSEQ, 1},
-      {std::u32string(300, U'n'), read, qz::hostBadName, ENAMETOOLONG, 2},
+      {here("none"), both, qz::hostFileNotFound, ENOENT, opening},
+      {here("none/data"), both | O_CREAT, qz::hostFileNotFound, ENOENT, opening},
+      {here("data/x"), read, qz::hostFileNotFound, ENOTDIR, opening},
+      {here("dir"), both, qz::hostIsDirectory, EISDIR, opening},
+      {here("dir"), read, qz::hostIsDirectory, EISDIR, inspecting},
+      {here("loop"), read, qz::hostBadName, ELOOP, opening},
+      {here("pipe"), read, qz::hostUnsupportedFile, EOPNOTSUPP, inspecting},
+      {here("pipe"), write, qz::hostUnsupportedFile, ENXIO, opening},
+      {here("data"), read, qz::hostBadParameters, EBADF, locking, qz::accessExclusive},
+      {here("data"), write, qz::hostBadParameters, EBADF, locking, qz::accessShared},
+      {U"/dev/null", both, qz::hostUnsupportedFile, EOPNOTSUPP, inspecting},
+      {U"/proc/version", read | O_DIRECT, qz::hostBadParameters, EINVAL, opening},
+      {U"", read, qz::hostBadName, ENOENT, naming},
+      {std::u32string(U"a\0b", 3), read, qz::hostBadName, EILSEQ, naming},
+      {{U'a', 0xD800}, read, qz::hostBadName, EILSEQ, naming},
+      {std::u32string(300, U'n'), read, qz::hostBadName, ENAMETOOLONG, opening},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(qz::toUtf8(c.name));
@@ -130,25 +133,25 @@ TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
     bool sharedElsewhere = false;
   };
   constexpr Case kCases[] = {
-      {both, kExclusive, both, kExclusive, 0},
-      {both, kExclusive, read, kShared, 0},
-      {both, kExclusive, read, kUnlocked, 0},
+      {both, kExclusive, both, kExclusive, qz::hostOk},
+      {both, kExclusive, read, kShared, qz::hostOk},
+      {both, kExclusive, read, kUnlocked, qz::hostOk},
       {both, kExclusive, read, kExclusive, qz::hostBadParameters},
       {both, kExclusive, write, kShared, qz::hostBadParameters},
-      {read, kShared, both, kExclusive, 0},
+      {read, kShared, both, kExclusive, qz::hostOk},
       {read, kShared, both, kExclusive, qz::hostLocked, true},
       {read, kShared, read, kExclusive, qz::hostBadParameters},
-      {read, kShared, both, kShared, 0, true},
+      {read, kShared, both, kShared, qz::hostOk, true},
       {read, kUnlocked, both, kExclusive, qz::hostLocked, true},
-      {read, kUnlocked, both, kExclusive, 0},
+      {read, kUnlocked, both, kExclusive, qz::hostOk},
       {read, kUnlocked, write, kShared, qz::hostBadParameters},
-      {write, qz::accessWrite, both, kUnlocked, 0},
+      {write, qz::accessWrite, both, kUnlocked, qz::hostOk},
   };
   const auto expectLock = [&](std::uint32_t mode, bool sharedElsewhere) {
     const bool isFree = mode != kExclusive && mode != kShared && !sharedElsewhere;
     EXPECT_EQ(otherOpen(both, kExclusive), isFree ? qz::hostOk : qz::hostLocked);
     EXPECT_EQ(otherOpen(read, kShared), mode == kExclusive ? qz::hostLocked : qz::hostOk);
-    EXPECT_EQ(otherOpen(both, kUnlocked), 0U);
+    EXPECT_EQ(otherOpen(both, kUnlocked), qz::hostOk);
   };
   for (const Case& c : kCases) {
     SCOPED_TRACE(testing::Message() << c.held << " to " << c.wanted << ": " << c.status);
@@ -171,13 +174,14 @@ TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
       EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
       expectLock(good ? c.wanted : c.held, c.sharedElsewhere);
     }
-    EXPECT_EQ(close_(file), 0U);
+    EXPECT_EQ(close_(file), qz::hostOk);
     if (other != nullptr) close_(other);
     expectLock(0, false);
     make("data", 5);
   }
 }
 
+// A reopen that fails must leave the file open as it was.
 TEST_F(FilesTest, WithoutDescriptorsAReopenKeepsTheOldOne) {
   HostFile* file = open("data", read, kShared);
   ASSERT_NE(file, nullptr);
@@ -190,7 +194,7 @@ TEST_F(FilesTest, WithoutDescriptorsAReopenKeepsTheOldOne) {
   EXPECT_EQ(parameters.systemErrno, EMFILE);
   setrlimit(RLIMIT_NOFILE, &limit);
   EXPECT_EQ(fcntl(file->fileInfo->fd, F_GETFL) & O_ACCMODE, O_RDONLY);
-  EXPECT_EQ(close_(file), 0U);
+  EXPECT_EQ(close_(file), qz::hostOk);
 }
 
 // Reopens and removes the file that is open, whatever its name stands for by now.
@@ -203,7 +207,7 @@ TEST_F(FilesTest, NamesAreOnlyWaysToTheFile) {
   EXPECT_EQ(close_(file, true), qz::hostNotRemoved);
   make("moved", 5);
   make("data", 1);
-  EXPECT_EQ(reopen(file, both | O_CREAT | O_TRUNC, kExclusive), 0U);
+  EXPECT_EQ(reopen(file, both | O_CREAT | O_TRUNC, kExclusive), qz::hostOk);
   EXPECT_EQ(file->fileInfo->size, 5);
   EXPECT_EQ(close_(file, true), qz::hostNotRemoved);
   EXPECT_EQ(fs::file_size(path("data")), 1);
@@ -211,12 +215,12 @@ TEST_F(FilesTest, NamesAreOnlyWaysToTheFile) {
   EXPECT_NE(journal.entries()[1].text.find("[file " + path("data") + "]"), std::string::npos);
   EXPECT_NE(fcntl(file->fileInfo->fd, F_GETFD), -1) << "still open";
   fs::rename(path("moved"), path("data"));
-  EXPECT_EQ(close_(file, true), 0U);
+  EXPECT_EQ(close_(file, true), qz::hostOk);
   EXPECT_FALSE(fs::exists(path("data")));
   make("data", 1);
   file = open("data", both, kExclusive);
   fs::remove(path("data"));
-  EXPECT_EQ(close_(file, true), 0U) << "gone already";
+  EXPECT_EQ(close_(file, true), qz::hostOk) << "gone already";
 }
 
 }  // namespace

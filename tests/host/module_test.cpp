@@ -47,7 +47,8 @@ struct WayInTest : testing::Test {
       std::filesystem::temp_directory_path() / ("qzway\u00EF%s%d%n%%" + std::to_string(getpid()));
 };
 
-TEST_F(WayInTest, HoldsGiveThemselvesBack) {
+// A hold that is forgotten would take a buffer out of use for good.
+TEST_F(WayInTest, HoldsAreReturnedAtTheEndOfTheirScope) {
   qz::PagedFile file = newFile(qz::createOrReplace);
   ASSERT_TRUE(file.open());
   for (int page = 1; page <= 4; ++page) {
@@ -98,6 +99,7 @@ TEST_F(WayInTest, AFileThatWasOnlyPreOpenedStays) {
   EXPECT_TRUE(std::filesystem::exists(name));
 }
 
+// A stale errno in a message would send its reader to the wrong cause.
 TEST_F(WayInTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
   qz::PagedFile file = newFile(qz::openOrKeep);
   const auto absent = file.open();
@@ -181,6 +183,7 @@ TEST_F(WayInTest, SmallPagesAreReadAndWrittenDirectly) {
   std::filesystem::remove(path);
 }
 
+// The message must say which files were tried for the module, and why each was not loaded.
 TEST(ModuleTest, SaysWhatWasTriedAndWhy) {
   qz::StandInHost host;
   const auto load = [&](const char* path) {

@@ -70,6 +70,7 @@ struct PagedTest : testing::Test {
     GTEST_SKIP() << "no direct I/O here: " << (file).io().reason; \
   }
 
+// A wrong setting must not create, truncate or open a file.
 TEST_F(PagedTest, WrongSettingsAreNamedBeforeAnythingIsTouched) {
   const struct {
     Settings settings;
@@ -94,6 +95,7 @@ TEST_F(PagedTest, WrongSettingsAreNamedBeforeAnythingIsTouched) {
   EXPECT_FALSE(std::filesystem::exists(name));
 }
 
+// Buffered I/O where direct I/O was asked for must not go unnoticed.
 TEST_F(PagedTest, TellsTheModeObtainedAndWhyItIsAnother) {
   fill(3);
   qz::PagedFile file = newFile();
@@ -170,6 +172,7 @@ TEST_F(PagedTest, ClosingANewFileDoesNotWaitForTheDisk) {
   EXPECT_FALSE(rewritten()) << "it was new";
 }
 
+// The module removes an empty file at close; another program may have written to it since.
 TEST_F(PagedTest, ClosingAnEmptyFileKeepsWhatOthersWrote) {
   for (const bool byScope : {false, true}) {
     qz::PagedFile file = newFile();
@@ -189,6 +192,7 @@ TEST_F(PagedTest, ClosingAnEmptyFileKeepsWhatOthersWrote) {
   EXPECT_FALSE(std::filesystem::exists(name)) << "still empty: removed, as ever";
 }
 
+// After a refresh no cached page of the file as it was before may be served.
 TEST_F(PagedTest, RefreshSeesWhatOthersChanged) {
   for (const Io io : {Io::buffered, Io::block}) {
     fill(2);
@@ -213,6 +217,7 @@ TEST_F(PagedTest, RefreshSeesWhatOthersChanged) {
   }
 }
 
+// A write-back must not overwrite or cut away pages that another program appended.
 TEST_F(PagedTest, CollectedPagesAreWrittenBackUnlessOthersAppended) {
   qz::PagedFile file = newFile();
   ASSERT_TRUE(file.open(name, blocks()));
@@ -234,6 +239,7 @@ TEST_F(PagedTest, CollectedPagesAreWrittenBackUnlessOthersAppended) {
   EXPECT_TRUE(file.isCollecting());
 }
 
+// run() may only count pages that the block holds and that are not stale.
 TEST_F(PagedTest, APageOfABlockHasThePagesBehindIt) {
   fill(7);
   qz::PagedFile file = newFile();
@@ -254,6 +260,7 @@ TEST_F(PagedTest, APageOfABlockHasThePagesBehindIt) {
   EXPECT_EQ(holds[1].run(), 4 * kPage);
 }
 
+// A caller must learn how many pages arrived, and that a short page closed the file.
 TEST_F(PagedTest, ReadManyCountsAndAShortReadSaysThatItClosed) {
   fill(5);
   qz::PagedFile file = newFile();

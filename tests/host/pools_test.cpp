@@ -81,9 +81,10 @@ std::size_t mappedPages() {
   return pages;
 }
 
+// A pool must not keep the memory of its largest use.
 TEST(RegionStoreTest, MemoryGoesBackToTheSystem) {
 #ifdef __SANITIZE_ADDRESS__
-  GTEST_SKIP() << "the sanitizer maps memory, and gives it back, at times of its own";
+  GTEST_SKIP() << "the sanitizer maps and unmaps memory at times of its own";
 #endif
   qz::RegionStore store;
   std::vector<void*> blocks;
@@ -108,6 +109,7 @@ struct PoolTest : testing::Test {
   MemoryPool* pool = newPool("one");
 };
 
+// A leak or a double free of the module must show in the counts and damage nothing.
 TEST_F(PoolTest, CountsWhatIsOutAndRefusesWhatIsForeign) {
   MemoryPool* other = newPool("two");
   auto* mine = static_cast<char*>(pool->memAlloc(pool, 100, 0));
@@ -152,6 +154,7 @@ TEST_F(PoolTest, ClearsBlocksWhereItIsAskedTo) {
 }
 
 #ifdef __SANITIZE_ADDRESS__
+// With a region store such errors of the module would hit a neighbour unseen.
 TEST_F(PoolTest, SanitizerSeesUseAfterFreeAndOverflow) {
   const auto touch = [&](std::size_t at, bool freed) {
     auto* block = static_cast<volatile char*>(pool->memAlloc(pool, 4096, 0));

@@ -94,6 +94,7 @@ struct JournalTest : testing::Test {
   std::uint32_t added = 99;
 };
 
+// A wrong placeholder would read memory that is no insert.
 TEST_F(JournalTest, FillsInInserts) {
   const char32_t* const none = nullptr;
   const std::u32string text = U"%s|%s|%d|%d|100%%|%x|%";
@@ -119,6 +120,7 @@ TEST_F(JournalTest, FillsInInserts) {
   EXPECT_EQ(messageToJnl(&journal, JournalLevel::note, nullptr, 3), qz::hostBadText);
 }
 
+// Half a text would pass as a whole message.
 TEST_F(JournalTest, ATextThatDoesNotFitIsRefusedWhole) {
   const std::u32string name(3000, U'n');
   const std::uint32_t needed = 3000 + 8;  // " [file " and "]"
@@ -132,6 +134,7 @@ TEST_F(JournalTest, ATextThatDoesNotFitIsRefusedWhole) {
   }
 }
 
+// A file name with control characters must not change the terminal or forge a line.
 TEST_F(JournalTest, StandardErrorGetsOneCleanLinePerEntry) {
   qz::StandInJournal printed(qz::JournalSink::standardError);
   testing::internal::CaptureStderr();
@@ -168,6 +171,7 @@ TEST(JournalFunctionTest, EachEntryReachesTheProgram) {
   EXPECT_EQ(discarding.append(JournalLevel::error, 1, "two"), 0U);
 }
 
+// A file whose name is not UTF-8 must be opened under exactly its bytes.
 TEST(TextTest, NamesSurviveWhateverTheirBytes) {
   std::mt19937 random(3);
   for (int round = 0; round < 5000; ++round) {
@@ -185,6 +189,7 @@ TEST(TextTest, NamesSurviveWhateverTheirBytes) {
   EXPECT_EQ(qz::toUtf8(std::u32string{0xD800, 0x110000, 0xDC41}), "\uFFFD\uFFFD\uFFFD");
 }
 
+// Half a character at the end of the buffer would be another name.
 TEST(TextTest, ConverterStoresWholeCharactersThatFit) {
   qz::StandInHost host;
   qz::EncodingServices* services = host.handle()->encodingServices;
@@ -205,6 +210,7 @@ TEST(TextTest, ConverterStoresWholeCharactersThatFit) {
   EXPECT_EQ(services->converterCreate(services, services->systemEncoding + 1, 0, nullptr), nullptr);
 }
 
+// Unknown options and extensions are refused, and a wait takes the time that was asked for.
 TEST(ToolkitTest, OptionsExtensionsAndTasks) {
   qz::StandInHost host({6144, qz::JournalSink::memory});
   qz::QZHandle* handle = host.handle();

@@ -150,6 +150,7 @@ TEST_F(TreeTest, FollowsACacheThroughAFileUpAndDown) {
   }
 }
 
+// A tree of other attributes would search by the wrong key.
 TEST_F(TreeTest, UnknownTreesAreRefused) {
   for (const qz::TreeAttributes& attributes :
        {qz::TreeAttributes{1, 20, 6, 2}, {0, 20, 6, 1}, {1, 20, 5, 1}, {1, sizeof(void*), 6, 1}}) {

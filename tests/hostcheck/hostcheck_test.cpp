@@ -46,6 +46,7 @@ struct TriedHost {
 // H6 and H7 are about what the host does with the module. A system may take direct I/O everywhere.
 bool mayGoUntested(int promise) { return promise == 6 || promise == 7 || promise == 42; }
 
+// The check must not accuse a host that keeps its promises.
 TEST(HostCheck, TheStandInHostKeepsEveryPromise) {
   TriedHost tried;
   int number = 0;
@@ -59,6 +60,7 @@ TEST(HostCheck, TheStandInHostKeepsEveryPromise) {
   EXPECT_EQ(tried.host.liveObjects(), 0U) << "the check leaves the host as it was";
 }
 
+// What cannot be tested without the journal's entries must not count as kept.
 TEST(HostCheck, SaysWhatNeedsTheEntriesOfTheJournal) {
   TriedHost tried;
   for (const PromiseReport& report : checkHost(tried.host.handle())) {
@@ -185,6 +187,18 @@ HostStatus freeMoved(MemoryPool* pool, void* block) {
   return real.pool.memFree(pool, address);
 }
 
+// Every block lies as many bytes behind the real one as `distance` says for its size.
+void shiftBlocks(QZHandle* host, unsigned (*distance)(std::size_t bytes)) {
+  static decltype(distance) shift;
+  shift = distance;
+  changePools(host, [](MemoryPool* pool) {
+    pool->memFree = freeMoved;
+    pool->memAlloc = [](MemoryPool* self, std::size_t bytes, std::uint32_t flags) {
+      return allocateBehind(self, bytes, flags, shift(bytes));
+    };
+  });
+}
+
 struct BrokenHost {
   int promise;
   const char* how;
@@ -272,30 +286,15 @@ const BrokenHost kBrokenHosts[] = {
      }},
     {12, "a small block lies at an odd address",
      [](QZHandle* host) {
-       changePools(host, [](MemoryPool* pool) {
-         pool->memFree = freeMoved;
-         pool->memAlloc = [](MemoryPool* self, std::size_t bytes, std::uint32_t flags) {
-           return allocateBehind(self, bytes, flags, bytes == 40 ? 1 : 0);
-         };
-       });
+       shiftBlocks(host, [](std::size_t bytes) { return bytes == 40 ? 1U : 0U; });
      }},
     {13, "a page buffer lies at a sector, not at a page",
      [](QZHandle* host) {
-       changePools(host, [](MemoryPool* pool) {
-         pool->memFree = freeMoved;
-         pool->memAlloc = [](MemoryPool* self, std::size_t bytes, std::uint32_t flags) {
-           return allocateBehind(self, bytes, flags, bytes >= 4096 ? 512 : 0);
-         };
-       });
+       shiftBlocks(host, [](std::size_t bytes) { return bytes >= 4096 ? 512U : 0U; });
      }},
     {14, "a buffer of a sector does not lie at one",
      [](QZHandle* host) {
-       changePools(host, [](MemoryPool* pool) {
-         pool->memFree = freeMoved;
-         pool->memAlloc = [](MemoryPool* self, std::size_t bytes, std::uint32_t flags) {
-           return allocateBehind(self, bytes, flags, bytes >= 512 && bytes < 4096 ? 64 : 0);
-         };
-       });
+       shiftBlocks(host, [](std::size_t bytes) { return bytes >= 512 && bytes < 4096 ? 64U : 0U; });
      }},
     {15, "only the last block is taken back",
      [](QZHandle* host) {
@@ -658,6 +657,7 @@ constexpr std::size_t kStep = 4;
 constexpr std::size_t kStep = 1;
 #endif
 
+// The author of a host must be sent to the promise that is broken, and to that alone.
 TEST(HostCheck, ABrokenPromiseIsNamedAndNoOther) {
   for (std::size_t i = 0; i < std::size(kBrokenHosts); i += kStep) {
     const BrokenHost& broken = kBrokenHosts[i];

@@ -191,6 +191,7 @@ std::uint64_t walk(std::uint64_t seed) {
   return Walk(seed, memoryFolder(), DirectIo::simulated).run();
 }
 
+// Random operations on the module and on a simple model of it must come to the same.
 TEST(RandomModel, Seeds) {
 #ifdef __SANITIZE_ADDRESS__
   constexpr std::uint64_t kUsual = 300;

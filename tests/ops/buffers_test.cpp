@@ -33,7 +33,8 @@ TEST_F(BuffersTest, PageBuffersMoveBetweenTheirLists) {
     return c -> ok)");
 }
 
-TEST_F(BuffersTest, BlocksKeepTheirPagesWhenGivenBack) {
+// Only the page that was returned becomes stale: the block's other pages are served from memory.
+TEST_F(BuffersTest, BlocksKeepTheirPagesWhenReturned) {
   play(R"(
     open block 9 3; read 1 a; read 2 b
     lists -> blocks empty empty heldBlocks 1-4(2 holds) write empty

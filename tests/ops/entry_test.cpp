@@ -27,6 +27,8 @@ std::string outputOf(const std::string& command) {
   return output;
 }
 
+// The module may take over no name of its host, and no call of the C library behind the host's
+// back.
 TEST(Library, ExportsItsNamesAndImportsNoFormatter) {
   const std::string names = " " QZIOP_MODULE " | sed 's/[@ ].*//' | LC_ALL=C sort | xargs echo";
   std::set<std::string> expected(kOperations.begin(), kOperations.end());
@@ -64,6 +66,7 @@ class EntryTest : public ScriptTest {
   }
 };
 
+// Hosts read these fields at fixed offsets.
 TEST_F(EntryTest, ExtensionObject) {
   EXPECT_EQ(std::string(module->eyecatcher, 4), "nevo");
   EXPECT_EQ(std::string(module->nameText, 12), "QZ Paged I/O");
@@ -82,6 +85,7 @@ TEST_F(EntryTest, ExtensionObject) {
   EXPECT_TRUE(v[0] == 3 && v[1] == 3 && v[2] == 1);
 }
 
+// A host that refuses one step must get back everything made before it.
 TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
   const std::string made =
       fmt::format("poolCreate:m poolCreate:b memAlloc:m{}", sizeof(qz::ExtensionObject));
@@ -109,6 +113,7 @@ TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
   }
 }
 
+// A pool with blocks left is a leak that only this status shows.
 TEST_F(EntryTest, DestroyReleasesAllAndReturnsTheModulePoolsStatus) {
   const std::pair<std::string, std::string> rows[] = {
       {"nothing", "destroy:c destroy:e destroy:b memFree:m destroy:m"},
@@ -182,6 +187,7 @@ text | line | fault | outcome | calls | length and room
       "memAlloc:m4096 memFree:m! | 4 [1024 1020]");
 }
 
+// A journal whose texts never fit must not make the module ask for more memory for ever.
 TEST_F(EntryTest, ReportsThatNeverFitAreGivenUp) {
   playRows("set textLength <text> nameLineLength <line>; flush -> <outcome>; count memAlloc 11", R"(
 text | line | outcome

@@ -46,7 +46,7 @@ TEST_F(ForeignBytesTest, ClosingAPreopenedFileKeepsItsPages) {
     const CallerMemory header = callerMemory(kHeader);
     ASSERT_EQ(preopen(header.get(), 4096), Status::ok);
     EXPECT_EQ(close(), Status::ok);
-    EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+    EXPECT_EQ(bytesOnDisk(), kHeader + 2LL * kPage);
   }
 }
 
@@ -59,7 +59,7 @@ TEST_F(ForeignBytesTest, ASecondCloseKeepsAPreopenedFileToo) {
   EXPECT_EQ(close(), Status::notOpen) << "only an open file can be flushed";
   h->openOptions &= ~std::uint32_t{qz::optionFlushAtClose};
   EXPECT_EQ(close(), Status::ok);
-  EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+  EXPECT_EQ(bytesOnDisk(), kHeader + 2LL * kPage);
 }
 
 TEST_F(ForeignBytesTest, APreopenedFileGoesWhereTheCallerAsksForIt) {
@@ -105,13 +105,13 @@ TEST_F(ForeignBytesTest, AFileThatAFailureLeftAttachedIsKept) {
   ASSERT_NE(h->hostFile, nullptr) << "the flush refused the close";
   h->openOptions &= ~std::uint32_t{qz::optionFlushAtClose};
   EXPECT_EQ(close(), Status::ok);
-  EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+  EXPECT_EQ(bytesOnDisk(), kHeader + 2LL * kPage);
 
   calls().plan({{Call::fileClose, 1, 1, kNotDone, 0x80FFE00C}});
   EXPECT_EQ(call(&qz::OperationTable::qzpdelete), Status::notRemoved);
   calls().plan({});
   EXPECT_EQ(close(), Status::ok);
-  EXPECT_EQ(bytesOnDisk(), kHeader + 2 * kPage);
+  EXPECT_EQ(bytesOnDisk(), kHeader + 2LL * kPage);
 }
 
 TEST_F(ForeignBytesTest, ReplacingAPreopenedFileLeavesItWithoutPages) {

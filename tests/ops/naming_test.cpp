@@ -94,6 +94,7 @@ TEST_F(NamingTest, NothingIsNamedOrPreopenedTwice) {
   play("set openMode openOrKeep; open; count fileOpen 0; read 1 -> ok pread 4096@4096");
 }
 
+// Unaligned memory needs a copy under direct I/O, and only there.
 TEST_F(NamingTest, PreopenReadsTheHeader) {
   // Closing a file that is taken for empty removes it.
   playRows(R"(
@@ -109,6 +110,7 @@ block | 4096 | 8 |  memAlloc:b8192z memFree:b | O_RDWR+O_DIRECT
 buffered | 0 | 0 |  | O_RDWR)");
 }
 
+// The caller learns how much of the header there is, and the file does not stay open.
 TEST_F(NamingTest, PreopenOfAShortHeaderClosesAgain) {
   makeFile(0, 100);
   playRows(R"(
@@ -149,6 +151,7 @@ TEST_F(NamingTest, FileSystemIsTestedInTheFilesFolder) {
   EXPECT_STREQ(h->fsTypeName, "");
 }
 
+// A host's page size that makes no sense must not lead to sizes that no file can have.
 TEST_F(NamingTest, HostPageSizeSetsTheLimits) {
   h->status = Status::busy;
   playRows(R"(

@@ -52,7 +52,7 @@ TEST_F(OpenTest, RefusedDirectIoAndBusyFilesAreTriedAgain) {
     settle block; file 2; fail fileOpen times 2 with hostBadParameters returning EINVAL
     open -> ioFailed unreported
     host -> fileOpen:O_RDWR+O_DIRECT@write+exclusive! fileOpen:O_RDWR@write+exclusive!)");
-  Library::get().qzextent(nullptr);  // nobody to wait with
+  Library::get().qzextent(nullptr);  // no task to wait through
   play(R"(
     settle direct; set openRetryCount 5; fail fileOpen times 2 with hostDeviceBusy returning 0
     open -> busy unreported)");
@@ -100,7 +100,7 @@ noRead | writeNewPages | optionDirectIo | 1 | - | No Read | Write New Pages)");
   unsetenv("QZIOP_DISPLAY_IOP_TYPE");
 }
 
-// A file that is read or written never goes without a buffer, unless the caller wants that.
+// A file that is read or written gets at least one buffer, unless the caller wants none.
 TEST_F(OpenTest, BufferCountIsChosenWhereNotGiven) {
   const std::string script = R"(
     file 2; set bufferCount <asked> readAccess <read> writeAccess <write> openOptions <options>
@@ -142,6 +142,7 @@ bytes | header | page size | pages | file size | outcome | size then | pages the
 8192 | 0 | 4096 | 9223372036854775807 | 0 | misfit | 4096 | 9223372036854775807)");
 }
 
+// A second open would lose the first one's buffers; negative sizes would lead to negative offsets.
 TEST_F(OpenTest, RefusesWhatIsOpenAttachedOrNegative) {
   play(R"(
     open direct 2; set pageSize -1; open -> alreadyOpen
@@ -157,6 +158,8 @@ TEST_F(OpenTest, RefusesWhatIsOpenAttachedOrNegative) {
            "setting\npageCount\nfileSize\nheaderSize\npageSize");
 }
 
+// A replaced file must start from nothing, and a failed truncate must not leave half of the old
+// one.
 TEST_F(OpenTest, CreatesOrReplaces) {
   host.setHostPageSize(8192);
   play(R"(
@@ -165,6 +168,7 @@ TEST_F(OpenTest, CreatesOrReplaces) {
     close; fail ftruncate; open -> notTruncated ftruncate 0!EIO; is lastErrno EIO; bytes -> -1)");
 }
 
+// Hosts see these calls in this order, with these sizes.
 TEST_F(OpenTest, BuffersAreMadeInOrder) {
   const std::string page = fmt::format(" memAlloc:m{} memAlloc:b4096", sizeof(qz::PageBuffer));
   const std::string block =

@@ -170,6 +170,7 @@ TEST_F(PagesTest, UnalignedMemoryBouncesUnderDirectIo) {
   }
 }
 
+// A cached page beyond the new end must not be served after an append in its place.
 TEST_F(PagesTest, TruncateForgetsWhatLiesBeyond) {
   play(R"(
     open block 16 4; touch 1 5 9 13; truncate 10

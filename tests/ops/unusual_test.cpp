@@ -10,6 +10,7 @@ using qz::Status;
 
 class UnusualTest : public ScriptTest {};
 
+// Overflowing sizes must be refused before a file or record is touched.
 TEST_F(UnusualTest, SizesThatNoFileOrBlockCanHave) {
   play(R"(
     file 2; settle buffered; set headerSize 9223372036854775807 pageCount 1; open -> misfit
@@ -56,6 +57,7 @@ TEST_F(UnusualTest, TheLastPageThatCanBeNumbered) {
            "page\n9223372036854775807");
 }
 
+// Hosts may pass no journal and have no default one: every report must cope.
 TEST_F(UnusualTest, NoJournalAnywhere) {
   journal = nullptr;
   host.handle()->defaultJournal = nullptr;
@@ -69,6 +71,7 @@ TEST_F(UnusualTest, NoJournalAnywhere) {
   unsetenv("QZIOP_DISPLAY_IOP_TYPE");
 }
 
+// Counts at the ends of their range must not wrap around.
 TEST_F(UnusualTest, BufferCountsAtTheirLimits) {
   play(R"(
     open block 8; add -2147483648; set bufferCount -2147483648; remove 1
@@ -77,6 +80,7 @@ TEST_F(UnusualTest, BufferCountsAtTheirLimits) {
     lists -> blocks empty empty empty empty empty empty write empty)");
 }
 
+// A page that begins inside the block and ends behind it must not be read.
 TEST_F(UnusualTest, AddressesNearTheEndOfABlock) {
   play("open block 8; read 4 a; write 4 a+8 -> notHeld; return a");
 }
@@ -155,6 +159,7 @@ class InternalCallTest : public ScriptTest {
   }
 };
 
+// A host that replaces an entry changes the module's own use of the operation, too.
 TEST_F(InternalCallTest, GoThroughTheTable) {
   // A script, and the internal calls that it makes, with their arguments.
   const std::pair<const char*, std::string> rows[] = {

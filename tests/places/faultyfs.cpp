@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <fuse.h>
 #include <sys/stat.h>
+#include <sysexits.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -122,7 +123,7 @@ int linkName(const char* from, const char* to) {
 int main(int argc, char** argv) {
   if (argc < 4) {
     std::fprintf(stderr, "usage: qzpfaultyfs FAULT SOURCE MOUNTPOINT [FUSE OPTION...]\n");
-    return 64;
+    return EX_USAGE;
   }
   fault = argv[1];
   source = argv[2];

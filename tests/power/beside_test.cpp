@@ -11,6 +11,8 @@
 namespace qztest {
 namespace {
 
+// A second program that changes the file at any call of the first: whichever says that it
+// succeeded, its change must be there.
 TEST(Beside, EveryChangeThatSaysSoIsInTheFile) {
   if (const std::string why = whyNoRecorder(); !why.empty()) GTEST_SKIP() << why;
   const Workplace place;

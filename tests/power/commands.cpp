@@ -223,4 +223,17 @@ std::vector<CommandCase> commandCases(const Workplace& place, int version) {
   return cases;
 }
 
+int sumOverCommands(
+    const std::function<int(const Workplace&, const CommandCase&, int version)>& tryCommand) {
+  const Workplace place;
+  int sum = 0;
+  for (const int version : {1, 2}) {
+    for (const CommandCase& command : commandCases(place, version)) {
+      SCOPED_TRACE(command.name + ", version " + std::to_string(version));
+      sum += tryCommand(place, command, version);
+    }
+  }
+  return sum;
+}
+
 }  // namespace qztest

@@ -77,4 +77,9 @@ inline const Bytes kDamaged = "damaged";
 // Every command for one version of the file format.
 std::vector<CommandCase> commandCases(const Workplace& place, int version);
 
+// Calls tryCommand(place, command, version) for every command and version of the file format.
+// Returns the sum of what it returned.
+int sumOverCommands(
+    const std::function<int(const Workplace&, const CommandCase&, int version)>& tryCommand);
+
 }  // namespace qztest

@@ -299,6 +299,7 @@ void fillThenGoOn(const std::string& path, const std::string& parameters,
   EXPECT_EQ(database.ask("pragma integrity_check"), "ok");
 }
 
+// SQLITE_FULL must leave a database that is sound, and a connection that works when there is room.
 TEST_F(SqliteTest, AFileAtItsSizeLimitIsFullAndTheConnectionGoesOn) {
   struct rlimit before = {};
   getrlimit(RLIMIT_FSIZE, &before);
@@ -313,6 +314,7 @@ TEST_F(SqliteTest, AFileAtItsSizeLimitIsFullAndTheConnectionGoesOn) {
   std::signal(SIGXFSZ, ignored);
 }
 
+// The same on a file system without room, which collected pages meet only at the write-back.
 TEST_F(SqliteTest, AFullDiskIsFullAndTheConnectionGoesOn) {
   const std::string disk = folder + "/disk";
   std::filesystem::create_directory(disk);
@@ -424,6 +426,7 @@ TEST_F(SqliteTest, RefusedWritesFailTheirTransactionAndLoseNothing) {
   }
 }
 
+// A misspelt parameter must not be ignored, and PRAGMA must tell the mode obtained.
 TEST_F(SqliteTest, ParametersAreCheckedAndTheModeIsTold) {
   EXPECT_EQ(Connection(fresh(), "vfs=qz&io=quick").handle(), nullptr);
   EXPECT_EQ(Connection(fresh(), "vfs=qz&buffers=0").handle(), nullptr);

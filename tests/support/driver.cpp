@@ -468,7 +468,7 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   return call.result < (page - first + 1) * file_.pageSize ? Status::misfit : Status::ok;
 }
 
-// Takes the page that was handed out. Its bytes are the file's unless another hold has changed
+// Takes the page that was read. Its bytes are the file's unless another hold has changed
 // them.
 void Driver::hold(std::int64_t page) {
   const bool modified = std::ranges::any_of(

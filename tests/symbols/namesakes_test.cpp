@@ -44,6 +44,7 @@ qz::HostStatus qzlStatusToBuf(qz::Journal*, std::uint32_t, char32_t*, std::uint3
 
 namespace {
 
+// A program with functions of the same names must not take over the module's calls.
 TEST(NamesakesTest, TheModuleUsesItsOwnFunctions) {
   const std::string name =
       std::filesystem::temp_directory_path() / ("namesakes." + std::to_string(getpid()));

@@ -58,6 +58,7 @@ std::string useFile(const qz::Module& module, qz::Journal* journal, const std::s
   return done ? std::string() : done.error().message();
 }
 
+// Handles share the module and the host: ThreadSanitizer must find no race between threads.
 TEST(Threads, ManyHandlesOverOneModule) {
   qz::StandInHost host;
   qz::StandInJournal journal;

@@ -97,6 +97,7 @@ void* symbolOf(const char* library, const char* name) {
   return dlsym(dlopen(library, RTLD_NOW | RTLD_LOCAL), name);
 }
 
+// A trace that lacks an operation or its calls would mislead its reader.
 TEST_F(TraceTest, TellsEachOperationWithArgumentsResultAndCalls) {
   const std::string name = makeFile(3);
   ASSERT_EQ(inChild([&] {
@@ -191,6 +192,7 @@ TEST_F(TraceTest, ShowsTheCallsThatWereMade) {
   EXPECT_FALSE(made.empty());
 }
 
+// The last lines before a crash are those that matter.
 TEST_F(TraceTest, HasAllLinesOfAProcessThatIsKilled) {
   const std::string name = makeFile(2);
   const int status = inChild([&] {
@@ -207,6 +209,7 @@ TEST_F(TraceTest, HasAllLinesOfAProcessThatIsKilled) {
   EXPECT_EQ(reads, 3000U);
 }
 
+// Lines of threads that were mixed could not be read.
 TEST_F(TraceTest, KeepsTheLinesOfThreadsApart) {
   const std::string name = makeFile(2);
   ASSERT_EQ(inChild([&] {
@@ -288,6 +291,7 @@ TEST_F(TraceTest, OverwritesNothingButATrace) {
   }
 }
 
+// A forked process must not write into its parent's trace.
 TEST_F(TraceTest, GivesEachProcessAFileOfItsOwn) {
   const std::string name = makeFile(1);
   const std::string other = makeFile(1, "other");

@@ -30,7 +30,7 @@ int judgeContents(int fd) {
 }  // namespace
 
 // Opens the file, and keeps other processes that record away from it. Emptying it is safe then:
-// nobody has it mapped.
+// no process has it mapped.
 int Output::openFor(const char* path) {
   const int fd = open64(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
   if (fd == -1) return errno;
