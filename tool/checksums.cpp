@@ -7,6 +7,7 @@
 #include <limits>
 #include <utility>
 
+#include "numbers.hpp"
 #include "paged.hpp"
 
 namespace qzpfile {

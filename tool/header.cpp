@@ -8,7 +8,8 @@
 #endif
 
 #include <algorithm>
-#include <concepts>
+
+#include "numbers.hpp"
 
 namespace qzpfile {
 namespace {
@@ -27,22 +28,6 @@ constexpr std::size_t kPayloadBytesAt = 24;
 constexpr std::size_t kPayloadChecksumAt = 32;
 constexpr std::size_t kReservedAt = 40;
 constexpr std::size_t kHeaderChecksumAt = 56;  // over all bytes before it
-
-template <std::unsigned_integral T>
-void store(std::span<std::byte> bytes, std::size_t at, T value) {
-  for (std::size_t i = 0; i < sizeof(T); ++i) {
-    bytes[at + i] = static_cast<std::byte>(value >> (8 * i));
-  }
-}
-
-template <std::unsigned_integral T>
-T load(std::span<const std::byte> bytes, std::size_t at) {
-  T value = 0;
-  for (std::size_t i = 0; i < sizeof(T); ++i) {
-    value |= static_cast<T>(static_cast<T>(bytes[at + i]) << (8 * i));
-  }
-  return value;
-}
 
 std::uint64_t headerChecksum(std::span<const std::byte> bytes) {
   return XXH3_64bits(bytes.data(), kHeaderChecksumAt);
@@ -65,8 +50,8 @@ bool isFlaggedInPart(std::span<const std::byte> bytes) {
   std::ranges::copy(bytes.first(kHeaderBytes), other.begin());
   other[kFlagsAt] ^= std::byte{kPreparing};
   std::array<std::byte, 16> either{};
-  store(either, 0, headerChecksum(bytes));
-  store(either, 8, headerChecksum(other));
+  storeNumber(either, 0, headerChecksum(bytes));
+  storeNumber(either, 8, headerChecksum(other));
   for (std::size_t i = 0; i < 8; ++i) {
     const std::byte stored = bytes[kHeaderChecksumAt + i];
     if (stored != either[i] && stored != either[8 + i]) return false;
@@ -80,35 +65,35 @@ std::array<std::byte, kHeaderBytes> encodeHeader(const Header& header) {
   std::array<std::byte, kHeaderBytes> bytes{};
   std::transform(kMagic.begin(), kMagic.end(), bytes.begin(),
                  [](unsigned char m) { return std::byte{m}; });
-  store(bytes, kVersionAt, static_cast<std::uint32_t>(header.version));
-  store(bytes, kFlagsAt, (header.changing ? kChanging : 0U) | (header.preparing ? kPreparing : 0U));
-  store(bytes, kPageSizeAt, static_cast<std::uint32_t>(header.pageSize));
-  store(bytes, kHeaderSizeAt, static_cast<std::uint32_t>(header.headerSize));
-  store(bytes, kPayloadBytesAt, static_cast<std::uint64_t>(header.payloadBytes));
-  store(bytes, kPayloadChecksumAt, header.payloadChecksum);
-  store(bytes, kHeaderChecksumAt, headerChecksum(bytes));
+  storeNumber<std::uint32_t>(bytes, kVersionAt, static_cast<std::uint32_t>(header.version));
+  storeNumber<std::uint32_t>(
+      bytes, kFlagsAt, (header.changing ? kChanging : 0U) | (header.preparing ? kPreparing : 0U));
+  storeNumber<std::uint32_t>(bytes, kPageSizeAt, static_cast<std::uint32_t>(header.pageSize));
+  storeNumber<std::uint32_t>(bytes, kHeaderSizeAt, static_cast<std::uint32_t>(header.headerSize));
+  storeNumber(bytes, kPayloadBytesAt, static_cast<std::uint64_t>(header.payloadBytes));
+  storeNumber(bytes, kPayloadChecksumAt, header.payloadChecksum);
+  storeNumber(bytes, kHeaderChecksumAt, headerChecksum(bytes));
   return bytes;
 }
 
 std::variant<Header, HeaderFault> decodeHeader(std::span<const std::byte> bytes) {
   if (!beginsWithMagic(bytes)) return HeaderFault::foreign;
   if (bytes.size() < kHeaderBytes) return HeaderFault::cut;
-  const auto version = load<std::uint32_t>(bytes, kVersionAt);
+  const auto version = loadNumber<std::uint32_t>(bytes, kVersionAt);
   if (version == 0) return HeaderFault::noVersion;
   if (version > kLatestVersion) return HeaderFault::version;
-  auto flags = load<std::uint32_t>(bytes, kFlagsAt);
-  if (load<std::uint64_t>(bytes, kHeaderChecksumAt) != headerChecksum(bytes)) {
+  auto flags = loadNumber<std::uint32_t>(bytes, kFlagsAt);
+  if (loadNumber(bytes, kHeaderChecksumAt) != headerChecksum(bytes)) {
     if (!isFlaggedInPart(bytes)) return HeaderFault::checksum;
     flags |= kPreparing;
   }
   if ((flags & ~(kChanging | kPreparing)) != 0) return HeaderFault::flags;
-  if (load<std::uint64_t>(bytes, kReservedAt) != 0 ||
-      load<std::uint64_t>(bytes, kReservedAt + 8) != 0) {
+  if (loadNumber(bytes, kReservedAt) != 0 || loadNumber(bytes, kReservedAt + 8) != 0) {
     return HeaderFault::reserved;
   }
-  const auto pageSize = load<std::uint32_t>(bytes, kPageSizeAt);
-  const auto headerSize = load<std::uint32_t>(bytes, kHeaderSizeAt);
-  const auto payloadBytes = load<std::uint64_t>(bytes, kPayloadBytesAt);
+  const auto pageSize = loadNumber<std::uint32_t>(bytes, kPageSizeAt);
+  const auto headerSize = loadNumber<std::uint32_t>(bytes, kHeaderSizeAt);
+  const auto payloadBytes = loadNumber(bytes, kPayloadBytesAt);
   if (!within(pageSize, kMinPageSize, kMaxPageSize) ||
       !within(headerSize, kHeaderBytes, kMaxHeaderSize) || !within(payloadBytes, 0, kMaxPayload)) {
     return HeaderFault::values;
@@ -119,7 +104,7 @@ std::variant<Header, HeaderFault> decodeHeader(std::span<const std::byte> bytes)
                 .changing = (flags & kChanging) != 0,
                 .preparing = (flags & kPreparing) != 0,
                 .payloadBytes = static_cast<std::int64_t>(payloadBytes),
-                .payloadChecksum = load<std::uint64_t>(bytes, kPayloadChecksumAt)};
+                .payloadChecksum = loadNumber(bytes, kPayloadChecksumAt)};
 }
 
 std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNumber) {
@@ -128,14 +113,6 @@ std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNum
 
 std::uint64_t checksumOf(std::span<const std::byte> bytes, std::uint64_t seed) {
   return XXH3_64bits_withSeed(bytes.data(), bytes.size(), seed);
-}
-
-void storeNumber(std::span<std::byte> bytes, std::size_t at, std::uint64_t value) {
-  store(bytes, at, value);
-}
-
-std::uint64_t loadNumber(std::span<const std::byte> bytes, std::size_t at) {
-  return load<std::uint64_t>(bytes, at);
 }
 
 }  // namespace qzpfile

@@ -78,8 +78,4 @@ std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNum
 // XXH3 (64 bits) of any bytes.
 std::uint64_t checksumOf(std::span<const std::byte> bytes, std::uint64_t seed = 0);
 
-// A little-endian number at `at`, which must lie within `bytes`.
-void storeNumber(std::span<std::byte> bytes, std::size_t at, std::uint64_t value);
-std::uint64_t loadNumber(std::span<const std::byte> bytes, std::size_t at);
-
 }  // namespace qzpfile

@@ -9,22 +9,9 @@
 #include <vector>
 
 #include "plainfile.hpp"
+#include "recordformat.hpp"
 
 namespace qzpfile {
-
-// Bytes that belong elsewhere.
-struct RecordedPiece {
-  std::int64_t target = 0;  // where they belong; file offset, as `at`
-  std::int64_t length = 0;
-  std::uint64_t checksum = 0;
-  std::int64_t at = 0;  // where they are
-};
-
-// A change that is decided.
-struct ChangeRecord {
-  std::vector<RecordedPiece> pieces;
-  std::int64_t finalBytes = 0;  // the file's length after the change
-};
 
 // The record that the file ends with; nothing when there is none that is valid.
 std::optional<ChangeRecord> readRecord(const PlainFile& file);

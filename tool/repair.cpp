@@ -10,6 +10,7 @@
 #include "commands.hpp"
 #include "edit.hpp"
 #include "json.hpp"
+#include "numbers.hpp"
 #include "payload.hpp"
 #include "text.hpp"
 
@@ -230,7 +231,8 @@ void Repair::write(const Survey& survey) {
   header.preparing = false;
   header.payloadBytes = std::min(header.payloadBytes, survey.pages * header.pageSize);
   header.payloadChecksum = survey.sum;
-  RecordWriter record(plain_, plain_.size());
+  // A file that ends inside its header gets a whole one, behind which the record lies.
+  RecordWriter record(plain_, std::max(plain_.size(), header.fileBytes()));
   for (const auto& [group, page] : survey.corrected) {
     record.add(source_.geometry.storedOffset(source_.geometry.storedChecksums(group)), page);
   }

@@ -200,5 +200,12 @@ $Q repair no -> NOINPUT ! No such file
 )");
 }
 
+// A header that was cut is made whole, with nothing of the repair's own record in it.
+TEST(Repair, LeavesNothingOfItselfBehind) {
+  playLines(R"(
+truncate -s 3000 good; $Q repair -y good >y; tail -c +65 good | tr -d '\0' | wc -c -> OK 0
+)");
+}
+
 }  // namespace
 }  // namespace qztest

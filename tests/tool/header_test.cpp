@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <variant>
 
+#include "../../tool/numbers.hpp"
+
 namespace qztest {
 namespace {
 
