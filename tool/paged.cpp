@@ -8,9 +8,18 @@
 
 #include "signals.hpp"
 #include "streams.hpp"
+#include "text.hpp"
 
 namespace qzpfile {
 namespace {
+
+// One entry of a journal as a line of text, whatever is in the name of a file.
+void printEntry(void* /*context*/, const qz::JournalEntry& entry) noexcept try {
+  fmt::print(stderr, "{}: {}\n", entry.level == qz::JournalLevel::error ? "error" : "note",
+             printable(entry.text));
+} catch (const std::exception&) {
+  // The journal could not be shown. What it tells about, the operation reports as well.
+}
 
 qz::Module loadModule(qz::StandInHost& host, qz::Journal* journal, const std::string& path) {
   qz::Result<qz::Module> module = qz::Module::load(host.handle(), journal, path);
@@ -70,7 +79,11 @@ class KeepPages {
 }  // namespace
 
 Session::Session(const std::string& modulePath, bool verbose)
-    : journal_(qz::JournalSink::standardError),
+    : host_({.hostPageSize = std::nullopt,
+             .defaultJournal = qz::JournalSink::function,
+             .journalFunction = printEntry,
+             .journalContext = nullptr}),
+      journal_(qz::JournalSink::function, printEntry),
       verbose_(verbose),
       module_(loadModule(host_, verbose ? &journal_ : nullptr, modulePath)) {}
 

@@ -7,6 +7,7 @@
 
 #include "commands.hpp"
 #include "json.hpp"
+#include "text.hpp"
 #include "tracelog.hpp"
 
 namespace qzpfile {
@@ -25,7 +26,9 @@ std::string readable(const Transfers& transfers) {
                      readableSize(static_cast<double>(transfers.bytes)));
 }
 
-std::string orNoFile(const std::string& name) { return name.empty() ? "(no file)" : name; }
+std::string orNoFile(const std::string& name) {
+  return name.empty() ? "(no file)" : printable(name);
+}
 
 std::string reasonOf(const FailureSum& failure) {
   std::string reason = qz::statusText(failure.status);
@@ -37,8 +40,8 @@ void printOperations(const TraceSummary& summary) {
   fmt::print("\n{:<17} {:>9} {:>7} {:>10} {:>10} {:>10} {:>9}\n", "operation", "count", "failed",
              "total", "own", "longest", "calls");
   for (const auto& [name, sum] : summary.operations) {
-    fmt::print("{:<17} {:>9} {:>7} {:>10} {:>10} {:>10} {:>9}\n", name, sum.count, sum.failed,
-               readableTime(sum.nanoseconds), readableTime(sum.ownNanoseconds),
+    fmt::print("{:<17} {:>9} {:>7} {:>10} {:>10} {:>10} {:>9}\n", printable(name), sum.count,
+               sum.failed, readableTime(sum.nanoseconds), readableTime(sum.ownNanoseconds),
                readableTime(sum.longest), sum.systemCalls);
   }
   fmt::print("own: without the operations inside; calls: system calls of the module\n");
@@ -61,7 +64,7 @@ void printUse(const UseSum& use) {
 
 void printFile(const FileSum& file) {
   if (file.systemCalls.empty() && file.uses.empty()) return;  // only named
-  fmt::print("\n{}\n", file.name);
+  fmt::print("\n{}\n", printable(file.name));
   if (file.pagesRead > 0) {
     fmt::print("  {} read: {} from memory (hits), {} from the file (misses)\n",
                counted(file.pagesRead, "page"), file.hits, file.pagesRead - file.hits);
@@ -74,14 +77,15 @@ void printFile(const FileSum& file) {
                file.collected);
   }
   for (const auto& [name, moved] : file.systemCalls) {
-    fmt::print("  {:<52} {}\n", name, readable(moved));
+    fmt::print("  {:<52} {}\n", printable(name), readable(moved));
   }
   for (const UseSum& use : file.uses) printUse(use);
 }
 
 void printText(const TraceSummary& summary, const std::string& name) {
-  fmt::print("{}: {} of {} in {}, {}\n", name, counted(summary.operationCount, "operation"),
-             summary.program.substr(summary.program.rfind('/') + 1),
+  fmt::print("{}: {} of {} in {}, {}\n", printable(name),
+             counted(summary.operationCount, "operation"),
+             printable(summary.program.substr(summary.program.rfind('/') + 1)),
              readableTime(summary.nanoseconds), counted(summary.threads, "thread"));
   if (summary.endsInsideALine) fmt::print("the last line is not complete: the program was ended\n");
   if (summary.linesLost > 0) {
@@ -92,15 +96,15 @@ void printText(const TraceSummary& summary, const std::string& name) {
   fmt::print("\nslowest\n");
   for (const SlowOperation& slow : summary.slowest) {
     fmt::print("  {:>10} {} {}{}, {} of it in system calls\n", readableTime(slow.nanoseconds),
-               slow.operation, orNoFile(slow.file),
+               printable(slow.operation), orNoFile(slow.file),
                slow.page ? fmt::format(" page {}", *slow.page) : "",
                readableTime(slow.systemNanoseconds));
   }
   fmt::print("\nfailures{}\n", summary.failures.empty() ? ": none" : "");
   for (const FailureSum& failure : summary.failures) {
     fmt::print("  {} x {} {}: {} (0x{:08X}), first in line {}{}\n", failure.count,
-               failure.operation, orNoFile(failure.file), reasonOf(failure), failure.status,
-               failure.firstLine,
+               printable(failure.operation), orNoFile(failure.file), reasonOf(failure),
+               failure.status, failure.firstLine,
                failure.firstPage ? fmt::format(", page {}", *failure.firstPage) : "");
   }
 }

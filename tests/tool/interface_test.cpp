@@ -147,8 +147,12 @@ TEST(Interface, ShowsNamesAsText) {
 pack in "$n" -> OK a\x1b[31m\n\u0085\u202e\xffä: 1 page
 info "$n" -> NOINPUT ! a\x1b[31m\n\u0085\u202e\xffä: cannot read
 --"$n" -> USAGE ! "--a\x1b[31m\n\u0085\u202e\xffä"
+pack -q in "$n"; QZIOP_DISPLAY_IOP_TYPE=1 $Q info "$n" >y -> OK ! [file a\x1b[31m\n\u0085\u202e\xffä] note:
+pack -q in "$n"; QZIOP_DISPLAY_IOP_TYPE=1 $Q info -v "$n" >y -> OK ! [file a\x1b[31m\n\u0085\u202e\xffä] note:
+pack -q in "$n"; QZIOP_TRACE=t $Q info "$n" --module "$M" >y; $Q trace t -> OK a\x1b[31m\n\u0085\u202e
 )",
-            R"(n=$(printf 'a\033[31m\n\302\205\342\200\256\377\303\244'); $Q %1)");
+            "M=" QZIOP_TRACE_MODULE
+            R"(; n=$(printf 'a\033[31m\n\302\205\342\200\256\377\303\244'); $Q %1)");
 }
 
 // --quiet leaves only errors; scripts go by the exit status.
