@@ -14,6 +14,7 @@ Exit runCat(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
   const Source source = examineWhole(session, call.first, rawGeometry(call));
   File file = File::openToRead(session, source, call.io, Use::somePages);
+  refuseAsOutput(file.fd(), call.first);
   const std::vector<PageRange> ranges = pagesOf(call, file);
   const std::int64_t pageSize = source.geometry.pageSize;
   std::int64_t pages = 0;

@@ -14,6 +14,7 @@ Exit runDump(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
   const Source source = examineWhole(session, call.first, rawGeometry(call));
   File file = File::openToRead(session, source, call.io, Use::somePages);
+  refuseAsOutput(file.fd(), call.first);
   const bool colour = wantsColour(STDOUT_FILENO);
   const std::size_t perLine = bytesPerLine();
   const AlignedBuffer bytes(static_cast<std::size_t>(source.geometry.pageSize));

@@ -44,7 +44,7 @@ void checkBefore(const PageEditor& editor, std::int64_t first, std::optional<std
 
 // A file that feeds on itself would grow until the disk is full.
 void refuseItself(const Input& input, const PageEditor& editor) {
-  if (input.isSameFile(editor.file().fd())) {
+  if (isSameFile(input.fd(), editor.file().fd())) {
     throw Failure(Exit::usage, "standard input is the file itself", editor.file().name())
         .tryThis("write the pages to another file first");
   }

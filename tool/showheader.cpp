@@ -72,6 +72,7 @@ Exit runHeader(const Invocation& call) {
   if (!call.setFrom) {
     const Source source = examineWhole(session, call.first, rawGeometry(call));
     requireRoom(source);
+    refuseAsOutput(source.look->settings().fd, call.first);
     showHeader(source);
     return Exit::good;
   }

@@ -55,6 +55,20 @@ bool takesHoles(int fd) {
 
 }  // namespace
 
+bool isSameFile(int fd, int other) {
+  struct stat one = {};
+  struct stat two = {};
+  return fstat(fd, &one) == 0 && fstat(other, &two) == 0 && one.st_dev == two.st_dev &&
+         one.st_ino == two.st_ino;
+}
+
+void refuseAsOutput(int fd, const std::string& name) {
+  if (isSameFile(fd, STDOUT_FILENO)) {
+    throw Failure(Exit::usage, "standard output is the file itself", name)
+        .tryThis("write to another file");
+  }
+}
+
 bool isZeros(std::span<const std::byte> bytes) {
   return bytes.empty() || (bytes.front() == std::byte{0} &&
                            std::memcmp(bytes.data(), bytes.data() + 1, bytes.size() - 1) == 0);
@@ -99,13 +113,6 @@ std::optional<std::int64_t> Input::size() const {
   }
   const off_t position = std::max<off_t>(lseek(fd_, 0, SEEK_CUR), 0);
   return std::max<off_t>(info.st_size - position, 0);
-}
-
-bool Input::isSameFile(int fd) const {
-  struct stat mine = {};
-  struct stat other = {};
-  return fstat(fd_, &mine) == 0 && fstat(fd, &other) == 0 && mine.st_dev == other.st_dev &&
-         mine.st_ino == other.st_ino;
 }
 
 void Input::makeSizeKnown(const std::string& folder, Progress& progress) {

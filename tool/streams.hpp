@@ -45,7 +45,6 @@ class Input {
   int fd() const { return fd_; }
   // Bytes still to come; only a regular file knows.
   std::optional<std::int64_t> size() const;
-  bool isSameFile(int fd) const;
   // Reads all of a pipe into an unnamed file, in `folder` where that can be, and goes on with it.
   void makeSizeKnown(const std::string& folder, Progress& progress);
   // Fills `area` unless the input ends first; the bytes read. Fails when a regular file ends before
@@ -62,6 +61,11 @@ class Input {
   std::int64_t expected_ = 0;  // bytes, of a regular file
   std::int64_t taken_ = 0;
 };
+
+bool isSameFile(int fd, int other);
+
+// Fails when standard output is the file `fd`, which would grow while it is read.
+void refuseAsOutput(int fd, const std::string& name);
 
 bool isZeros(std::span<const std::byte> bytes);
 

@@ -25,6 +25,7 @@ Exit runUnpack(const Invocation& call) {
   }
   File file = File::openToRead(session, source, call.io, Use::wholeFile);
   const bool toStandardOutput = call.second == "-";
+  if (toStandardOutput) refuseAsOutput(file.fd(), call.first);
   Progress progress(call.progress, "unpack", source.geometry.header->payloadBytes);
 
   std::optional<NewFile> target;

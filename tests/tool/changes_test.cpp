@@ -60,6 +60,10 @@ TEST(Changes, TakeNoPagesFromTheFileItself) {
 $Q put good --append <good -> USAGE ! standard input is the file itself
 $Q put good 3 <good -> USAGE ! standard input is the file itself
 $Q put --raw --page-size 4K good --append <good -> USAGE ! standard input is the file itself
+$Q cat good >>good -> USAGE ! standard output is the file itself
+$Q dump good >>good -> USAGE ! standard output is the file itself
+$Q unpack good - >>good -> USAGE ! standard output is the file itself
+$Q header good >>good -> USAGE ! standard output is the file itself
 )",
             "cp good kept; %1; s=$?; cmp good kept && exit $s");
 }
