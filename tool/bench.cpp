@@ -156,8 +156,9 @@ double ratio(const Figure& figure) {
 
 void printText(const Source& source, const std::vector<Figure>& figures,
                const std::vector<IoOutcome>& skipped) {
-  fmt::print("{}: {} of {} bytes, best of {} rounds\n", printable(source.name),
-             counted(source.measured.wholePages, "page"), source.geometry.pageSize, kRounds);
+  fmt::print("{}: {} of {}, best of {} rounds\n", printable(source.name),
+             counted(source.measured.wholePages, "page"), counted(source.geometry.pageSize, "byte"),
+             kRounds);
   fmt::print("{:<9} {:<9} {:>12} {:>12} {:>6}\n", "mode", "order", "module", "pread", "ratio");
   for (const Figure& figure : figures) {
     fmt::print("{:<9} {:<9} {:>10}/s {:>10}/s {:>6.2f}\n", ioName(figure.mode),

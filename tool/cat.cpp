@@ -12,7 +12,7 @@ namespace qzpfile {
 
 Exit runCat(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, rawGeometry(call));
+  const Source source = examineToRead(session, call.first, rawGeometry(call), call.keepGoing);
   File file = File::openToRead(session, source, call.io, Use::somePages);
   refuseAsOutput(file.fd(), call.first);
   const std::vector<PageRange> ranges = pagesOf(call, file);
@@ -39,7 +39,7 @@ Exit runCat(const Invocation& call) {
     }
   }
   output.finish();
-  return checker.isGood() ? Exit::good : Exit::badData;
+  return checker.isGood() && !source.isPartial ? Exit::good : Exit::badData;
 }
 
 }  // namespace qzpfile

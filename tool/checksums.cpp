@@ -9,6 +9,7 @@
 
 #include "numbers.hpp"
 #include "paged.hpp"
+#include "sizes.hpp"
 
 namespace qzpfile {
 
@@ -98,7 +99,7 @@ Failure damagedChecksums(const File& file, std::int64_t group) {
   const std::int64_t first = geometry.firstOfGroup(group);
   const std::int64_t last = std::min(first + geometry.pagesPerGroup - 1, file.pageCount());
   return Failure(Exit::badData,
-                 fmt::format("the checksum page of pages {} to {} is damaged", first, last),
+                 fmt::format("the checksum page of {} is damaged", pagesBetween(first, last)),
                  file.name())
       .at(first, geometry.storedOffset(geometry.storedChecksums(group)))
       .tryThis("qzpfile repair computes the checksums anew and says whether the pages are good");

@@ -128,7 +128,16 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   }
   if (has(optionForce)) app.add_flag("-f,--force", call.force, "replace a file that exists");
   if (has(optionKeepGoing)) {
-    app.add_flag("-k,--keep-going", call.keepGoing, "list all that is found, not only the first");
+    const std::string partial =
+        "of a file that is not whole, take the whole pages. Exit status 65 then";
+    const bool judges = command.run == runVerify || command.run == runCompare;
+    app.add_flag("-k,--keep-going", call.keepGoing,
+                 judges                   ? "list all that is found, not only the first"
+                 : command.run == runDump ? partial
+                                          : "name damaged pages and go on; " + partial);
+  }
+  if (has(optionMap)) {
+    app.add_flag("--map", call.map, "draw the whole file, a character for each run of pages");
   }
   if (has(optionSparse)) {
     addParsed(app, "--sparse", "WHEN", "one of auto, never",

@@ -58,7 +58,7 @@ constexpr std::array kCommands = {
             "the file; a line * stands for lines like the one above it.",
             "qzpfile dump --pages 1 places.db\tthe first page\n"
             "qzpfile dump --raw --page-size 4K --pages 7- data.bin\tfrom page 7 on",
-            kFile, kNone, optionRaw | kIoOptions | optionPages, runDump},
+            kFile, kNone, optionRaw | kIoOptions | optionPages | optionKeepGoing, runDump},
     Command{"put",
             "write pages from standard input",
             "Writes whole pages from standard input into FILE, from PAGE on or behind the last "
@@ -190,15 +190,15 @@ std::vector<PageRange> pagesOf(const Invocation& call, const File& file) {
 Geometry ownGeometry(int version, std::int64_t pageSize, std::int64_t headerSize,
                      const std::string& file) {
   if (pageSize < kMinPageSize || pageSize > kMaxPageSize) {
-    throw Failure(
-        Exit::usage,
-        fmt::format("a page size of {} bytes is outside {} bytes to 1 GiB", pageSize, kMinPageSize),
-        file);
+    throw Failure(Exit::usage,
+                  fmt::format("a page size of {} is outside {} bytes to 1 GiB",
+                              counted(pageSize, "byte"), kMinPageSize),
+                  file);
   }
   if (headerSize < static_cast<std::int64_t>(kHeaderBytes)) {
     throw Failure(Exit::usage,
-                  fmt::format("a header size of {} bytes has no room for the header of {} bytes",
-                              headerSize, kHeaderBytes),
+                  fmt::format("a header size of {} has no room for the header of {} bytes",
+                              counted(headerSize, "byte"), kHeaderBytes),
                   file);
   }
   return Geometry{.kind = FileKind::own,

@@ -84,7 +84,7 @@ void warnOfLog(const std::string& database) {
 
 Exit runCopy(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, rawGeometry(call));
+  const Source source = examineToRead(session, call.first, rawGeometry(call), call.keepGoing);
   if (source.measured.found == 0) {
     throw Failure(Exit::badData, "is empty: there is nothing to copy", call.first);
   }
@@ -110,7 +110,7 @@ Exit runCopy(const Invocation& call) {
       source.geometry.header ? to.geometry().payloadPagesIn(to.pageCount()) : to.pageCount();
   target.commit();
   progress.end();
-  const Exit exit = good ? Exit::good : Exit::badData;
+  const Exit exit = good && !source.isPartial ? Exit::good : Exit::badData;
   reportResult(call, exit, "copy", call.second,
                fmt::format("{} of {}, I/O {}", counted(pages, "page"),
                            counted(geometry.pageSize, "byte"), to.describeIo()),

@@ -12,7 +12,7 @@ namespace qzpfile {
 
 Exit runDump(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, rawGeometry(call));
+  const Source source = examineToRead(session, call.first, rawGeometry(call), call.keepGoing);
   File file = File::openToRead(session, source, call.io, Use::somePages);
   refuseAsOutput(file.fd(), call.first);
   const bool colour = wantsColour(STDOUT_FILENO);
@@ -30,7 +30,7 @@ Exit runDump(const Invocation& call) {
       checkInterrupt();
     }
   }
-  return Exit::good;
+  return source.isPartial ? Exit::badData : Exit::good;
 }
 
 }  // namespace qzpfile

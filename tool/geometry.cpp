@@ -120,7 +120,7 @@ const char* advice(std::span<const std::byte> firstBytes) {
     return "use a later version of this program";
   }
   if (fault != nullptr && *fault != HeaderFault::foreign) {
-    return "try qzpfile repair, or give it a sound header: qzpfile header --raw --page-size N "
+    return "qzpfile repair; or give it a sound header: qzpfile header --raw --page-size N "
            "--header-size N --set INPUT; its pages can be read with --raw as they are";
   }
   return "if it is a paged file all the same, describe it: --raw --page-size N --header-size N";
@@ -151,8 +151,8 @@ Measure measure(const Geometry& geometry, std::int64_t fileBytes) {
   return result;
 }
 
-std::string describe(const Measure& measured, const Geometry& geometry) {
-  std::string found =
+std::string notWholeText(const Measure& measured, const Geometry& geometry) {
+  const std::string found =
       measured.inHeader
           ? fmt::format("found {}, which ends inside the header of {}",
                         counted(measured.found, "byte"), counted(geometry.headerSize, "byte"))
@@ -161,14 +161,25 @@ std::string describe(const Measure& measured, const Geometry& geometry) {
                         counted(measured.wholePages, "whole page"), geometry.pageSize,
                         counted(measured.leftOver, "left-over byte"));
   if (geometry.header) {
-    return fmt::format("expected {} ({}), {}", counted(measured.expected, "byte"),
+    return fmt::format("is not whole: expected {} ({}), {}", counted(measured.expected, "byte"),
                        counted(geometry.header->pageCount(), "page"), found);
   }
-  if (measured.inHeader) {
-    return found;
+  const std::string cause = geometry.kind == FileKind::raw
+                                ? fmt::format("does not fit --page-size {} --header-size {}",
+                                              geometry.pageSize, geometry.headerSize)
+                                : std::string("is not whole");
+  if (measured.inHeader) return fmt::format("{}: {}", cause, found);
+  // The next page may end behind the largest offset that there is.
+  const auto next =
+      static_cast<std::uint64_t>(measured.expected) + static_cast<std::uint64_t>(geometry.pageSize);
+  return fmt::format("{}: expected {} or {} bytes, {}", cause, measured.expected, next, found);
+}
+
+std::int64_t likelyPageSize(std::int64_t bytes) {
+  for (std::int64_t size = 64 << 10; size >= 512; size /= 2) {
+    if (bytes >= size && bytes % size == 0) return size;
   }
-  return fmt::format("expected {} or {} bytes, {}", measured.expected,
-                     measured.expected + geometry.pageSize, found);
+  return 0;
 }
 
 }  // namespace qzpfile

@@ -87,7 +87,11 @@ struct Measure {
 Measure measure(const Geometry& geometry, std::int64_t fileBytes);
 
 // What a file that is not whole lacks or has too much, in words.
-std::string describe(const Measure& measured, const Geometry& geometry);
+std::string notWholeText(const Measure& measured, const Geometry& geometry);
+
+// A usual page size, a power of two from 512 bytes to 64 KiB, of which `bytes` are whole pages: the
+// largest. 0: there is none.
+std::int64_t likelyPageSize(std::int64_t bytes);
 
 // Direct I/O moves whole multiples of this many bytes to offsets that are multiples of it on every
 // usual device. Sizes that the tool picks fit it, so that a file can be copied anywhere.

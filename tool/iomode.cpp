@@ -7,6 +7,7 @@
 #include <algorithm>
 
 #include "failure.hpp"
+#include "sizes.hpp"
 
 namespace qzpfile {
 namespace {
@@ -20,20 +21,21 @@ bool isAligned(const Geometry& geometry, std::int64_t alignment) {
 void refuseUnaligned(const IoRequest& request, const Geometry& geometry, std::int64_t alignment,
                      const std::string& file) {
   if (!isAligned(geometry, alignment)) {
-    throw Failure(
-        Exit::usage,
-        fmt::format("--io {} needs a page size and a header size that are multiples of "
-                    "{} bytes, not {} and {}",
-                    ioName(request.choice), alignment, geometry.pageSize, geometry.headerSize),
-        file)
+    throw Failure(Exit::usage,
+                  fmt::format("--io {} needs a page size and a header size that are multiples of "
+                              "{}, not {} and {}",
+                              ioName(request.choice), counted(alignment, "byte"), geometry.pageSize,
+                              geometry.headerSize),
+                  file)
         .tryThis("use --io buffered or auto, or other sizes");
   }
   if (request.choice == IoChoice::block && request.blockBytes &&
       *request.blockBytes % geometry.pageSize != 0) {
-    throw Failure(Exit::usage,
-                  fmt::format("a block of {} bytes does not hold whole pages of {} bytes",
-                              *request.blockBytes, geometry.pageSize),
-                  file)
+    throw Failure(
+        Exit::usage,
+        fmt::format("a block of {} does not hold whole pages of {}",
+                    counted(*request.blockBytes, "byte"), counted(geometry.pageSize, "byte")),
+        file)
         .tryThis("make --block-size a multiple of the page size");
   }
 }
@@ -107,8 +109,8 @@ IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry
 std::string whyNotDirect(const Geometry& geometry, std::int64_t alignment) {
   if (alignment == 0) return "this file system moves the file through the system's cache";
   if (isAligned(geometry, alignment)) return {};
-  return fmt::format("direct I/O needs page and header sizes that are multiples of {} bytes",
-                     alignment);
+  return fmt::format("direct I/O needs page and header sizes that are multiples of {}",
+                     counted(alignment, "byte"));
 }
 
 std::int32_t blockBytesFor(const IoRequest& request, std::int32_t pageSize) {

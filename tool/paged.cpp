@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "report.hpp"
 #include "signals.hpp"
 #include "streams.hpp"
 #include "text.hpp"
@@ -150,24 +151,81 @@ Source examine(Session& session, const std::string& name, const std::optional<Ra
   return source;
 }
 
+namespace {
+
+// What to do about a file that is not whole.
+std::string remedy(const Source& source) {
+  if (source.geometry.header) {
+    return "get a whole copy of the file, or see what qzpfile repair can keep of it";
+  }
+  const std::string readRest = "cat, dump and copy take its whole pages with --keep-going";
+  if (source.geometry.kind != FileKind::raw) return "get a whole copy of the file; " + readRest;
+  const std::int64_t fitting = likelyPageSize(source.measured.found - source.geometry.headerSize);
+  return (fitting == 0 ? std::string("give the sizes that the file has")
+                       : fmt::format("give the sizes that the file has: --page-size {} would fit",
+                                     fitting)) +
+         "; or, if it was cut, get a whole copy: " + readRest;
+}
+
+Failure notWhole(const Source& source) {
+  return Failure(Exit::badData, notWholeText(source.measured, source.geometry), source.name)
+      .tryThis(remedy(source));
+}
+
+// Takes a file that is not whole for the whole pages that it has.
+void takeWholePages(Source& source) {
+  Geometry& geometry = source.geometry;
+  std::int64_t pages = source.measured.wholePages;
+  std::int64_t missing = 0;
+  if (geometry.header) {
+    pages = std::min(pages, geometry.header->pageCount());
+    missing = geometry.header->pageCount() - pages;
+  }
+  if (pages == 0) throw notWhole(source);
+  const std::int64_t leftOut = source.measured.found - geometry.offsetOf(pages) - geometry.pageSize;
+  const auto are = [](std::int64_t count) { return count == 1 ? "is" : "are"; };
+  std::string text = "is not whole";
+  if (missing > 0) {
+    text += fmt::format(": {} at the end {} missing", counted(missing, "page"), are(missing));
+  }
+  if (leftOut > 0) {
+    text += fmt::format("{} {} behind page {} {} left out", missing > 0 ? "," : ":",
+                        counted(leftOut, "byte"), pages, are(leftOut));
+  }
+  warn(source.name, text);
+  if (geometry.header) {
+    Header& header = *geometry.header;
+    header.payloadBytes = std::min(header.payloadBytes, pages * geometry.pageSize);
+  }
+  source.isPartial = true;
+}
+
+}  // namespace
+
 void requireSound(const Source& source) {
   if (source.geometry.header && source.geometry.header->changing) {
     throw Failure(Exit::badData, "was left in the middle of a change of its pages", source.name)
         .tryThis("get a whole copy of the file, or have qzpfile repair take its pages as they are");
   }
-  if (!source.measured.isWhole()) {
-    throw Failure(Exit::badData, "is not whole: " + describe(source.measured, source.geometry),
-                  source.name)
-        .tryThis(source.geometry.header
-                     ? "get a whole copy of the file, or see what qzpfile repair can keep of it"
-                     : "get a whole copy of the file");
-  }
+  if (!source.measured.isWhole()) throw notWhole(source);
 }
 
 Source examineWhole(Session& session, const std::string& name,
                     const std::optional<RawGeometry>& raw) {
   Source source = examine(session, name, raw);
   requireSound(source);
+  return source;
+}
+
+Source examineToRead(Session& session, const std::string& name,
+                     const std::optional<RawGeometry>& raw, bool keepGoing) {
+  Source source = examine(session, name, raw);
+  const bool changing = source.geometry.header && source.geometry.header->changing;
+  if (!keepGoing || changing || source.measured.isWhole()) {
+    requireSound(source);
+  } else {
+    takeWholePages(source);
+  }
   return source;
 }
 
@@ -306,13 +364,13 @@ void File::prepare(const IoRequest& request) {
   if (request.buffers) settings.bufferCount = *request.buffers;
 }
 
-// The geometry, and the length of the tool's own files: it need not be a number of whole pages, nor
-// what it was when the file was locked. Pages of an interrupted change count as pages here.
+// The geometry, and the length in whole pages: the file need not end with one, nor have the length
+// that it had when it was locked. Pages of an interrupted change count as pages here.
 void File::believe(const Source& source) {
   qz::FileHandle& settings = paged_.settings();
   settings.pageSize = geometry_.pageSize;
   settings.headerSize = geometry_.headerSize;
-  if (!source.geometry.header) return;
+  isPartial_ = source.isPartial;
   settings.pageCount = (source.actualBytes - geometry_.headerSize) / geometry_.pageSize;
   settings.fileSize = geometry_.headerSize + settings.pageCount * geometry_.pageSize;
   for (const RecordedPiece& piece : source.change.pieces) {

@@ -56,6 +56,7 @@ struct Source {
   std::int64_t actualBytes = 0;  // an unfinished change included
   Unfinished unfinished = Unfinished::no;
   ChangeRecord change = {};  // of a decided change
+  bool isPartial = false;    // not whole, and taken for the whole pages that it has
   // Keeps the shared lock under which all this was read, so that no program changes the file.
   std::shared_ptr<qz::PagedFile> look = nullptr;
 };
@@ -71,6 +72,10 @@ Source examine(Session& session, const std::string& name, const std::optional<Ra
 // The same; fails also when the file is not whole, or when a change of it was never finished.
 Source examineWhole(Session& session, const std::string& name,
                     const std::optional<RawGeometry>& raw);
+// The same; with keepGoing a file that is not whole is taken for the whole pages that it has, which
+// is said on standard error.
+Source examineToRead(Session& session, const std::string& name,
+                     const std::optional<RawGeometry>& raw, bool keepGoing);
 // The checks of examineWhole.
 void requireSound(const Source& source);
 
@@ -106,6 +111,8 @@ class File {
   const qz::FileHandle& handle() const { return paged_.settings(); }
   // False after the module closed the file because a page came back short.
   bool isOpen() const { return paged_.isOpen(); }
+  // True when only the whole pages of a file that is not whole are taken for the file.
+  bool isPartial() const { return isPartial_; }
   // Pages without checksum pages; of a new file, those written so far with them.
   std::int64_t pageCount() const;
   // The mode that was obtained and why, in words.
@@ -155,6 +162,7 @@ class File {
   IoOutcome io_;
   Purpose purpose_;
   std::map<std::int64_t, std::int64_t> moved_;  // stored pages of an unfinished change
+  bool isPartial_ = false;
 };
 
 // A page's bytes where the module keeps them.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "report.hpp"
+#include "sizes.hpp"
 
 namespace qzpfile {
 namespace {
@@ -99,8 +100,8 @@ Header PayloadWriter::finish(std::span<const std::byte> headerTail) {
 
 std::string Damage::text() const {
   return inChecksums
-             ? fmt::format("the checksum page of pages {} to {} (file offset {}) is damaged", page,
-                           lastPage, offset)
+             ? fmt::format("the checksum page of {} (file offset {}) is damaged",
+                           pagesBetween(page, lastPage), offset)
              : fmt::format("page {} (file offset {}) is damaged: it does not fit its checksum",
                            page, offset);
 }
@@ -168,7 +169,10 @@ bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
     sink(payloadOf(header, page, bytesOf(hold)));
     progress.advance(header.pageSize);
   }
-  if (checksum == header.payloadChecksum || !checker.isGood()) return checker.isGood();
+  // The checksum of all pages tells nothing about a part of them.
+  if (checksum == header.payloadChecksum || !checker.isGood() || file.isPartial()) {
+    return checker.isGood();
+  }
   const std::string what =
       fmt::format("is damaged: checksum mismatch: the header has {:016x}, the pages have {:016x}",
                   header.payloadChecksum, checksum);

@@ -2,6 +2,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <limits>
 
 #include "commands.hpp"
 #include "edit.hpp"
@@ -77,8 +79,9 @@ std::string outcome(const PageEditor& editor, bool appends, std::int64_t first, 
   }
   if (appends) return "nothing was appended";
   if (editor.isOwn()) return "nothing was changed";
-  return next > first ? fmt::format("pages {} to {} were written before that", first, next - 1)
-                      : std::string();
+  if (next == first) return {};
+  return fmt::format("{} {} written before that", pagesBetween(first, next - 1),
+                     next - first == 1 ? "was" : "were");
 }
 
 }  // namespace
@@ -88,6 +91,9 @@ Exit runPut(const Invocation& call) {
   Input input("-");
   PageEditor editor(session, call.first, rawGeometry(call), call.io);
   const std::int64_t pagesBefore = editor.pageCount();
+  if (pagesBefore == std::numeric_limits<std::int64_t>::max()) {
+    throw systemFailure(Purpose::output, "cannot grow", call.first, EFBIG);
+  }
   const std::int64_t first = call.append ? pagesBefore + 1 : *call.page;
   const bool appends = first > pagesBefore;
   refuseItself(input, editor);

@@ -159,8 +159,9 @@ void Repair::judgeLength() {
   if (const std::int64_t found = std::min(source_.measured.wholePages, pages); found < pages) {
     const std::int64_t kept = found * header.pageSize;
     add({.what = "lost_pages",
-         .text = fmt::format("pages {} to {} are missing: bytes {} to {} of the payload are lost",
-                             found + 1, pages, kept, header.payloadBytes - 1),
+         .text = fmt::format("{} {} missing: bytes {} to {} of the payload are lost",
+                             pagesBetween(found + 1, pages), pages - found == 1 ? "is" : "are",
+                             kept, header.payloadBytes - 1),
          .loses = true,
          .page = found + 1,
          .lastPage = pages});
@@ -203,10 +204,10 @@ void Repair::judgeChecksums(const Survey& survey) {
     const std::int64_t first = geometry.firstOfGroup(group);
     const std::int64_t last = std::min(first + geometry.pagesPerGroup - 1, survey.pages);
     add({.what = "checksum_page",
-         .text =
-             fmt::format("the checksum page of pages {} to {} (file offset {}) is damaged; {}",
-                         first, last, geometry.storedOffset(geometry.storedChecksums(group)),
-                         proven ? "the pages are good" : "whether the pages are good is unknown"),
+         .text = fmt::format(
+             "the checksum page of {} (file offset {}) is damaged; {}", pagesBetween(first, last),
+             geometry.storedOffset(geometry.storedChecksums(group)),
+             proven ? "the pages are good" : "whether the pages are good is unknown"),
          .loses = !proven,
          .page = first,
          .lastPage = last});

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cmath>
 
 namespace qzpfile {
 namespace {
@@ -71,7 +72,7 @@ std::optional<PageRange> parsePageRange(std::string_view text) {
   }
   if (!last.empty()) {
     const std::optional<std::int64_t> number = parseNumber(last);
-    if (!number) return std::nullopt;
+    if (!number || *number == PageRange::kToTheEnd) return std::nullopt;
     range.last = *number;
   }
   if (range.first < 1 || range.last < range.first) {
@@ -101,13 +102,17 @@ std::string readableSize(double bytes) {
     ++unit;
   }
   if (unit == 0) {
-    return fmt::format("{:.0f} bytes", bytes);
+    return counted(std::llround(bytes), "byte");
   }
   return fmt::format("{:.1f} {}", bytes, kUnits.at(unit));
 }
 
 std::string counted(std::int64_t count, std::string_view noun) {
   return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+std::string pagesBetween(std::int64_t first, std::int64_t last) {
+  return first == last ? fmt::format("page {}", first) : fmt::format("pages {} to {}", first, last);
 }
 
 }  // namespace qzpfile

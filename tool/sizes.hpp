@@ -36,4 +36,7 @@ std::string readableSize(double bytes);
 // "1 page", "25 pages".
 std::string counted(std::int64_t count, std::string_view noun);
 
+// "page 7", "pages 3 to 9".
+std::string pagesBetween(std::int64_t first, std::int64_t last);
+
 }  // namespace qzpfile

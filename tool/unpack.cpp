@@ -16,7 +16,7 @@ namespace qzpfile {
 
 Exit runUnpack(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  const Source source = examineWhole(session, call.first, std::nullopt);
+  const Source source = examineToRead(session, call.first, std::nullopt, call.keepGoing);
   if (!source.geometry.header) {
     throw Failure(Exit::badData,
                   fmt::format("is a {}, which pack did not make", kindName(source.geometry.kind)),
@@ -37,7 +37,7 @@ Exit runUnpack(const Invocation& call) {
       readPayload(file, progress, call.keepGoing ? listDamage(call.first) : OnDamage(),
                   [&](std::span<const std::byte> bytes) { output.write(bytes); });
   output.finish();
-  const Exit exit = good ? Exit::good : Exit::badData;
+  const Exit exit = good && !source.isPartial ? Exit::good : Exit::badData;
   if (!target) {
     return exit;
   }
@@ -47,12 +47,15 @@ Exit runUnpack(const Invocation& call) {
   target->commit();
   progress.end();
   const Header& header = *source.geometry.header;
-  reportResult(call, exit, "unpack", call.second,
-               fmt::format("{}, {}, I/O {}", counted(header.payloadBytes, "byte"),
-                           good ? "checksum good" : "damaged pages as they are", file.describeIo()),
-               {{"payload_size", header.payloadBytes},
-                {"payload_checksum", fmt::format("{:016x}", header.payloadChecksum)},
-                {"io", jsonIo(file.io())}});
+  const char* const state = !good              ? "damaged pages as they are"
+                            : source.isPartial ? "as far as there are pages"
+                                               : "checksum good";
+  reportResult(
+      call, exit, "unpack", call.second,
+      fmt::format("{}, {}, I/O {}", counted(header.payloadBytes, "byte"), state, file.describeIo()),
+      {{"payload_size", header.payloadBytes},
+       {"payload_checksum", fmt::format("{:016x}", header.payloadChecksum)},
+       {"io", jsonIo(file.io())}});
   return exit;
 }
 

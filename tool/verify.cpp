@@ -66,8 +66,8 @@ class Verification {
 void Verification::run() {
   const std::optional<Header>& header = source_.geometry.header;
   if (!source_.measured.isWhole()) {
-    findings_.push_back({.what = "not_whole",
-                         .text = "is not whole: " + describe(source_.measured, source_.geometry)});
+    findings_.push_back(
+        {.what = "not_whole", .text = notWholeText(source_.measured, source_.geometry)});
   }
   if (header && header->changing) {
     findings_.push_back(
@@ -171,8 +171,8 @@ void printText(const Source& source, const Verification& verification) {
   for (const File& file : verification.files()) {
     modes += fmt::format("{}{}", modes.empty() ? "" : ", ", ioName(file.io().mode));
   }
-  fmt::print("  {} of {} bytes read, in mode {}\n", counted(verification.pagesRead(), "page"),
-             source.geometry.pageSize, modes);
+  fmt::print("  {} of {} read, in mode {}\n", counted(verification.pagesRead(), "page"),
+             counted(source.geometry.pageSize, "byte"), modes);
   for (const IoOutcome& outcome : verification.skipped()) {
     fmt::print("  not in mode {}: {}\n", ioName(outcome.asked), outcome.why);
   }

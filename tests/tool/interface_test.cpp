@@ -123,6 +123,34 @@ $Q pack --page-size 600 in x
 )");
 }
 
+// Numbers near the largest of 64 bits, and behind it: a sum or product of them must not pass for a
+// small one. What is printed is a number that was not refused.
+TEST(Interface, RefusesNumbersNearTheLargest) {
+  playLines(R"(
+$Q pack --page-size $n in x -> OK
+$Q pack --header-size $n in x -> OK
+$Q pack --block-size $n in x -> OK
+$Q pack --buffers $n in x -> OK
+$Q pack --format-version $n in x -> OK
+$Q cat --raw --page-size $n good -> OK
+$Q cat --raw --page-size 1 --header-size $n good -> OK
+$Q cat --raw --page-size 1 --pages $n good -> OK
+$Q cat --raw --page-size 1 --pages $n- good -> OK
+$Q cat --raw --page-size 1 --pages 1-$n good -> OK
+$Q cat --raw --page-size 1 --pages -$n good -> OK
+$Q cat --raw --page-size 1 --pages $n-$n,1 good -> OK
+$Q dump good --pages 1,$n -> OK
+$Q truncate good $n -> OK
+$Q truncate --raw --page-size 1 good $n -> OK
+$Q put good $n -> OK
+$Q put --raw --page-size 13K good $n -> OK
+)",
+            R"(cp good kept; for n in 9223372036854775799 9223372036854775800 9223372036854775806 \
+  9223372036854775807 9223372036854775808 18446744073709551615 18446744073709551616 \
+  8388607T 8388608T 99999999999999999999999; do
+  { %1; } <in >y 2>z; s=$?; test $s = 64 || echo "$s $n"; done; cmp good kept; test ! -e x)");
+}
+
 // On a terminal, which script(1) provides, there is colour, too.
 TEST(Interface, ShowsProgressAndColourWhereTheyAreWanted) {
   playLines(R"(

@@ -28,10 +28,67 @@ $Q cat --raw --page-size 1K --pages 5-46 good1 | cmp in - -> OK
 $Q cat --raw good -> USAGE ! --raw needs --page-size
 $Q cat --page-size 1K good -> USAGE ! need --raw
 $Q cat --raw --page-size 5000 good
-  -> DATAERR ! expected 50000 or 55000 bytes, found 53248 bytes: a header of 0, 10 whole pages of 5000
-  and 3248 left-over bytes
+  -> DATAERR ! does not fit --page-size 5000 --header-size 0: expected 50000 or 55000 bytes, found 53248
+  bytes: a header of 0, 10 whole pages of 5000 and 3248 left-over bytes try:    give the sizes that
+  the file has: --page-size 4096 would fit
+$Q cat --raw --page-size 5000 --header-size 1 good -> DATAERR ! give the sizes that the file has; or, if
+$Q verify --raw --page-size 1 in -> OK 43008 pages of 1 byte read
 $Q cat --raw --page-size 1 --header-size 53247 good | head -c 1 | wc -c -> OK 1
 )");
+}
+
+// A file whose end is cut still has its whole pages.
+TEST(Pages, AreTakenFromAFileThatIsNotWhole) {
+  playLines(R"(
+$Q cat -k --raw --page-size 4K raw | cmp -n 40960 in - -> OK ! raw: is not whole: 100 bytes behind
+$Q cat -k --raw --page-size 4K raw | wc -c -> OK 40960 ! are left out
+$Q cat -k --raw --page-size 4K raw >y -> DATAERR ! 100 bytes behind page 10 are left out
+$Q cat -k --raw --page-size 4K --io direct --pages 9- raw | wc -c -> OK 8192 ! are left out
+$Q dump -k --raw --page-size 4K --pages 10 raw | grep -c ^page -> OK 1 ! 100 bytes behind page 10
+$Q dump -k --raw --page-size 4K raw >y -> DATAERR ! are left out
+$Q copy -k --raw --page-size 4K raw x >y; s=$?; cmp -n 40960 raw x && exit $s -> DATAERR ! are left out
+$Q copy -k --raw --page-size 4K --io block raw x -> DATAERR x: 10 pages ! are left out
+$Q cat -k --raw --page-size 64K raw -> DATAERR ! does not fit --page-size 65536
+$Q cat -k --raw --page-size 4K --header-size 1M raw -> DATAERR ! ends inside the header
+$Q unpack -k cut x; s=$?; cmp -n 36864 in x && exit $s
+  -> DATAERR 36864 bytes, as far as there are pages ! cut: is not whole: 2 pages at the end are missing,
+  3192 bytes behind page 9 are left out
+$Q cat -k cut | cmp -n 36864 in - -> OK ! 2 pages at the end are missing
+$Q copy -k cut x; $Q unpack x - | cmp -n 36864 in - -> OK x: 9 pages of 4096 bytes ! 2 pages at
+(cat good; echo) >long; $Q unpack -k long - | cmp in - -> OK ! 1 byte behind page 11 is left out
+poke Y 9000 cut; $Q unpack -k cut x -> DATAERR damaged pages as they are ! page 1 (file offset 8192)
+$Q verify -k cut -> DIFFERS 9 pages of 4096 bytes read
+poke Y 9000 cut; $Q verify -k cut -> DIFFERS page 1 (file offset 8192) is damaged
+)",
+            "head -c 41060 in >raw; head -c 48248 good >cut; %1");
+}
+
+// What a drawing or a list of runs says of each page: data, zeros, holes, damage, and the pages
+// that are missing or cannot be read.
+TEST(Pages, AreDrawn) {
+  playLines(R"(
+$Q info --map f | tail -6
+  -> OK map, 1 page to a character: 1 c#####..........................000##### # data: 10 pages
+  0 zeros: 3 pages . hole: 26 pages c checksums: 1 page
+$Q verify --map f -> OK 1 c#####..........................000#####
+poke Y 9000 f; poke Y 160000 f; $Q verify --map f
+  -> DIFFERS 1 cX####..........................000###X# # data: 8 pages
+poke Y 5000 f; $Q verify --map f -> DIFFERS 1 X#####....
+truncate -s -5000 f; $Q verify --map f -> DIFFERS 000###-- # data: 8 pages
+COLUMNS=20 $Q verify --map f -> OK 1 c#####......... 15 ............... 30 ..000#####
+seq 4000000 | head -c 10M | $Q pack --page-size 512 - g >y; poke Y 3000000 g;
+  $Q verify --map g | sed -n '/ map, 19 pages/,/# data/p' | grep -o X | wc -l -> OK 1
+QZPFILE_FAULT=page $FAULTY verify --map f
+  -> IOERR f: not readable page 3 (file offset 16384) in mode buffered: cannot read
+QZPFILE_FAULT=page $FAULTY info --map f -> IOERR 1 c##?##... ! f: page 3 (file offset 16384): cannot read
+$Q info --map --raw --page-size 4K good -> OK 1 #############
+: >e; $Q info --raw --page-size 4K --map e -> OK no pages to draw
+$Q verify --map -q f -> USAGE ! exclude each other
+)",
+            R"((head -c 20480 in; head -c 118784 /dev/zero; head -c 20480 in) | \
+$Q pack --page-size 4K - p >y; $Q copy p f >y
+dd if=/dev/zero of=f bs=4096 seek=33 count=3 conv=notrunc status=none
+%1)");
 }
 
 // After each change the payload is as wanted, and header and checksums fit it.
@@ -93,6 +150,8 @@ TEST(Pages, TellWhatWasDoneBeforeAFailure) {
 (cat in; cat in) | head -c 1052672 >p; $Q pack -f --page-size 4K p good >/dev/null;
   (seq 1000000 | head -c 12288; echo x) | $Q put --raw --page-size 4K good 2
   -> DATAERR ! note:   pages 2 to 4 were written before that
+head -c 40960 in >raw; (head -c 4096 in; echo x) | $Q put --raw --page-size 4K raw 2
+  -> DATAERR ! note:   page 2 was written before that
 : >e; $Q put --raw --page-size 4K --append e <in; s=$?; test -f e && exit $s
   -> DATAERR ! 2048 of a page
 )");

@@ -32,7 +32,7 @@ _qzpfile() {
     unpack) options="$io --force --keep-going --sparse --progress $result" ;;
     info) options="$raw $io --format" ;;
     cat) options="$raw $io --pages --keep-going --sparse --progress" ;;
-    dump) options="$raw $io --pages" ;;
+    dump) options="$raw $io --pages --keep-going" ;;
     put) options="$raw $io --append --progress $result" ;;
     truncate) options="$raw $io $result" ;;
     header) options="$raw --set $result" ;;
