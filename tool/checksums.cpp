@@ -56,6 +56,8 @@ PageChecksums::PageChecksums(File& file) : file_(file) {
 std::optional<std::uint64_t> PageChecksums::of(std::int64_t page) {
   if (!current_) return std::nullopt;
   if (const std::int64_t group = file_.geometry().groupOf(page); group != current_->group()) {
+    current_->clear(group);
+    fits_ = false;  // and stays so if the checksum page cannot be read
     fits_ = current_->load(group, bytesOf(file_.readChecksumPage(group)));
   }
   return fits_ ? std::optional(current_->of(page)) : std::nullopt;

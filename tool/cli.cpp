@@ -267,6 +267,9 @@ void checkTogether(const Command& command, const Invocation& call) {
   if (call.json && call.quiet) {
     throw usageFailure("--quiet and --format json exclude each other", command.name);
   }
+  if (call.map && call.quiet) {
+    throw usageFailure("--quiet and --map exclude each other", command.name);
+  }
   if ((call.json || call.quiet) && command.run == runHeader && !call.setFrom) {
     throw usageFailure("--format and --quiet are about the report of --set", command.name);
   }

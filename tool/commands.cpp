@@ -39,13 +39,14 @@ constexpr std::array kCommands = {
         {"OUTPUT", "the file to make, - for standard output"},
         kIoOptions | optionForce | optionKeepGoing | optionSparse | optionProgress | kResultOptions,
         runUnpack},
-    Command{"info", "show sizes, kind and I/O mode of a paged file",
-            "Shows how FILE is divided into header and pages, what it holds, and which I/O mode "
-            "it is read in here.",
-            "qzpfile info backup.qzp\tlook at a file\n"
-            "qzpfile info --io direct places.db\tsee whether direct I/O is to be had\n"
-            "qzpfile info --format json backup.qzp\tfor programs",
-            kFile, kNone, optionRaw | kIoOptions | optionFormat, runInfo},
+    Command{
+        "info", "show sizes, kind and I/O mode of a paged file",
+        "Shows how FILE is divided into header and pages, what it holds, and which I/O mode "
+        "it is read in here. With --map reads all pages and draws where data, zeros and holes lie.",
+        "qzpfile info backup.qzp\tlook at a file\n"
+        "qzpfile info --io direct places.db\tsee whether direct I/O is to be had\n"
+        "qzpfile info --format json backup.qzp\tfor programs",
+        kFile, kNone, optionRaw | kIoOptions | optionMap | optionProgress | optionFormat, runInfo},
     Command{"cat", "write pages to standard output",
             "Writes the pages of FILE to standard output as they are, padding included.",
             "qzpfile cat --pages 3-5,9 backup.qzp > pages.bin\tfour pages\n"
@@ -113,16 +114,19 @@ constexpr std::array kCommands = {
             {"B", "the file to compare it with"},
             optionRaw | kIoOptions | optionKeepGoing | kResultOptions | optionProgress,
             runCompare},
-    Command{"verify", "check a paged file",
-            "Checks that FILE is header plus whole pages and that every page fits its checksum. "
-            "Reads it once; with --every-mode in every I/O mode that the file system allows, each "
-            "of which must give the same bytes. Exit status 1: it is damaged.",
-            "qzpfile verify backup.qzp\tcheck a file\n"
-            "qzpfile verify --keep-going --format json backup.qzp\tlist all that is wrong",
-            kFile, kNone,
-            optionRaw | optionIo | optionBlockSize | optionEveryMode | optionKeepGoing |
-                kResultOptions | optionProgress,
-            runVerify},
+    Command{
+        "verify", "check a paged file",
+        "Checks that FILE is header plus whole pages and that every page fits its checksum. "
+        "Reads it once; with --every-mode in every I/O mode that the file system allows, each "
+        "of which must give the same bytes. With --map goes on behind damage and draws where it "
+        "lies. Exit status 1: it is damaged.",
+        "qzpfile verify backup.qzp\tcheck a file\n"
+        "qzpfile verify --map backup.qzp\tsee where the damage lies\n"
+        "qzpfile verify --keep-going --format json backup.qzp\tlist all that is wrong",
+        kFile, kNone,
+        optionRaw | optionIo | optionBlockSize | optionEveryMode | optionMap | optionKeepGoing |
+            kResultOptions | optionProgress,
+        runVerify},
     Command{"bench", "measure reading a paged file",
             "Reads FILE in every I/O mode that the file system allows, in order and at random, "
             "beside a loop of bare pread calls of the same size in the same mode, in turns. Shows "

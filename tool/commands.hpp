@@ -29,6 +29,7 @@ struct Invocation {
   bool append = false;
   bool keepGoing = false;
   bool everyMode = false;
+  bool map = false;
   bool yes = false;
   bool dryRun = false;
   int formatVersion = kLatestVersion;
@@ -60,6 +61,7 @@ enum Option : unsigned {
   optionRepair = 0x400000,  // --dry-run, --yes
   optionQuiet = 0x10000,
   optionSparse = 0x20000,
+  optionMap = 0x40000,
 };
 inline constexpr unsigned kIoOptions = optionIo | optionBlockSize | optionBuffers;
 inline constexpr unsigned kResultOptions = optionFormat | optionQuiet;

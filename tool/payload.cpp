@@ -110,11 +110,16 @@ PageChecker::PageChecker(File& file, OnDamage onDamage)
     : file_(file), checksums_(file), onDamage_(std::move(onDamage)) {}
 
 void PageChecker::prepare(std::int64_t page) {
-  wanted_ = checksums_.of(page);
   const Geometry& geometry = file_.geometry();
-  if (wanted_ || geometry.pagesPerGroup == 0) return;
   const std::int64_t group = geometry.groupOf(page);
-  if (group == lostGroup_) return;
+  wanted_.reset();
+  try {
+    wanted_ = checksums_.of(page);
+  } catch (const Failure&) {
+    lostGroup_ = group;
+    throw;
+  }
+  if (wanted_ || geometry.pagesPerGroup == 0 || group == lostGroup_) return;
   lostGroup_ = group;
   const std::int64_t first = geometry.firstOfGroup(group);
   meet({.page = first,

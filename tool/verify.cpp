@@ -1,6 +1,7 @@
 // qzpfile verify FILE: whole pages that fit their checksums; with --every-mode the same bytes in
 // every I/O mode.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -11,7 +12,9 @@
 
 #include "commands.hpp"
 #include "json.hpp"
+#include "map.hpp"
 #include "payload.hpp"
+#include "terminal.hpp"
 #include "text.hpp"
 #include "walcheck.hpp"
 
@@ -31,7 +34,7 @@ struct Finding {
 class Verification {
  public:
   Verification(Session& session, const Invocation& call, const Source& source)
-      : session_(session), call_(call), source_(source) {}
+      : session_(session), call_(call), source_(source), map_(source) {}
 
   void run();
 
@@ -40,12 +43,21 @@ class Verification {
   const std::vector<IoOutcome>& skipped() const { return skipped_; }
   std::int64_t pagesRead() const { return pagesRead_; }
   const std::optional<WalCheck>& wal() const { return wal_; }
+  const PageMap& map() const { return map_; }
+  // A page that could not be read is no verdict.
+  Exit exit() const {
+    if (failedToRead_) return Exit::ioError;
+    return findings_.empty() ? Exit::good : Exit::different;
+  }
 
  private:
-  bool isDecided() const { return !findings_.empty() && !call_.keepGoing; }
+  bool isDecided() const { return !findings_.empty() && !call_.keepGoing && !call_.map; }
   IoRequest request(IoChoice choice) const { return {choice, call_.io.blockBytes, std::nullopt}; }
   void open();
+  void verifyPages();
   void noteDamage(const Damage& damage);
+  void reopenIfClosed(File& file);
+  void prepare(std::int64_t page);
   std::optional<qz::PageHold> readOrNote(File& file, std::int64_t page);
   void verifyPage(std::int64_t page);
   void note(std::int64_t page, const IoOutcome& io, const char* what, std::string text);
@@ -61,6 +73,10 @@ class Verification {
   std::optional<WalCheck> wal_;
   std::uint64_t checksum_ = 0;
   bool allRead_ = true;
+  bool failedToRead_ = false;
+  PageMap map_;
+  PageState here_ = PageState::data;            // the page that is being verified
+  PageState checksums_ = PageState::checksums;  // the checksum page of its group
 };
 
 void Verification::run() {
@@ -73,8 +89,16 @@ void Verification::run() {
     findings_.push_back(
         {.what = "changing", .text = "was left in the middle of a change of its pages"});
   }
-  // The module takes whole pages only.
-  if (isDecided() || source_.measured.leftOver != 0 || source_.measured.inHeader) return;
+  // The module opens what has a header or a whole page, and an empty file.
+  const Measure& measured = source_.measured;
+  const bool opens = !measured.inHeader && (source_.geometry.headerSize > 0 ||
+                                            measured.storedPages > 0 || measured.leftOver == 0);
+  if (!isDecided() && opens) verifyPages();
+  map_.finish();
+}
+
+void Verification::verifyPages() {
+  const std::optional<Header>& header = source_.geometry.header;
   open();
   std::int64_t pages = source_.measured.wholePages;
   if (header) pages = std::min(pages, header->pageCount());  // what is behind them is no page
@@ -115,6 +139,7 @@ void Verification::open() {
 }
 
 void Verification::noteDamage(const Damage& damage) {
+  (damage.inChecksums ? checksums_ : here_) = PageState::damaged;
   findings_.push_back({.what = damage.inChecksums ? "checksum_page" : "page",
                        .text = damage.text(),
                        .page = damage.page,
@@ -122,32 +147,69 @@ void Verification::noteDamage(const Damage& damage) {
 }
 
 // The module closes a file whose page came back short: it is opened again for the next page.
+void Verification::reopenIfClosed(File& file) {
+  if (!file.isOpen()) {
+    file = File::openToRead(session_, source_, request(file.io().mode), Use::wholeFile);
+  }
+}
+
+void Verification::prepare(std::int64_t page) {
+  const Geometry& geometry = source_.geometry;
+  const std::int64_t group = geometry.groupOf(page);
+  checksums_ = PageState::checksums;
+  try {
+    checker_->prepare(page);
+  } catch (const Failure& failure) {
+    checksums_ = PageState::unread;
+    failedToRead_ = failedToRead_ || failure.exit() == Exit::ioError;
+    const std::int64_t offset = geometry.storedOffset(geometry.storedChecksums(group));
+    findings_.push_back(
+        {.what = "unreadable",
+         .text = fmt::format("the checksum page before page {} (file offset {}): {}", page, offset,
+                             failure.reason()),
+         .page = page,
+         .offset = offset});
+    reopenIfClosed(files_.front());
+  }
+  const bool isFirst = page == geometry.firstOfGroup(group);
+  if (call_.map && geometry.pagesPerGroup != 0 && isFirst) map_.add(checksums_);
+}
+
 std::optional<qz::PageHold> Verification::readOrNote(File& file, std::int64_t page) {
   try {
     return file.read(page);
   } catch (const Failure& failure) {
+    here_ = PageState::unread;
+    failedToRead_ = failedToRead_ || failure.exit() == Exit::ioError;
     note(page, file.io(), "unreadable", failure.reason());
-    if (!file.isOpen()) {
-      file = File::openToRead(session_, source_, request(file.io().mode), Use::wholeFile);
-    }
+    reopenIfClosed(file);
     return std::nullopt;
   }
 }
 
 void Verification::verifyPage(std::int64_t page) {
-  checker_->prepare(page);
+  prepare(page);
+  here_ = PageState::data;
   const std::optional<qz::PageHold> first = readOrNote(files_.front(), page);
   allRead_ = allRead_ && first;
   if (first && source_.geometry.header) checksum_ += checker_->check(page, bytesOf(*first));
   if (first && wal_ && !wal_->take(bytesOf(*first))) {
+    here_ = PageState::damaged;
     note(page, files_.front().io(), "frame", "the frame does not fit those before it");
   }
   for (auto file = files_.begin() + 1; file != files_.end() && !isDecided(); ++file) {
     const std::optional<qz::PageHold> other = readOrNote(*file, page);
     if (first && other && !std::ranges::equal(bytesOf(*first), bytesOf(*other))) {
+      here_ = PageState::damaged;
       note(page, file->io(), "differs",
            fmt::format("other bytes than in mode {}", ioName(files_.front().io().mode)));
     }
+  }
+  if (!call_.map) return;
+  if (here_ == PageState::data) {
+    map_.addRead(bytesOf(*first));
+  } else {
+    map_.add(here_);
   }
 }
 
@@ -162,9 +224,16 @@ void Verification::note(std::int64_t page, const IoOutcome& io, const char* what
                        .mode = ioName(io.mode)});
 }
 
+const char* verdict(const Verification& verification) {
+  const auto& findings = verification.findings();
+  if (findings.empty()) return "good";
+  const bool judged = std::ranges::any_of(
+      findings, [](const Finding& finding) { return finding.what != "unreadable"; });
+  return judged ? "damaged" : "not readable";
+}
+
 void printText(const Source& source, const Verification& verification) {
-  fmt::print("{}: {}\n", printable(source.name),
-             verification.findings().empty() ? "good" : "damaged");
+  fmt::print("{}: {}\n", printable(source.name), verdict(verification));
   for (const Finding& finding : verification.findings()) fmt::print("  {}\n", finding.text);
   if (verification.files().empty()) return;
   std::string modes;
@@ -188,8 +257,8 @@ void printText(const Source& source, const Verification& verification) {
   }
 }
 
-void printJson(const Source& source, Exit exit, const Verification& verification) {
-  nlohmann::ordered_json document = jsonDocument("verify", exit);
+void printJson(const Source& source, const Verification& verification, bool map) {
+  nlohmann::ordered_json document = jsonDocument("verify", verification.exit());
   document["file"] = source.name;
   document["kind"] = kindName(source.geometry.kind);
   document["good"] = verification.findings().empty();
@@ -220,6 +289,7 @@ void printJson(const Source& source, Exit exit, const Verification& verification
     entry["text"] = finding.text;
     findings.push_back(std::move(entry));
   }
+  if (map) document["map"] = verification.map().runs();
   printJsonDocument(document);
 }
 
@@ -230,13 +300,16 @@ Exit runVerify(const Invocation& call) {
   const Source source = examine(session, call.first, rawGeometry(call));
   Verification verification(session, call, source);
   verification.run();
-  const Exit exit = verification.findings().empty() ? Exit::good : Exit::different;
   if (call.json) {
-    printJson(source, exit, verification);
+    printJson(source, verification, call.map);
   } else if (!call.quiet) {
     printText(source, verification);
+    if (call.map) {
+      fmt::print("{}", verification.map().drawing(terminalWidth(STDOUT_FILENO),
+                                                  wantsColour(STDOUT_FILENO)));
+    }
   }
-  return exit;
+  return verification.exit();
 }
 
 }  // namespace qzpfile

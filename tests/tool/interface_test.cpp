@@ -23,6 +23,10 @@ verify good -> OK verify {"/good": true, "/pages_read": 11, "/findings": null}
 verify bad
   -> DIFFERS verify {"/good": false, "/findings/0/what": "page", "/findings/0/page": 3,
   "/findings/0/offset": 16384}
+verify --map bad
+  -> DIFFERS verify {"/map/0/what": "checksums", "/map/2/what": "damaged", "/map/2/first_page": 3,
+  "/map/2/last_page": 3, "/map/2/offset": 16384, "/map/2/bytes": 4096, "/map/3/last_page": 11}
+info --map good -> OK info {"/map/1/what": "data", "/map/1/last_page": 11}
 verify bad1 -> DIFFERS verify {"/good": false, "/findings/0/what": "checksum"}
 repair --dry-run bad
   -> DIFFERS repair {"/changed": false, "/steps/0/what": "damaged_page", "/steps/0/page": 3,

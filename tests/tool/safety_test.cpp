@@ -109,9 +109,6 @@ mkdir d; chmod 333 d; chmod 755 .; setpriv --reuid=65534 --clear-groups --inh-ca
 TEST(Safety, FailuresOfTheDiskAreNoVerdicts) {
   playLines(R"(
 QZPFILE_FAULT=read $FAULTY info good -> IOERR ! good: cannot read
-QZPFILE_FAULT=page $FAULTY unpack good x -> IOERR ! Input/output error
-QZPFILE_FAULT=page $FAULTY compare good good1 -> IOERR ! Input/output error
-QZPFILE_FAULT=page $FAULTY cat good >x -> IOERR ! Input/output error
 seq 200000 >big; (ulimit -f 200; $Q pack --page-size 4K big x)
   -> IOERR ! x: cannot write: File too large
 )");
@@ -121,6 +118,25 @@ mkdir d; cp good d; chmod 666 d/good; chmod 1777 d; chmod 755 .; setpriv --reuid
   --clear-groups --inh-caps=-all $Q rm d/good
   -> NOPERM ! d/good: cannot remove: Operation not permitted
 )");
+}
+
+// Whichever command finds a page, a checksum page or a header that cannot be read. What is printed
+// is a command that said something else.
+TEST(Safety, UnreadableBytesAreToldByEveryCommand) {
+  playLines(R"(
+try page "verify good" "verify -k good" "verify --map good" "verify --every-mode good"
+  "info --map good" "unpack good -" "unpack -k good -" "cat good" "cat -k good" "dump good"
+  "copy good x" "compare good good1" "bench good" "repair good" "repair -n good" "put good1 1"
+  "truncate good1 2" -> OK
+try header "verify good" "info good" "unpack good -" "cat good" "dump good" "copy good x"
+  "compare good good1" "bench good" "repair good" "put good 1" "put --append good"
+  "truncate good 2" "header good" "header good --set in" "rm good" -> OK
+(head -c 16384 good; tail -c +20481 good) >f; QZPFILE_FAULT=page $FAULTY verify f -k
+  --format json | grep -c '"what": "unreadable"' -> OK 1
+)",
+            R"(try() { fault=$1; shift; for c in "$@"; do
+  QZPFILE_FAULT=$fault $FAULTY $c <in >y 2>z; s=$?; test $s = 74 || echo "$s $c"; done; }
+%1)");
 }
 
 // An input that shrinks while it is read must not be packed as a shorter one.

@@ -30,7 +30,7 @@ _qzpfile() {
   case $command in
     pack) options="--page-size --header-size --format-version $io --force --progress $result" ;;
     unpack) options="$io --force --keep-going --sparse --progress $result" ;;
-    info) options="$raw $io --format" ;;
+    info) options="$raw $io --map --progress --format" ;;
     cat) options="$raw $io --pages --keep-going --sparse --progress" ;;
     dump) options="$raw $io --pages --keep-going" ;;
     put) options="$raw $io --append --progress $result" ;;
@@ -38,7 +38,7 @@ _qzpfile() {
     header) options="$raw --set $result" ;;
     copy) options="$raw --format-version $io --force --keep-going --sparse --progress $result" ;;
     compare) options="$raw $io --keep-going --progress $result" ;;
-    verify) options="$raw --io --block-size --every-mode --keep-going --progress $result" ;;
+    verify) options="$raw --io --block-size --every-mode --map --keep-going --progress $result" ;;
     repair) options="--dry-run --yes --progress $result" ;;
     bench) options="$raw --block-size --format --progress" ;;
     trace) options="--format" ;;

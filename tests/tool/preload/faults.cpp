@@ -59,11 +59,12 @@ extern "C" ssize_t read(int fd, void* data, size_t bytes) {
   return syscall(SYS_read, fd, data, bytes);
 }
 
-// "page": whatever holds byte 20000 of a file cannot be read.
+// "page": whatever holds byte 20000 of a file cannot be read. "header": what begins at byte 0.
 extern "C" ssize_t pread64(int fd, void* data, size_t bytes, off64_t offset) {
   if (faultIs("page") && offset <= 20000 && offset + static_cast<off64_t>(bytes) > 20000) {
     return failWith(EIO);
   }
+  if (faultIs("header") && offset == 0) return failWith(EIO);
 #ifdef __i386__
   const auto wide = static_cast<std::uint64_t>(offset);
   return syscall(SYS_pread64, fd, data, bytes, static_cast<std::uint32_t>(wide),
