@@ -291,7 +291,7 @@ std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std:
   std::vector<std::string> words = given;
   if (!words.empty() && words.front() == "help") {  // "help COMMAND" is "COMMAND --help"
     words.erase(words.begin());
-    words.push_back("--help");
+    words.emplace_back("--help");
   }
   CLI::App app("Packs files into pages, reads, changes, checks and measures paged files.");
   requireCommand(words);
