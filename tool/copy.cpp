@@ -97,7 +97,7 @@ Exit runCopy(const Invocation& call) {
       File::create(session, target.path(), call.second, geometry, call.io, source.measured.found);
   // The module collects pages into blocks, the payload's writer into batches.
   const std::int64_t lag = 2 * std::int64_t{to.handle().blockBytes} + (1 << 20);
-  HolePuncher holes(call.sparse ? target.fd() : -1, lag + 2 * geometry.pageSize);
+  HolePuncher holes(call.sparse ? target.fd() : -1, lag + 2 * std::int64_t{geometry.pageSize});
   bool good = true;
   if (source.geometry.header) {
     const OnDamage onDamage = call.keepGoing ? listDamage(call.first) : OnDamage();

@@ -75,7 +75,7 @@ void setUnfinishedFile(int folder, const char* name) {
   unfinishedName = name;
 }
 
-SignalsHeldBack::SignalsHeldBack() : before_{} {
+SignalsHeldBack::SignalsHeldBack() {
   sigset_t all;
   sigfillset(&all);
   sigprocmask(SIG_BLOCK, &all, &before_);

@@ -28,7 +28,7 @@ class SignalsHeldBack {
   ~SignalsHeldBack();
 
  private:
-  sigset_t before_;
+  sigset_t before_ = {};
 };
 
 // Ends the program by the signal itself, so that its parent sees the cause.
