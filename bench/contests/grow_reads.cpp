@@ -150,8 +150,8 @@ class ManyBuffers {
   const qz::OperationTable& table_;
 };
 
-// The calls alone, into as many buffers as are held. The one given back last is used next, as the
-// module does: buffers given back out of order lie so when they are read into again.
+// The calls alone, into as many buffers as are held. The buffer returned last is used next, as in
+// the module: buffers returned out of order are read into in that order again.
 class BareBuffers {
  public:
   BareBuffers(const std::string& path, Shape shape, std::size_t held,
