@@ -257,7 +257,7 @@ class PagedFile {
   }
   // Reads `count` pages from `firstPage` on into one area of count * pageSize bytes, aligned to
   // 4096 bytes where direct I/O is used. *pagesRead: those that the file had, from the first on;
-  // 0 after a failure.
+  // 0 after a failure, which may leave anything in the area.
   // Pages that are still collected are not in the file: write back first.
   Result<void> readMany(std::int64_t firstPage, std::int32_t count, void* area,
                         std::int32_t* pagesRead = nullptr) {
