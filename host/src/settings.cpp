@@ -131,8 +131,8 @@ std::string whyBuffered(const FileHandle& handle) {
 
 std::string whyNotAligned(const FileHandle& handle, std::int64_t granule) {
   return "direct I/O on this file moves whole units of more than " + std::to_string(granule) +
-         " bytes; pages of " + std::to_string(handle.pageSize) + " after a header of " +
-         std::to_string(handle.headerSize) + " do not fit";
+         " bytes; pages of " + std::to_string(handle.pageSize) + " bytes after a header of " +
+         std::to_string(handle.headerSize) + " bytes do not fit";
 }
 
 }  // namespace qz
