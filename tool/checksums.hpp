@@ -23,7 +23,7 @@ class ChecksumPage {
   std::int64_t group() const { return group_; }
   // Becomes the page of a group without pages.
   void clear(std::int64_t group);
-  // Becomes what is stored for the group. False when that does not fit its own checksum.
+  // Becomes what is stored for the group. False when that does not match its own checksum.
   bool load(std::int64_t group, std::span<const std::byte> stored);
   // page: one of the group.
   std::uint64_t of(std::int64_t page) const;

@@ -116,7 +116,7 @@ constexpr std::array kCommands = {
             runCompare},
     Command{
         "verify", "check a paged file",
-        "Checks that FILE is header plus whole pages and that every page fits its checksum. "
+        "Checks that FILE is header plus whole pages and that every page matches its checksum. "
         "Reads it once; with --every-mode in every I/O mode that the file system allows, each "
         "of which must give the same bytes. With --map goes on behind damage and draws where it "
         "lies. Exit status 1: it is damaged.",

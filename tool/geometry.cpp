@@ -69,7 +69,7 @@ const char* faultText(HeaderFault fault) {
     case HeaderFault::version:
       return "was written in a later version of the file format";
     case HeaderFault::checksum:
-      return "has a damaged header: its checksum does not fit";
+      return "has a damaged header: its checksum does not match";
     case HeaderFault::flags:
       return "has flags that this program does not know";
     case HeaderFault::reserved:

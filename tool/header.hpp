@@ -62,7 +62,7 @@ enum class HeaderFault {
   cut,        // the magic is there, but fewer than kHeaderBytes
   noVersion,  // version 0, which never existed
   version,    // of a later version
-  checksum,   // the header's own checksum does not fit: damaged
+  checksum,   // the header's own checksum does not match: damaged
   flags,      // a flag that this version does not know
   reserved,   // reserved bytes that are not 0
   values,     // a field is out of its range

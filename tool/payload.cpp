@@ -102,7 +102,7 @@ std::string Damage::text() const {
   return inChecksums
              ? fmt::format("the checksum page of {} (file offset {}) is damaged",
                            pagesBetween(page, lastPage), offset)
-             : fmt::format("page {} (file offset {}) is damaged: it does not fit its checksum",
+             : fmt::format("page {} (file offset {}) is damaged: it does not match its checksum",
                            page, offset);
 }
 
@@ -151,7 +151,7 @@ void PageChecker::meet(const Damage& damage) {
     return;
   }
   if (damage.inChecksums) throw damagedChecksums(file_, file_.geometry().groupOf(damage.page));
-  throw Failure(Exit::badData, "is damaged: a page does not fit its checksum", file_.name())
+  throw Failure(Exit::badData, "is damaged: a page does not match its checksum", file_.name())
       .at(damage.page, damage.offset)
       .tryThis(
           "put a good copy of the page in its place with qzpfile put, or read on with "

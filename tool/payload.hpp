@@ -44,7 +44,7 @@ class PayloadWriter {
   std::int64_t nextPage_ = 1;
 };
 
-// A page that does not fit its checksum, or a checksum page that is damaged itself.
+// A page that does not match its checksum, or a checksum page that is damaged itself.
 struct Damage {
   std::int64_t page = 0;      // of a checksum page, the first of its group
   std::int64_t lastPage = 0;  // the same page, or of a checksum page the last of its group

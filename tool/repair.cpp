@@ -194,7 +194,7 @@ void Repair::judgeChecksums(const Survey& survey) {
   }
   for (const std::int64_t page : survey.damaged) {
     add({.what = "damaged_page",
-         .text = fmt::format("page {} (file offset {}) is damaged: it does not fit its checksum",
+         .text = fmt::format("page {} (file offset {}) is damaged: it does not match its checksum",
                              page, geometry.offsetOf(page)),
          .loses = !proven,
          .page = page,
@@ -214,10 +214,11 @@ void Repair::judgeChecksums(const Survey& survey) {
   }
   const bool pagesFit = survey.damaged.empty() && survey.lostGroups.empty();
   if (complete && !proven && pagesFit) {
-    const bool known = geometry.pagesPerGroup != 0;  // each page fits its own checksum
+    const bool known = geometry.pagesPerGroup != 0;  // each page matches its own checksum
     add({.what = "checksum",
-         .text = known ? "the payload checksum is wrong, all pages fit their own"
-                       : "the pages do not fit the payload checksum; version 1 does not tell which",
+         .text = known
+                     ? "the payload checksum is wrong, all pages fit their own"
+                     : "the pages do not match the payload checksum; version 1 does not tell which",
          .loses = !known});
   }
   if (steps_.empty() && !survey.corrected.empty()) {

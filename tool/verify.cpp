@@ -134,7 +134,7 @@ void Verification::open() {
   if (source_.geometry.kind != FileKind::sqliteWal) return;
   wal_.emplace(readHeader(source_));
   if (!wal_->isHeaderGood()) {
-    findings_.push_back({.what = "checksum", .text = "the header does not fit its checksum"});
+    findings_.push_back({.what = "checksum", .text = "the header does not match its checksum"});
   }
 }
 
@@ -195,7 +195,7 @@ void Verification::verifyPage(std::int64_t page) {
   if (first && source_.geometry.header) checksum_ += checker_->check(page, bytesOf(*first));
   if (first && wal_ && !wal_->take(bytesOf(*first))) {
     here_ = PageState::damaged;
-    note(page, files_.front().io(), "frame", "the frame does not fit those before it");
+    note(page, files_.front().io(), "frame", "the frame does not match those before it");
   }
   for (auto file = files_.begin() + 1; file != files_.end() && !isDecided(); ++file) {
     const std::optional<qz::PageHold> other = readOrNote(*file, page);

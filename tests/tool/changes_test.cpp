@@ -119,17 +119,17 @@ repair -n good -> OK good: good, nothing to repair
 TEST(Checksums, NameEveryDamagedPage) {
   playLines(R"(
 $Q verify -k f
-  -> DIFFERS page 1 (file offset 8192) is damaged: it does not fit its checksum page 3 (file offset
+  -> DIFFERS page 1 (file offset 8192) is damaged: it does not match its checksum page 3 (file offset
   16384) is damaged
 $Q verify -k f --format json | grep -c '"what": "page"' -> OK 2
 $Q verify --every-mode -k f | grep -c damaged: -> OK 2
 $Q unpack f o; s=$?; test ! -e o && exit $s -> DATAERR ! where:  page 1, file offset 8192
-$Q copy f o; s=$?; test ! -e o && exit $s -> DATAERR ! does not fit its checksum where:  page 1
+$Q copy f o; s=$?; test ! -e o && exit $s -> DATAERR ! does not match its checksum where:  page 1
 $Q cat f >o -> DATAERR ! where:  page 1
 $Q cat f --pages 2 | cmp -n 4096 two - -> OK
 $Q cat f --pages 3- >o -> DATAERR ! where:  page 3
 $Q unpack -k f o; s=$?; cmp o spoilt && exit $s
-  -> DATAERR damaged pages as they are ! f: page 1 (file offset 8192) is damaged: it does not fit its
+  -> DATAERR damaged pages as they are ! f: page 1 (file offset 8192) is damaged: it does not match its
   checksum qzpfile: f: page 3
 $Q cat -k f >o; s=$?; head -c 43008 o | cmp spoilt && exit $s
   -> DATAERR ! f: page 3 (file offset 16384)
@@ -146,12 +146,12 @@ TEST(Checksums, OfSqliteLogsAreFollowedFrameByFrame) {
   playLines(R"(
 $Q verify w -> OK of this log, 0 behind them left over from before
 poke Y 9000 w; $Q verify -k w
-  -> DIFFERS page 3 (file offset 8272) in mode buffered: the frame does not fit
+  -> DIFFERS page 3 (file offset 8272) in mode buffered: the frame does not match
 poke Y 4180 w; $Q verify -k w -> DIFFERS page 2 (file offset 4152)
 poke Y 4160 w; $Q verify -k w -> DIFFERS page 3 (file offset 8272)
-poke Y 17 w; $Q verify w -> DIFFERS the header does not fit its checksum
+poke Y 17 w; $Q verify w -> DIFFERS the header does not match its checksum
 truncate -s -4120 w; $Q verify w -> OK good
-truncate -s 32 w; poke Y 17 w; $Q verify w -> DIFFERS the header does not fit its checksum
+truncate -s 32 w; poke Y 17 w; $Q verify w -> DIFFERS the header does not match its checksum
 )",
             "sqlite3 db 'PRAGMA page_size=4096; PRAGMA journal_mode=wal; "
             "PRAGMA wal_autocheckpoint=0; CREATE TABLE t(x); INSERT INTO t "

@@ -57,7 +57,7 @@ page() { tail -c +$(($1 * 4096 + 1)) good1 | head -c 4096; };
 cp good1 x; poke Y 20000 x -> badPage checksum mismatch: the header has
 cp good1 x; poke '\001' 49000 x -> badPage checksum mismatch: the header has
 cp good1 x; poke '\001' 30 x
-  -> badHeader x: has a damaged header: its checksum does not fit try:    qzpfile repair; or
+  -> badHeader x: has a damaged header: its checksum does not match try:    qzpfile repair; or
 cp good1 x; poke '\003' 8 x
   -> badHeader a later version of the file format try:    use a later version
 cp good1 x; mkfifo f; sh -c "exec $Q put x --append" <f & p=$!; exec 3>f;
