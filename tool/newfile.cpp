@@ -37,9 +37,9 @@ mode_t defaultMode() {
 // The group may do no more than the others.
 mode_t groupAsOthers(mode_t mode) { return mode & (~mode_t{S_IRWXG} | (mode & S_IRWXO) << 3U); }
 
-// The permissions that a file of this group may have at most: whoever could not read or write the
-// origin cannot read or write it either, nor run it. A member of another group may have been one of
-// the others to the origin.
+// The permissions that a file of this group may have at most. Users who could not read or write
+// the origin cannot read or write the new file either, nor run it. A member of another group may
+// have been one of the others to the origin.
 mode_t mostAllowed(const Origin& origin, gid_t group) {
   mode_t bits = origin.mode & 0666U;
   const bool sameGroup = origin.group == gid_t(-1) || origin.group == group;

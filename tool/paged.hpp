@@ -72,8 +72,8 @@ Source examine(Session& session, const std::string& name, const std::optional<Ra
 // The same; fails also when the file is not whole, or when a change of it was never finished.
 Source examineWhole(Session& session, const std::string& name,
                     const std::optional<RawGeometry>& raw);
-// The same; with keepGoing a file that is not whole is taken for the whole pages that it has, which
-// is said on standard error.
+// The same; with keepGoing, of a file that is not whole, only the whole pages are taken, and a
+// message on standard error says so.
 Source examineToRead(Session& session, const std::string& name,
                      const std::optional<RawGeometry>& raw, bool keepGoing);
 // The checks of examineWhole.

@@ -89,7 +89,7 @@ class Holder {
           address = pages_->read(page);
           wrong += isStamped(address, kPageSize, page) ? 0 : 1;
         }
-        for (const std::size_t i : sequence_) pages_->giveBack(held_[i]);
+        for (const std::size_t i : sequence_) pages_->returnPage(held_[i]);
       }
     });
     requireStamps(wrong, "growth");
@@ -129,7 +129,7 @@ class ManyBuffers {
     check(table_.qzpread(handle_, &request, nullptr));
     return request.buffer;
   }
-  void giveBack(char* address) { check(table_.qzpbufreturn(handle_, address, nullptr)); }
+  void returnPage(char* address) { check(table_.qzpbufreturn(handle_, address, nullptr)); }
 
  private:
   // A page buffer keeps its page when it is written, a block when it is returned.
@@ -169,7 +169,7 @@ class BareBuffers {
     }
     return at;
   }
-  void giveBack(char* at) { free_.push_back(at); }
+  void returnPage(char* at) { free_.push_back(at); }
 
  private:
   Descriptor file_;

@@ -16,7 +16,7 @@ constexpr std::int32_t kBlockBytes = 4 << 20;
 // Two calls of nothing through a table: what the calls of a read and a return cost alone.
 struct EmptyTable {
   qz::Status (*read)(qz::FileHandle*, qz::PageRequest*, qz::Journal*);
-  qz::Status (*giveBack)(qz::FileHandle*, void*, qz::Journal*);
+  qz::Status (*returnPage)(qz::FileHandle*, void*, qz::Journal*);
 };
 [[gnu::noinline]] qz::Status readNothing(qz::FileHandle*, qz::PageRequest* request, qz::Journal*) {
   request->buffer = nullptr;
@@ -36,7 +36,7 @@ class EmptyCalls {
       for (std::size_t i = 0; i < operations; ++i) {
         request_.pageNumber = static_cast<std::int64_t>(i);
         emptyTable->read(nullptr, &request_, nullptr);
-        emptyTable->giveBack(nullptr, request_.buffer, nullptr);
+        emptyTable->returnPage(nullptr, request_.buffer, nullptr);
       }
     });
   }
@@ -120,7 +120,7 @@ class PageHits {
     std::int64_t wrong = 0;
     for (const std::int64_t page : *order_) {
       wrong += isStamped(store_.read(page), task.geometry.pageSize, page) ? 0 : 1;
-      if (!held) store_.giveBack();
+      if (!held) store_.returnPage();
     }
     requireStamps(wrong, task.path);
   }
@@ -131,7 +131,7 @@ class PageHits {
                        return timed(count, [&] {
                          for (std::size_t i = first; i < first + count; ++i) {
                            store_.read((*order_)[i]);
-                           store_.giveBack();
+                           store_.returnPage();
                          }
                        });
                      });

@@ -71,7 +71,7 @@ class Crew {
     for (std::size_t i = next_++; i < end_; i = next_++) {
       const std::int64_t page = (*order_)[i % order_->size()];
       if (!isStamped(store.read(page), kPageSize, page)) ++wrong_;
-      store.giveBack();
+      store.returnPage();
     }
   }
 

@@ -1,8 +1,8 @@
 // The loops of the page contests. Every participant runs the same code over its own store:
 //
 //   Store(const Task&)             opens what it works on; its destructor closes it
-//   const char* read(page)         the page, until giveBack, change or the next read
-//   void giveBack()                ends the use of a page that was read
+//   const char* read(page)         the page, until returnPage, change or the next read
+//   void returnPage()                ends the use of a page that was read
 //   char* readToChange(page)       the page, to be changed and then written
 //   char* fresh(page)              room for a new page, to be filled and then written
 //   void write(page)               stores the page that the last two gave
@@ -84,7 +84,7 @@ class Reading {
             for (std::size_t i = first; i < first + count; ++i) {
               const std::int64_t page = (*order_)[i];
               wrong += isStamped(store_->read(page), task_.geometry.pageSize, page) ? 0 : 1;
-              store_->giveBack();
+              store_->returnPage();
             }
           });
           requireStamps(wrong, task_.path);

@@ -25,7 +25,7 @@ class BarePages {
         flush_(task.flush) {}
 
   const char* read(std::int64_t page) { return readToChange(page); }
-  void giveBack() {}
+  void returnPage() {}
   char* readToChange(std::int64_t page) {
     at_ = ring_.next();
     const ssize_t got = pread(file_.get(), at_, pageBytes_, offsetOf(page));
@@ -77,7 +77,7 @@ class BareBlocks {
     }
     return block_ + (page - first_) * pageSize_;
   }
-  void giveBack() {}
+  void returnPage() {}
   char* fresh(std::int64_t) { return page_ = pages_.next(); }
   void write(std::int64_t page) {
     if (end_ == 0) first_ = page;

@@ -23,7 +23,7 @@ class PoolPages {
     check(file_->get(file_, &number, nullptr, 0, &at_));
     return static_cast<const char*>(at_);
   }
-  void giveBack() { check(file_->put(file_, at_, DB_PRIORITY_UNCHANGED, 0)); }
+  void returnPage() { check(file_->put(file_, at_, DB_PRIORITY_UNCHANGED, 0)); }
   void finish() {}
 
  private:

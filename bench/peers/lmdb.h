@@ -24,7 +24,7 @@ class LmdbPages {
     check(mdb_get(transaction_, pages_, &key, &data));
     return static_cast<const char*>(data.mv_data);
   }
-  void giveBack() {}
+  void returnPage() {}
   char* readToChange(std::int64_t page) {
     std::memcpy(page_.at(0), read(page), pageBytes_);
     return page_.at(0);

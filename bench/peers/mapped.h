@@ -31,7 +31,7 @@ class MappedPages {
   }
 
   const char* read(std::int64_t page) { return readToChange(page); }
-  void giveBack() {}
+  void returnPage() {}
   char* readToChange(std::int64_t page) { return area_.get() + (page - 1) * pageSize_; }
   char* fresh(std::int64_t page) { return readToChange(page); }
   void write(std::int64_t) {}

@@ -68,7 +68,7 @@ std::size_t buffersInTurn(const Task& task) {
       switch (task.access) {
         case Access::read:
           at = pages.read(page) - (page - 1) % pagesPerBlock * task.geometry.pageSize;
-          pages.giveBack();
+          pages.returnPage();
           break;
         case Access::append:
           at = pages.fresh(page);

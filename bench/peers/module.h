@@ -13,7 +13,7 @@ class ModulePages {
   explicit ModulePages(const Task& task);
 
   const char* read(std::int64_t page) { return readToChange(page); }
-  void giveBack() { check(table_.qzpbufreturn(handle_, request_.buffer, nullptr)); }
+  void returnPage() { check(table_.qzpbufreturn(handle_, request_.buffer, nullptr)); }
   char* readToChange(std::int64_t page) {
     request_.pageNumber = page;
     check(table_.qzpread(handle_, &request_, nullptr));

@@ -20,7 +20,7 @@ class SqlitePages {
   ~SqlitePages();
 
   const char* read(std::int64_t page) { return readToChange(page); }
-  void giveBack() {}
+  void returnPage() {}
   char* readToChange(std::int64_t page) {
     check(sqlite3_blob_reopen(blob_, page));
     check(sqlite3_blob_read(blob_, page_.at(0), pageSize_, 0));

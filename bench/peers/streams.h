@@ -20,7 +20,7 @@ class StdioPages {
   }
 
   const char* read(std::int64_t page) { return readToChange(page); }
-  void giveBack() {}
+  void returnPage() {}
   char* readToChange(std::int64_t page) {
     seek(page);
     if (std::fread(page_.at(0), pageBytes_, 1, file_.get()) != 1) failWithErrno("fread");
