@@ -144,7 +144,7 @@ place_replicated() {
     exec 8>&-
     wait $pack && status=0 || status=$?
     rm "$W/packed"
-    judge "two bricks die, pack, $mode" 74 "not connected" $status "$(cat "$W/pack.said")"
+    judge "two bricks die, pack, $mode" IOERR "not connected" $status "$(cat "$W/pack.said")"
     ends "two bricks dead, verify, $mode" IOERR "too many of its replicas, cannot be reached" \
       $Q verify "$b/$file"
     ends "two bricks dead, pack, $mode" IOERR "too many of its replicas, cannot be reached" \
