@@ -122,7 +122,10 @@ void NewFile::make() {
     if (fd_ < 0) return temporary_.clear();
     setUnfinishedFile(folder_, temporary_.c_str());
   }
-  path_ = fmt::format("/proc/self/fd/{}", fd_);
+  // The module examines the file system of the folder in this path, so a file that has a name is
+  // reached through its folder: NFS, which has no files without a name, is seen as NFS.
+  path_ = temporary_.empty() ? fmt::format("/proc/self/fd/{}", fd_)
+                             : fmt::format("/proc/self/fd/{}/{}", folder_, temporary_);
 }
 
 void NewFile::release() {
