@@ -1,4 +1,5 @@
-// qzpfile bench FILE: reading through the module beside bare pread calls, in turns.
+// qzpfile bench FILE: compares reading through the module with bare pread calls, in alternating
+// rounds.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -32,7 +33,7 @@ struct Figure {
   double bareSeconds;
 };
 
-// A descriptor for the yardstick: what a program without the module would do.
+// The baseline: plain pread calls, as a program without the module would make them.
 class BareFile {
  public:
   BareFile(const std::string& name, bool direct)
@@ -53,8 +54,8 @@ class BareFile {
   int fd_;
 };
 
-// Memory of the kind that the module reads into: huge pages, for one, speed up direct I/O, and
-// the comparison is about calls, not about memory.
+// Memory from the module's pool. It may use huge pages, which speed up direct I/O; the comparison
+// is about calls, not about memory.
 class PoolMemory {
  public:
   PoolMemory(qz::MemoryPool* pool, std::size_t bytes)
@@ -129,7 +130,8 @@ class Bench {
     }
   }
 
-  // One call for as many of the pages, which then follow each other, as a transfer holds.
+  // Each call reads as many of the pages as the buffer holds. In block mode the pages are
+  // consecutive.
   void readBare(const std::vector<std::int64_t>& pages) {
     const std::size_t step = transfer_.bytes().size() / static_cast<std::size_t>(pageSize());
     for (std::size_t i = 0; i < pages.size(); i += step) {
@@ -200,7 +202,7 @@ Exit runBench(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
   const Source source = examineWhole(session, call.first, rawGeometry(call));
   if (source.measured.wholePages == 0) {
-    throw Failure(Exit::badData, "has no pages to read", call.first);
+    throw Failure(Exit::badData, "has no pages", call.first);
   }
   std::vector<File> files;
   std::vector<IoOutcome> skipped;

@@ -9,7 +9,8 @@
 namespace qzpfile {
 namespace {
 
-// --- Page by page. A written page stays cached; a returned one may have been changed and does not.
+// --- Page mode. A written page stays cached. A returned page does not: the program may have
+// changed it.
 
 class PageModel : public CacheModel {
  public:
@@ -19,19 +20,19 @@ class PageModel : public CacheModel {
   void read(std::int64_t page, Address address) override {
     addresses_[address] = page;
     if (held_[page]++ > 0 || uncache(page)) return;
-    takeBuffer(cached_.begin());  // the one released longest ago
+    takeBuffer(cached_.begin());  // the one cached longest ago
     transfer(1);
   }
 
   void acquire(Address address) override {
     addresses_[address] = kNoPage;
-    takeBuffer(std::prev(cached_.end()));  // the one released last
+    takeBuffer(std::prev(cached_.end()));  // the one cached last
   }
 
   void write(std::int64_t page, Address address) override {
     transfer(1);
     pages_ = std::max(pages_, page);
-    if (uncache(page)) ++empty_;  // an older copy
+    if (uncache(page)) ++empty_;  // the old copy
     if (endHold(address)) places_[page] = cached_.insert(cached_.end(), page);
   }
 
@@ -56,7 +57,7 @@ class PageModel : public CacheModel {
   using Pages = std::list<std::int64_t>;
   static constexpr std::int64_t kNoPage = 0;
 
-  // Takes the page out of the cache; false: it was not there.
+  // Removes the page from the cache. Returns false if it was not cached.
   bool uncache(std::int64_t page) {
     const auto found = places_.find(page);
     if (found == places_.end()) return false;
@@ -65,7 +66,7 @@ class PageModel : public CacheModel {
     return true;
   }
 
-  // An empty buffer, else the one given.
+  // Takes an empty buffer if there is one, else the buffer of `other`.
   void takeBuffer(Pages::iterator other) {
     if (empty_ > 0) {
       --empty_;
@@ -74,7 +75,7 @@ class PageModel : public CacheModel {
     }
   }
 
-  // True when the buffer is free again.
+  // Returns true if this was the buffer's last hold.
   bool endHold(Address address) {
     const auto found = addresses_.find(address);
     if (found == addresses_.end()) return false;
@@ -86,13 +87,14 @@ class PageModel : public CacheModel {
   }
 
   std::int64_t empty_;  // free buffers without a page
-  Pages cached_;        // the pages of the others, the one released longest ago first
+  Pages cached_;        // cached pages, oldest first
   std::unordered_map<std::int64_t, Pages::iterator> places_;
   std::unordered_map<std::int64_t, int> held_;
   std::unordered_map<Address, std::int64_t> addresses_;
 };
 
-// --- In blocks. Appended pages wait in a block of their own from a block's first page on.
+// --- Block mode. Appended pages are collected in the write block, from the first page of a block
+// on.
 
 struct Block {
   std::int64_t firstPage = 0;  // 0: empty
@@ -109,7 +111,7 @@ class BlockModel : public CacheModel {
       : CacheModel(shape, pages), free_(static_cast<std::size_t>(std::max(shape.buffers, 0))) {}
 
   void read(std::int64_t page, Address address) override {
-    const bool collected = waiting_.covers(page);
+    const bool collected = writeBlock_.covers(page);
     if (collected) writeBack();
     auto block = collected ? held_.end() : holdCached(page);
     if (block == held_.end()) {
@@ -159,13 +161,13 @@ class BlockModel : public CacheModel {
   }
 
   void writeBack() override {
-    if (waiting_.firstPage != 0) transfer(waiting_.lastPage - waiting_.firstPage + 1);
-    waiting_ = Block{};
+    if (writeBlock_.firstPage != 0) transfer(writeBlock_.lastPage - writeBlock_.firstPage + 1);
+    writeBlock_ = Block{};
   }
 
   void truncate(std::int64_t pages) override {
-    if (pages < waiting_.firstPage) waiting_ = Block{};
-    waiting_.lastPage = std::min(waiting_.lastPage, pages);
+    if (pages < writeBlock_.firstPage) writeBlock_ = Block{};
+    writeBlock_.lastPage = std::min(writeBlock_.lastPage, pages);
     writeBack();
     pages_ = pages;
     for (Block& block : free_) {
@@ -183,14 +185,15 @@ class BlockModel : public CacheModel {
   using Place = std::list<Block>::iterator;
   struct Hold {
     Place block;
-    std::int64_t page;  // 0: of an acquired block
+    std::int64_t page;  // 0 for an acquired block
   };
 
   std::int64_t firstOfBlock(std::int64_t page) const {
     return (page - 1) / shape_.pagesPerBlock * shape_.pagesPerBlock + 1;
   }
 
-  // Moves the block that has the page to the held ones, if it is not there; end: none has it.
+  // Moves the block that contains the page to the held list, if it is free. Returns held_.end() if
+  // no block contains it.
   Place holdCached(std::int64_t page) {
     const auto hasPage = [page](const Block& block) { return block.covers(page); };
     const auto cached = std::ranges::find_if(free_, hasPage);
@@ -199,13 +202,13 @@ class BlockModel : public CacheModel {
     return cached;
   }
 
-  // The first empty one, else the one released last.
+  // The first empty block, else the one returned last.
   Place nextFree() {
     const auto empty = std::ranges::find(free_, 0, &Block::firstPage);
     return empty != free_.end() ? empty : std::prev(free_.end());
   }
 
-  // Where all blocks are in use there is one more.
+  // Adds a block if none is free.
   Place holdFree() {
     if (free_.empty()) free_.emplace_front();
     held_.splice(held_.begin(), free_, nextFree());
@@ -222,21 +225,21 @@ class BlockModel : public CacheModel {
     return hold;
   }
 
-  // True when the page waits in memory now.
+  // Returns true if the page needs no call of its own.
   bool collect(std::int64_t page) {
-    if (waiting_.covers(page)) return true;
+    if (writeBlock_.covers(page)) return true;
     if (page <= pages_) return false;
-    const bool begins = waiting_.firstPage == 0 && page == firstOfBlock(page);
-    if (!begins && page != waiting_.lastPage + 1) return false;
-    if (begins) waiting_.firstPage = page;
-    waiting_.lastPage = page;
-    if (page - waiting_.firstPage + 1 == shape_.pagesPerBlock) writeBack();
+    const bool begins = writeBlock_.firstPage == 0 && page == firstOfBlock(page);
+    if (!begins && page != writeBlock_.lastPage + 1) return false;
+    if (begins) writeBlock_.firstPage = page;
+    writeBlock_.lastPage = page;
+    if (page - writeBlock_.firstPage + 1 == shape_.pagesPerBlock) writeBack();
     return true;
   }
 
   std::list<Block> free_;
   std::list<Block> held_;
-  Block waiting_;  // collected pages; covers none while it is empty
+  Block writeBlock_;  // covers no page while it is empty
   std::unordered_map<Address, std::list<Hold>> addresses_;
 };
 
@@ -248,7 +251,7 @@ std::unique_ptr<CacheModel> CacheModel::make(const BufferShape& shape, std::int6
 }
 
 void CacheModel::readMany(std::int64_t page, std::int64_t count, bool contiguous) {
-  constexpr std::int64_t kMostEntries = 1024;  // of one vector
+  constexpr std::int64_t kMostEntries = 1024;  // iovec entries per readv
   const std::int64_t step = contiguous ? std::max<std::int64_t>(count, 1) : kMostEntries;
   for (std::int64_t done = 0; done < count; done += step) {
     const std::int64_t left = std::clamp<std::int64_t>(pages_ - page - done + 1, 0, count - done);

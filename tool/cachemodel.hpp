@@ -1,7 +1,7 @@
-// What a file would have cost with other hints: the pages that a program read and wrote, replayed
-// through a model of the module's buffers. The model counts the calls that read and write pages and
-// the bytes that they move; it predicts no times. Failed operations are left out, and so are
-// headers, truncations and flushes, which cost the same in every mode.
+// Estimates what a file would have cost with other hints: replays the pages that a program read and
+// wrote through a model of the module's buffers. The model counts the calls that read and write
+// pages and the bytes that they transfer; it does not estimate times. Failed operations are left
+// out, and so are headers, truncations and flushes, which cost the same in every mode.
 #pragma once
 
 #include <cstdint>
@@ -24,14 +24,14 @@ struct Transfers {
 struct BufferShape {
   std::int32_t pageSize = 0;
   std::int32_t buffers = 0;
-  std::int32_t pagesPerBlock = 0;  // 0: page by page
+  std::int32_t pagesPerBlock = 0;  // 0: page mode
 };
 
-// Pages in memory, and who holds them. A hold is known by the address that the program had.
+// The pages in memory and their holds. A hold is identified by the address that the program got.
 class CacheModel {
  public:
   using Address = std::uint64_t;
-  static constexpr Address kOwnMemory = 0;  // of the program: no hold ends
+  static constexpr Address kOwnMemory = 0;  // the program's own memory: no hold ends
 
   static std::unique_ptr<CacheModel> make(const BufferShape& shape, std::int64_t pages);
   CacheModel(const CacheModel&) = delete;
@@ -45,7 +45,7 @@ class CacheModel {
   virtual void writeBack() {}
   virtual void truncate(std::int64_t pages) = 0;
   virtual void addBuffers(std::int32_t count) = 0;  // negative: removes them
-  // Goes past the buffers, in whatever mode.
+  // Bypasses the buffers in every mode.
   void readMany(std::int64_t page, std::int64_t count, bool contiguous);
 
   const Transfers& transfers() const { return transfers_; }
@@ -58,7 +58,7 @@ class CacheModel {
   }
 
   BufferShape shape_;
-  std::int64_t pages_;  // of the file, those that wait in memory included
+  std::int64_t pages_;  // pages in the file, including collected pages
 
  private:
   Transfers transfers_;

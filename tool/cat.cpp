@@ -1,4 +1,5 @@
-// qzpfile cat FILE: pages to standard output, read in runs past the module's cache.
+// qzpfile cat FILE: writes pages to standard output. It reads runs of pages past the module's
+// buffers.
 #include <unistd.h>
 
 #include <algorithm>

@@ -57,7 +57,7 @@ std::optional<std::uint64_t> PageChecksums::of(std::int64_t page) {
   if (!current_) return std::nullopt;
   if (const std::int64_t group = file_.geometry().groupOf(page); group != current_->group()) {
     current_->clear(group);
-    fits_ = false;  // and stays so if the checksum page cannot be read
+    fits_ = false;  // stays false if the checksum page cannot be read
     fits_ = current_->load(group, bytesOf(file_.readChecksumPage(group)));
   }
   return fits_ ? std::optional(current_->of(page)) : std::nullopt;
@@ -104,7 +104,7 @@ Failure damagedChecksums(const File& file, std::int64_t group) {
                  fmt::format("the checksum page of {} is damaged", pagesBetween(first, last)),
                  file.name())
       .at(first, geometry.storedOffset(geometry.storedChecksums(group)))
-      .tryThis("qzpfile repair computes the checksums anew and says whether the pages are good");
+      .tryThis("qzpfile repair recomputes the checksums and says whether the pages are good");
 }
 
 }  // namespace qzpfile

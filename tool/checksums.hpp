@@ -21,14 +21,14 @@ class ChecksumPage {
   explicit ChecksumPage(const Geometry& geometry);
 
   std::int64_t group() const { return group_; }
-  // Becomes the page of a group without pages.
+  // Starts an empty page for the group.
   void clear(std::int64_t group);
-  // Becomes what is stored for the group. False when that does not match its own checksum.
+  // Loads the stored page of the group. Returns false if it does not match its own checksum.
   bool load(std::int64_t group, std::span<const std::byte> stored);
-  // page: one of the group.
+  // page: must be in the group.
   std::uint64_t of(std::int64_t page) const;
   void set(std::int64_t page, std::uint64_t checksum);
-  // As it is to be stored.
+  // Updates the page's own checksum and returns the bytes to store.
   std::span<const std::byte> seal();
 
  private:
@@ -40,15 +40,15 @@ class ChecksumPage {
   AlignedBuffer bytes_;
 };
 
-// Looks up the checksums of a file's pages. Reads a checksum page where a new group begins: the
+// Looks up the checksums of a file's pages. Reads a checksum page when a new group begins; the
 // caller must not hold a page then.
 class PageChecksums {
  public:
   // file: must outlive this.
   explicit PageChecksums(File& file);
 
-  // The checksum that the page should have; nothing when the file has none for it, because of
-  // its version or because the checksum page is damaged.
+  // The checksum that the page should have. Nothing if the file has none for it, because of its
+  // version or because the checksum page is damaged.
   std::optional<std::uint64_t> of(std::int64_t page);
 
  private:
@@ -57,19 +57,20 @@ class PageChecksums {
   bool fits_ = false;
 };
 
-// Keeps the checksum pages true while pages are written in ascending order. The checksum page of a
-// new group is written twice: before the group, to keep its place, and complete.
+// Updates the checksum pages while pages are written in ascending order. The checksum page of a new
+// group is written twice: before the group, to reserve its place, and when it is complete.
 class ChecksumWriter {
  public:
   using Store = std::function<void(std::int64_t group, std::span<const std::byte> page)>;
 
-  // geometry: of the file as it will be. oldGroups: groups that the file has already; storeOld:
-  // takes their pages, which are not written in place. file: must outlive this.
+  // geometry: of the finished file. oldGroups: the number of groups that the file already has.
+  // storeOld: receives their checksum pages, which are not written in place. file: must outlive
+  // this.
   ChecksumWriter(File& file, const Geometry& geometry, std::int64_t oldGroups, Store storeOld);
 
-  // To be called before the page is written; returns the checksum that it had, 0 for a new page.
+  // Call this before the page is written. Returns the page's old checksum, 0 for a new page.
   std::uint64_t note(std::int64_t page, std::uint64_t checksum);
-  // Stores the checksum page that is not complete yet.
+  // Stores the checksum page of the last group.
   void finish();
 
  private:
@@ -82,7 +83,7 @@ class ChecksumWriter {
   Store storeOld_;
 };
 
-// The failure that a damaged checksum page is.
+// The failure to throw for a damaged checksum page.
 Failure damagedChecksums(const File& file, std::int64_t group);
 
 }  // namespace qzpfile

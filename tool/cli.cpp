@@ -20,8 +20,8 @@
 namespace qzpfile {
 namespace {
 
-// Adds an option whose text goes through `parse`; what it refuses is an error that says what is
-// wanted.
+// Adds an option whose text goes through `parse`. If `parse` rejects the text, the error message
+// says what is wanted.
 template <class Parse, class Store>
 CLI::Option* addParsed(CLI::App& app, const std::string& name, const char* type, const char* wanted,
                        const char* text, Parse parse, Store store) {
@@ -56,41 +56,42 @@ void addSizeOptions(CLI::App& app, const Command& command, Invocation& call) {
   const bool makes = (command.options & optionNewSizes) != 0;
   if (raw) {
     app.add_flag("--raw", call.raw,
-                 "take the file as header and pages without looking at its first bytes; sizes "
-                 "come from --page-size and --header-size");
+                 "treat the file as header and pages, whatever its first bytes are; give the sizes "
+                 "with --page-size and --header-size");
   }
-  addParsed(app, "--page-size", "SIZE", "a size from 1 byte to 1 GiB, as 4096 or 64K",
+  addParsed(app, "--page-size", "SIZE", "a size from 1 byte to 1 GiB, such as 4096 or 64K",
             !makes ? "page size of a --raw file"
-            : raw  ? "page size of the new file, or with --raw of both"
+            : raw  ? "page size of the new file; with --raw, of both files"
                    : "page size, 512 to 1G (default: chosen for moving whole files)",
             sizeWithin<1, kMaxPageSize>, [&call](std::int64_t size) { call.pageSize = size; });
-  addParsed(app, "--header-size", "SIZE", "a size from 0 bytes to 1 GiB, as 4096 or 4K",
+  addParsed(app, "--header-size", "SIZE", "a size from 0 bytes to 1 GiB, such as 4096 or 4K",
             !makes ? "header size of a --raw file (default: 0)"
-            : raw  ? "header size of the new file, or with --raw of both"
-                   : "where page 1 begins, 64 or more (default: 4K to 64K, as the page size)",
+            : raw  ? "header size of the new file; with --raw, of both files"
+                   : "offset of page 1, 64 or more (default: the page size, but 4K to 64K)",
             sizeWithin<0, kMaxHeaderSize>, [&call](std::int64_t size) { call.headerSize = size; });
 }
 
 void addIoOptions(CLI::App& app, const Command& command, Invocation& call) {
   if ((command.options & optionIo) != 0) {
-    addParsed(app, "--io", "MODE", "one of auto, buffered, direct, block",
-              "auto, buffered (the system's cache), direct (past the cache, page by page) or "
-              "block (past the cache, in large blocks); auto chooses by the work and the file "
-              "system",
-              oneOf<IoChoice>({{"auto", IoChoice::automatic},
-                               {"buffered", IoChoice::buffered},
-                               {"direct", IoChoice::direct},
-                               {"block", IoChoice::block}}),
-              [&call](IoChoice choice) { call.io.choice = choice; });
+    addParsed(
+        app, "--io", "MODE", "one of auto, buffered, direct, block",
+        "auto, buffered (through the system's cache), direct (past the cache, page by page) or "
+        "block (past the cache, in large blocks); auto chooses by the command and the file "
+        "system",
+        oneOf<IoChoice>({{"auto", IoChoice::automatic},
+                         {"buffered", IoChoice::buffered},
+                         {"direct", IoChoice::direct},
+                         {"block", IoChoice::block}}),
+        [&call](IoChoice choice) { call.io.choice = choice; });
   }
   if ((command.options & optionBlockSize) != 0) {
-    addParsed(app, "--block-size", "SIZE", "a size from 1 byte to 1 GiB, as 4M",
-              "bytes of a block in block mode (default: 4M)", sizeWithin<1, kMaxPageSize>,
+    addParsed(app, "--block-size", "SIZE", "a size from 1 byte to 1 GiB, such as 4M",
+              "size of a block in block mode (default: 4M)", sizeWithin<1, kMaxPageSize>,
               [&call](std::int64_t size) { call.io.blockBytes = static_cast<std::int32_t>(size); });
   }
   if ((command.options & optionBuffers) != 0) {
     addParsed(app, "--buffers", "N", "a number from 1 to 65536",
-              "buffers of the module, 1 to 65536 (default: 1)", sizeWithin<1, kMaxBuffers>,
+              "number of the module's buffers, 1 to 65536 (default: 1)", sizeWithin<1, kMaxBuffers>,
               [&call](std::int64_t count) { call.io.buffers = static_cast<std::int32_t>(count); });
   }
 }
@@ -98,14 +99,14 @@ void addIoOptions(CLI::App& app, const Command& command, Invocation& call) {
 void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   const auto has = [&command](Option option) { return (command.options & option) != 0; };
   if (has(optionPages)) {
-    addParsed(app, "--pages", "LIST", "a list of pages, as 7, 3-9, 3-, -9 or 1,3,7-9",
+    addParsed(app, "--pages", "LIST", "a list of pages, such as 7, 3-9, 3-, -9 or 1,3,7-9",
               "only these pages, counted from 1, in this order: 7, 3-9, 3-, -9 or 1,3,7-9",
               parsePageList,
               [&call](std::vector<PageRange> ranges) { call.pages = std::move(ranges); });
   }
   if (has(optionFormatVersion)) {
     addParsed(app, "--format-version", "N", "1 or 2",
-              "version of the file format: 2 (default), or 1 for programs that know no other",
+              "version of the file format: 2 (default), or 1 for programs that read only version 1",
               sizeWithin<1, kLatestVersion>,
               [&call](std::int64_t version) { call.formatVersion = static_cast<int>(version); });
   }
@@ -114,39 +115,39 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
                  "read in every I/O mode that the file system allows, and compare");
   }
   if (has(optionRepair)) {
-    app.add_flag("-n,--dry-run", call.dryRun, "only say what would be done");
-    app.add_flag("-y,--yes", call.yes, "give up what cannot be kept");
+    app.add_flag("-n,--dry-run", call.dryRun, "show what would be done and change nothing");
+    app.add_flag("-y,--yes", call.yes, "accept the loss of what cannot be kept");
   }
   if (has(optionAppend)) {
-    app.add_flag("--append", call.append, "write behind the last page");
+    app.add_flag("--append", call.append, "write after the last page");
   }
   if (has(optionSet)) {
     app.add_option("--set", call.setFrom,
-                   "replace the header by the bytes of this file, - for "
+                   "replace the header with the bytes of this file, - for "
                    "standard input")
         ->type_name("INPUT");
   }
-  if (has(optionForce)) app.add_flag("-f,--force", call.force, "replace a file that exists");
+  if (has(optionForce)) app.add_flag("-f,--force", call.force, "replace an existing file");
   if (has(optionKeepGoing)) {
     const std::string partial =
-        "of a file that is not whole, take the whole pages. Exit status 65 then";
+        "if the file has the wrong length, use its whole pages. The exit status is then 65";
     const bool judges = command.run == runVerify || command.run == runCompare;
     app.add_flag("-k,--keep-going", call.keepGoing,
-                 judges                   ? "list all that is found, not only the first"
+                 judges                   ? "list all findings, not only the first"
                  : command.run == runDump ? partial
-                                          : "name damaged pages and go on; " + partial);
+                                          : "report damaged pages and continue; " + partial);
   }
   if (has(optionMap)) {
-    app.add_flag("--map", call.map, "draw the whole file, a character for each run of pages");
+    app.add_flag("--map", call.map, "draw the whole file, one character for each run of pages");
   }
   if (has(optionSparse)) {
     addParsed(app, "--sparse", "WHEN", "one of auto, never",
-              "auto: runs of zeros of 64 KiB and more become holes of a regular file; never: zeros "
+              "auto: 64 KiB or more of zeros become a hole in a regular file; never: all zeros "
               "are written (default: auto)",
               oneOf<bool>({{"auto", true}, {"never", false}}),
               [&call](bool sparse) { call.sparse = sparse; });
   }
-  if (has(optionQuiet)) app.add_flag("-q,--quiet", call.quiet, "say nothing but errors");
+  if (has(optionQuiet)) app.add_flag("-q,--quiet", call.quiet, "print only errors and warnings");
   if (has(optionFormat)) {
     addParsed(app, "--format", "FORMAT", "text or json", "text or json (default: text)",
               oneOf<bool>({{"text", false}, {"json", true}}),
@@ -154,7 +155,7 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   }
   if (has(optionProgress)) {
     addParsed(app, "--progress", "WHEN", "one of auto, always, never",
-              "auto (on a terminal), always or never (default: auto)",
+              "show progress: auto (on a terminal), always or never (default: auto)",
               oneOf<ProgressChoice>({{"auto", ProgressChoice::automatic},
                                      {"always", ProgressChoice::always},
                                      {"never", ProgressChoice::never}}),
@@ -198,7 +199,7 @@ Failure usageFailure(const std::string& what, const std::string& command) {
       .tryThis(fmt::format("qzpfile {}--help", command.empty() ? "" : command + " "));
 }
 
-// A name that is not known, with the one that was probably meant.
+// An unknown name, with the known name that was probably meant.
 Failure unknownName(const char* what, const std::string& name,
                     const std::vector<std::string>& known, const std::string& command) {
   const std::string meant = closest(name, known);
@@ -207,7 +208,7 @@ Failure unknownName(const char* what, const std::string& name,
       .tryThis(meant.empty() ? help : fmt::format("{}, if that was meant, or {}", meant, help));
 }
 
-// A line that does not begin with a command or an option of the program itself.
+// Throws if the line does not begin with a command or an option of the program itself.
 void requireCommand(const std::vector<std::string>& words) {
   if (words.empty()) {
     throw usageFailure("name a command", "");
@@ -220,8 +221,8 @@ void requireCommand(const std::vector<std::string>& words) {
   }
 }
 
-// Long options that the parser would take in another way than they are meant: unknown ones, whose
-// value would pass for a file; "--io=", which would take the next word; "--force=no".
+// Rejects long options that the parser would misread: unknown ones, whose value would pass for a
+// file; "--io=", which would take the next word; and "--force=no".
 void checkOptions(const CLI::App& app, std::span<const std::string> words) {
   std::vector<std::string> known;
   for (const CLI::Option* option : app.get_options()) {
@@ -244,41 +245,41 @@ void checkOptions(const CLI::App& app, std::span<const std::string> words) {
       throw usageFailure(fmt::format("{} takes no value: \"{}\"", name, word), app.get_name());
     }
     if (equals + 1 == word.size()) {
-      throw usageFailure(fmt::format("{} has no value behind the =", name), app.get_name());
+      throw usageFailure(fmt::format("{} has no value after the =", name), app.get_name());
     }
   }
 }
 
-// What concerns more than one option.
+// Checks that concern more than one option.
 void checkTogether(const Command& command, const Invocation& call) {
   const bool makes = (command.options & optionNewSizes) != 0;
   if (call.raw && !call.pageSize && command.run != runRm) {
     throw usageFailure("--raw needs --page-size", command.name);
   }
   if (!call.raw && !makes && (call.pageSize || call.headerSize)) {
-    throw usageFailure("--page-size and --header-size need --raw: other files tell their own",
+    throw usageFailure("--page-size and --header-size need --raw: other files state their sizes",
                        command.name);
   }
   if ((call.first == "-" && command.run != runPack) ||
       (call.second == "-" && command.run != runUnpack)) {
     throw Failure(Exit::usage, "a paged file must be seekable; a pipe is not")
-        .tryThis("name a file: ./- if it is called so");
+        .tryThis("name a file; write ./- if it is called -");
   }
   if (call.json && call.quiet) {
-    throw usageFailure("--quiet and --format json exclude each other", command.name);
+    throw usageFailure("--quiet and --format json cannot be used together", command.name);
   }
   if (call.map && call.quiet) {
-    throw usageFailure("--quiet and --map exclude each other", command.name);
+    throw usageFailure("--quiet and --map cannot be used together", command.name);
   }
   if ((call.json || call.quiet) && command.run == runHeader && !call.setFrom) {
-    throw usageFailure("--format and --quiet are about the report of --set", command.name);
+    throw usageFailure("--format and --quiet need --set", command.name);
   }
   if (call.json && command.run == runUnpack && call.second == "-") {
-    throw usageFailure("--format json has no place beside the payload on standard output",
+    throw usageFailure("--format json cannot be used when the payload goes to standard output",
                        command.name);
   }
   if (command.run == runPut && call.append == call.page.has_value()) {
-    throw usageFailure("name either a PAGE or --append", command.name);
+    throw usageFailure("give either PAGE or --append", command.name);
   }
   if (call.page == 0 && command.run == runPut) {
     throw usageFailure("there is no page 0: pages are counted from 1", command.name);
@@ -319,7 +320,7 @@ std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std:
   } catch (const CLI::CallForVersion& version) {
     return std::string(version.what()) + "\n";
   } catch (const CLI::ExtrasError&) {
-    throw usageFailure(fmt::format("not expected: {}", fmt::join(app.remaining(true), " ")),
+    throw usageFailure(fmt::format("unexpected: {}", fmt::join(app.remaining(true), " ")),
                        chosen() == nullptr ? "" : chosen()->name);
   } catch (const CLI::ParseError& error) {
     throw usageFailure(error.what(), chosen() == nullptr ? "" : chosen()->name);

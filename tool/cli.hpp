@@ -1,4 +1,4 @@
-// The command line: parsed with all that can be checked before a file is touched, and explained.
+// The command line: parses it, makes all checks that need no file, and explains it.
 #pragma once
 
 #include <optional>
@@ -18,7 +18,7 @@ struct ParsedCommand {
 // The command to run, or the text that --help or --version asked for. Throws Failure (usage).
 std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std::string>& words);
 
-// True when the words ask for JSON, right or wrong as they may be otherwise.
+// True when the words ask for JSON, even if they are wrong otherwise.
 bool asksForJson(const std::vector<std::string>& words);
 
 }  // namespace qzpfile

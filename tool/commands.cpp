@@ -8,9 +8,9 @@
 namespace qzpfile {
 namespace {
 
-constexpr Argument kFile = {"FILE",
-                            "a file made by pack, a SQLite database or write-ahead log, or "
-                            "with --raw any paged file"};
+constexpr Argument kFile = {
+    "FILE",
+    "a file made by pack, a SQLite database or write-ahead log, or with --raw any paged file"};
 constexpr Argument kNone = {nullptr, nullptr};
 
 constexpr std::array kCommands = {
@@ -31,22 +31,23 @@ constexpr std::array kCommands = {
         "unpack",
         "get back what was packed",
         "Writes the bytes that were packed into INPUT to OUTPUT and checks them against the "
-        "checksum in the header. OUTPUT gets its name when all is well. Standard output may "
-        "have got bytes before damage is found: look at the exit status.",
+        "checksum in the header. OUTPUT gets its name when it is complete. Standard output may "
+        "already have received bytes when damage is found: check the exit status.",
         "qzpfile unpack backup.qzp backup.tar\tunpack into a file\n"
         "qzpfile unpack src.qzp - | tar t\tunpack into a pipe",
         {"INPUT", "a file made by pack"},
         {"OUTPUT", "the file to make, - for standard output"},
         kIoOptions | optionForce | optionKeepGoing | optionSparse | optionProgress | kResultOptions,
         runUnpack},
-    Command{
-        "info", "show sizes, kind and I/O mode of a paged file",
-        "Shows how FILE is divided into header and pages, what it holds, and which I/O mode "
-        "it is read in here. With --map reads all pages and draws where data, zeros and holes lie.",
-        "qzpfile info backup.qzp\tlook at a file\n"
-        "qzpfile info --io direct places.db\tsee whether direct I/O is to be had\n"
-        "qzpfile info --format json backup.qzp\tfor programs",
-        kFile, kNone, optionRaw | kIoOptions | optionMap | optionProgress | optionFormat, runInfo},
+    Command{"info", "show sizes, kind and I/O mode of a paged file",
+            "Shows how FILE is divided into header and pages, what kind of file it is, and the I/O "
+            "mode that it is read in. With --map, reads all pages and draws where data, zeros and "
+            "holes are.",
+            "qzpfile info backup.qzp\tlook at a file\n"
+            "qzpfile info --io direct places.db\tsee whether direct I/O is available\n"
+            "qzpfile info --format json backup.qzp\tfor programs",
+            kFile, kNone, optionRaw | kIoOptions | optionMap | optionProgress | optionFormat,
+            runInfo},
     Command{"cat", "write pages to standard output",
             "Writes the pages of FILE to standard output as they are, padding included.",
             "qzpfile cat --pages 3-5,9 backup.qzp > pages.bin\tfour pages\n"
@@ -56,90 +57,88 @@ constexpr std::array kCommands = {
             runCat},
     Command{"dump", "show pages in hexadecimal and text",
             "Shows the pages of FILE in hexadecimal and as text. Offsets count from the start of "
-            "the file; a line * stands for lines like the one above it.",
+            "the file; a line * replaces lines that repeat the line above it.",
             "qzpfile dump --pages 1 places.db\tthe first page\n"
             "qzpfile dump --raw --page-size 4K --pages 7- data.bin\tfrom page 7 on",
             kFile, kNone, optionRaw | kIoOptions | optionPages | optionKeepGoing, runDump},
     Command{"put",
             "write pages from standard input",
-            "Writes whole pages from standard input into FILE, from PAGE on or behind the last "
-            "page. In a file made by pack the header is kept up to date, and the payload ends "
-            "where the last page's bytes end: input that ends within the last page makes the "
-            "payload end there, and when pages are appended, the zeros that filled the page "
-            "before them become payload.",
-            "qzpfile put backup.qzp 3 < page.bin\treplace page 3 and, if there is more, the next "
-            "ones\n"
+            "Writes whole pages from standard input into FILE, starting at PAGE or after the last "
+            "page. In a file made by pack the header is kept up to date. There, input that ends "
+            "inside the last page of the file ends the payload; and when pages are appended, the "
+            "zeros that padded the old last page become payload.",
+            "qzpfile put backup.qzp 3 < page.bin\treplace page 3, and more pages if there is more "
+            "input\n"
             "qzpfile put --append --raw --page-size 4K data.bin < pages.bin\tadd pages",
             kFile,
             {"[PAGE]", "the first page to write, counted from 1"},
             optionRaw | kIoOptions | optionAppend | optionProgress | kResultOptions,
             runPut},
     Command{"truncate",
-            "cut a paged file to a number of pages",
-            "Cuts FILE to its first PAGES pages. In a file made by pack the header is kept up to "
-            "date.",
+            "truncate a paged file",
+            "Truncates FILE to its first PAGES pages. In a file made by pack the header is kept up "
+            "to date.",
             "qzpfile truncate backup.qzp 100\tkeep the first 100 pages",
             kFile,
             {"PAGES", "pages to keep"},
             optionRaw | kIoOptions | kResultOptions,
             runTruncate},
     Command{"header", "read or replace the header",
-            "Writes the bytes before page 1 to standard output; on a terminal in hexadecimal. "
-            "With --set replaces them, padded with zeros. A file made by pack only takes a header "
-            "that fits it.",
+            "Writes the bytes before page 1 to standard output; on a terminal in hexadecimal. With "
+            "--set, replaces them and pads them with zeros. A file made by pack takes only a "
+            "header that matches its pages.",
             "qzpfile header backup.qzp > header.bin\tsave the header\n"
             "qzpfile header --set header.bin backup.qzp\tput it back",
             kFile, kNone, optionRaw | optionSet | kResultOptions, runHeader},
     Command{"copy",
             "copy a paged file page by page",
-            "Copies SRC to DST through the module. A file made by pack is checked on the way and "
-            "can be given other page and header sizes; other files keep theirs. DST gets its name "
-            "when it is complete and on disk.",
+            "Copies SRC to DST through the module. A file made by pack is checked while it is "
+            "copied and can get other page and header sizes; other files keep theirs. DST gets its "
+            "name when it is complete and on disk.",
             "qzpfile copy --page-size 16K backup.qzp wide.qzp\tother pages, same payload\n"
-            "qzpfile copy places.db places-copy.db\ta SQLite database that nobody is writing\n"
+            "qzpfile copy places.db places-copy.db\ta SQLite database that nobody is writing to\n"
             "qzpfile copy --raw --page-size 4K --header-size 512 a.dat b.dat\tany paged file",
             {"SRC", kFile.text},
             {"DST", "the file to make"},
             optionNewSizes | optionFormatVersion | optionRaw | kIoOptions | optionForce |
                 optionKeepGoing | optionSparse | optionProgress | kResultOptions,
             runCopy},
-    Command{"compare",
-            "compare two paged files page by page",
-            "Compares the pages of A and B and says which is the first that differs. Files made by "
-            "pack with different page sizes are compared by what was packed. Exit status 1: they "
-            "differ.",
-            "qzpfile compare backup.qzp copy.qzp\tthe first difference\n"
-            "qzpfile compare --keep-going --format json a.db b.db\tall of them, for programs",
-            {"A", kFile.text},
-            {"B", "the file to compare it with"},
-            optionRaw | kIoOptions | optionKeepGoing | kResultOptions | optionProgress,
-            runCompare},
     Command{
-        "verify", "check a paged file",
-        "Checks that FILE is header plus whole pages and that every page matches its checksum. "
-        "Reads it once; with --every-mode in every I/O mode that the file system allows, each "
-        "of which must give the same bytes. With --map goes on behind damage and draws where it "
-        "lies. Exit status 1: it is damaged.",
-        "qzpfile verify backup.qzp\tcheck a file\n"
-        "qzpfile verify --map backup.qzp\tsee where the damage lies\n"
-        "qzpfile verify --keep-going --format json backup.qzp\tlist all that is wrong",
-        kFile, kNone,
-        optionRaw | optionIo | optionBlockSize | optionEveryMode | optionMap | optionKeepGoing |
-            kResultOptions | optionProgress,
-        runVerify},
+        "compare",
+        "compare two paged files page by page",
+        "Compares the pages of A and B and reports the first page that differs. Files made by pack "
+        "with different page sizes are compared by payload. Exit status 1: the files differ.",
+        "qzpfile compare backup.qzp copy.qzp\tthe first difference\n"
+        "qzpfile compare --keep-going --format json a.db b.db\tall differences, for programs",
+        {"A", kFile.text},
+        {"B", "the file to compare with A"},
+        optionRaw | kIoOptions | optionKeepGoing | kResultOptions | optionProgress,
+        runCompare},
+    Command{"verify", "check a paged file",
+            "Checks that FILE is a header plus whole pages and that every page matches its "
+            "checksum. Reads FILE once; with --every-mode, once in every I/O mode that the file "
+            "system allows, and all modes must give the same bytes. With --map, continues after "
+            "damage and draws where it is. Exit status 1: FILE is damaged.",
+            "qzpfile verify backup.qzp\tcheck a file\n"
+            "qzpfile verify --map backup.qzp\tsee where the damage is\n"
+            "qzpfile verify --keep-going --format json backup.qzp\tlist all damage",
+            kFile, kNone,
+            optionRaw | optionIo | optionBlockSize | optionEveryMode | optionMap | optionKeepGoing |
+                kResultOptions | optionProgress,
+            runVerify},
     Command{"bench", "measure reading a paged file",
             "Reads FILE in every I/O mode that the file system allows, in order and at random, "
-            "beside a loop of bare pread calls of the same size in the same mode, in turns. Shows "
-            "the rates and their ratio.",
+            "alternating with bare pread calls of the same size in the same mode. Shows both rates "
+            "and their ratio.",
             "qzpfile bench backup.qzp\tthis file on this disk\n"
             "qzpfile bench --block-size 1M --format json backup.qzp\tsmaller blocks, for programs",
             kFile, kNone, optionRaw | optionBlockSize | optionFormat | optionProgress, runBench},
     Command{"repair",
-            "bring a file made by pack back into order",
-            "Finishes or undoes a change of FILE that was interrupted, cuts away what is behind "
-            "its end or is no whole page, and computes checksums anew where that is proven to be "
-            "right. Says what is lost, page by page. What would be lost for good is only given "
-            "up with --yes. Exit status 1: FILE is not good yet.",
+            "repair a file made by pack",
+            "Finishes or undoes an interrupted change of FILE, removes bytes after its last page, "
+            "and recomputes checksums where the pages are proven to be right. Names each page that "
+            "is lost. If data would be lost for good, changes nothing unless --yes is given. Exit "
+            "status 1: FILE is still not good.",
             "qzpfile repair --dry-run backup.qzp\tsee what would be done\n"
             "qzpfile repair --yes backup.qzp\tkeep what can be kept",
             {"FILE", "a file made by pack"},
@@ -149,8 +148,8 @@ constexpr std::array kCommands = {
     Command{"trace",
             "sum up a trace of the module",
             "Sums up what libqziop-trace.so recorded into FILE: operations and their time, hits "
-            "and misses, pages and bytes moved, the slowest operations, every failure, and the "
-            "calls that other hints would have taken.",
+            "and misses, pages and bytes moved, the slowest operations, every failure, and how "
+            "many calls other hints would have needed.",
             "QZIOP_TRACE=t.json qzpfile pack --module libqziop-trace.so a.tar a.qzp\trecord one\n"
             "qzpfile trace t.json\tsum it up\n"
             "qzpfile trace --format json t.json\tfor programs",
@@ -158,10 +157,9 @@ constexpr std::array kCommands = {
             kNone,
             optionFormat,
             runTrace},
-    Command{"rm", "remove a paged file",
-            "Removes FILE, if it is a paged file. With --raw it may be any file.",
-            "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw | kResultOptions,
-            runRm},
+    Command{
+        "rm", "remove a paged file", "Removes FILE if it is a paged file; with --raw, any file.",
+        "qzpfile rm backup.qzp\tremove a file", kFile, kNone, optionRaw | kResultOptions, runRm},
 };
 
 }  // namespace
@@ -183,7 +181,7 @@ std::vector<PageRange> pagesOf(const Invocation& call, const File& file) {
     const bool toTheEnd = range.last == PageRange::kToTheEnd;
     const std::int64_t wanted = toTheEnd ? range.first : range.last;
     if (wanted > std::max<std::int64_t>(count, toTheEnd ? 1 : 0)) {
-      throw Failure(Exit::usage, fmt::format("page {} is behind the last page, {}", wanted, count),
+      throw Failure(Exit::usage, fmt::format("page {} is past the last page, {}", wanted, count),
                     file.name());
     }
     if (toTheEnd) range.last = count;

@@ -1,4 +1,4 @@
-// The commands: what each takes on the command line and the function that runs it.
+// The commands: what each takes on the command line, and the function that runs it.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@
 
 namespace qzpfile {
 
-// A command line, understood.
+// A parsed command line.
 struct Invocation {
   std::string first;   // the first file: INPUT, SRC, A or FILE
   std::string second;  // the second: OUTPUT, DST or B
@@ -42,10 +42,10 @@ struct Invocation {
   ProgressChoice progress = ProgressChoice::automatic;
 };
 
-// Options that a command can have, besides --help, --module and --verbose, which all have.
+// Options of a command, besides --help, --module and --verbose, which all commands have.
 enum Option : unsigned {
-  optionNewSizes = 0x1,  // --page-size, --header-size of a file to be made
-  optionRaw = 0x2,       // --raw with the same two
+  optionNewSizes = 0x1,  // --page-size, --header-size of a new file
+  optionRaw = 0x2,       // --raw with --page-size and --header-size
   optionIo = 0x4,        // --io
   optionBlockSize = 0x8,
   optionBuffers = 0x10,
@@ -66,16 +66,16 @@ enum Option : unsigned {
 inline constexpr unsigned kIoOptions = optionIo | optionBlockSize | optionBuffers;
 inline constexpr unsigned kResultOptions = optionFormat | optionQuiet;
 
-// An argument without dashes.
+// A positional argument.
 struct Argument {
-  const char* name;  // "INPUT", or "[PAGE]" for one that may be left out; null: none
+  const char* name;  // "INPUT", or "[PAGE]" if it is optional; null: none
   const char* text;
 };
 
 struct Command {
   const char* name;
   const char* summary;   // one line for the list of commands
-  const char* text;      // what it does, for its own help
+  const char* text;      // what the command does, for its own help
   const char* examples;  // lines "command<tab>what it does"
   Argument first;
   Argument second;  // a file, except for the page numbers of put and truncate
@@ -85,13 +85,13 @@ struct Command {
 
 std::span<const Command> commands();
 
-// The geometry that --raw, --page-size and --header-size give; nothing without --raw.
+// The geometry given by --raw, --page-size and --header-size; nothing without --raw.
 std::optional<RawGeometry> rawGeometry(const Invocation& call);
 
-// The pages of --pages. Refuses pages that `file` does not have.
+// The pages of --pages. Throws if `file` does not have them.
 std::vector<PageRange> pagesOf(const Invocation& call, const File& file);
 
-// Checks sizes for a file of the tool's own.
+// Checks the sizes of a packed file.
 Geometry ownGeometry(int version, std::int64_t pageSize, std::int64_t headerSize,
                      const std::string& file);
 

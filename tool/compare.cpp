@@ -1,4 +1,4 @@
-// qzpfile compare A B: where two paged files differ.
+// qzpfile compare A B: finds where two paged files differ.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -18,7 +18,7 @@ namespace {
 struct Difference {
   std::string what;  // "page", or the name of a size: "page_count", ...
   std::string text;
-  std::int64_t a = 0;  // the two sizes, or for bytes the file offsets
+  std::int64_t a = 0;  // the two sizes, or the file offsets of the bytes
   std::int64_t b = 0;
   std::int64_t page = 0;   // of A; pages and payload only
   std::int64_t pageB = 0;  // payload only
@@ -61,7 +61,8 @@ class Comparison {
                             .page = page});
   }
 
-  // Bytes of both payloads that begin at `position` there and in these pages at these offsets.
+  // Compares bytes of both payloads. They begin at payload byte `position`, in these pages at these
+  // file offsets.
   void payload(std::int64_t position, std::span<const std::byte> a, std::int64_t pageA,
                std::int64_t offsetA, std::span<const std::byte> b, std::int64_t pageB,
                std::int64_t offsetB) {
@@ -119,14 +120,14 @@ void comparePages(Session& session, const Invocation& call, const Source& a, con
   }
 }
 
-// The payload of one of the tool's own files, as far as its pages go.
+// Reads the payload of a packed file, as far as the file has pages.
 class PayloadReader {
  public:
   explicit PayloadReader(File& file) : file_(file) { next(); }
 
   std::span<const std::byte> piece() const { return piece_; }  // empty: the payload has ended
   std::int64_t page() const { return page_; }
-  std::int64_t offset() const {  // of the piece, in the file
+  std::int64_t offset() const {  // file offset of the piece
     return file_.geometry().offsetOf(page_) + (piece_.data() - bytesOf(*hold_).data());
   }
 
@@ -224,7 +225,7 @@ Exit runCompare(const Invocation& call) {
   } else if (a.geometry.pageSize != b.geometry.pageSize) {
     comparison.sizes("page_size", "page size", a.geometry.pageSize, b.geometry.pageSize);
   } else {
-    // The first page that differs says more than a size that follows from it.
+    // The first page that differs says more than the sizes that differ because of it.
     comparePages(session, call, a, b, comparison);
     comparison.sizes("page_count", "pages", a.measured.wholePages, b.measured.wholePages);
     compareHeaders(a, b, comparison);

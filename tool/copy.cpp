@@ -1,4 +1,4 @@
-// qzpfile copy SRC DST: page by page; the tool's own files also into pages of another size.
+// qzpfile copy SRC DST: copies page by page; packed files also into pages of another size.
 #include <fmt/format.h>
 #include <sys/stat.h>
 
@@ -15,7 +15,7 @@
 namespace qzpfile {
 namespace {
 
-// The payload, checked on the way, in pages of the new size.
+// Copies the payload into pages of the new size and checks it.
 bool copyOwn(const Source& source, File& from, File& to, const OnDamage& onDamage,
              HolePuncher& holes, Progress& progress) {
   std::vector<std::byte> header = readHeader(source);
@@ -39,7 +39,7 @@ bool copyOwn(const Source& source, File& from, File& to, const OnDamage& onDamag
   return good;
 }
 
-// Header and pages as they are.
+// Copies header and pages as they are.
 void copyForeign(const Source& source, File& from, File& to, HolePuncher& holes,
                  Progress& progress) {
   if (source.geometry.headerSize > 0) to.writeHeader(readHeader(source));
@@ -58,7 +58,7 @@ Geometry targetGeometry(const Invocation& call, const Source& source) {
   if (!source.geometry.header) {
     if (!call.raw && (call.pageSize || call.headerSize)) {
       throw Failure(Exit::usage,
-                    fmt::format("is a {}: its sizes are part of it and cannot be changed",
+                    fmt::format("is a {}: its page and header sizes cannot be changed",
                                 kindName(source.geometry.kind)),
                     call.first)
           .tryThis("leave out --page-size and --header-size");
@@ -69,14 +69,15 @@ Geometry targetGeometry(const Invocation& call, const Source& source) {
                      call.headerSize.value_or(source.geometry.headerSize), call.second);
 }
 
-// What SQLite has written to its log since the last checkpoint is part of the database.
+// The changes that SQLite has logged since the last checkpoint are part of the database.
 void warnOfLog(const std::string& database) {
   const std::string log = database + "-wal";
   struct stat info = {};
   if (stat(log.c_str(), &info) == 0 && info.st_size > 0) {
-    warn(database, fmt::format("changes in {} are not in the copy: copy that file too, under the "
-                               "copy's name and -wal, while nobody writes to the database",
-                               log));
+    warn(database,
+         fmt::format("changes in {} are not in the copy: copy that file too, as the copy's "
+                     "name plus -wal, while nobody writes to the database",
+                     log));
   }
 }
 
@@ -95,7 +96,7 @@ Exit runCopy(const Invocation& call) {
   NewFile target(call.second, call.force, originOf(from.handle().fd));
   File to =
       File::create(session, target.path(), call.second, geometry, call.io, source.measured.found);
-  // The module collects pages into blocks, the payload's writer into batches.
+  // The module and the payload writer both collect pages before they write them.
   const std::int64_t lag = 2 * std::int64_t{to.handle().blockBytes} + (1 << 20);
   HolePuncher holes(call.sparse ? target.fd() : -1, lag + 2 * std::int64_t{geometry.pageSize});
   bool good = true;
@@ -119,7 +120,7 @@ Exit runCopy(const Invocation& call) {
                 {"header_size", geometry.headerSize},
                 {"io", jsonIo(to.io())}});
   if (!good)
-    warn(call.second, "damaged pages were copied as they are, with checksums that fit them");
+    warn(call.second, "damaged pages were copied as they are, with new checksums that match them");
   if (source.geometry.kind == FileKind::sqliteDatabase) warnOfLog(call.first);
   return exit;
 }

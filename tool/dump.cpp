@@ -22,7 +22,7 @@ Exit runDump(const Invocation& call) {
     for (std::int64_t left = range.last - range.first + 1; left > 0; --left) {
       const std::int64_t page = range.last - left + 1;
       const std::int64_t offset = source.geometry.offsetOf(page);
-      file.readMany(page, bytes.bytes());  // in any order of pages
+      file.readMany(page, bytes.bytes());  // the pages may be in any order
       file.requireUncut();
       fmt::print("{}page {}, offset {}{}\n", colour ? "\x1b[1m" : "", page, offset,
                  colour ? "\x1b[0m" : "");

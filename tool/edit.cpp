@@ -11,8 +11,8 @@
 namespace qzpfile {
 namespace {
 
-// The lock of the look ends with it, before the file is locked for changing: nothing that it told
-// is believed but the sizes that choose the I/O mode.
+// The first look chooses the I/O mode. Its lock ends before the file is locked to be changed, so
+// nothing else from the look is used.
 File lockedFile(Session& session, const std::string& name, const std::optional<RawGeometry>& raw,
                 const IoRequest& io) {
   Source look = examine(session, name, raw);
@@ -20,7 +20,7 @@ File lockedFile(Session& session, const std::string& name, const std::optional<R
   return File::lockToChange(session, look, io);
 }
 
-// Only the flag and the header's checksum differ from what is there.
+// Changes only the flag and the header's checksum.
 void writeMarked(const PlainFile& file, Header header, bool preparing) {
   header.preparing = preparing;
   file.write(encodeHeader(header), 0);
@@ -30,9 +30,9 @@ void writeMarked(const PlainFile& file, Header header, bool preparing) {
 }  // namespace
 
 void settleChange(const PlainFile& file, const Source& source) {
-  if (source.unfinished == Unfinished::decided) {
+  if (source.unfinished == Unfinished::committed) {
     applyRecord(file, source.change);
-  } else if (source.unfinished == Unfinished::undecided) {
+  } else if (source.unfinished == Unfinished::uncommitted) {
     file.truncate(source.geometry.header->fileBytes());
     file.sync();
     writeMarked(file, *source.geometry.header, false);
@@ -47,7 +47,7 @@ PageEditor::PageEditor(Session& session, const std::string& name,
   source_ = inspect(plain, raw);
   if (source_.unfinished != Unfinished::no) {
     warn(name, fmt::format("an interrupted change was {}",
-                           source_.unfinished == Unfinished::decided ? "finished" : "undone"));
+                           source_.unfinished == Unfinished::committed ? "finished" : "undone"));
     settleChange(plain, source_);
     source_ = inspect(plain, raw);
   }
@@ -59,13 +59,13 @@ PageEditor::PageEditor(Session& session, const std::string& name,
   pageCount_ = file_.pageCount();
 }
 
-// The mark must be on disk before the first byte behind the end is.
+// The mark must be on disk before any byte after the end of the file.
 void PageEditor::prepare() {
   begun_ = true;
   if (!before_) return;
   writeMarked(*plain_, *before_, true);
-  // Checksum pages that are there already wait for the record, those of whole groups that a
-  // truncate takes away excepted.
+  // Existing checksum pages wait for the record, except those of whole groups that a truncate
+  // removes.
   checksums_.emplace(file_, file_.geometry(),
                      groupCount(pageCount_, file_.geometry().pagesPerGroup),
                      [this](std::int64_t group, std::span<const std::byte> page) {
@@ -82,14 +82,14 @@ void PageEditor::beginWrite(std::int64_t first, std::optional<std::int64_t> coun
   prepare();
   if (header_ && count) {
     lastPage_ = first + *count - 1;
-    // Replaced pages wait in the record, behind the place of the appended ones.
+    // Replaced pages wait in the record, after the appended pages.
     Header longest = *header_;
     longest.payloadBytes = std::max(pageCount_, *lastPage_) * longest.pageSize;
     record_.emplace(*plain_, longest.fileBytes());
   }
 }
 
-// The whole of a file of version 1: its checksum does not tell about single pages.
+// Checks the whole file: version 1 has no checksums of single pages.
 bool PageEditor::fitsChecksum() {
   std::uint64_t sum = 0;
   for (std::int64_t page = 1; page <= pageCount_; ++page) {
@@ -108,7 +108,7 @@ void PageEditor::write(std::int64_t page, std::span<const std::byte> bytes) {
     return;
   }
   if (lastPage_ && page > *lastPage_) {
-    throw Failure(Exit::badData, "standard input became longer while it was read", file_.name());
+    throw Failure(Exit::badData, "standard input grew while it was read", file_.name());
   }
   if (bytes.size() < pageSize) {
     padded_.assign(bytes.begin(), bytes.end());
@@ -174,8 +174,8 @@ void PageEditor::finish() {
     } else {
       record_->add(0, headerArea_);
     }
-    const ChangeRecord change = record_->decide(header_->fileBytes());
-    decided_ = true;
+    const ChangeRecord change = record_->commit(header_->fileBytes());
+    committed_ = true;
     applyRecord(*plain_, change);
   }
   begun_ = false;
@@ -184,22 +184,22 @@ void PageEditor::finish() {
 
 PageEditor::~PageEditor() {
   try {
-    if (begun_ && !decided_) undo();
+    if (begun_ && !committed_) undo();
   } catch (const std::exception&) {
-    // The failure that led here is the one to report. The next change finds the mark.
+    // The earlier failure is the one to report. The next change finds the mark.
     begun_ = false;
   }
   file_.keepEmpty();
 }
 
-// Of other files only appended pages can be taken away; pages that were replaced stay.
+// In other files only appended pages can be removed; replaced pages stay.
 void PageEditor::undo() {
   if (!before_) {
     if (appends_) file_.truncate(source_.measured.wholePages);
     file_.flush();
     return;
   }
-  file_.truncate(before_->storedPages());  // the module drops pages that it has not written yet
+  file_.truncate(before_->storedPages());  // the module discards pages that it has not written yet
   plain_->truncate(before_->fileBytes());
   plain_->sync();
   writeMarked(*plain_, *before_, false);

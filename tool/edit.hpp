@@ -1,5 +1,5 @@
-// Changes of a file's pages. Files of the tool's own survive an interruption at any point: the
-// change is prepared behind the end of the file, decided by a record, and then carried out;
+// Changes to a file's pages. A packed file survives an interruption at any point: the change is
+// prepared after the end of the file, committed by a record, and then carried out.
 // docs/file-format.md says what is on disk at each moment. Other files are changed in place.
 #pragma once
 
@@ -16,7 +16,7 @@
 
 namespace qzpfile {
 
-// Opens a file for changing and holds the lock from the first look to the end.
+// Opens a file to change it and holds a lock from the first look to the end.
 class PageEditor {
  public:
   // Finishes or undoes a change that was interrupted.
@@ -24,8 +24,8 @@ class PageEditor {
              const IoRequest& io);
   PageEditor(const PageEditor&) = delete;
   PageEditor& operator=(const PageEditor&) = delete;
-  // Undoes a change that was begun and not decided: a file of the tool's own is left as it was, of
-  // others appended pages are taken away. What fails then is left to the next change.
+  // Undoes a change that was begun and not committed: a packed file is restored; in other files
+  // appended pages are removed. If that fails, the next change undoes it.
   ~PageEditor();
 
   const File& file() const { return file_; }
@@ -34,20 +34,19 @@ class PageEditor {
   std::int64_t pageCount() const { return pageCount_; }
   // False for files that are changed in place.
   bool isOwn() const { return before_.has_value(); }
-  // True once the change is sure to be carried out, by the next change if not by this one.
-  bool isDecided() const { return decided_; }
+  // True once the change is certain: if this program does not finish it, the next change does.
+  bool isCommitted() const { return committed_; }
 
-  // Begins to write pages from `first` on, in ascending order: `count` of them, which only a write
-  // behind the last page may leave open.
+  // Begins a write of `count` pages from `first` on, in ascending order. `count` may be nothing
+  // only if the pages are appended.
   void beginWrite(std::int64_t first, std::optional<std::int64_t> count);
-  // Fewer bytes than a page are only for the last page of a file of the tool's own: they end its
-  // payload.
+  // A page may be short only if it is the last page of a packed file; it ends the payload.
   void write(std::int64_t page, std::span<const std::byte> bytes);
-  // Cuts the file to `pages` pages.
+  // Truncates the file to `pages` pages.
   void truncate(std::int64_t pages);
-  // Replaces the header area; what is not given becomes zeros.
+  // Replaces the header area; missing bytes become zeros.
   void replaceHeader(std::vector<std::byte> area);
-  // Decides the change and carries it out, all of it on disk, and closes the file.
+  // Commits the change, carries it out, flushes and closes the file.
   void finish();
 
  private:
@@ -57,23 +56,23 @@ class PageEditor {
 
   Source source_;
   File file_;
-  std::optional<PlainFile> plain_;  // files of the tool's own, as the next
+  std::optional<PlainFile> plain_;  // packed files only, like the next two
   std::optional<Header> before_;
   std::optional<Header> header_;
   std::int64_t pageCount_ = 0;
-  std::optional<std::int64_t> lastPage_;  // that this change may write
+  std::optional<std::int64_t> lastPage_;  // the last page that this change may write
   bool begun_ = false;
-  bool decided_ = false;
-  bool appends_ = false;     // behind the last page, and nothing else
-  bool soundBefore_ = true;  // version 1: the payload checksum fitted
+  bool committed_ = false;
+  bool appends_ = false;     // only after the last page
+  bool soundBefore_ = true;  // version 1: the payload checksum matched
   std::optional<ChecksumWriter> checksums_;
   std::optional<RecordWriter> record_;
   std::vector<std::pair<std::int64_t, std::vector<std::byte>>> kept_;  // targets and pieces
-  std::vector<std::byte> headerArea_;  // of a header that is replaced
-  std::vector<std::byte> padded_;      // a short page
+  std::vector<std::byte> headerArea_;                                  // the new header
+  std::vector<std::byte> padded_;                                      // a short page
 };
 
-// Finishes or undoes the interrupted change of a locked file of the tool's own.
+// Finishes or undoes the interrupted change of a locked packed file.
 void settleChange(const PlainFile& file, const Source& source);
 
 }  // namespace qzpfile

@@ -91,10 +91,10 @@ const char* hintForErrno(Purpose purpose, int errorNumber) {
     case ENOENT:
     case ENOTDIR:
       return purpose == Purpose::input ? "check the name and the folder it is in"
-                                       : "make the folder first";
+                                       : "create the folder first";
     case EACCES:
     case EPERM:
-      return "look at the permissions of the file and of its folder (ls -l)";
+      return "check the permissions of the file and of its folder (ls -l)";
     case EISDIR:
       return "name a file, not a folder";
     case ENOSPC:
@@ -103,11 +103,11 @@ const char* hintForErrno(Purpose purpose, int errorNumber) {
     case EFBIG:
       return "raise the file size limit (ulimit -f), or write to a file system with larger files";
     case EINVAL:
-      return "this file system does not take this kind of direct I/O: use --io buffered or auto";
+      return "this file system does not support this direct I/O: use --io buffered or auto";
     case EIO:
-      return "the disk may be failing: look at the system log, and copy what can still be read";
+      return "the disk may be failing: check the system log, and copy what can still be read";
     case EROFS:
-      return "use another file system, or have this one mounted for writing";
+      return "use another file system, or remount this one for writing";
     case ENOTCONN:
     case ESTALE:
     case ETIMEDOUT:
@@ -137,8 +137,8 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
     case qz::Status::endOfFile:
     case qz::Status::shorterThanHeader:
       if (error.errorNumber == 0) {
-        return "the file changed while it was in use, or its file system delivered only a part of "
-               "what was read: try again";
+        return "the file changed while it was in use, or its file system returned only a part "
+               "of what was read: try again";
       }
       break;
     // The system's error number decides.
@@ -176,8 +176,8 @@ const char* hintForStatus(Purpose purpose, const qz::Error& error) {
   return hintForErrno(purpose, error.errorNumber);
 }
 
-// Why the system wrote only a part, which it does without an error: the next byte would have found
-// the file size limit if there is room on the disk up to it, else the end of the disk.
+// Why the system wrote only a part, which it reports without an error: the file size limit if the
+// disk has room up to that limit, else a full disk.
 int reasonForPart(const std::string& file) {
   rlimit limit = {};
   struct stat info = {};

@@ -1,5 +1,5 @@
-// What goes wrong in a command: thrown, shown once at the end as text or JSON, and turned into
-// the program's exit status.
+// The failure of a command: thrown, shown once at the end as text or JSON, and turned into the
+// program's exit status.
 #pragma once
 
 #include <cstdint>
@@ -13,11 +13,11 @@ namespace qzpfile {
 
 enum class Exit {
   good = 0,
-  different = 1,      // verified or compared, and found different
-  usage = 64,         // the command line
-  badData = 65,       // a file is not what it should be
-  noInput = 66,       // a file to read is missing or cannot be read as one
-  cannotCreate = 73,  // a file to write exists already or cannot be made
+  different = 1,      // verify or compare found damage or a difference
+  usage = 64,         // the command line is wrong
+  badData = 65,       // a file is damaged or not of the expected kind
+  noInput = 66,       // a file to read is missing or cannot be read
+  cannotCreate = 73,  // a file to write already exists or cannot be created
   ioError = 74,
   noPermission = 77,
 };
@@ -32,17 +32,17 @@ class Failure : public std::exception {
   // What happened and why, without the file's name.
   std::string reason() const;
 
-  // Additions to a failure in the making.
+  // Each adds a detail to a temporary Failure.
   Failure at(std::int64_t page, std::int64_t offset) &&;  // offset: bytes into the file
   Failure because(int errorNumber) &&;                    // the system's reason
   Failure fromModule(const qz::Error& error) &&;
   Failure tryThis(std::string hint) &&;
-  // What the failed command has done all the same.
+  // Adds what the failed command has or has not changed.
   void note(std::string text) { note_ = std::move(text); }
 
-  // Several lines for standard error, each ended; `colour` marks the first.
+  // Several lines for standard error, each with its newline; `colour` highlights the first line.
   std::string text(bool colour) const;
-  // One JSON document of the schema "qzpfile/error", ended.
+  // One JSON document of the schema "qzpfile/error", with its newline.
   std::string json() const;
 
  private:
@@ -58,10 +58,10 @@ class Failure : public std::exception {
   std::string hint_;
 };
 
-// What a file was wanted for; decides between "no input" and "cannot create".
+// Whether a file was to be read or written: this decides between "no input" and "cannot create".
 enum class Purpose { input, output };
 
-// A failed system call of the tool's own. errorNumber: its errno.
+// A failed system call of the tool itself. errorNumber: its errno.
 Failure systemFailure(Purpose purpose, std::string what, std::string file, int errorNumber);
 
 // A failed operation of the module on `file`.

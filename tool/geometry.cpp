@@ -61,7 +61,7 @@ std::optional<Geometry> recogniseWal(std::span<const std::byte> bytes) {
 const char* faultText(HeaderFault fault) {
   switch (fault) {
     case HeaderFault::foreign:
-      return "is no kind of paged file that this program knows";
+      return "is not a paged file of a known kind";
     case HeaderFault::cut:
       return "ends inside its header";
     case HeaderFault::noVersion:
@@ -113,17 +113,17 @@ const char* advice(std::span<const std::byte> firstBytes) {
   const std::variant<Header, HeaderFault> own = decodeHeader(firstBytes);
   const auto* const fault = std::get_if<HeaderFault>(&own);
   if (firstBytes.empty() || (fault != nullptr && *fault == HeaderFault::cut)) {
-    return "get a whole copy of the file";
+    return "get a complete copy of the file";
   }
   if (fault != nullptr && (*fault == HeaderFault::version || *fault == HeaderFault::flags ||
                            *fault == HeaderFault::reserved)) {
     return "use a later version of this program";
   }
   if (fault != nullptr && *fault != HeaderFault::foreign) {
-    return "qzpfile repair; or give it a sound header: qzpfile header --raw --page-size N "
-           "--header-size N --set INPUT; its pages can be read with --raw as they are";
+    return "qzpfile repair; or write a valid header: qzpfile header --raw --page-size N "
+           "--header-size N --set INPUT; --raw reads the pages as they are";
   }
-  return "if it is a paged file all the same, describe it: --raw --page-size N --header-size N";
+  return "if it is a paged file anyway, give its sizes: --raw --page-size N --header-size N";
 }
 
 const char* kindName(FileKind kind) {
@@ -161,15 +161,16 @@ std::string notWholeText(const Measure& measured, const Geometry& geometry) {
                         counted(measured.wholePages, "whole page"), geometry.pageSize,
                         counted(measured.leftOver, "left-over byte"));
   if (geometry.header) {
-    return fmt::format("is not whole: expected {} ({}), {}", counted(measured.expected, "byte"),
+    return fmt::format("has the wrong length: expected {} ({}), {}",
+                       counted(measured.expected, "byte"),
                        counted(geometry.header->pageCount(), "page"), found);
   }
   const std::string cause = geometry.kind == FileKind::raw
                                 ? fmt::format("does not fit --page-size {} --header-size {}",
                                               geometry.pageSize, geometry.headerSize)
-                                : std::string("is not whole");
+                                : std::string("has the wrong length");
   if (measured.inHeader) return fmt::format("{}: {}", cause, found);
-  // The next page may end behind the largest offset that there is.
+  // The next page may end past the largest possible offset.
   const auto next =
       static_cast<std::uint64_t>(measured.expected) + static_cast<std::uint64_t>(geometry.pageSize);
   return fmt::format("{}: expected {} or {} bytes, {}", cause, measured.expected, next, found);

@@ -14,7 +14,7 @@
 namespace qzpfile {
 namespace {
 
-// The 0x1A ends the text for programs that take the file for one.
+// The 0x1A ends the text for programs that treat the file as text.
 constexpr std::array<unsigned char, 8> kMagic = {'Q', 'Z', 'P', 'F', 'I', 'L', 'E', 0x1A};
 constexpr std::uint32_t kChanging = 0x1;
 constexpr std::uint32_t kPreparing = 0x2;
@@ -43,8 +43,8 @@ bool within(std::uint64_t value, std::int64_t least, std::int64_t most) {
   return value >= static_cast<std::uint64_t>(least) && value <= static_cast<std::uint64_t>(most);
 }
 
-// True when setting or clearing kPreparing was cut short: the flag and the header's checksum are
-// old and new in parts, each byte one or the other.
+// True when setting or clearing kPreparing was interrupted: each byte of the flag and of the
+// header's checksum is either old or new.
 bool isFlaggedInPart(std::span<const std::byte> bytes) {
   std::array<std::byte, kHeaderBytes> other{};
   std::ranges::copy(bytes.first(kHeaderBytes), other.begin());

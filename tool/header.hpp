@@ -1,6 +1,5 @@
-// The header that the tool gives its own files, and the checksums of their pages;
-// docs/file-format.md describes both byte by byte. Encoding and decoding are pure functions over
-// bytes: decode accepts anything.
+// The header of packed files and the checksums of their pages. docs/file-format.md describes both
+// byte by byte. Encoding and decoding are pure functions over bytes: decode accepts anything.
 #pragma once
 
 #include <array>
@@ -11,10 +10,10 @@
 
 namespace qzpfile {
 
-// Bytes of the header that mean something; the rest, up to `headerSize`, is free.
+// Bytes of the header that have a meaning; the rest, up to `headerSize`, is free.
 inline constexpr std::size_t kHeaderBytes = 64;
 
-// Limits of the tool's own files, in bytes. A header fits one qzpwritehdr call.
+// Limits of packed files, in bytes. One qzpwritehdr call can write the largest header.
 inline constexpr std::int64_t kMinPageSize = 512;
 inline constexpr std::int64_t kMaxPageSize = 0x40000000;
 inline constexpr std::int64_t kMaxHeaderSize = 0x40000000;
@@ -27,7 +26,7 @@ constexpr std::int64_t pagesPerGroup(int version, std::int64_t pageSize) {
   return version == 1 ? 0 : pageSize / 8 - 1;
 }
 
-// Groups that `pages` payload pages make, which is the number of checksum pages.
+// The number of groups, and so of checksum pages, for `pages` payload pages.
 constexpr std::int64_t groupCount(std::int64_t pages, std::int64_t perGroup) {
   return perGroup == 0 ? 0 : pages / perGroup + (pages % perGroup == 0 ? 0 : 1);
 }
@@ -36,9 +35,9 @@ struct Header {
   int version = kLatestVersion;
   std::int32_t pageSize = 0;    // bytes
   std::int32_t headerSize = 0;  // bytes; where the pages begin
-  // The pages are being written: payload and checksum are not to be trusted.
+  // The pages are being written: payload size and checksum are not valid yet.
   bool changing = false;
-  // A change is being prepared behind the end of the file; what the header describes is whole.
+  // A change is being prepared after the end of the file; what the header describes is intact.
   bool preparing = false;
   std::int64_t payloadBytes = 0;
   std::uint64_t payloadChecksum = 0;  // the sum of pageChecksum over all pages
@@ -47,7 +46,7 @@ struct Header {
   std::int64_t pageCount() const {
     return payloadBytes / pageSize + (payloadBytes % pageSize == 0 ? 0 : 1);
   }
-  // The same and the checksum pages.
+  // Payload pages and checksum pages.
   std::int64_t storedPages() const {
     return pageCount() + groupCount(pageCount(), pagesPerGroup(version, pageSize));
   }
@@ -61,18 +60,18 @@ enum class HeaderFault {
   foreign,    // they do not begin with the magic: another kind of file
   cut,        // the magic is there, but fewer than kHeaderBytes
   noVersion,  // version 0, which never existed
-  version,    // of a later version
+  version,    // written in a later version
   checksum,   // the header's own checksum does not match: damaged
   flags,      // a flag that this version does not know
-  reserved,   // reserved bytes that are not 0
+  reserved,   // reserved bytes are not 0
   values,     // a field is out of its range
 };
 
 std::array<std::byte, kHeaderBytes> encodeHeader(const Header& header);
 std::variant<Header, HeaderFault> decodeHeader(std::span<const std::byte> bytes);
 
-// One page's share of the payload checksum: XXH3 (64 bits) of its bytes, seeded with its number
-// so that pages that changed places do not go unnoticed. Shares are added without carry out.
+// One page's share of the payload checksum: XXH3 (64 bits) of its bytes, seeded with its number so
+// that swapped pages are found. Shares are added modulo 2^64.
 std::uint64_t pageChecksum(std::span<const std::byte> page, std::int64_t pageNumber);
 
 // XXH3 (64 bits) of any bytes.

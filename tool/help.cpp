@@ -14,7 +14,7 @@ constexpr std::size_t kNarrow = 64;       // below this there is one column
 constexpr std::size_t kWidestText = 100;  // longer lines are hard to read
 constexpr std::string_view kStackedMargin = "      ";
 
-// A name and what it means: side by side, on a narrow terminal one below the other.
+// A name and its meaning: side by side, or one below the other on a narrow terminal.
 std::string entry(const std::string& name, std::string_view text, std::size_t width) {
   if (width < kNarrow) {
     return "  " + name + "\n" + wrapped(text, kStackedMargin, width);
@@ -63,7 +63,7 @@ std::string examples(std::string_view lines, std::size_t width) {
     lines.remove_prefix(std::min(line.size() + 1, lines.size()));
     const std::size_t tab = line.find('\t');
     out += wrapped(line.substr(tab + 1), "  # ", width);
-    out += "  " + std::string(line.substr(0, tab)) + "\n";  // whole, to be copied
+    out += "  " + std::string(line.substr(0, tab)) + "\n";  // not wrapped, so that it can be copied
   }
   return out;
 }

@@ -1,4 +1,4 @@
-// Help that fits the terminal, narrow ones too.
+// Help text that fits the terminal, even a narrow one.
 #pragma once
 
 #include <CLI/App.hpp>
@@ -10,8 +10,8 @@
 
 namespace qzpfile {
 
-// Text in lines of at most `width` columns that begin with `margin`; words that are longer stay
-// whole.
+// Wraps text into lines of at most `width` columns, each beginning with `margin`. Longer words are
+// not split.
 std::string wrapped(std::string_view text, std::string_view margin, std::size_t width);
 
 // Help for the program: what it is, its commands and the options of all commands.

@@ -55,7 +55,7 @@ std::string hexDump(std::span<const std::byte> bytes, std::int64_t offset, std::
 std::size_t bytesPerLine() {
   const std::size_t width = isTerminal(STDOUT_FILENO) ? terminalWidth(STDOUT_FILENO) : 80;
   std::size_t perLine = 16;
-  // Eight digits of offset, three columns and a letter a byte, and what stands between.
+  // Eight offset digits, four columns per byte, and separators.
   while (perLine > 4 && 13 + 4 * perLine + perLine / 8 > width) perLine /= 2;
   return perLine;
 }

@@ -1,4 +1,4 @@
-// Bytes as people read them: offset, hexadecimal, text.
+// Bytes for people to read: offset, hexadecimal, text.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ namespace qzpfile {
 // first byte. Lines that repeat the one above are replaced by one line "*", except the last.
 std::string hexDump(std::span<const std::byte> bytes, std::int64_t offset, std::size_t perLine);
 
-// As many bytes a line as standard output has room for, 16 unless it is a narrow terminal.
+// Bytes per line: 16, or fewer on a narrow terminal.
 std::size_t bytesPerLine();
 
 }  // namespace qzpfile

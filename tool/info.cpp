@@ -1,4 +1,4 @@
-// qzpfile info FILE: geometry, payload and how the file can be read here.
+// qzpfile info FILE: shows geometry, payload and how the file can be read here.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -16,7 +16,7 @@
 namespace qzpfile {
 namespace {
 
-// Reads all pages but those in holes. Checksum pages are not read.
+// Reads all payload pages except those in holes.
 class Survey {
  public:
   Survey(const Invocation& call, const Source& source, File& file)
@@ -43,7 +43,7 @@ class Survey {
 
  private:
   void look(std::int64_t page) {
-    // The bytes of an unfinished change lie elsewhere.
+    // An unfinished change has pages in other places.
     if (source_.unfinished == Unfinished::no && map_.nextIsHole()) {
       return map_.add(PageState::hole);
     }

@@ -47,9 +47,9 @@ const char* whyRefused(const qz::FileHandle& handle) {
     case qz::directIoTestFailed:
       return "the file system could not be examined";
     case qz::directIoNoMemory:
-      return "there was no memory to examine the file system";
+      return "memory ran out while the file system was examined";
     default:
-      return "this file system does not take direct I/O";
+      return "this file system does not support direct I/O";
   }
 }
 
@@ -73,7 +73,7 @@ std::int64_t directAlignmentOf(const std::string& path) {
 #ifdef STATX_DIOALIGN
   struct statx about = {};
   constexpr unsigned kWanted = STATX_DIOALIGN | STATX_MNT_ID;
-  // No mount has the number 0. An emulator that knows neither field leaves both at 0.
+  // No mount has ID 0. An emulator that supports neither field leaves both at 0.
   if (statx(AT_FDCWD, path.c_str(), 0, kWanted, &about) == 0 &&
       (about.stx_mask & kWanted) == kWanted && about.stx_mnt_id != 0) {
     return std::max(about.stx_dio_mem_align, about.stx_dio_offset_align);

@@ -22,24 +22,25 @@ struct IoRequest {
   std::optional<std::int32_t> buffers;
 };
 
-// What a run does with a file; `automatic` is decided by it.
+// What a run does with a file; decides which mode `automatic` stands for.
 enum class Use { wholeFile, somePages };
 
-// A mode and in words why it is not the one asked for (empty: it is, or any mode would do).
+// A mode, and why it is not the one asked for (empty if it is, or if any mode would do).
 struct IoOutcome {
   IoChoice asked = IoChoice::automatic;
   IoChoice mode = IoChoice::buffered;
   std::string why;
 };
 
-// What the system needs for direct I/O on a file: page size, header size and memory are multiples
-// of this many bytes. 0: it moves the file through its cache, even when the file is opened with
-// O_DIRECT. kDirectAlignment where the system does not say (Linux before 6.1, most file systems
-// other than ext4 and xfs).
+// The alignment that direct I/O on a file needs: page size, header size and memory addresses must
+// be multiples of this many bytes. 0: the system moves the file through its cache even with
+// O_DIRECT. kDirectAlignment if the system does not tell (Linux before 6.1, most file systems other
+// than ext4 and xfs).
 std::int64_t directAlignmentOf(const std::string& path);
 
-// The mode to open a file with. alignment: directAlignmentOf the file. fileBytes: nothing when not
-// known beforehand. Throws the refusal of pages or blocks that direct I/O cannot move.
+// Chooses the mode to open a file with. alignment: directAlignmentOf the file. fileBytes: nothing
+// if the size is not known yet. Throws if direct I/O was asked for and cannot move the pages or
+// blocks.
 IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry,
                      std::int64_t alignment, std::optional<std::int64_t> fileBytes,
                      const std::string& file);
@@ -47,10 +48,10 @@ IoOutcome chooseMode(const IoRequest& request, Use use, const Geometry& geometry
 // Why direct I/O cannot move these pages: empty if it can.
 std::string whyNotDirect(const Geometry& geometry, std::int64_t alignment);
 
-// Bytes of a block: as asked for, else 4 MiB in whole pages, at least one.
+// Bytes of a block: as asked for, else 4 MiB in whole pages, at least one page.
 std::int32_t blockBytesFor(const IoRequest& request, std::int32_t pageSize);
 
-// Compares the mode that an open obtained with the one it was to have.
+// Corrects *outcome if the open obtained buffered I/O instead of direct I/O.
 void noteObtained(IoOutcome* outcome, const qz::FileHandle& handle);
 
 }  // namespace qzpfile

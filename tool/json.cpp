@@ -7,7 +7,7 @@
 namespace qzpfile {
 namespace {
 
-// Adds to each member NAME whose text is not UTF-8 a member NAME_hex with its bytes.
+// For each member NAME whose text is not UTF-8, adds a member NAME_hex with its bytes.
 nlohmann::ordered_json withBytes(const nlohmann::ordered_json& value) {
   if (!value.is_structured()) return value;
   nlohmann::ordered_json out =
@@ -43,7 +43,7 @@ nlohmann::ordered_json jsonIo(const IoOutcome& outcome) {
 }
 
 std::string jsonText(const nlohmann::ordered_json& document) {
-  // ASCII alone: a terminal obeys some characters beyond it.
+  // ASCII only: a terminal obeys some characters outside ASCII.
   return withBytes(document).dump(2, ' ', true, nlohmann::json::error_handler_t::replace) + '\n';
 }
 

@@ -1,5 +1,5 @@
-// qzpfile: parses the command line, runs the command and turns what went wrong into words and an
-// exit status.
+// qzpfile: parses the command line, runs the command, and turns failures into messages and an exit
+// status.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -45,13 +45,13 @@ Exit run(const std::vector<std::string>& words) {
     }
     if (std::fflush(stdout) != 0) throw outputFailure(errno);
     return exit;
-  } catch (const std::system_error& error) {  // of a print
+  } catch (const std::system_error& error) {  // from fmt::print
     throw outputFailure(error.code().value());
   }
 }
 
 Exit report(const Failure& failure, bool json) {
-  // Standard output may be what failed.
+  // Standard output may be the cause of the failure.
   if (!json || std::fputs(failure.json().c_str(), stdout) < 0 || std::fflush(stdout) != 0) {
     std::fputs(failure.text(wantsColour(STDERR_FILENO)).c_str(), stderr);
   }
@@ -80,7 +80,7 @@ int main(int argc, char** argv) {
     qzpfile::occupyStandardDescriptors();
     qzpfile::installSignals();
     return qzpfile::runAndReport(std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc));
-  } catch (const std::exception& error) {  // a report that itself found no memory
+  } catch (const std::exception& error) {  // the report itself ran out of memory
     std::fprintf(stderr, "qzpfile: %s\n", error.what());
     return static_cast<int>(qzpfile::Exit::ioError);
   }

@@ -40,7 +40,7 @@ Look lookOf(PageState state) {
 
 std::int64_t storedPagesOf(const Source& source) {
   const auto& header = source.geometry.header;
-  // A header that was left in the middle of a change tells nothing about the pages.
+  // A header that was left in the middle of a change says nothing about the pages.
   return header && !header->changing ? header->storedPages() : source.measured.storedPages;
 }
 
@@ -86,7 +86,7 @@ void PageMap::finish() {
   add(PageState::missing, total_ - added_);
 }
 
-// The payload page that stands there, or the first behind a checksum page.
+// The payload page at this position, or the next one if a checksum page is there.
 std::int64_t PageMap::pageAt(std::int64_t stored) const {
   return source_.geometry.payloadPagesIn(stored - 1) + 1;
 }
@@ -112,7 +112,7 @@ std::string PageMap::rows(std::size_t width, bool colour) const {
   const std::size_t margin = fmt::formatted_size("  {} ", pageAt(total_));
   const auto columns = static_cast<std::int64_t>(std::max<std::size_t>(width, margin + 8) - margin);
   const std::int64_t perSign = (total_ - 1) / (kRows * columns) + 1;
-  std::string out = fmt::format("  map, {} to a character:\n", counted(perSign, "page"));
+  std::string out = fmt::format("  map, {} per character:\n", counted(perSign, "page"));
   auto run = runs_.begin();
   for (std::int64_t first = 1, column = 0; first <= total_; first += perSign, ++column) {
     if (column % columns == 0) {

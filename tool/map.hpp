@@ -1,4 +1,4 @@
-// What each page of a file is, drawn as rows of characters or listed as runs.
+// The state of each page of a file, drawn as rows of characters or listed as runs.
 #pragma once
 
 #include <cstddef>
@@ -12,30 +12,30 @@
 
 namespace qzpfile {
 
-// A character of the drawing stands for several pages and shows the last of these that it has.
+// A character of the drawing stands for several pages and shows the last of these states among
+// them.
 enum class PageState {
-  checksums,  // a checksum page that is sound
+  checksums,  // a valid checksum page
   hole,       // zeros that the file system does not store
   zeros,
   data,
   unread,
-  missing,  // the header promises it, the file ends before it
+  missing,  // the header promises it, but the file ends before it
   damaged,
 };
 
-// Where a file has holes; asked in ascending order.
+// Finds the holes of a file. Ask in ascending order.
 class Holes {
  public:
-  // fd: stays the caller's, and open.
+  // fd: not owned; must stay open.
   explicit Holes(int fd) : fd_(fd) {}
 
-  // Whether no byte from `begin` to before `end` is stored. False where the file system cannot
-  // tell.
+  // True if no byte in [begin, end) is stored. False if the file system cannot tell.
   bool cover(std::int64_t begin, std::int64_t end);
 
  private:
   int fd_;
-  std::int64_t dataBegin_ = 0;  // the stored bytes that were found last; none at first
+  std::int64_t dataBegin_ = 0;  // the stored bytes that were found last
   std::int64_t dataEnd_ = 0;
 };
 
@@ -48,14 +48,14 @@ class PageMap {
   void add(PageState state) { add(state, 1); }
   // The same for a page that was read.
   void addRead(std::span<const std::byte> bytes);
-  // True when the next stored page is a hole as far as the file system tells.
+  // True when the file system says that the next stored page is a hole.
   bool nextIsHole();
-  // Pages for which nothing was added are unread, or missing.
+  // Marks the remaining pages as unread or missing.
   void finish();
 
   std::string drawing(std::size_t width, bool colour) const;
-  // For each run of pages of one state: "what", "first_page" and "last_page" unless it is a lone
-  // checksum page, "offset" and "bytes".
+  // For each run of pages of one state: "what"; "first_page" and "last_page", unless it is a single
+  // checksum page; "offset" and "bytes".
   nlohmann::ordered_json runs() const;
 
  private:
@@ -71,7 +71,7 @@ class PageMap {
 
   const Source& source_;
   Holes holes_;
-  std::int64_t total_ = 0;  // pages that the file stores, or should
+  std::int64_t total_ = 0;  // pages that the file stores or should store
   std::int64_t added_ = 0;
   std::vector<Run> runs_;
 };

@@ -34,12 +34,12 @@ mode_t defaultMode() {
   return 0666U & ~mask;
 }
 
-// The group may do no more than the others.
+// Limits the group's permissions to those of the others.
 mode_t groupAsOthers(mode_t mode) { return mode & (~mode_t{S_IRWXG} | (mode & S_IRWXO) << 3U); }
 
-// The permissions that a file of this group may have at most. Users who could not read or write
-// the origin cannot read or write the new file either, nor run it. A member of another group may
-// have been one of the others to the origin.
+// The most permissions that a file of this group may have. Users who cannot read, write or run the
+// origin must not gain that on the new file. A member of another group may count as one of the
+// others for the origin.
 mode_t mostAllowed(const Origin& origin, gid_t group) {
   mode_t bits = origin.mode & 0666U;
   const bool sameGroup = origin.group == gid_t(-1) || origin.group == group;
@@ -50,16 +50,15 @@ mode_t mostAllowed(const Origin& origin, gid_t group) {
 std::string randomName() { return fmt::format(".qzpfile-{:08x}", std::random_device()()); }
 
 Failure exists(const std::string& target) {
-  return Failure(Exit::cannotCreate, "exists already", target)
+  return Failure(Exit::cannotCreate, "already exists", target)
       .tryThis("choose another name, or replace it with --force");
 }
 
 Failure notAFile(const std::string& target, mode_t mode) {
   if (S_ISDIR(mode)) {
-    return Failure(Exit::cannotCreate, "is a folder", target)
-        .tryThis("name the file to make in it");
+    return Failure(Exit::cannotCreate, "is a folder", target).tryThis("name a file in that folder");
   }
-  return Failure(Exit::cannotCreate, "is there already and is not a regular file", target)
+  return Failure(Exit::cannotCreate, "already exists and is not a regular file", target)
       .tryThis("name a file; for a pipe or a device, unpack or cat to \"-\"");
 }
 
@@ -96,7 +95,7 @@ NewFile::NewFile(const std::string& target, bool force, const Origin& origin)
   name_ = whole.substr(whole.rfind('/') + 1);
   folder_ = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   if (folder_ < 0 && errno == EACCES) {
-    // A folder that may be written, not read.
+    // The folder may be writable but not readable.
     folder_ = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     canFlushFolder_ = false;
   }
@@ -110,7 +109,7 @@ NewFile::NewFile(const std::string& target, bool force, const Origin& origin)
 
 NewFile::~NewFile() { release(); }
 
-// Sets fd_, or leaves errno.
+// Sets fd_; on failure leaves the reason in errno.
 void NewFile::make() {
   fd_ = openat(folder_, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR);
   if (fd_ < 0 && (errno == EOPNOTSUPP || errno == EISDIR || errno == EINVAL)) {
@@ -123,7 +122,7 @@ void NewFile::make() {
     setUnfinishedFile(folder_, temporary_.c_str());
   }
   // The module examines the file system of the folder in this path, so a file that has a name is
-  // reached through its folder: NFS, which has no files without a name, is seen as NFS.
+  // reached through its folder: NFS, which has no unnamed files, is then recognised.
   path_ = temporary_.empty() ? fmt::format("/proc/self/fd/{}", fd_)
                              : fmt::format("/proc/self/fd/{}/{}", folder_, temporary_);
 }
@@ -150,11 +149,11 @@ void NewFile::commit() {
   release();
 }
 
-// Bits that lend the owner's or the group's rights to others are for that owner and group only.
+// Keeps set-user-ID, set-group-ID and sticky bits only if the file keeps its owner and group.
 void NewFile::settlePermissions() const {
   struct stat info = {};
   if (fstat(fd_, &info) != 0) {
-    throw systemFailure(Purpose::output, "cannot look at the permissions of", shown_, errno);
+    throw systemFailure(Purpose::output, "cannot read the permissions of", shown_, errno);
   }
   mode_t mode = mode_;
   gid_t group = info.st_gid;
@@ -178,8 +177,8 @@ void NewFile::takeName() {
   if (link(name_)) return;
   if (errno == EEXIST && !force_) throw exists(shown_);
   if (errno != EEXIST) throw systemFailure(Purpose::output, "cannot create", shown_, errno);
-  // No call replaces a name by a file that has none. While the file has a second name, the program
-  // must not end.
+  // No call replaces a name by an unnamed file, so the file gets a second name first. The program
+  // must not end while the file has both names.
   const SignalsHeldBack held;
   do {
     temporary_ = randomName();
@@ -198,7 +197,7 @@ void NewFile::moveIntoPlace() const {
     // Refuses a target that was created in the meantime.
     done = renameat2(folder_, from, folder_, to, RENAME_NOREPLACE);
     if (done != 0 && (errno == EINVAL || errno == ENOSYS)) {
-      // A file system without that call: a second name, then away with the first.
+      // A file system without that call: add the new name, then remove the old one.
       done = linkat(folder_, from, folder_, to, 0);
       if (done == 0) unlinkat(folder_, from, 0);
     }
@@ -209,14 +208,14 @@ void NewFile::moveIntoPlace() const {
   throw systemFailure(Purpose::output, "cannot create", shown_, error);
 }
 
-// The new name lasts once its folder is on disk. Where that cannot be asked for a folder, all of
-// the file system is written.
+// The new name is durable once its folder is flushed. If the folder cannot be flushed, the whole
+// file system is.
 void NewFile::flushFolder() const {
   if (canFlushFolder_ && fsync(folder_) == 0) return;
   if (canFlushFolder_ && errno != EINVAL) {
     throw systemFailure(Purpose::output, "is complete, but its name may not be on disk", shown_,
                         errno)
-        .tryThis("run sync, then look whether the file is there");
+        .tryThis("run sync, then check that the file is there");
   }
   if (syncfs(fd_) != 0) {
     throw systemFailure(Purpose::output, "is complete, but may not be on disk", shown_, errno)

@@ -1,6 +1,6 @@
-// A file in the making. It has no name, or where the file system cannot do that a temporary one
-// beside its target, and takes the target's name when it is whole. Until then a failure leaves the
-// target as it was, and nothing else.
+// A file under construction. It has no name, or on some file systems a temporary name beside its
+// target, and takes the target's name when it is complete. A failure before that leaves the target
+// unchanged and no new file.
 #pragma once
 
 #include <sys/types.h>
@@ -9,33 +9,33 @@
 
 namespace qzpfile {
 
-// The folder that a name is in; "." for a name alone.
+// The folder of a name; "." for a name without a folder.
 std::string folderOf(const std::string& name);
 
-// What a new file inherits from the file that it is made from: it never lets more people in.
+// What a new file inherits from the file that it is made from, so that nobody gains access.
 struct Origin {
   mode_t mode = 0666;          // permission bits
-  gid_t group = gid_t(-1);     // -1: not made from a file
+  gid_t group = gid_t(-1);     // -1: there is no origin file
   bool hasAccessList = false;  // its group bits then stand for more than its group
 };
-// The origin that an open file is. A pipe or device stands for no file.
+// The origin for a copy of an open file. A pipe or device gives the default origin.
 Origin originOf(int fd);
 
 class NewFile {
  public:
-  // Refuses a target that exists, unless `force`; and one that is no regular file in any case. A
-  // symbolic link stands for what it points to. A replaced file hands down its permissions, owner
-  // and group, as far as the caller may give them.
+  // Throws if the target exists, unless `force` is set, and for any target that is not a regular
+  // file. Follows symbolic links. A replaced file passes on its permissions, owner and group, as
+  // far as the caller may set them.
   NewFile(const std::string& target, bool force, const Origin& origin);
   NewFile(const NewFile&) = delete;
   NewFile& operator=(const NewFile&) = delete;
   ~NewFile();  // removes the file unless it was committed
 
-  // A path that opens the file until it is committed, wherever its folder is moved meanwhile.
+  // A path that opens the file until it is committed, even if its folder is moved.
   const std::string& path() const { return path_; }
   int fd() const { return fd_; }
 
-  // Gives the file its name and makes that last. What is in the file must be on disk already.
+  // Gives the file its name and flushes the folder. The contents must already be on disk.
   void commit();
 
  private:
@@ -47,13 +47,13 @@ class NewFile {
   void release();
 
   std::string shown_;      // the target as the user wrote it
-  std::string name_;       // in its folder, links resolved
+  std::string name_;       // within its folder, links resolved
   std::string temporary_;  // in the same folder; empty: the file has no name
   std::string path_;
   Origin origin_;
   bool force_;
   bool replaces_ = false;
-  mode_t mode_;  // wanted, of a file that is replaced or by the umask
+  mode_t mode_;  // from the replaced file, or from the umask
   uid_t owner_ = uid_t(-1);
   gid_t group_ = gid_t(-1);
   int folder_ = -1;

@@ -1,4 +1,4 @@
-// Little-endian numbers among bytes, as the tool's own files store them.
+// Little-endian numbers in byte arrays, as packed files store them.
 #pragma once
 
 #include <concepts>
@@ -9,7 +9,7 @@
 
 namespace qzpfile {
 
-// 8 bytes, unless another type is named; all of them must lie within `bytes`.
+// 8 bytes, unless another type is given; all of them must lie within `bytes`.
 template <std::unsigned_integral T = std::uint64_t>
 void storeNumber(std::span<std::byte> bytes, std::size_t at, std::type_identity_t<T> value) {
   for (std::size_t i = 0; i < sizeof(T); ++i) {

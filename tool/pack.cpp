@@ -1,4 +1,4 @@
-// qzpfile pack INPUT OUTPUT: a file or pipe becomes a paged file.
+// qzpfile pack INPUT OUTPUT: makes a paged file of a file or pipe.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -14,15 +14,15 @@
 namespace qzpfile {
 namespace {
 
-// As long as a page, so that each page lies at a multiple of its size: the page cache then keeps it
-// in one piece. More than 64 KiB would be much for a header. Any other page stays aligned for
-// direct I/O.
+// The page size, so that each page lies at a multiple of its size and the page cache can keep it in
+// one piece; at most 64 KiB, because more would be much for a header. If the page size is not
+// aligned for direct I/O, the header size is.
 std::int64_t defaultHeaderSize(std::int64_t pageSize) {
   constexpr std::int64_t kLargest = 64 << 10;
   return pageSize % kDirectAlignment == 0 ? std::min(pageSize, kLargest) : kDirectAlignment;
 }
 
-// The largest size that the module picks of its own accord: good for moving whole files.
+// The largest size that the module chooses by itself: good for moving whole files.
 std::int64_t defaultPageSize(Session& session, const std::string& name) {
   qz::PagedFile file = session.newFile(name, Purpose::output);
   qz::PageSizeRequest request{};

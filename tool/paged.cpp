@@ -14,12 +14,12 @@
 namespace qzpfile {
 namespace {
 
-// One entry of a journal as a line of text, whatever is in the name of a file.
+// Prints one journal entry as a line of text; a file name in it may contain any bytes.
 void printEntry(void* /*context*/, const qz::JournalEntry& entry) noexcept try {
   fmt::print(stderr, "{}: {}\n", entry.level == qz::JournalLevel::error ? "error" : "note",
              printable(entry.text));
 } catch (const std::exception&) {
-  // The journal could not be shown. What it tells about, the operation reports as well.
+  // The journal cannot be shown. The operation reports the same failure.
 }
 
 qz::Module loadModule(qz::StandInHost& host, qz::Journal* journal, const std::string& path) {
@@ -31,7 +31,7 @@ qz::Module loadModule(qz::StandInHost& host, qz::Journal* journal, const std::st
   return *std::move(module);
 }
 
-// Opens the file under a shared lock, buffered, and reads nothing of it yet.
+// Opens the file buffered under a shared lock and reads nothing yet.
 std::shared_ptr<qz::PagedFile> openLook(Session& session, const std::string& name) {
   auto file = std::make_shared<qz::PagedFile>(session.newFile(name, Purpose::input));
   file->settings().openMode = qz::openOrKeep;
@@ -44,8 +44,8 @@ std::shared_ptr<qz::PagedFile> openLook(Session& session, const std::string& nam
   return file;
 }
 
-// The file is taken for what it is once its unfinished change has been finished.
-void takeDecided(Source& source, const PlainFile& file, ChangeRecord record) {
+// Describes the file as it will be once its committed change is finished.
+void takeCommitted(Source& source, const PlainFile& file, ChangeRecord record) {
   const auto header =
       std::ranges::find_if(record.pieces, [](const RecordedPiece& p) { return p.target == 0; });
   if (header == record.pieces.end()) return;
@@ -55,13 +55,13 @@ void takeDecided(Source& source, const PlainFile& file, ChangeRecord record) {
   if (auto* geometry = std::get_if<Geometry>(&recognised)) {
     source.geometry = *geometry;
     source.measured = measure(source.geometry, record.finalBytes);
-    source.unfinished = Unfinished::decided;
+    source.unfinished = Unfinished::committed;
     source.change = std::move(record);
   }
 }
 
-// A header that cannot be written for lack of space makes the module cut the file to no pages,
-// through the operation table. While this exists, that cut does nothing.
+// If a header cannot be written for lack of space, the module truncates the file to 0 pages through
+// the operation table. While a KeepPages exists, that truncate does nothing.
 class KeepPages {
  public:
   explicit KeepPages(qz::FileHandle& handle)
@@ -101,9 +101,9 @@ const char* describe(Unfinished unfinished) {
   switch (unfinished) {
     case Unfinished::no:
       return "";
-    case Unfinished::undecided:
+    case Unfinished::uncommitted:
       return "interrupted: the next change, or qzpfile repair, undoes it";
-    case Unfinished::decided:
+    case Unfinished::committed:
       return "interrupted: the next change, or qzpfile repair, finishes it";
   }
   return "";
@@ -130,7 +130,7 @@ Source inspect(const PlainFile& file, const std::optional<RawGeometry>& raw) {
   const bool own = isOwn(start);
   const bool prepared = own && geometry != nullptr && geometry->header->preparing;
   if (own && (geometry == nullptr || prepared || !source.measured.isWhole())) {
-    if (auto record = readRecord(file)) takeDecided(source, file, *std::move(record));
+    if (auto record = readRecord(file)) takeCommitted(source, file, *std::move(record));
   }
   if (source.unfinished == Unfinished::no && geometry == nullptr) {
     throw Failure(Exit::badData, std::get<std::string>(recognised), source.name)
@@ -138,7 +138,7 @@ Source inspect(const PlainFile& file, const std::optional<RawGeometry>& raw) {
   }
   if (source.unfinished == Unfinished::no && prepared &&
       source.actualBytes >= source.measured.expected) {
-    source.unfinished = Unfinished::undecided;
+    source.unfinished = Unfinished::uncommitted;
     source.measured = measure(source.geometry, source.measured.expected);
   }
   return source;
@@ -153,18 +153,18 @@ Source examine(Session& session, const std::string& name, const std::optional<Ra
 
 namespace {
 
-// What to do about a file that is not whole.
+// What to do about a file of the wrong length.
 std::string remedy(const Source& source) {
   if (source.geometry.header) {
-    return "get a whole copy of the file, or see what qzpfile repair can keep of it";
+    return "get a complete copy of the file, or see what qzpfile repair can save of it";
   }
-  const std::string readRest = "cat, dump and copy take its whole pages with --keep-going";
-  if (source.geometry.kind != FileKind::raw) return "get a whole copy of the file; " + readRest;
+  const std::string readRest = "cat, dump and copy read its whole pages with --keep-going";
+  if (source.geometry.kind != FileKind::raw) return "get a complete copy of the file; " + readRest;
   const std::int64_t fitting = likelyPageSize(source.measured.found - source.geometry.headerSize);
-  return (fitting == 0 ? std::string("give the sizes that the file has")
-                       : fmt::format("give the sizes that the file has: --page-size {} would fit",
-                                     fitting)) +
-         "; or, if it was cut, get a whole copy: " + readRest;
+  return (fitting == 0
+              ? std::string("give the file's real sizes")
+              : fmt::format("give the file's real sizes: --page-size {} would fit", fitting)) +
+         "; or, if bytes are missing, get a complete copy: " + readRest;
 }
 
 Failure notWhole(const Source& source) {
@@ -172,7 +172,7 @@ Failure notWhole(const Source& source) {
       .tryThis(remedy(source));
 }
 
-// Takes a file that is not whole for the whole pages that it has.
+// Reduces a file of the wrong length to its whole pages.
 void takeWholePages(Source& source) {
   Geometry& geometry = source.geometry;
   std::int64_t pages = source.measured.wholePages;
@@ -184,12 +184,12 @@ void takeWholePages(Source& source) {
   if (pages == 0) throw notWhole(source);
   const std::int64_t leftOut = source.measured.found - geometry.offsetOf(pages) - geometry.pageSize;
   const auto are = [](std::int64_t count) { return count == 1 ? "is" : "are"; };
-  std::string text = "is not whole";
+  std::string text = "has the wrong length";
   if (missing > 0) {
     text += fmt::format(": {} at the end {} missing", counted(missing, "page"), are(missing));
   }
   if (leftOut > 0) {
-    text += fmt::format("{} {} behind page {} {} left out", missing > 0 ? "," : ":",
+    text += fmt::format("{} {} after page {} {} left out", missing > 0 ? "," : ":",
                         counted(leftOut, "byte"), pages, are(leftOut));
   }
   warn(source.name, text);
@@ -204,8 +204,9 @@ void takeWholePages(Source& source) {
 
 void requireSound(const Source& source) {
   if (source.geometry.header && source.geometry.header->changing) {
-    throw Failure(Exit::badData, "was left in the middle of a change of its pages", source.name)
-        .tryThis("get a whole copy of the file, or have qzpfile repair take its pages as they are");
+    throw Failure(Exit::badData, "was left in the middle of a change to its pages", source.name)
+        .tryThis(
+            "get a complete copy of the file, or let qzpfile repair accept its pages as they are");
   }
   if (!source.measured.isWhole()) throw notWhole(source);
 }
@@ -242,7 +243,7 @@ std::vector<std::byte> readHeader(const Source& source, const PlainFile& file) {
     std::copy_n(bytes.begin(), std::min(bytes.size(), header.size()), header.begin());
   }
   if (source.geometry.header) {
-    // The mark of a change is none of the header's own.
+    // The flag of an unfinished change does not belong to the header as its user knows it.
     Header clean = *source.geometry.header;
     clean.preparing = false;
     std::ranges::copy(encodeHeader(clean), header.begin());
@@ -268,7 +269,7 @@ File File::openToRead(Session& session, const Source& source, const IoRequest& i
             std::move(mode), Purpose::input);
   qz::FileHandle& settings = file.paged_.settings();
   settings.openMode = qz::openOrKeep;
-  // With direct I/O the read hint tells page from block mode.
+  // With direct I/O, the read hint chooses between page mode and block mode.
   settings.readAccess = file.io_.mode == IoChoice::direct ? qz::readRandom : qz::readOrdered;
   file.prepare(io);
   file.believe(source);
@@ -321,7 +322,7 @@ void File::lock(const char* what) {
   if (const auto opened = paged_.preopen(none.data(), &length); !opened) {
     fail(what, opened.error());
   }
-  // A file that is closed before it is settled stays, however short it is.
+  // Closing a file before `settle` must not remove it, even if it is empty.
   paged_.settings().writeAccess = qz::noWrite;
 }
 
@@ -346,11 +347,12 @@ File File::create(Session& session, const std::string& path, const std::string& 
   settings.readAccess = file.io_.mode == IoChoice::direct ? qz::readMany : qz::noRead;
   // A checksum page is written before its group, and again when the group is complete.
   settings.writeAccess = geometry.pagesPerGroup != 0 ? qz::rewritePages : qz::writeNewPages;
-  // Pages come from our own memory: no buffers to hold, in block mode only the write block.
+  // Pages are written from the tool's memory: no page buffers are needed, in block mode only the
+  // write block.
   settings.openOptions = qz::optionKeepBufferCount;
   file.prepare(io);
   file.open("cannot create");
-  // Creating a file forgets the header size.
+  // Creating a file resets the header size.
   settings.headerSize = geometry.headerSize;
   return file;
 }
@@ -364,8 +366,8 @@ void File::prepare(const IoRequest& request) {
   if (request.buffers) settings.bufferCount = *request.buffers;
 }
 
-// The geometry, and the length in whole pages: the file need not end with one, nor have the length
-// that it had when it was locked. Pages of an interrupted change count as pages here.
+// Sets the geometry and the length in whole pages. The file may end inside a page, or have another
+// length than when it was locked. Pages of an unfinished change count here.
 void File::believe(const Source& source) {
   qz::FileHandle& settings = paged_.settings();
   settings.pageSize = geometry_.pageSize;
@@ -434,7 +436,7 @@ void File::readMany(std::int64_t first, std::span<std::byte> area) {
   }
 }
 
-// Pages that follow each other in the file.
+// Reads consecutive stored pages.
 void File::readRun(std::int64_t first, std::span<std::byte> area) {
   const auto count =
       static_cast<std::int32_t>(area.size() / static_cast<std::size_t>(geometry_.pageSize));
@@ -443,7 +445,7 @@ void File::readRun(std::int64_t first, std::span<std::byte> area) {
     return;
   }
   if (count == 1) failAt("cannot read", first, geometry_.offsetOf(first), done.error());
-  // One by one, to tell which.
+  // Reads the pages one by one to find the one that failed.
   const std::size_t pageSize = area.size() / static_cast<std::size_t>(count);
   for (std::int32_t i = 0; i < count; ++i) {
     readRun(first + i, area.subspan(static_cast<std::size_t>(i) * pageSize, pageSize));
@@ -455,7 +457,7 @@ void File::requireUncut() const {
   const std::int64_t end =
       geometry_.header ? geometry_.header->fileBytes() : geometry_.offsetOf(pageCount() + 1);
   if (fstat(paged_.settings().fd, &info) != 0 || info.st_size < end) {
-    throw Failure(Exit::badData, "was cut while it was read", name_)
+    throw Failure(Exit::badData, "became shorter while it was read", name_)
         .tryThis("discard what was read, and try again");
   }
 }
@@ -479,7 +481,7 @@ void File::truncate(std::int64_t stored) {
 }
 
 void File::writeHeader(std::span<const std::byte> bytes) {
-  // A header that fills its area is written as it lies in memory, by direct I/O as well.
+  // Aligned, so that direct I/O can write a header that fills its area.
   const AlignedBuffer area(bytes.size());
   std::ranges::copy(bytes, area.data());
   auto length = static_cast<std::int32_t>(bytes.size());

@@ -1,5 +1,5 @@
-// Paged files as the commands use them: opened through the module's operation table, with every
-// failure thrown as one that names the file, the page and the offset.
+// Paged files as the commands use them: opened through the module's operation table. Each failure
+// is thrown with the file, the page and the offset.
 #pragma once
 
 #include <cstddef>
@@ -20,14 +20,14 @@
 
 namespace qzpfile {
 
-// The host, the loaded module and the journal of one run. Files must be gone before it is.
+// The host, the loaded module and the journal of one run. All files must be destroyed before it.
 class Session {
  public:
-  // modulePath: empty for the module beside the program, else the installed one. verbose: the
-  // module's journal goes to standard error.
+  // modulePath: if empty, the module beside the program, else the installed one. verbose: show the
+  // module's journal on standard error.
   Session(const std::string& modulePath, bool verbose);
 
-  // A closed handle that has its name.
+  // A closed handle with its file name set.
   qz::PagedFile newFile(const std::string& name, Purpose purpose);
 
  private:
@@ -37,27 +37,27 @@ class Session {
   qz::Module module_;
 };
 
-// A change of one of the tool's own files that was interrupted. The source shows the file as it is
-// once the change has been finished or undone.
+// An interrupted change of a packed file. The source shows the file as it will be once the change
+// is finished or undone.
 enum class Unfinished {
   no,
-  undecided,  // undone by the next change
-  decided,    // finished by the next change
+  uncommitted,  // undone by the next change
+  committed,    // finished by the next change
 };
 
-// "interrupted: ...", for people.
+// Describes the change: "interrupted: ...".
 const char* describe(Unfinished unfinished);
 
-// A file as it was found: its geometry, and how long it is.
+// A file as it was found: its geometry and length.
 struct Source {
   std::string name;
   Geometry geometry;
   Measure measured;
-  std::int64_t actualBytes = 0;  // an unfinished change included
+  std::int64_t actualBytes = 0;  // including an unfinished change
   Unfinished unfinished = Unfinished::no;
-  ChangeRecord change = {};  // of a decided change
-  bool isPartial = false;    // not whole, and taken for the whole pages that it has
-  // Keeps the shared lock under which all this was read, so that no program changes the file.
+  ChangeRecord change = {};  // of a committed change
+  bool isPartial = false;    // the file has the wrong length; only its whole pages are used
+  // Keeps the shared lock of this look, so that no program changes the file.
   std::shared_ptr<qz::PagedFile> look = nullptr;
 };
 
@@ -67,13 +67,13 @@ struct RawGeometry {
   std::int64_t headerSize = 0;
 };
 
-// Looks at a file through a pre-open. Fails when it is not recognised.
+// Examines a file through a pre-open. Throws if the file is not recognised.
 Source examine(Session& session, const std::string& name, const std::optional<RawGeometry>& raw);
-// The same; fails also when the file is not whole, or when a change of it was never finished.
+// The same; also throws if the file has the wrong length or was left in the middle of a change.
 Source examineWhole(Session& session, const std::string& name,
                     const std::optional<RawGeometry>& raw);
-// The same; with keepGoing, of a file that is not whole, only the whole pages are taken, and a
-// message on standard error says so.
+// The same; with keepGoing, a file of the wrong length is reduced to its whole pages, and a message
+// on standard error says so.
 Source examineToRead(Session& session, const std::string& name,
                      const std::optional<RawGeometry>& raw, bool keepGoing);
 // The checks of examineWhole.
@@ -84,18 +84,18 @@ std::vector<std::byte> readHeader(const Source& source);
 // The same from an open file.
 std::vector<std::byte> readHeader(const Source& source, const PlainFile& file);
 
-// What an open file is. look: keeps it open.
+// Examines an open file.
 Source inspect(const PlainFile& file, const std::optional<RawGeometry>& raw);
 
 class File {
  public:
   static File openToRead(Session& session, const Source& source, const IoRequest& io, Use use);
-  // Opens in exactly the mode asked for; else nothing, and *refused says why.
+  // Opens in exactly the mode asked for. If that fails, returns nothing and *refused says why.
   static std::optional<File> openInMode(Session& session, const Source& source, const IoRequest& io,
                                         IoOutcome* refused);
-  // Opens and locks the file without opening its pages. Nothing that the look told is believed but
-  // what the I/O mode was chosen by: `settle` takes what was found under the lock. The lock for
-  // changing waits for nobody, so the look's must have ended.
+  // Opens and locks the file without opening its pages. The look only chooses the I/O mode:
+  // `settle` takes what is found under the new lock. The lock for changes does not wait, so the
+  // look's lock must have ended.
   static File lockToRead(Session& session, const Source& look);
   static File lockToChange(Session& session, const Source& look, const IoRequest& io);
   void settle(const Source& source, const IoRequest& io);
@@ -109,35 +109,35 @@ class File {
   const IoOutcome& io() const { return io_; }
   // The module's record of the file.
   const qz::FileHandle& handle() const { return paged_.settings(); }
-  // False after the module closed the file because a page came back short.
+  // False after the module closed the file because of a short read.
   bool isOpen() const { return paged_.isOpen(); }
-  // True when only the whole pages of a file that is not whole are taken for the file.
+  // True when only the whole pages of a file of the wrong length are used.
   bool isPartial() const { return isPartial_; }
-  // Pages without checksum pages; of a new file, those written so far with them.
+  // Payload pages; in a new file, all pages written so far, including checksum pages.
   std::int64_t pageCount() const;
-  // The mode that was obtained and why, in words.
+  // The mode that was obtained, and why, in words.
   std::string describeIo() const;
 
   qz::PageHold read(std::int64_t page);
   qz::PageHold readChecksumPage(std::int64_t group);
-  // Pages from `first` on into `area`, as many as fill it, bypassing the cache.
+  // Reads pages from `first` on until `area` is full, bypassing the cache.
   void readMany(std::int64_t first, std::span<std::byte> area);
-  // Fails when the file has been cut since it was opened: readMany does not notice.
+  // Throws if the file became shorter since it was opened: readMany does not notice.
   void requireUncut() const;
   void write(std::int64_t page, std::span<const std::byte> bytes);
   void writeChecksumPage(std::int64_t group, std::span<const std::byte> bytes);
-  // Cuts the file to `stored` pages, checksum pages included.
+  // Truncates the file to `stored` pages, checksum pages included.
   void truncate(std::int64_t stored);
-  // Bytes for the start of the header area; the rest of it becomes zeros. Pages stay whatever
-  // happens: the module's cut after a failed write of a header is left out.
+  // Writes bytes at the start of the header area and zeros after them. The pages stay even if this
+  // fails: the module's truncate after a failed header write does nothing.
   void writeHeader(std::span<const std::byte> bytes);
-  // Puts everything on disk.
+  // Flushes everything to disk.
   void flush();
-  // The same, and closes the file.
+  // Flushes and closes the file.
   void finish();
   void close();
-  // The module removes a file that it wrote to and that ends up without a byte; ours was there
-  // before, and stays.
+  // The module removes a written file that ends up empty. This keeps the file, which existed
+  // before.
   void keepEmpty();
   int fd() const { return paged_.settings().fd; }
 
@@ -148,7 +148,7 @@ class File {
   void lock(const char* what);
   void believe(const Source& source);
   void open(const char* what);
-  // What stands for a stored page: itself, or where an unfinished change has it.
+  // The stored page to read: the page itself, or its copy in an unfinished change.
   std::int64_t placeOf(std::int64_t stored) const;
   qz::PageHold readStored(std::int64_t stored, std::int64_t offset, std::int64_t page);
   void readRun(std::int64_t first, std::span<std::byte> area);

@@ -14,7 +14,7 @@
 namespace qzpfile {
 namespace {
 
-// Direct I/O can use the memory as it is.
+// True if direct I/O can use the memory.
 bool isAligned(const std::byte* memory) {
   return reinterpret_cast<std::uintptr_t>(memory) % std::size_t{kDirectAlignment} == 0;
 }
@@ -154,7 +154,7 @@ void PageChecker::meet(const Damage& damage) {
   throw Failure(Exit::badData, "is damaged: a page does not match its checksum", file_.name())
       .at(damage.page, damage.offset)
       .tryThis(
-          "put a good copy of the page in its place with qzpfile put, or read on with "
+          "replace the page with a good copy (qzpfile put), or continue past it with "
           "--keep-going");
 }
 
@@ -174,7 +174,7 @@ bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
     sink(payloadOf(header, page, bytesOf(hold)));
     progress.advance(header.pageSize);
   }
-  // The checksum of all pages tells nothing about a part of them.
+  // The checksum of all pages cannot be checked against a part of them.
   if (checksum == header.payloadChecksum || !checker.isGood() || file.isPartial()) {
     return checker.isGood();
   }
@@ -186,7 +186,7 @@ bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
     return false;
   }
   throw Failure(Exit::badData, what, file.name())
-      .tryThis("get a whole copy of the file; \"qzpfile cat\" reads its pages as they are");
+      .tryThis("get a complete copy of the file; \"qzpfile cat\" reads its pages as they are");
 }
 
 std::span<const std::byte> payloadOf(const Header& header, std::int64_t page,

@@ -1,4 +1,4 @@
-// A run of bytes cut into the pages of the tool's own files, and put together again.
+// Splits a run of bytes into the pages of a packed file, and joins them again.
 #pragma once
 
 #include <cstddef>
@@ -15,19 +15,20 @@
 
 namespace qzpfile {
 
-// Writes a new file of the tool's own: header, pages, header again when all is known.
+// Writes a new packed file: header, pages, and the header again when its values are known.
 class PayloadWriter {
  public:
-  // Writes a header that says that the file is in the making. file and progress must outlive it.
+  // Writes a header that marks the file as incomplete. file and progress must outlive this.
   PayloadWriter(File& file, Progress& progress);
 
-  // Where the next bytes of the payload go; never empty. Then tell how many they are.
+  // The memory for the next bytes of the payload; never empty. Then call `filled` with their
+  // number.
   std::span<std::byte> room();
   void filled(std::size_t bytes);
-  // The same for bytes that lie elsewhere; whole pages are written from there.
+  // The same for bytes that are already in memory; whole pages are written from there.
   void append(std::span<const std::byte> bytes);
-  // Pads the last page, completes the header, puts everything on disk and closes the file.
-  // headerTail: what the header area holds after the header itself.
+  // Pads the last page, completes the header, flushes and closes the file. headerTail: the bytes of
+  // the header area after the header itself.
   Header finish(std::span<const std::byte> headerTail);
 
  private:
@@ -44,32 +45,32 @@ class PayloadWriter {
   std::int64_t nextPage_ = 1;
 };
 
-// A page that does not match its checksum, or a checksum page that is damaged itself.
+// A page that does not match its checksum, or a damaged checksum page.
 struct Damage {
-  std::int64_t page = 0;      // of a checksum page, the first of its group
-  std::int64_t lastPage = 0;  // the same page, or of a checksum page the last of its group
+  std::int64_t page = 0;      // for a checksum page, the first page of its group
+  std::int64_t lastPage = 0;  // for a checksum page, the last page of its group; else `page`
   std::int64_t offset = 0;
   bool inChecksums = false;
 
   std::string text() const;
 };
 
-// Called for each damage; an empty one has the first thrown.
+// Called for each damage. If empty, the first damage is thrown.
 using OnDamage = std::function<void(const Damage&)>;
 
-// Holds pages against their checksums, in ascending order.
+// Checks pages against their checksums, in ascending order.
 class PageChecker {
  public:
   // file: must outlive this.
   PageChecker(File& file, OnDamage onDamage);
 
-  // To be called before the page is read, while no page is held.
+  // Call this before the page is read, while no page is held.
   void prepare(std::int64_t page);
-  // The page's checksum, held against the one that it should have.
+  // Compares the page's checksum with the expected one, and returns it.
   std::uint64_t check(std::int64_t page, std::span<const std::byte> bytes);
-  // Both for each of the pages from `first` on that `area` has.
+  // Prepares and checks each of the pages in `area`, from `first` on.
   void checkMany(std::int64_t first, std::span<const std::byte> area);
-  // False when damage was met.
+  // False once damage was found.
   bool isGood() const { return good_; }
 
  private:
@@ -83,12 +84,12 @@ class PageChecker {
   bool good_ = true;
 };
 
-// Lists damage on standard error: for --keep-going.
+// Lists damage on standard error for --keep-going.
 OnDamage listDamage(const std::string& file);
 
-// Hands the payload of one of the tool's own files to `sink`, piece by piece, and then holds its
-// checksum against the header's. Throws when it does not fit: what went to `sink` is then wrong.
-// With onDamage returns false instead.
+// Passes the payload of a packed file to `sink` piece by piece, then compares its checksum with the
+// header's. Throws on a mismatch: what `sink` received is then wrong. With onDamage, returns false
+// instead.
 bool readPayload(File& file, Progress& progress, const OnDamage& onDamage,
                  const std::function<void(std::span<const std::byte>)>& sink);
 

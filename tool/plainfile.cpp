@@ -10,7 +10,7 @@
 namespace qzpfile {
 namespace {
 
-// Repeats a call for as long as signals interrupt it.
+// Repeats a call that a signal interrupted.
 template <class Call>
 auto retrying(Call call) {
   for (;;) {
@@ -44,7 +44,7 @@ PlainFile::~PlainFile() {
 }
 
 std::int64_t PlainFile::size() const {
-  // Unlike fstat, this knows the size of a block device, too.
+  // Unlike fstat, lseek also tells the size of a block device.
   const off_t end = lseek(fd_, 0, SEEK_END);
   if (end < 0) throw systemFailure(purpose_, "cannot examine", name_, errno);
   return end;

@@ -1,5 +1,5 @@
-// Bytes of an open file past the module: what a change of one of the tool's own files writes
-// besides whole pages. Every transfer is complete or throws.
+// Reads and writes bytes of an open file past the module: a change of a packed file writes more
+// than whole pages. Every transfer completes or throws.
 #pragma once
 
 #include <cstddef>
@@ -13,9 +13,9 @@ namespace qzpfile {
 
 class PlainFile {
  public:
-  // A view of `fd`, which stays the caller's. name: for messages.
+  // A view of `fd`, which is not owned. name: for messages.
   PlainFile(int fd, std::string name, Purpose purpose);
-  // Opens what `fd` has open a second time, for reading and writing through the system's cache.
+  // Opens the file behind `fd` again, for reading and writing through the system's cache.
   static PlainFile openAgain(int fd, const std::string& name);
   PlainFile(PlainFile&& other) noexcept;
   PlainFile& operator=(PlainFile&&) = delete;
@@ -27,7 +27,7 @@ class PlainFile {
   bool read(std::span<std::byte> bytes, std::int64_t offset) const;
   void write(std::span<const std::byte> bytes, std::int64_t offset) const;
   void truncate(std::int64_t size) const;
-  // Everything written so far is on disk.
+  // Flushes everything written so far to disk.
   void sync() const;
 
  private:

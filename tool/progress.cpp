@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 constexpr std::int64_t kLookEvery = 1 << 20;  // bytes
 constexpr auto kFirstShow = 500ms;
 constexpr auto kShowEvery = 200ms;
-constexpr auto kLineEvery = 1s;  // where every show is a line of its own
+constexpr auto kLineEvery = 1s;  // if each update is a line of its own
 
 std::string minutesAndSeconds(double seconds) {
   const auto whole = std::llround(std::min(seconds, 1e9));

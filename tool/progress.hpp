@@ -1,5 +1,5 @@
-// A line on standard error about long work. It costs an addition and two tests per call; the
-// clock is looked at once per MiB.
+// A progress line on standard error for long work. Each call costs an addition and two tests; the
+// clock is read once per MiB.
 #pragma once
 
 #include <chrono>
@@ -13,19 +13,19 @@ enum class ProgressChoice { automatic, always, never };
 
 class Progress {
  public:
-  // total: bytes of the whole work, when known. `automatic` shows the line on a terminal only,
-  // and only for work that takes longer than half a second.
+  // total: bytes of the whole work, if known. `automatic` shows the line only on a terminal, and
+  // only for work that takes longer than half a second.
   Progress(ProgressChoice choice, std::string label, std::optional<std::int64_t> total);
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
   ~Progress() { end(); }
 
-  // Takes the line away, or writes the last one, before something else is written to the terminal.
+  // Erases the line, or writes the last one, before other output goes to the terminal.
   void end();
 
-  // Adds to the work done and answers signals: SIGUSR1 with a line; throws Interrupted.
+  // Adds to the work done and handles signals: SIGUSR1 prints a line, others throw Interrupted.
   void advance(std::int64_t bytes);
-  // Answers signals while the program waits and no work is done.
+  // Handles signals while the program waits.
   void answerSignals();
 
  private:

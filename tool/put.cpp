@@ -1,4 +1,4 @@
-// qzpfile put FILE PAGE, put --append FILE: pages from standard input.
+// qzpfile put FILE PAGE, put --append FILE: writes pages from standard input.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -14,22 +14,22 @@
 namespace qzpfile {
 namespace {
 
-// A page that is not whole is refused, unless it can end the payload of a file of the tool's own.
+// Throws for a partial page, unless it can end the payload of a packed file.
 void checkShortPage(const PageEditor& editor, std::int64_t page, std::int64_t bytes) {
   const File& file = editor.file();
   const std::int64_t pageSize = file.geometry().pageSize;
   if (bytes == pageSize || (editor.isOwn() && page >= editor.pageCount())) {
     return;
   }
-  throw Failure(
-      Exit::badData,
-      fmt::format("standard input ends with {} of a page of {}", bytes, counted(pageSize, "byte")),
-      file.name())
+  throw Failure(Exit::badData,
+                fmt::format("standard input ends with a partial page: {} of {}", bytes,
+                            counted(pageSize, "byte")),
+                file.name())
       .at(page, file.geometry().offsetOf(page))
-      .tryThis("give whole pages, padded with zeros if need be");
+      .tryThis("give whole pages, padded with zeros if necessary");
 }
 
-// Looks at what is known before the first page is written.
+// Checks what is known before the first page is written.
 void checkBefore(const PageEditor& editor, std::int64_t first, std::optional<std::int64_t> bytes) {
   if (first > editor.pageCount() + 1) {
     throw Failure(
@@ -44,7 +44,7 @@ void checkBefore(const PageEditor& editor, std::int64_t first, std::optional<std
   }
 }
 
-// A file that feeds on itself would grow until the disk is full.
+// A file that is its own input would grow until the disk is full.
 void refuseItself(const Input& input, const PageEditor& editor) {
   if (isSameFile(input.fd(), editor.file().fd())) {
     throw Failure(Exit::usage, "standard input is the file itself", editor.file().name())
@@ -52,7 +52,7 @@ void refuseItself(const Input& input, const PageEditor& editor) {
   }
 }
 
-// Writes what the input holds from page *next on, and moves *next behind the last page written.
+// Writes the input from page *next on, and sets *next to the page after the last one written.
 void writePages(PageEditor& editor, Input& input, Progress& progress, std::int64_t* next) {
   const auto pageSize = static_cast<std::size_t>(editor.file().geometry().pageSize);
   const AlignedBuffer batch(batchBytes(editor.file().geometry().pageSize));
@@ -71,11 +71,11 @@ std::optional<std::int64_t> pagesIn(std::optional<std::int64_t> bytes, std::int6
   return *bytes / pageSize + (*bytes % pageSize == 0 ? 0 : 1);
 }
 
-// What a put that failed has done.
+// What a failed put has or has not changed.
 std::string outcome(const PageEditor& editor, bool appends, std::int64_t first, std::int64_t next) {
-  if (editor.isDecided()) {
-    return "the new pages are safe behind the end of the file: the next change, or qzpfile "
-           "repair, puts them in their places";
+  if (editor.isCommitted()) {
+    return "the new pages are safe after the end of the file: the next change, or qzpfile "
+           "repair, moves them into place";
   }
   if (appends) return "nothing was appended";
   if (editor.isOwn()) return "nothing was changed";
@@ -101,7 +101,7 @@ Exit runPut(const Invocation& call) {
   Progress progress(call.progress, "put", input.size());
   std::int64_t next = first;
   try {
-    // Pages that are replaced wait behind those that are appended: their number must be known.
+    // Replaced pages are stored after appended ones, so the number of pages must be known.
     if (editor.isOwn() && !appends) input.makeSizeKnown(folderOf(call.first), progress);
     checkBefore(editor, first, input.size());
     const std::optional<std::int64_t> count =

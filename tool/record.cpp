@@ -23,7 +23,7 @@ std::optional<ChangeRecord> readRecord(const PlainFile& file) {
 
 std::vector<std::byte> readPiece(const PlainFile& file, const RecordedPiece& piece) {
   std::vector<std::byte> bytes(static_cast<std::size_t>(piece.length));
-  file.read(bytes, piece.at);  // a file that was cut meanwhile does not fit the checksum
+  file.read(bytes, piece.at);  // if the file became shorter meanwhile, the checksum does not match
   return bytes;
 }
 
@@ -44,7 +44,7 @@ void RecordWriter::add(std::int64_t target, std::span<const std::byte> bytes) {
   end_ += length;
 }
 
-ChangeRecord RecordWriter::decide(std::int64_t finalBytes) {
+ChangeRecord RecordWriter::commit(std::int64_t finalBytes) {
   file_.sync();
   ChangeRecord record{.pieces = std::move(pieces_), .finalBytes = finalBytes};
   file_.write(encodeRecord(record, end_), end_);

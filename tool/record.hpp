@@ -1,6 +1,6 @@
-// A change of one of the tool's own files, recorded behind the end of the file before a byte in
-// place changes; docs/file-format.md describes the record byte by byte and says what is on disk at
-// each moment.
+// The record of a change to a packed file. It is written after the end of the file before any byte
+// in place changes. docs/file-format.md describes the record byte by byte and says what is on disk
+// at each moment.
 #pragma once
 
 #include <cstdint>
@@ -13,25 +13,25 @@
 
 namespace qzpfile {
 
-// The record that the file ends with; nothing when there is none that is valid.
+// The record at the end of the file; nothing if there is no valid one.
 std::optional<ChangeRecord> readRecord(const PlainFile& file);
 
-// One piece's bytes.
+// Reads the bytes of one piece.
 std::vector<std::byte> readPiece(const PlainFile& file, const RecordedPiece& piece);
 
-// Puts the pieces where they belong and cuts the file to its final length, all of it on disk. Can
-// be done again after it was interrupted at any point.
+// Writes the pieces to their targets, truncates the file to its final length, and flushes. Can be
+// repeated after an interruption at any point.
 void applyRecord(const PlainFile& file, const ChangeRecord& record);
 
-// Writes a record.
 class RecordWriter {
  public:
-  // The first piece is written at `at`. file: must outlive this.
+  // at: the file offset of the first piece. file: must outlive this.
   RecordWriter(const PlainFile& file, std::int64_t at) : file_(file), end_(at) {}
 
   void add(std::int64_t target, std::span<const std::byte> bytes);
-  // Puts everything on disk that the change consists of, then the record: the change is decided.
-  ChangeRecord decide(std::int64_t finalBytes);
+  // Flushes everything that the change consists of, then writes and flushes the record: the change
+  // is committed.
+  ChangeRecord commit(std::int64_t finalBytes);
 
  private:
   const PlainFile& file_;

@@ -90,7 +90,7 @@ std::optional<RecordFooter> decodeFooter(std::span<const std::byte> bytes, std::
                       .tableChecksum = loadNumber(bytes, kTableChecksumAt)};
 }
 
-// The pieces fill the space between the first one and the table exactly.
+// The pieces must fill the space between the first one and the table exactly.
 std::optional<ChangeRecord> decodeTable(std::span<const std::byte> table,
                                         const RecordFooter& footer) {
   if (checksumOf(table) != footer.tableChecksum) return std::nullopt;

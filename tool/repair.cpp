@@ -1,4 +1,4 @@
-// qzpfile repair FILE: brings one of the tool's own files back into order.
+// qzpfile repair FILE: repairs a packed file.
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -22,22 +22,22 @@ struct Step {
   // "checksum_page", "checksum"
   std::string what;
   std::string text;
-  bool loses = false;     // something that only --yes gives up
+  bool loses = false;     // needs --yes, because data is lost
   std::int64_t page = 0;  // 0: not about pages
   std::int64_t lastPage = 0;
 };
 
-// What the pages of a file are, held against its header and checksum pages.
+// The state of a file's pages, compared with its header and checksum pages.
 struct Survey {
-  std::int64_t pages = 0;  // that are there
-  std::uint64_t sum = 0;   // of their checksums
+  std::int64_t pages = 0;  // pages that are present
+  std::uint64_t sum = 0;   // the sum of their checksums
   std::vector<std::int64_t> damaged;
-  std::vector<std::int64_t> lostGroups;  // whose checksum pages are damaged
-  // Checksum pages that differ from what they should be, with their groups.
+  std::vector<std::int64_t> lostGroups;  // groups whose checksum pages are damaged
+  // Checksum pages that need a correction: their groups and the correct bytes.
   std::vector<std::pair<std::int64_t, std::vector<std::byte>>> corrected;
 };
 
-// The file's checksum pages as they are, and as they should be for the pages that follow them.
+// Compares the file's checksum pages with those that its pages need.
 class Surveyor {
  public:
   explicit Surveyor(File& file) : file_(file), stored_(file.geometry()), fresh_(file.geometry()) {}
@@ -85,7 +85,7 @@ class Surveyor {
   Survey survey_;
 };
 
-// A header whose fields stand, but whose checksum or reserved bytes do not.
+// A header whose fields are valid but whose checksum or reserved bytes are not.
 std::optional<Header> sealedAnew(const PlainFile& file) {
   std::array<std::byte, kHeaderBytes> bytes{};
   if (!file.read(bytes, 0) || !isOwn(bytes)) return std::nullopt;
@@ -126,8 +126,8 @@ class Repair {
   bool changed_ = false;
 };
 
-// The file as it describes itself. Fields of a damaged header are believed until the pages have
-// shown whether they are right.
+// The file as it describes itself. The fields of a damaged header are used until the pages show
+// whether they are right.
 Source Repair::look() {
   try {
     return inspect(plain_, std::nullopt);
@@ -143,10 +143,10 @@ Source Repair::look() {
 }
 
 void Repair::settle() {
-  const bool decided = source_.unfinished == Unfinished::decided;
-  add({.what = decided ? "finish" : "undo",
-       .text = decided ? "a change was interrupted after it was decided: it is finished"
-                       : "a change was interrupted before it was decided: it is undone"});
+  const bool committed = source_.unfinished == Unfinished::committed;
+  add({.what = committed ? "finish" : "undo",
+       .text = committed ? "a change was interrupted after it was committed: it is finished"
+                         : "a change was interrupted before it was committed: it is undone"});
   if (call_.dryRun) return;
   settleChange(plain_, source_);
   changed_ = true;
@@ -167,7 +167,7 @@ void Repair::judgeLength() {
          .lastPage = pages});
   } else if (source_.measured.found > source_.measured.expected) {
     add({.what = "cut",
-         .text = fmt::format("{} behind the end belong to no page",
+         .text = fmt::format("{} after the end belong to no page",
                              counted(source_.measured.found - source_.measured.expected, "byte")),
          .loses = true});
   }
@@ -177,19 +177,17 @@ void Repair::judgeChecksums(const Survey& survey) {
   const Header& header = *source_.geometry.header;
   const Geometry& geometry = source_.geometry;
   const bool complete = survey.pages == header.pageCount();
-  // The sum of all pages as the header has it proves that each of them is what was written.
+  // If the sum of all pages matches the header, each page is as it was written.
   const bool proven = complete && survey.sum == header.payloadChecksum;
   if (!headerSealed_) {
     if (!proven) inspect(plain_, std::nullopt);  // throws
-    add({.what = "header",
-         .text = "the header's checksum is wrong, what the header says is right"});
+    add({.what = "header", .text = "the header's checksum is wrong, but its fields are right"});
   }
   if (header.changing) {
     add({.what = "flag",
-         .text = proven
-                     ? "the header says that a change is under way, but all pages fit"
-                     : "a change was interrupted by an earlier version of the program: the pages "
-                       "are taken as they are",
+         .text = proven ? "the header says that a change is in progress, but all pages match"
+                        : "an earlier version of the program left a change unfinished: the pages "
+                          "are accepted as they are",
          .loses = !proven});
   }
   for (const std::int64_t page : survey.damaged) {
@@ -217,29 +215,30 @@ void Repair::judgeChecksums(const Survey& survey) {
     const bool known = geometry.pagesPerGroup != 0;  // each page matches its own checksum
     add({.what = "checksum",
          .text = known
-                     ? "the payload checksum is wrong, all pages fit their own"
-                     : "the pages do not match the payload checksum; version 1 does not tell which",
+                     ? "the payload checksum is wrong, but each page matches its own"
+                     : "the pages do not match the payload checksum; version 1 does not say which",
          .loses = !known});
   }
   if (steps_.empty() && !survey.corrected.empty()) {
-    add({.what = "checksum_page", .text = "checksum pages have checksums of no page"});
+    add({.what = "checksum_page",
+         .text = "checksum pages have entries for pages that do not exist"});
   }
 }
 
-// All in one change, which is decided as those of put are.
+// Makes all corrections in one change, committed like a change by put.
 void Repair::write(const Survey& survey) {
   Header header = *source_.geometry.header;
   header.changing = false;
   header.preparing = false;
   header.payloadBytes = std::min(header.payloadBytes, survey.pages * header.pageSize);
   header.payloadChecksum = survey.sum;
-  // A file that ends inside its header gets a whole one, behind which the record lies.
+  // If the file ends inside its header, the record starts after a complete header.
   RecordWriter record(plain_, std::max(plain_.size(), header.fileBytes()));
   for (const auto& [group, page] : survey.corrected) {
     record.add(source_.geometry.storedOffset(source_.geometry.storedChecksums(group)), page);
   }
   record.add(0, encodeHeader(header));
-  applyRecord(plain_, record.decide(header.fileBytes()));
+  applyRecord(plain_, record.commit(header.fileBytes()));
   changed_ = true;
 }
 
@@ -247,7 +246,7 @@ void Repair::run() {
   source_ = look();
   if (!source_.geometry.header) {
     throw Failure(Exit::badData,
-                  fmt::format("is a {}, which pack did not make", kindName(source_.geometry.kind)),
+                  fmt::format("is a {}, not a file made by pack", kindName(source_.geometry.kind)),
                   plain_.name());
   }
   if (source_.unfinished != Unfinished::no) settle();
@@ -301,7 +300,7 @@ void printJson(const Repair& repair, const std::string& name, Exit exit) {
 
 Exit runRepair(const Invocation& call) {
   Session session(call.modulePath, call.verbose);
-  // Whatever the header is: pages of one byte fit every file.
+  // Pages of one byte fit every file, whatever its header.
   Source anything = examine(session, call.first, RawGeometry{.pageSize = 1, .headerSize = 0});
   if (!call.dryRun) anything.look.reset();
   File file =
@@ -320,7 +319,7 @@ Exit runRepair(const Invocation& call) {
   if (call.quiet) return exit;
   printText(repair, call.first, good);
   if (!good && !call.dryRun) {
-    fmt::print("  try:    get a good copy; or give up with --yes what is lost for good\n");
+    fmt::print("  try:    get a good copy, or accept the loss with --yes\n");
   }
   return exit;
 }

@@ -1,5 +1,4 @@
-// What a command says that has done its work: text, or with --format json one document; nothing
-// with
+// What a successful command reports: text, or with --format json one document; nothing with
 // --quiet.
 #pragma once
 
@@ -10,12 +9,12 @@
 
 namespace qzpfile {
 
-// The line "NAME: TEXT", or the document of the schema "qzpfile/COMMAND" with the file's name and
-// `members`.
+// Prints the line "NAME: TEXT", or the document of the schema "qzpfile/COMMAND" with the file's
+// name and `members`.
 void reportResult(const Invocation& call, Exit exit, const char* command, const std::string& name,
                   const std::string& text, const nlohmann::ordered_json& members);
 
-// Says on standard error, also with --quiet, what the user should know although nothing failed.
+// Prints a warning on standard error, even with --quiet.
 void warn(const std::string& name, const std::string& text);
 
 }  // namespace qzpfile

@@ -1,4 +1,4 @@
-// qzpfile rm FILE.
+// qzpfile rm FILE: removes a paged file.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-// qzpfile header FILE, header --set INPUT FILE: the bytes before page 1.
+// qzpfile header FILE, header --set INPUT FILE: reads or replaces the bytes before page 1.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -28,7 +28,7 @@ void showHeader(const Source& source) {
   output.flush();
 }
 
-// Reads the new header; refuses more bytes than there is room for.
+// Reads the new header; throws if it is longer than `room`.
 std::vector<std::byte> readNewHeader(const std::string& from, std::int64_t room) {
   Input input(from);
   Progress quiet(ProgressChoice::never, {}, std::nullopt);
@@ -45,7 +45,7 @@ std::vector<std::byte> readNewHeader(const std::string& from, std::int64_t room)
   return bytes;
 }
 
-// The header of a file of the tool's own must go on telling the truth.
+// The header of a packed file must describe its pages.
 void checkFits(const std::vector<std::byte>& bytes, const Source& source) {
   const Header& now = *source.geometry.header;
   const auto decoded = decodeHeader(bytes);
@@ -53,9 +53,9 @@ void checkFits(const std::vector<std::byte>& bytes, const Source& source) {
   if (header == nullptr || header->changing || header->preparing ||
       header->version != now.version || header->pageSize != now.pageSize ||
       header->headerSize != now.headerSize || header->pageCount() != now.pageCount()) {
-    throw Failure(Exit::badData, "takes only a header that fits its pages, and this one does not",
+    throw Failure(Exit::badData, "needs a header that matches its pages; the new one does not",
                   source.name)
-        .tryThis("to write any header, describe the file: --raw --page-size N --header-size N");
+        .tryThis("to write any header, give the file's sizes: --raw --page-size N --header-size N");
   }
 }
 

@@ -11,11 +11,11 @@
 namespace qzpfile {
 namespace {
 
-// Signals that end a program that does not expect them, without a fault of its own.
+// Signals that end a program by default and do not report a fault of its own.
 constexpr int kEndSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM,
                                SIGTERM, SIGUSR2, SIGXCPU, SIGVTALRM, SIGPROF};
 
-// Read and written by signal handlers: lock-free, hence safe there.
+// Signal handlers read and write these; lock-free atomics are safe there.
 std::atomic<int> endSignal = 0;
 std::atomic<bool> progressRequested = false;
 std::atomic<int> unfinishedFolder = -1;
@@ -24,7 +24,7 @@ static_assert(std::atomic<int>::is_always_lock_free);
 static_assert(std::atomic<const char*>::is_always_lock_free);
 
 void onEnd(int signal) {
-  // A message to a reader that is gone raises SIGPIPE again: that does not force an exit.
+  // A message to a closed pipe raises SIGPIPE again; that must not force an exit.
   if (endSignal.exchange(signal) == 0 || signal == SIGPIPE) {
     return;
   }
@@ -53,7 +53,7 @@ bool isIgnored(int signal) {
 
 void installSignals() {
   for (const int signal : kEndSignals) {
-    // Without SA_RESTART: a wait for a pipe ends at once.
+    // Without SA_RESTART, so that a wait for a pipe ends at once.
     if (!isIgnored(signal)) handle(signal, onEnd, 0);
   }
   if (!isIgnored(SIGUSR1)) handle(SIGUSR1, onProgressRequest, SA_RESTART);

@@ -1,6 +1,6 @@
-// Signals: those that end a program end it after the work in hand has been undone; SIGUSR1 asks for
-// a line about progress; SIGXFSZ is ignored, so that a file size limit is an error like a full
-// disk. What the caller of the program had ignored stays ignored, as nohup(1) wants it.
+// Signals. Those that end a program end this one after it has undone unfinished work. SIGUSR1 asks
+// for a progress line. SIGXFSZ is ignored, so that a file size limit is an error like a full disk.
+// Signals that the parent ignored stay ignored, as nohup(1) requires.
 #pragma once
 
 #include <csignal>
@@ -15,11 +15,11 @@ void checkInterrupt();
 // True once after each SIGUSR1.
 bool takeProgressRequest();
 
-// Names the file that a second signal removes on the spot, when the first is not answered; null:
-// none. folder: a descriptor. The text must stay where it is until the next call.
+// Names the file that a second signal removes at once if the first was not handled; null: none.
+// folder: a descriptor. `name` must stay valid until the next call.
 void setUnfinishedFile(int folder, const char* name);
 
-// Signals wait until the end of its scope.
+// Holds signals back until the end of its scope.
 class SignalsHeldBack {
  public:
   SignalsHeldBack();

@@ -10,7 +10,7 @@
 namespace qzpfile {
 namespace {
 
-// A run of digits that is the whole text; no sign, no blanks.
+// Parses text that consists of digits only: no sign, no blanks.
 std::optional<std::int64_t> parseNumber(std::string_view text) {
   std::int64_t value = 0;
   const char* const end = text.data() + text.size();
@@ -21,7 +21,7 @@ std::optional<std::int64_t> parseNumber(std::string_view text) {
   return value;
 }
 
-// What a unit multiplies by: "", "B", "K", "KiB", "KB", ... 0: no such unit.
+// The factor of a unit: "", "B", "K", "KiB", "KB", ... 0: unknown unit.
 std::int64_t unitFactor(std::string_view unit) {
   if (unit.empty() || unit == "B" || unit == "b") {
     return 1;

@@ -1,5 +1,5 @@
-// Sizes and page ranges as people write them. Pure functions over text: they allocate nothing for
-// parsing and accept any bytes.
+// Sizes and page ranges as people write them. Pure functions that accept any bytes; the parsers of
+// sizes and ranges allocate nothing.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ struct PageRange {
 // anything else, begins at page 0 or runs backwards.
 std::optional<PageRange> parsePageRange(std::string_view text);
 
-// Ranges in the order given, from "1,3,7-9".
+// Ranges from "1,3,7-9", in the order given.
 std::optional<std::vector<PageRange>> parsePageList(std::string_view text);
 
 // "512 bytes", "68.4 MiB": at most four digits, for people; exact below 1 KiB.

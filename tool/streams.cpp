@@ -22,16 +22,16 @@
 namespace qzpfile {
 namespace {
 
-// Gathers small pages; larger ones are worth a call each, and no copy.
+// Collects small pages; larger ones get a call each, without a copy.
 constexpr std::size_t kPendingBytes = 64U << 10;
 
-// Bytes that are looked at together for zeros; file systems have no smaller holes.
+// Zeros are looked for in units of this many bytes; file systems have no smaller holes.
 constexpr std::int64_t kZeroUnit = 4096;
-// What is found of a run of 64 KiB wherever it begins and ends.
+// The least that is found of a 64 KiB run, wherever it begins and ends.
 constexpr std::int64_t kLeastHole = (64 << 10) - 2 * kZeroUnit;
 
-// Bytes at the front that are zeros, or are not: in units that end where those of the file do.
-// position: of the first byte in the file.
+// The length of the run of zeros, or of other bytes, at the front, in units aligned to the file.
+// position: the file offset of the first byte.
 std::size_t lengthOfRun(std::span<const std::byte> bytes, std::int64_t position, bool zeros) {
   std::size_t length = 0;
   while (length < bytes.size()) {
@@ -45,7 +45,7 @@ std::size_t lengthOfRun(std::span<const std::byte> bytes, std::int64_t position,
   return length;
 }
 
-// Only behind the end of a regular file: bytes that are there already would show through.
+// Only after the end of a regular file: a hole does not overwrite existing bytes.
 bool takesHoles(int fd) {
   struct stat info = {};
   const int flags = fcntl(fd, F_GETFL);
@@ -160,17 +160,17 @@ std::size_t Input::read(std::span<std::byte> area, Progress& progress) {
 
 void Input::requireUncut(std::size_t got) const {
   const std::int64_t taken = taken_ + static_cast<std::int64_t>(got);
-  // Files of the system, as in /sys, may promise more than they hold: those do not get shorter.
+  // System files, as in /sys, may have fewer bytes than their size, but their size stays.
   if (taken < expected_ && size() == 0) {
     throw Failure(Exit::badData,
-                  fmt::format("was cut while it was read: it had {}, and {} could be read",
+                  fmt::format("became shorter while it was read: it had {}, and {} could be read",
                               counted(expected_, "byte"), taken),
                   name_)
         .tryThis("wait until nobody changes the file, and try again");
   }
 }
 
-// poll ends at every signal, also where a read would be taken up again.
+// poll returns at every signal, even where a read would be restarted.
 void Input::waitForData(Progress& progress) const {
   pollfd waited = {.fd = fd_, .events = POLLIN, .revents = 0};
   while (poll(&waited, 1, -1) < 0 && errno == EINTR) progress.answerSignals();
@@ -236,7 +236,7 @@ void Output::writeThrough(std::span<const std::byte> bytes) {
   early_.wroteUpTo(position_ - skipped_);
 }
 
-// Many zeros before the next byte become a hole, few are written.
+// A long run of zeros before the next byte becomes a hole; a short one is written.
 void Output::endZeros() {
   if (skipped_ >= kLeastHole) {
     if (lseek(fd_, position_, SEEK_SET) < 0) {
@@ -290,7 +290,7 @@ void HolePuncher::forgetShortRun() {
   if (!runs_.empty() && runs_.back().end - runs_.back().begin < kLeastHole) runs_.pop_back();
 }
 
-// A long run is punched while it goes on, so that the disk need not hold it.
+// Punches a long run while it still grows, so that the disk need not hold it.
 void HolePuncher::punchBefore(std::int64_t limit) {
   constexpr std::int64_t kLong = 64 << 20;
   while (fd_ >= 0 && !runs_.empty()) {
@@ -299,7 +299,7 @@ void HolePuncher::punchBefore(std::int64_t limit) {
     const std::int64_t end = std::min(run.end, limit);
     if (fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, run.begin, end - run.begin) !=
         0) {
-      fd_ = -1;  // a file system without holes: zeros are as good
+      fd_ = -1;  // the file system has no holes; zeros are as good
     }
     run.begin = end;
     if (run.begin < run.end) return;

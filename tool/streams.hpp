@@ -1,4 +1,4 @@
-// Ordinary files and pipes: where pages' bytes come from and go to.
+// Ordinary files and pipes, from which pages are read and to which they are written.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 
 namespace qzpfile {
 
-// Memory that direct I/O can use as it is.
+// Memory that is aligned for direct I/O.
 class AlignedBuffer {
  public:
   explicit AlignedBuffer(std::size_t bytes);
@@ -30,7 +30,7 @@ class AlignedBuffer {
   std::size_t size_;
 };
 
-// Bytes of memory for the pages that travel together: whole pages, about 128 KiB, at least one.
+// Bytes to transfer in one batch: whole pages, about 128 KiB, at least one page.
 std::size_t batchBytes(std::int32_t pageSize);
 
 // A file, or standard input under the name "-".
@@ -43,12 +43,12 @@ class Input {
 
   const std::string& name() const { return name_; }
   int fd() const { return fd_; }
-  // Bytes still to come; only a regular file knows.
+  // Bytes still to come; known only for a regular file.
   std::optional<std::int64_t> size() const;
-  // Reads all of a pipe into an unnamed file, in `folder` where that can be, and goes on with it.
+  // Copies a pipe to an unnamed file (in `folder` if possible) and continues from that file.
   void makeSizeKnown(const std::string& folder, Progress& progress);
-  // Fills `area` unless the input ends first; the bytes read. Fails when a regular file ends before
-  // the end that it had when it was opened.
+  // Fills `area` unless the input ends first; returns the number of bytes. Throws if a regular file
+  // became shorter since it was opened.
   std::size_t read(std::span<std::byte> area, Progress& progress);
 
  private:
@@ -58,25 +58,25 @@ class Input {
   std::string name_;
   int fd_;
   bool isRegular_ = false;
-  std::int64_t expected_ = 0;  // bytes, of a regular file
+  std::int64_t expected_ = 0;  // bytes, for a regular file
   std::int64_t taken_ = 0;
 };
 
 bool isSameFile(int fd, int other);
 
-// Fails when standard output is the file `fd`, which would grow while it is read.
+// Throws if standard output is the file `fd`, which would grow while it is read.
 void refuseAsOutput(int fd, const std::string& name);
 
 bool isZeros(std::span<const std::byte> bytes);
 
-// Has the system write a new file to the disk while the rest of it is being made, so that the flush
-// at the end has little left to wait for. It decides nothing: the flush tells of every failure.
+// Makes the system start writing a new file to disk while the rest is produced, so that the final
+// flush is short. All failures are left to that flush.
 class EarlyWrites {
  public:
-  // fd: stays the caller's; -1: leaves everything to the flush.
+  // fd: not owned; -1: leaves everything to the flush.
   explicit EarlyWrites(int fd) : fd_(fd) {}
 
-  // The file has everything up to here.
+  // The file is complete up to `end`.
   void wroteUpTo(std::int64_t end);
 
  private:
@@ -84,18 +84,18 @@ class EarlyWrites {
   std::int64_t started_ = 0;  // bytes whose writing was asked for
 };
 
-// Collects what is written into larger pieces. Nothing is written after a failure.
+// Collects output into larger writes. Writes nothing after a failure.
 class Output {
  public:
-  // fd: stays the caller's. name: for messages. sparse: runs of zeros of at least 64 KiB become
-  // holes where `fd` is a regular file, which then must be ended by finish(). toBeFlushed: the
-  // caller flushes the file at the end.
+  // fd: not owned. name: for messages. sparse: if `fd` is a regular file, 64 KiB or more of zeros
+  // become a hole; the caller must then call finish(). toBeFlushed: the caller flushes the file at
+  // the end.
   Output(int fd, std::string name, bool sparse = false, bool toBeFlushed = false);
 
   void write(std::span<const std::byte> bytes);
-  // Everything written so far is with the system, zeros at the end excepted.
+  // Passes everything written so far to the system, except zeros at the end.
   void flush();
-  // Everything is.
+  // The same, including zeros at the end.
   void finish();
 
  private:
@@ -107,25 +107,25 @@ class Output {
   std::string name_;
   bool sparse_;
   EarlyWrites early_;
-  std::int64_t position_ = 0;  // in the file, behind what was written or skipped
-  std::int64_t skipped_ = 0;   // zeros before that
+  std::int64_t position_ = 0;  // file offset after what was written or skipped
+  std::int64_t skipped_ = 0;   // zeros directly before that
   std::vector<std::byte> pending_;
 };
 
-// Turns runs of zeros of at least 64 KiB into holes of a file that something else writes in order.
+// Turns runs of at least 64 KiB of zeros into holes, in a file that is written in order elsewhere.
 class HolePuncher {
  public:
-  // fd: stays the caller's; -1: leaves everything as it is. lag: bytes that may not be in the file
-  // yet when they count as written.
+  // fd: not owned; -1: does nothing. lag: how many bytes that were reported as written may not be
+  // in the file yet.
   HolePuncher(int fd, std::int64_t lag) : fd_(fd), lag_(lag) {}
 
   void wrote(std::int64_t offset, std::span<const std::byte> bytes);
-  // Everything is in the file.
+  // Call this when everything is in the file.
   void finish();
 
  private:
   struct Run {
-    std::int64_t begin;  // bytes into the file
+    std::int64_t begin;  // file offset
     std::int64_t end;
   };
 

@@ -11,7 +11,7 @@ namespace qzpfile {
 namespace {
 
 struct Character {
-  std::int32_t code;  // -1: the byte is no UTF-8
+  std::int32_t code;  // -1: the byte is not UTF-8
   std::size_t bytes;
 };
 
@@ -36,14 +36,13 @@ Character firstOf(std::string_view text) {
 
 bool isControl(std::int32_t code) { return code < 0x20 || (code >= 0x7F && code <= 0x9F); }
 
-// Marks that turn the direction of writing, and what ends lines.
+// Marks that change the writing direction, and line separators.
 bool isMark(std::int32_t code) {
   return code == 0x61C || code == 0x200E || code == 0x200F || (code >= 0x2028 && code <= 0x202E) ||
          (code >= 0x2066 && code <= 0x2069);
 }
 
-// Letters to insert, remove or exchange to make one word of the other: row by row of the table of
-// distances between the beginnings of both words.
+// The edit distance: letters to insert, remove or replace to turn one word into the other.
 std::size_t editsBetween(std::string_view one, std::string_view other) {
   std::vector<std::size_t> row(other.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -104,7 +103,7 @@ std::string hexOf(std::string_view bytes) {
 
 std::string closest(std::string_view word, const std::vector<std::string>& known) {
   std::string best;
-  std::size_t fewest = word.size() / 3 + 2;  // more than that is another word
+  std::size_t fewest = word.size() / 3 + 2;  // a word with more edits is another word
   for (const std::string& candidate : known) {
     if (const std::size_t edits = editsBetween(word, candidate); edits < fewest) {
       fewest = edits;

@@ -44,7 +44,7 @@ void printOperations(const TraceSummary& summary) {
                sum.failed, readableTime(sum.nanoseconds), readableTime(sum.ownNanoseconds),
                readableTime(sum.longest), sum.systemCalls);
   }
-  fmt::print("own: without the operations inside; calls: system calls of the module\n");
+  fmt::print("own: time without nested operations; calls: system calls of the module\n");
 }
 
 void printUse(const UseSum& use) {
@@ -57,13 +57,13 @@ void printUse(const UseSum& use) {
   line("a replay with the same hints", use.replayed);
   for (const Alternative& other : use.alternatives) line(other.hints, other.transfers);
   if (use.inBlocks) {
-    fmt::print("    calls saved by blocks: {} (without them a replay takes {})\n",
+    fmt::print("    calls saved by blocks: {} (without blocks a replay takes {})\n",
                use.pageByPage.calls - use.recorded.calls, use.pageByPage.calls);
   }
 }
 
 void printFile(const FileSum& file) {
-  if (file.systemCalls.empty() && file.uses.empty()) return;  // only named
+  if (file.systemCalls.empty() && file.uses.empty()) return;  // named, but not used
   fmt::print("\n{}\n", printable(file.name));
   if (file.pagesRead > 0) {
     fmt::print("  {} read: {} from memory (hits), {} from the file (misses)\n",
@@ -87,9 +87,9 @@ void printText(const TraceSummary& summary, const std::string& name) {
              counted(summary.operationCount, "operation"),
              printable(summary.program.substr(summary.program.rfind('/') + 1)),
              readableTime(summary.nanoseconds), counted(summary.threads, "thread"));
-  if (summary.endsInsideALine) fmt::print("the last line is not complete: the program was ended\n");
+  if (summary.endsInsideALine) fmt::print("the last line is incomplete: the program was killed\n");
   if (summary.linesLost > 0) {
-    fmt::print("{} not recorded for want of memory\n", counted(summary.linesLost, "operation"));
+    fmt::print("{} not recorded because memory ran out\n", counted(summary.linesLost, "operation"));
   }
   printOperations(summary);
   for (const FileSum& file : summary.files) printFile(file);

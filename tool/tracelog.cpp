@@ -51,7 +51,7 @@ bool movesPages(const std::string& call) {
   return call == "pread64" || call == "pwrite64" || call == "readv";
 }
 
-// Headers, and the opening of a file, are no pages.
+// True for operations that transfer headers, not pages.
 bool isAboutHeaders(const std::string& operation) {
   return operation == "qzpwritehdr" || operation == "qzppreopen" || operation == "qzpopen";
 }
@@ -71,8 +71,8 @@ Hints hintsOf(const BufferShape& shape, const char* remark = "") {
           shape};
 }
 
-// What is replayed beside the hints that were used: buffers of about the same memory, and four
-// times as many of the same.
+// The hints to replay besides those that were used: buffers of about the same memory, and four
+// times as many of the same buffers.
 std::vector<Hints> otherHints(const BufferShape& used) {
   constexpr std::int64_t kMostBuffers = 1 << 20;
   const std::int64_t buffers = std::max(used.buffers, 1);
@@ -95,7 +95,7 @@ std::vector<Hints> otherHints(const BufferShape& used) {
   return hints;
 }
 
-// One open file: the models that its pages are replayed through.
+// One open file, with the models that replay its pages.
 class Replay {
  public:
   Replay(const BufferShape& used, std::int64_t pages)
@@ -160,14 +160,14 @@ class Replay {
   }
 
   bool inBlocks_;
-  std::vector<Hints> hints_;  // the ones used, the same without blocks, then others
+  std::vector<Hints> hints_;  // the hints used, the same without blocks, then others
   std::vector<std::unique_ptr<CacheModel>> models_;
   Transfers recorded_;
 };
 
 struct Handle {
   std::string name;
-  std::size_t file = 0;  // its place among the sums
+  std::size_t file = 0;  // index in summary_.files
   std::unique_ptr<Replay> replay;
 };
 
@@ -222,8 +222,8 @@ class Reader {
     return nanoseconds;
   }
 
-  // The handle of the line, under the name that it has now. One line has its address for its
-  // operation and its result: qzpgetmemhandle.
+  // The handle of the line, under its current name. A qzpgetmemhandle makes a new handle, which may
+  // have the address of an old one.
   Handle& handleOf(const Json& line, const std::string& operation) {
     if (!line.contains("handle")) return noHandle_;
     Handle& handle = handles_[text(line, "handle")];
@@ -265,7 +265,7 @@ class Reader {
     return nanoseconds;
   }
 
-  // A successful operation.
+  // Adds a successful operation.
   void addPages(const Json& line, const std::string& operation, Handle& handle) {
     FileSum* const file = fileOf(handle);
     if (file == nullptr) return;
@@ -322,8 +322,8 @@ class Reader {
     }
   }
 
-  // The handle keeps its last error number through operations that make no system call. One of
-  // this operation's own calls, or of the host's, must have failed for it to be the reason.
+  // A handle keeps its last error number through operations that make no system call. The number is
+  // the reason only if one of this operation's own calls, or of the host's, failed.
   static int errorBehind(const Json& line, const std::string& operation) {
     const bool hostOpens = operation == "qzpopen" || operation == "qzppreopen" ||
                            operation == "qzpreopen" || operation == "qzpdelete";
@@ -339,7 +339,8 @@ class Reader {
   TraceSummary summary_;
   std::unordered_map<std::string, Handle> handles_;
   Handle noHandle_;
-  std::unordered_map<std::int64_t, std::int64_t> inside_;  // nanoseconds, by the outer operation
+  std::unordered_map<std::int64_t, std::int64_t>
+      inside_;  // nanoseconds of nested operations, by the outer operation
   std::map<FailureKey, FailureSum> failures_;
   std::set<std::int64_t> threads_;
   std::int64_t first_ = std::numeric_limits<std::int64_t>::max();
@@ -375,7 +376,7 @@ TraceSummary readTrace(const std::string& fileName) {
     while (std::getline(file, words)) {
       checkInterrupt();
       ++lineNumber;
-      // Zero bytes: the program ended without closing the file. They follow its last line.
+      // Zero bytes after the last line: the program ended without closing the file.
       words.resize(std::min(words.size(), words.find('\0')));
       if (lineNumber == 1) {
         readFirstLine(words, fileName, &reader.summary());
@@ -388,7 +389,7 @@ TraceSummary readTrace(const std::string& fileName) {
       reader.addLine(Json::parse(words), lineNumber);
     }
   } catch (const Json::exception&) {
-    throw Failure(Exit::badData, fmt::format("line {} is not one of a trace", lineNumber),
+    throw Failure(Exit::badData, fmt::format("line {} is not a trace record", lineNumber),
                   fileName);
   }
   if (file.bad()) throw systemFailure(Purpose::input, "cannot read", fileName, errno);

@@ -1,4 +1,4 @@
-// A trace, read and summed up. docs/trace.md describes its lines.
+// Reads a trace and sums it up. docs/trace.md describes its lines.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ struct OperationSum {
   std::int64_t count = 0;
   std::int64_t failed = 0;
   std::int64_t nanoseconds = 0;
-  std::int64_t ownNanoseconds = 0;  // without the operations inside
+  std::int64_t ownNanoseconds = 0;  // without nested operations
   std::int64_t longest = 0;
   std::int64_t systemCalls = 0;
 };
@@ -26,7 +26,7 @@ struct SlowOperation {
   std::string operation;
   std::string file;
   std::optional<std::int64_t> page;
-  std::int64_t systemNanoseconds = 0;  // of these in its own system calls
+  std::int64_t systemNanoseconds = 0;  // of these, in the module's own system calls
 };
 
 // Failures of one kind: the same operation, file and reason.
@@ -34,13 +34,13 @@ struct FailureSum {
   std::string operation;
   std::string file;
   std::uint32_t status = 0;
-  int errorNumber = 0;  // 0: no system call stands behind it
+  int errorNumber = 0;  // 0: no system call failed
   std::int64_t count = 0;
   std::int64_t firstLine = 0;
   std::optional<std::int64_t> firstPage;
 };
 
-// What a replay with other hints comes to.
+// The cost of a replay with other hints.
 struct Alternative {
   std::string hints;
   Transfers transfers;
@@ -57,14 +57,14 @@ struct UseSum {
   std::vector<Alternative> alternatives;
 };
 
-// All that was done with one file, through whatever handles.
+// Everything that was done with one file, through any handle.
 struct FileSum {
   std::string name;
   std::int64_t pagesRead = 0;  // in place
-  std::int64_t hits = 0;       // of these without a system call
+  std::int64_t hits = 0;       // of these, without a system call
   std::int64_t pagesReadMany = 0;
   std::int64_t pagesWritten = 0;
-  std::int64_t collected = 0;  // of these without a system call
+  std::int64_t collected = 0;  // of these, without a system call
   std::map<std::string, Transfers> systemCalls;
   std::vector<UseSum> uses;
 };
@@ -75,7 +75,7 @@ struct TraceSummary {
   std::int64_t operationCount = 0;
   std::int64_t threads = 0;
   std::int64_t nanoseconds = 0;  // from the first operation to the end of the last
-  std::int64_t linesLost = 0;    // for want of memory, as the trace itself says
+  std::int64_t linesLost = 0;    // because memory ran out, as the trace says
   bool endsInsideALine = false;  // the program was killed while it wrote
   std::map<std::string, OperationSum> operations;
   std::vector<FileSum> files;  // in the order in which they were named
@@ -83,7 +83,7 @@ struct TraceSummary {
   std::vector<FailureSum> failures;
 };
 
-// Throws Failure for a file that is no trace, or that has a line that is none.
+// Throws Failure if the file is not a trace or has an invalid line.
 TraceSummary readTrace(const std::string& fileName);
 
 }  // namespace qzpfile

@@ -1,4 +1,4 @@
-// qzpfile truncate FILE PAGES.
+// qzpfile truncate FILE PAGES: truncates a paged file.
 #include <fmt/format.h>
 
 #include "commands.hpp"
@@ -14,13 +14,13 @@ Exit runTruncate(const Invocation& call) {
   const std::int64_t pagesBefore = editor.pageCount();
   if (pages > pagesBefore) {
     throw Failure(Exit::usage,
-                  fmt::format("has {}: it can be cut, not lengthened to {}",
+                  fmt::format("has {}: truncate cannot lengthen it to {}",
                               counted(pagesBefore, "page"), pages),
                   call.first)
         .tryThis("use put --append to add pages");
   }
   if (pages == 0 && editor.file().geometry().headerSize == 0) {
-    throw Failure(Exit::usage, "has no header: without pages there would be no file", call.first)
+    throw Failure(Exit::usage, "has no header, so it must keep at least one page", call.first)
         .tryThis("use rm to remove it");
   }
   editor.truncate(pages);

@@ -1,4 +1,4 @@
-// qzpfile unpack INPUT OUTPUT: a packed file becomes what it was made from.
+// qzpfile unpack INPUT OUTPUT: restores what was packed.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -19,9 +19,9 @@ Exit runUnpack(const Invocation& call) {
   const Source source = examineToRead(session, call.first, std::nullopt, call.keepGoing);
   if (!source.geometry.header) {
     throw Failure(Exit::badData,
-                  fmt::format("is a {}, which pack did not make", kindName(source.geometry.kind)),
+                  fmt::format("is a {}, not a file made by pack", kindName(source.geometry.kind)),
                   call.first)
-        .tryThis("use copy for a copy of it, or cat for its pages");
+        .tryThis("use copy to copy it, or cat to read its pages");
   }
   File file = File::openToRead(session, source, call.io, Use::wholeFile);
   const bool toStandardOutput = call.second == "-";
@@ -48,7 +48,7 @@ Exit runUnpack(const Invocation& call) {
   progress.end();
   const Header& header = *source.geometry.header;
   const char* const state = !good              ? "damaged pages as they are"
-                            : source.isPartial ? "as far as there are pages"
+                            : source.isPartial ? "missing pages left out"
                                                : "checksum good";
   reportResult(
       call, exit, "unpack", call.second,

@@ -1,5 +1,5 @@
-// qzpfile verify FILE: whole pages that fit their checksums; with --every-mode the same bytes in
-// every I/O mode.
+// qzpfile verify FILE: checks that a file has whole pages that match their checksums; with
+// --every-mode, that every I/O mode gives the same bytes.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -44,7 +44,7 @@ class Verification {
   std::int64_t pagesRead() const { return pagesRead_; }
   const std::optional<WalCheck>& wal() const { return wal_; }
   const PageMap& map() const { return map_; }
-  // A page that could not be read is no verdict.
+  // A page that could not be read is neither good nor damaged.
   Exit exit() const {
     if (failedToRead_) return Exit::ioError;
     return findings_.empty() ? Exit::good : Exit::different;
@@ -65,7 +65,7 @@ class Verification {
   Session& session_;
   const Invocation& call_;
   const Source& source_;
-  std::vector<File> files_;  // one for every mode that was obtained
+  std::vector<File> files_;  // one for each mode that was obtained
   std::vector<IoOutcome> skipped_;
   std::vector<Finding> findings_;
   std::int64_t pagesRead_ = 0;
@@ -87,9 +87,9 @@ void Verification::run() {
   }
   if (header && header->changing) {
     findings_.push_back(
-        {.what = "changing", .text = "was left in the middle of a change of its pages"});
+        {.what = "changing", .text = "was left in the middle of a change to its pages"});
   }
-  // The module opens what has a header or a whole page, and an empty file.
+  // The module opens a file that has a header or a whole page, or that is empty.
   const Measure& measured = source_.measured;
   const bool opens = !measured.inHeader && (source_.geometry.headerSize > 0 ||
                                             measured.storedPages > 0 || measured.leftOver == 0);
@@ -101,7 +101,7 @@ void Verification::verifyPages() {
   const std::optional<Header>& header = source_.geometry.header;
   open();
   std::int64_t pages = source_.measured.wholePages;
-  if (header) pages = std::min(pages, header->pageCount());  // what is behind them is no page
+  if (header) pages = std::min(pages, header->pageCount());  // bytes after them are not pages
   Progress progress(call_.progress, "verify", pages * source_.geometry.pageSize);
   for (std::int64_t page = 1; page <= pages && !isDecided(); ++page) {
     verifyPage(page);
@@ -146,7 +146,7 @@ void Verification::noteDamage(const Damage& damage) {
                        .offset = damage.offset});
 }
 
-// The module closes a file whose page came back short: it is opened again for the next page.
+// Reopens a file that the module closed after a short read.
 void Verification::reopenIfClosed(File& file) {
   if (!file.isOpen()) {
     file = File::openToRead(session_, source_, request(file.io().mode), Use::wholeFile);
@@ -195,14 +195,14 @@ void Verification::verifyPage(std::int64_t page) {
   if (first && source_.geometry.header) checksum_ += checker_->check(page, bytesOf(*first));
   if (first && wal_ && !wal_->take(bytesOf(*first))) {
     here_ = PageState::damaged;
-    note(page, files_.front().io(), "frame", "the frame does not match those before it");
+    note(page, files_.front().io(), "frame", "the frame does not match the frames before it");
   }
   for (auto file = files_.begin() + 1; file != files_.end() && !isDecided(); ++file) {
     const std::optional<qz::PageHold> other = readOrNote(*file, page);
     if (first && other && !std::ranges::equal(bytesOf(*first), bytesOf(*other))) {
       here_ = PageState::damaged;
       note(page, file->io(), "differs",
-           fmt::format("other bytes than in mode {}", ioName(files_.front().io().mode)));
+           fmt::format("the bytes differ from mode {}", ioName(files_.front().io().mode)));
     }
   }
   if (!call_.map) return;
@@ -249,7 +249,7 @@ void printText(const Source& source, const Verification& verification) {
     fmt::print("  change {}\n", describe(source.unfinished));
   }
   if (const auto& wal = verification.wal()) {
-    fmt::print("  {} of this log, {} behind them left over from before\n",
+    fmt::print("  {} of this log, followed by {} from an earlier log\n",
                counted(wal->frames(), "frame"), wal->leftOver());
   } else if (!source.geometry.header) {
     fmt::print("  no checksum: a {} has none\n",

@@ -21,8 +21,8 @@ std::uint32_t wordAt(std::span<const std::byte> bytes, std::size_t at, bool bigE
 
 }  // namespace
 
-// The lowest bit of the magic tells the order of the bytes that are summed; the sums themselves
-// are stored big-endian.
+// The lowest bit of the magic gives the byte order of the words that are summed; the sums
+// themselves are stored big-endian.
 WalCheck::WalCheck(std::span<const std::byte> header)
     : bigEndian_((header[3] & std::byte{1}) != std::byte{0}) {
   std::ranges::copy(header.subspan(kHeaderSaltsAt, salts_.size()), salts_.begin());
@@ -36,7 +36,7 @@ bool WalCheck::take(std::span<const std::byte> frame) {
     ++leftOver_;
     return true;
   }
-  if (leftOver_ > 0) return false;  // the frames between were of this log, and are damaged
+  if (leftOver_ > 0) return false;  // the frames skipped so far belong to this log and are damaged
   ++frames_;
   const Sum stored = {wordAt(frame, kFrameChecksumAt, true),
                       wordAt(frame, kFrameChecksumAt + 4, true)};

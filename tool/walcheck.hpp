@@ -15,11 +15,11 @@ class WalCheck {
   explicit WalCheck(std::span<const std::byte> header);
 
   bool isHeaderGood() const { return headerGood_; }
-  // Takes the frames in order. False for a frame of this log that does not fit those before it, as
-  // its checksum tells; the next one is then held against the checksum as it is stored.
+  // Takes the frames in order. Returns false for a frame of this log whose checksum does not follow
+  // from the frames before it. The next frame is then checked against the stored checksum.
   bool take(std::span<const std::byte> frame);
   std::int64_t frames() const { return frames_; }
-  // Frames of an earlier run that this one has not written over yet, behind the last of its own.
+  // Frames of an earlier run after the last frame of this one, not yet overwritten.
   std::int64_t leftOver() const { return leftOver_; }
 
  private:

@@ -55,8 +55,8 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
   return result;
 }
 
-// The file as a put leaves it that is stopped while it carries out its decided change: the first
-// call that fails after the change was decided.
+// The file as a put leaves it that is stopped while it carries out its committed change: the first
+// call that fails after the change was committed.
 Folder interruptedPut(const Workplace& place, const CommandCase& put) {
   const auto calls = static_cast<int>(place.record(put).trace.size());
   for (int call = 1; call <= calls; ++call) {
@@ -64,7 +64,7 @@ Folder interruptedPut(const Workplace& place, const CommandCase& put) {
     const Folder left = place.contents();
     if (left.at("x").find("QZPREDO") != Bytes::npos) return {{"x", left.at("x")}};
   }
-  ADD_FAILURE() << "no call leaves a decided change behind";
+  ADD_FAILURE() << "no call leaves a committed change behind";
   return put.before;
 }
 

@@ -91,7 +91,7 @@ $Q header f | head -c 64 >h; head -c 64 good | cmp h - && cmp f kept -> OK
 $Q copy f g >said; cmp g good && cmp f kept -> OK
 $Q verify f; cmp f kept -> OK change interrupted: the next change, or qzpfile repair, undoes it
 $Q info f | grep ^change; cmp f kept -> OK undoes it
-$Q repair -n f; cmp f kept -> OK a change was interrupted before it was decided
+$Q repair -n f; cmp f kept -> OK a change was interrupted before it was committed
 $Q repair f && cmp f good -> OK f: repaired
 head -c 4096 in | $Q put f 1; cmp f good -> OK 1 page written ! an interrupted change was undone
 $Q put f 2 </dev/null; cmp f good -> OK ! an interrupted change was undone
@@ -144,7 +144,7 @@ $Q compare -k good f | grep -c byte -> OK 2
 // A damaged frame ends the log as SQLite sees it, which frames left over from before do not.
 TEST(Checksums, OfSqliteLogsAreFollowedFrameByFrame) {
   playLines(R"(
-$Q verify w -> OK of this log, 0 behind them left over from before
+$Q verify w -> OK of this log, followed by 0 from an earlier log
 poke Y 9000 w; $Q verify -k w
   -> DIFFERS page 3 (file offset 8272) in mode buffered: the frame does not match
 poke Y 4180 w; $Q verify -k w -> DIFFERS page 2 (file offset 4152)
@@ -169,9 +169,9 @@ TEST(Repair, SaysWhatIsLostAndKeepsTheRest) {
            "payload "
            "are lost|36864",
            "truncate -s 3000 f|yes|pages 1 to 11 are missing|0",
-           "echo more >>f|yes|5 bytes behind the end belong to no page|43008",
-           "poke Y 44 f|no|the header's checksum is wrong, what the header says is right|43008",
-           "cp good1 f; poke Y 9000 f|yes|version 1 does not tell which|43008",
+           "echo more >>f|yes|5 bytes after the end belong to no page|43008",
+           "poke Y 44 f|no|the header's checksum is wrong, but its fields are right|43008",
+           "cp good1 f; poke Y 9000 f|yes|version 1 does not say which|43008",
            "cp good1 f; truncate -s -1 f|yes|page 11 is missing|40960",
        }) {
     SCOPED_TRACE(row);
@@ -198,9 +198,9 @@ TEST(Repair, RefusesWhatItCannotKnow) {
   playLines(R"(
 poke Y 30 good; cp good kept; $Q repair --yes good; s=$?; cmp good kept && exit $s
   -> DATAERR ! has a damaged header
-$Q repair in -> DATAERR ! is no kind of paged file
+$Q repair in -> DATAERR ! is not a paged file of a known kind
 sqlite3 db 'CREATE TABLE t(x);'; $Q repair db
-  -> DATAERR ! is a SQLite database, which pack did not make
+  -> DATAERR ! is a SQLite database, not a file made by pack
 $Q repair no -> NOINPUT ! No such file
 )");
 }

@@ -50,7 +50,7 @@ cp good1 x; truncate -s -4096 x
 cp good1 x; truncate -s -100 x -> badLength 10 whole pages of 4096 and 3996 left-over bytes
 head -c 2000 good1 >x
   -> badLength found 2000 bytes, which ends inside the header of 4096 bytes
-head -c 10 good1 >x -> badHeader x: ends inside its header try:    get a whole copy
+head -c 10 good1 >x -> badHeader x: ends inside its header try:    get a complete copy
 (cat good1; head -c 4096 in) >x -> badLength 12 whole pages
 page() { tail -c +$(($1 * 4096 + 1)) good1 | head -c 4096; };
   (page 0; page 2; page 1; tail -c +12289 good1) >x -> badPage checksum mismatch: the header has
@@ -63,8 +63,8 @@ cp good1 x; poke '\003' 8 x
 cp good1 x; mkfifo f; sh -c "exec $Q put x --append" <f & p=$!; exec 3>f;
   seq 1000000 | head -c 1100000 >&3; sleep 0.5; kill -KILL $p; exec 3>&-; wait $p || true; rm f
   -> sound change interrupted: the next change, or qzpfile repair, undoes it
-cp in x -> badHeader describe it: --raw
-: >x -> badHeader x: is empty try:    get a whole copy
+cp in x -> badHeader give its sizes: --raw
+: >x -> badHeader x: is empty try:    get a complete copy
 mkdir x -> noFile try:    name a file
 true -> noFile No such file
 mkfifo x -> noFile name a regular file

@@ -89,17 +89,17 @@ TEST(Interface, RefusesWhatItDoesNotUnderstand) {
 $Q -> USAGE ! name a command
 $Q frob -> USAGE ! there is no command "frob"
 $Q pack in -> USAGE ! OUTPUT is required
-$Q info good one two -> USAGE ! not expected: one two try:    qzpfile info --help
+$Q info good one two -> USAGE ! unexpected: one two try:    qzpfile info --help
 $Q info good one --force -> USAGE ! there is no option "--force" try:    --format, if that was meant
 $Q pack --pagesize 4K in x
   -> USAGE ! there is no option "--pagesize" try:    --page-size, if that was meant
 $Q pack -z 4K in x -> USAGE ! there is no option "-z"
 $Q inof good -> USAGE ! there is no command "inof" try:    info, if that was meant
-$Q pack --io= m x -> USAGE ! --io has no value behind the =
+$Q pack --io= m x -> USAGE ! --io has no value after the =
 $Q pack --force=no in x -> USAGE ! --force takes no value: "--force=no"
-$Q pack --quiet --format json in x 2>&1 -> USAGE exclude each other
-$Q unpack --format json good - -> USAGE beside the payload
-$Q header -q good -> USAGE ! about the report of --set
+$Q pack --quiet --format json in x 2>&1 -> USAGE cannot be used together
+$Q unpack --format json good - -> USAGE cannot be used when the payload
+$Q header -q good -> USAGE ! --quiet need --set
 cat good | $Q info - -> USAGE ! a pipe is not
 $Q pack in - -> USAGE ! a pipe is not
 $Q info good --buffers 2000000000 -> USAGE ! 1 to 65536

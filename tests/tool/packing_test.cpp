@@ -61,14 +61,14 @@ SQL
 // mode cannot take are refused before anything is written.
 TEST(Packing, TakesItsTargetsWithCare) {
   playLines(R"(
-$Q pack in good -> CANTCREAT ! good: exists already
-$Q unpack good in -> CANTCREAT ! in: exists already
+$Q pack in good -> CANTCREAT ! good: already exists
+$Q unpack good in -> CANTCREAT ! in: already exists
 chmod 640 good; $Q pack -f in good >y && stat -c %a good -> OK 640
 ln -s good link; head -c 9 in >small; $Q pack -f small link >y; test -L link && $Q unpack good - |
   cmp small - -> OK
 mkdir d; $Q pack in d --force -> CANTCREAT ! d: is a folder
 mkfifo f; $Q pack in f --force -> CANTCREAT ! not a regular file
-$Q pack in no/such -> CANTCREAT ! try:    make the folder first
+$Q pack in no/such -> CANTCREAT ! try:    create the folder first
 n=$(printf 'p\303\266\344\270\200\377'); $Q pack in "$n" && $Q unpack "$n" - | cmp in -
   -> OK 1 page of 65536
 $Q pack in x >y; stat -c %a x -> OK 644
@@ -116,7 +116,7 @@ TEST(Packing, ReportsRefusedAccess) {
   if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
   playLines(R"(
 info good -> NOPERM ! Permission denied
-pack in x -> NOPERM ! try:    look at the permissions
+pack in x -> NOPERM ! try:    check the permissions
 truncate kept 1 -> NOPERM ! cannot open for writing: Permission denied
 rm kept -> NOPERM ! cannot remove
 )",

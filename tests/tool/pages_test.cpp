@@ -14,9 +14,9 @@ $Q cat good | wc -c -> OK 45056
 head -c 20480 in | tail -c 12288 >three; $Q cat good --pages 3-5 | cmp three - -> OK
 $Q cat --io block good --pages 11- | wc -c -> OK 4096
 $Q cat --io direct good --pages -2 | cmp -n 8192 in - -> OK
-$Q cat good --pages 12 -> USAGE ! page 12 is behind the last page, 11
-$Q cat good --pages 1-12 -> USAGE ! page 12 is behind the last page, 11
-$Q cat good --pages 9223372036854775800- -> USAGE ! is behind the last page, 11
+$Q cat good --pages 12 -> USAGE ! page 12 is past the last page, 11
+$Q cat good --pages 1-12 -> USAGE ! page 12 is past the last page, 11
+$Q cat good --pages 9223372036854775800- -> USAGE ! is past the last page, 11
 (head -c 32768 in | tail -c 4096; head -c 8192 in) >two; $Q cat good --pages 8,1-2 | cmp two - -> OK
 $Q dump good --pages 5,2 | grep -c '^page [52]' -> OK 2
 $Q dump good --pages 2 | head -2 | tail -1
@@ -29,9 +29,9 @@ $Q cat --raw good -> USAGE ! --raw needs --page-size
 $Q cat --page-size 1K good -> USAGE ! need --raw
 $Q cat --raw --page-size 5000 good
   -> DATAERR ! does not fit --page-size 5000 --header-size 0: expected 50000 or 55000 bytes, found 53248
-  bytes: a header of 0, 10 whole pages of 5000 and 3248 left-over bytes try:    give the sizes that
-  the file has: --page-size 4096 would fit
-$Q cat --raw --page-size 5000 --header-size 1 good -> DATAERR ! give the sizes that the file has; or, if
+  bytes: a header of 0, 10 whole pages of 5000 and 3248 left-over bytes try:    give the file's real sizes:
+  --page-size 4096 would fit
+$Q cat --raw --page-size 5000 --header-size 1 good -> DATAERR ! give the file's real sizes; or, if
 $Q verify --raw --page-size 1 in -> OK 43008 pages of 1 byte read
 $Q cat --raw --page-size 1 --header-size 53247 good | head -c 1 | wc -c -> OK 1
 )");
@@ -40,22 +40,22 @@ $Q cat --raw --page-size 1 --header-size 53247 good | head -c 1 | wc -c -> OK 1
 // A file whose end is cut still has its whole pages.
 TEST(Pages, AreTakenFromAFileThatIsNotWhole) {
   playLines(R"(
-$Q cat -k --raw --page-size 4K raw | cmp -n 40960 in - -> OK ! raw: is not whole: 100 bytes behind
+$Q cat -k --raw --page-size 4K raw | cmp -n 40960 in - -> OK ! raw: has the wrong length: 100 bytes after
 $Q cat -k --raw --page-size 4K raw | wc -c -> OK 40960 ! are left out
-$Q cat -k --raw --page-size 4K raw >y -> DATAERR ! 100 bytes behind page 10 are left out
+$Q cat -k --raw --page-size 4K raw >y -> DATAERR ! 100 bytes after page 10 are left out
 $Q cat -k --raw --page-size 4K --io direct --pages 9- raw | wc -c -> OK 8192 ! are left out
-$Q dump -k --raw --page-size 4K --pages 10 raw | grep -c ^page -> OK 1 ! 100 bytes behind page 10
+$Q dump -k --raw --page-size 4K --pages 10 raw | grep -c ^page -> OK 1 ! 100 bytes after page 10
 $Q dump -k --raw --page-size 4K raw >y -> DATAERR ! are left out
 $Q copy -k --raw --page-size 4K raw x >y; s=$?; cmp -n 40960 raw x && exit $s -> DATAERR ! are left out
 $Q copy -k --raw --page-size 4K --io block raw x -> DATAERR x: 10 pages ! are left out
 $Q cat -k --raw --page-size 64K raw -> DATAERR ! does not fit --page-size 65536
 $Q cat -k --raw --page-size 4K --header-size 1M raw -> DATAERR ! ends inside the header
 $Q unpack -k cut x; s=$?; cmp -n 36864 in x && exit $s
-  -> DATAERR 36864 bytes, as far as there are pages ! cut: is not whole: 2 pages at the end are missing,
-  3192 bytes behind page 9 are left out
+  -> DATAERR 36864 bytes, missing pages left out ! cut: has the wrong length: 2 pages at the end are missing,
+  3192 bytes after page 9 are left out
 $Q cat -k cut | cmp -n 36864 in - -> OK ! 2 pages at the end are missing
 $Q copy -k cut x; $Q unpack x - | cmp -n 36864 in - -> OK x: 9 pages of 4096 bytes ! 2 pages at
-(cat good; echo) >long; $Q unpack -k long - | cmp in - -> OK ! 1 byte behind page 11 is left out
+(cat good; echo) >long; $Q unpack -k long - | cmp in - -> OK ! 1 byte after page 11 is left out
 poke Y 9000 cut; $Q unpack -k cut x -> DATAERR damaged pages as they are ! page 1 (file offset 8192)
 $Q verify -k cut -> DIFFERS 9 pages of 4096 bytes read
 poke Y 9000 cut; $Q verify -k cut -> DIFFERS page 1 (file offset 8192) is damaged
@@ -68,7 +68,7 @@ poke Y 9000 cut; $Q verify -k cut -> DIFFERS page 1 (file offset 8192) is damage
 TEST(Pages, AreDrawn) {
   playLines(R"(
 $Q info --map f | tail -6
-  -> OK map, 1 page to a character: 1 c#####..........................000##### # data: 10 pages
+  -> OK map, 1 page per character: 1 c#####..........................000##### # data: 10 pages
   0 zeros: 3 pages . hole: 26 pages c checksums: 1 page
 $Q verify --map f -> OK 1 c#####..........................000#####
 poke Y 9000 f; poke Y 160000 f; $Q verify --map f
@@ -83,7 +83,7 @@ QZPFILE_FAULT=page $FAULTY verify --map f
 QZPFILE_FAULT=page $FAULTY info --map f -> IOERR 1 c##?##... ! f: page 3 (file offset 16384): cannot read
 $Q info --map --raw --page-size 4K good -> OK 1 #############
 : >e; $Q info --raw --page-size 4K --map e -> OK no pages to draw
-$Q verify --map -q f -> USAGE ! exclude each other
+$Q verify --map -q f -> USAGE ! cannot be used together
 )",
             R"((head -c 20480 in; head -c 118784 /dev/zero; head -c 20480 in) | \
 $Q pack --page-size 4K - p >y; $Q copy p f >y
@@ -122,22 +122,22 @@ append() { (head -c 2048 /dev/zero; cat p) >>want; }
 TEST(Pages, AreNotChangedByWhatIsRefused) {
   playLines(R"(
 head -c 4096 in | $Q put good 13 -> USAGE ! page 13 would leave a gap
-$Q put good -> USAGE ! name either a PAGE or --append
+$Q put good -> USAGE ! give either PAGE or --append
 $Q put good 0 <in -> USAGE ! there is no page 0
 $Q put good 1 -> NOINPUT ! nothing was written
 true | $Q put good --append -> NOINPUT ! nothing was written
 $Q put good 1 <h -> DATAERR ! where:  page 1, file offset 8192
-cat h | $Q put good 1 -> DATAERR ! 100 of a page of 4096 bytes
+cat h | $Q put good 1 -> DATAERR ! a partial page: 100 of 4096 bytes
 cat in | $Q put --raw --page-size 4K good --append -> DATAERR ! nothing was appended
 (ulimit -f 100; (cat in in in) | $Q put good --append) -> IOERR ! nothing was appended
 mkfifo f; $Q put good --append <f & p=$!; exec 3>f; seq 300000 >&3; sleep 0.3; kill -PIPE $p;
   wait $p -> SIGPIPE
 mkfifo f; $Q put good 1 <f >y & exec 3>f; head -c 4096 in >&3; sleep 0.3; $Q info good 3>&-; s=$?;
   exec 3>&-; wait; (exit $s) -> IOERR ! try:    another program has the file open, or
-$Q truncate good 12 -> USAGE ! it can be cut, not lengthened
+$Q truncate good 12 -> USAGE ! truncate cannot lengthen it
 $Q truncate --raw --page-size 4K good 0 -> USAGE ! use rm
 $Q header good --set in -> DATAERR ! is too long
-$Q header good --set h -> DATAERR ! takes only a header that fits
+$Q header good --set h -> DATAERR ! needs a header that matches
 $Q header good --set /dev/null -> NOINPUT ! is empty
 $Q header --raw --page-size 4K good --set h -> DATAERR ! has no header
 )",
@@ -153,7 +153,7 @@ TEST(Pages, TellWhatWasDoneBeforeAFailure) {
 head -c 40960 in >raw; (head -c 4096 in; echo x) | $Q put --raw --page-size 4K raw 2
   -> DATAERR ! note:   page 2 was written before that
 : >e; $Q put --raw --page-size 4K --append e <in; s=$?; test -f e && exit $s
-  -> DATAERR ! 2048 of a page
+  -> DATAERR ! a partial page: 2048 of
 )");
 }
 
@@ -171,7 +171,7 @@ mkfifo f; cp in raw; $Q put --raw --page-size 1K raw 2 2>&- <f & p=$!; exec 3>f;
 TEST(Pages, FilesAreRemovedOnPurposeOnly) {
   playLines(R"(
 $Q rm good && test ! -e good -> OK good: removed
-$Q rm in -> DATAERR ! is no kind of paged file
+$Q rm in -> DATAERR ! is not a paged file of a known kind
 $Q rm --raw in && test ! -e in -> OK in: removed
 $Q rm no -> NOINPUT ! No such file
 $Q rm --raw no -> NOINPUT ! No such file

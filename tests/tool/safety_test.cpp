@@ -142,7 +142,7 @@ try header "verify good" "info good" "unpack good -" "cat good" "dump good" "cop
 // An input that shrinks while it is read must not be packed as a shorter one.
 TEST(Safety, InputsThatShrinkAreNoticed) {
   playLines(R"(
-QZPFILE_FAULT=cut $FAULTY pack in x -> DATAERR ! in: was cut while it was read: it had 43008 bytes
+QZPFILE_FAULT=cut $FAULTY pack in x -> DATAERR ! in: became shorter while it was read: it had 43008 bytes
 $Q pack /sys/kernel/mm/transparent_hugepage/enabled x -> OK 1 page
 )");
 }

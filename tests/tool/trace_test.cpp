@@ -130,10 +130,10 @@ echo '{"qziop_trace":2}' >t; $Q trace t -> DATAERR ! version 2
 echo '{"qziop_trace":1}' >t; $Q trace t -> OK 0 operations
 printf '{"qziop_trace":1}\n{"id":1,"op":"qzpinfo","status":"ok","ns":5}\n\0\0\0' >t; $Q trace t
   -> OK 1 operation
-printf '{"qziop_trace":1}\n{"id":1,"op":"qzpin' >t; $Q trace t -> OK the last line is not complete
+printf '{"qziop_trace":1}\n{"id":1,"op":"qzpin' >t; $Q trace t -> OK the last line is incomplete
 printf '{"qziop_trace":1}\n{"id":1,"op":\n{}\n' >t; $Q trace t
-  -> DATAERR ! line 2 is not one of a trace
-printf '{"qziop_trace":1}\n{"id":"1"}\n' >t; $Q trace t -> DATAERR ! line 2 is not one of a trace
+  -> DATAERR ! line 2 is not a trace record
+printf '{"qziop_trace":1}\n{"id":"1"}\n' >t; $Q trace t -> DATAERR ! line 2 is not a trace record
 )");
 }
 

@@ -4,7 +4,7 @@ _qzpfile() {
   local raw='--raw --page-size --header-size' io='--io --block-size --buffers'
   local result='--format --quiet' options
   COMPREPLY=()
-  # "--io=d" comes as three words.
+  # Bash splits "--io=d" into three words.
   [ "$prev" != = ] || prev=${COMP_WORDS[COMP_CWORD - 2]}
   [ "$cur" != = ] || cur=
   case $prev in
