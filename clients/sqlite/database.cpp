@@ -17,17 +17,17 @@ namespace {
 
 constexpr int kSmallestPage = 512;
 constexpr int kLargestPage = 65536;
-constexpr int kDirectPage = 4096;        // direct I/O takes pages of that size on every disk
-constexpr std::int64_t kMostZeros = 16;  // pages that a write may leave out and have filled
+constexpr int kDirectPage = 4096;        // direct I/O accepts this page size on every disk
+constexpr std::int64_t kMostZeros = 16;  // most missing pages that a write fills with zeros
 
-// SQLite reads and writes pages whole, except for the header and counters in page 1, and while it
+// SQLite reads and writes whole pages, except for the header and counters in page 1, and while it
 // copies a database into one with larger pages.
 bool isPage(int bytes, sqlite3_int64 offset) {
   return bytes >= kSmallestPage && bytes <= kLargestPage &&
          std::has_single_bit(static_cast<unsigned>(bytes)) && offset % bytes == 0;
 }
 
-// A direct write that a limit of the file's size would cut inside a sector is refused with EINVAL.
+// The system refuses with EINVAL a direct write that a file size limit would cut inside a sector.
 bool isBeyondLimit(sqlite3_int64 bytes) {
   struct rlimit limit = {};
   return getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
@@ -39,8 +39,8 @@ int resultOfRead(int error) {
   return damaged ? SQLITE_IOERR_CORRUPTFS : SQLITE_IOERR_READ;
 }
 
-// Of a write-back that a read needs. After SQLITE_FULL from a read SQLite may go on with the
-// transaction, some of whose pages are lost; after an I/O error it rolls back.
+// The result of a write-back that a read needs. After SQLITE_FULL from a read, SQLite may continue
+// the transaction although some of its pages are lost; after an I/O error it rolls back.
 int resultInRead(int code) { return code == SQLITE_FULL ? SQLITE_IOERR_WRITE : code; }
 
 }  // namespace
@@ -62,8 +62,8 @@ Database::~Database() {
   if (known_) leaveFile(identity_);
 }
 
-// Keeps the reason for SQLite and its log, and makes the next use begin afresh: a page whose read
-// failed would fail again as long as its buffer is not used for another.
+// Keeps the reason for SQLite and its log, and reopens the file at the next use: a page whose read
+// failed would fail again until its buffer is used for another page.
 int Database::failed(const qz::Error& error, int code) {
   errno_ = error.errorNumber;
   sqlite3_log(code, "qzvfs: %s", error.message().c_str());
@@ -77,7 +77,7 @@ void Database::drop() {
   cached_ = false;
 }
 
-// Pages that were collected are lost with a failed write: SQLite must not go on without them.
+// A failed write loses collected pages: SQLite must not continue without them.
 int Database::failedWrite(const qz::Error& error, sqlite3_int64 bytes) {
   const bool refused = error.errorNumber == EINVAL;
   const bool full = error.status == qz::Status::noSpace || (refused && isBeyondLimit(bytes));
@@ -91,7 +91,7 @@ void Database::goBuffered() {
   wish_.io = qz::Io::buffered;
 }
 
-// Direct I/O that the disk does not take in units of this page size.
+// Stops direct I/O if the disk does not take units of this page size.
 bool Database::giveUpDirect(const qz::Error& error) {
   if (wish_.io == qz::Io::buffered || error.errorNumber != EINVAL || file_->isCollecting()) {
     return false;
@@ -101,23 +101,23 @@ bool Database::giveUpDirect(const qz::Error& error) {
   return true;
 }
 
-// How the module opens the file. Direct I/O appends in blocks as well, and reads single pages with
-// readMany. An empty file does not tell whether the disk takes small pages, and collected pages
-// could not be written another way: they are then written one by one, as in a file that the layer
-// underneath makes longer.
+// How the module opens the file. Direct I/O also appends in blocks, and reads single pages with
+// readMany. An empty file does not show whether the disk takes small pages, and collected pages
+// could not be written another way. In an empty file pages are therefore written one by one, as in
+// a file that the layer underneath enlarges.
 qz::Io Database::ioFor(int pageSize, sqlite3_int64 bytes) const {
   if (wish_.io == qz::Io::buffered) return qz::Io::buffered;
   const bool unsure = pageSize < kDirectPage && bytes == 0;
   return unsure || chunked_ ? qz::Io::direct : qz::Io::block;
 }
 
-// The name may stand for another file than the one that the layer underneath has open.
+// Whether the name still stands for the file that the layer underneath has open.
 bool Database::isOurFile() {
   Identity opened;
   return identify(file_->handle()->fd, &opened) && opened == identity_;
 }
 
-// Opens the file for pages of this size. What the module cannot do is left to the layer underneath.
+// Opens the file for pages of this size. If the module cannot, the layer underneath does the work.
 bool Database::tryOpen(int pageSize, sqlite3_int64 bytes) {
   if (!known_) {
     whyNot_ = "the name does not stand for the open file";
@@ -147,7 +147,7 @@ bool Database::tryOpen(int pageSize, sqlite3_int64 bytes) {
   if (!opened) {
     whyNot_ = opened.error().message();
   } else if (!isOurFile()) {
-    whyNot_ = "the name stands for another file by now";
+    whyNot_ = "the name now stands for another file";
   } else if (file_->pageCount() != bytes / pageSize) {
     whyNot_ = "the size changed while the file was opened";
   } else {
@@ -159,14 +159,14 @@ bool Database::tryOpen(int pageSize, sqlite3_int64 bytes) {
   return false;
 }
 
-// Memory that direct I/O reads a page into.
+// Allocates memory that direct I/O reads a page into.
 void Database::makeAligned(int pageSize) {
   const auto bytes = static_cast<std::size_t>(std::max(pageSize, kDirectPage));
   aligned_.reset(static_cast<char*>(std::aligned_alloc(kDirectPage, bytes)));
   if (aligned_ == nullptr) throw std::bad_alloc();
 }
 
-// Decides where pages of this size go, and brings the module up to date with the file.
+// Decides where pages of this size are read and written, and updates the module's view of the file.
 int Database::look(int pageSize, bool* throughModule) {
   if (!looked_ || pageSize != pageSize_) {
     if (const int code = writeBack(); code != SQLITE_OK) return code;
@@ -188,7 +188,7 @@ int Database::look(int pageSize, bool* throughModule) {
   return SQLITE_OK;
 }
 
-// The page from its block in memory; the module reads the block where it is not there.
+// Copies the page from its block in memory; if the block is not in memory, the module reads it.
 int Database::readFromBlock(void* data, int pageSize, std::int64_t page, bool* done) {
   const auto hold = file_->read(page);
   if (hold) {
@@ -197,7 +197,7 @@ int Database::readFromBlock(void* data, int pageSize, std::int64_t page, bool* d
     *done = true;
     return SQLITE_OK;
   }
-  // The file has become shorter: the layer underneath tells how much of the page is left.
+  // The file became shorter: the layer underneath knows how much of the page is left.
   if (hold.error().closedFile && hold.error().errorNumber == 0) {
     drop();
     return SQLITE_OK;
@@ -225,7 +225,7 @@ int Database::readPage(void* data, int pageSize, std::int64_t page, bool* done) 
     *done = true;
     return SQLITE_OK;
   }
-  // The file has become shorter: the layer underneath tells how much of the page is left.
+  // The file became shorter: the layer underneath knows how much of the page is left.
   drop();
   return SQLITE_OK;
 }
@@ -241,7 +241,7 @@ int Database::read(void* data, int bytes, sqlite3_int64 offset) {
       const int code = readPage(data, bytes, page, &done);
       if (done || code != SQLITE_OK) return code;
     }
-    // Beyond the pages that were there: a checkpoint of another process may have added it.
+    // The page is past the known end: a checkpoint of another process may have added it.
     if (throughModule && file_ && !file_->isCollecting()) stale();
   }
   if (const int code = writeBack(); code != SQLITE_OK) return resultInRead(code);
@@ -253,14 +253,14 @@ int Database::write(const void* data, int bytes, sqlite3_int64 offset) {
     bool throughModule = false;
     if (const int code = look(bytes, &throughModule); code != SQLITE_OK) return code;
     const std::int64_t page = offset / bytes + 1;
-    // A hole in the file is left to the layer underneath. SQLite often leaves out a page that it
-    // writes soon after: such pages are filled, as then the file need not be opened anew.
+    // The layer underneath makes holes in the file. But SQLite often skips a page that it writes
+    // soon after: such pages are filled with zeros, because then the file need not be reopened.
     if (!throughModule || page > file_->pageCount() + 1 + kMostZeros) break;
     const bool collecting = file_->isCollecting();
     auto written = file_->extendTo(page - 1);
     if (written) written = file_->write(data, page);
     if (written) {
-      // A checkpoint tells nobody when it is done, so its pages must not wait.
+      // The end of a checkpoint is not reported, so its pages must not wait.
       return checkpointing_ ? writeBack() : SQLITE_OK;
     }
     again = !collecting && giveUpDirect(written.error());
@@ -272,7 +272,7 @@ int Database::write(const void* data, int bytes, sqlite3_int64 offset) {
 }
 
 int Database::truncate(sqlite3_int64 bytes) {
-  // Pages that are cut off need not be written first, for which there may be no room.
+  // Pages to be cut off need not be written first; there may be no room for them.
   const bool collecting = file_ && file_->isCollecting();
   if (collecting && bytes % pageSize_ == 0 && bytes / pageSize_ <= file_->pageCount()) {
     const auto cut = file_->truncate(bytes / pageSize_);
@@ -298,7 +298,7 @@ int Database::setChunked() {
   return code;
 }
 
-// fsync is of the file, not of the descriptor.
+// fsync applies to the file, not to the descriptor.
 int Database::sync(int flags) {
   if (const int code = writeBack(); code != SQLITE_OK) return code;
   return lower_->pMethods->xSync(lower_, flags);
@@ -314,7 +314,7 @@ int Database::fileSize(sqlite3_int64* bytes) {
 
 std::string Database::describe() {
   if (!looked_) {
-    // No page was asked for since the file may have changed: its header tells the size of one.
+    // No page was read since the file may have changed: its header has the page size.
     unsigned char header[100] = {};
     int pageSize = pageSize_;
     if (lower_->pMethods->xRead(lower_, header, sizeof header, 0) == SQLITE_OK) {

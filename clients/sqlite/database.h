@@ -1,10 +1,10 @@
-// The main database file of one connection: pages through the module, all else through SQLite's
-// own file layer underneath.
+// The main database file of one connection: pages go through the module, everything else through
+// SQLite's own file layer underneath.
 //
-// The module counts pages and may have some in memory, so what it knows is looked at again
-// whenever another connection may have changed the file: after each lock that was taken, and after
-// every change that the layer underneath made. Pages that it collects are written to the file
-// before any lock is given up and before that layer touches the file.
+// The module counts pages and may have some in memory. Its view is therefore updated whenever
+// another connection may have changed the file: after each lock that was taken, and after every
+// change by the layer underneath. Collected pages are written to the file before any lock is
+// released and before that layer uses the file.
 #pragma once
 
 #include <sqlite3ext.h>
@@ -19,10 +19,10 @@
 
 namespace qzvfs {
 
-// What the parameters of a database's name ask for.
+// The parameters of a database's name.
 struct Wish {
   qz::Io io = qz::Io::buffered;
-  std::string asked;  // as it was written; "auto" by default
+  std::string asked;  // as written; "auto" by default
   std::int64_t blockBytes = 262144;
   std::int32_t buffers = 4;
   bool writable = true;
@@ -40,25 +40,25 @@ class Database {
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
 
-  // Each returns a result code of SQLite.
+  // Each returns an SQLite result code.
   int read(void* data, int bytes, sqlite3_int64 offset);
   int write(const void* data, int bytes, sqlite3_int64 offset);
   int truncate(sqlite3_int64 bytes);
   int sync(int flags);
   int fileSize(sqlite3_int64* bytes);
-  // Hands collected pages to the system.
+  // Writes collected pages to the file.
   int writeBack();
-  // The layer underneath grows the file in chunks.
+  // Call this when the layer underneath enlarges the file in chunks.
   int setChunked();
   bool isChunked() const noexcept { return chunked_; }
-  // Others may have changed the file, or the layer underneath has.
+  // Call this when others, or the layer underneath, may have changed the file.
   void stale() noexcept { looked_ = false; }
 
   sqlite3_file* lower() const noexcept { return lower_; }
   void setCheckpointing(bool on) noexcept { checkpointing_ = on; }
-  // errno of the last failure of the module; nothing when it never failed.
+  // errno of the module's last failure; nothing if it never failed.
   std::optional<int> lastErrno() const noexcept { return errno_; }
-  // The mode of I/O of the pages, and why it is not the one asked for.
+  // The I/O mode of the pages, and why it is not the one asked for.
   std::string describe();
 
  private:
@@ -80,17 +80,17 @@ class Database {
   std::string path_;
   Wish wish_;
   Identity identity_;
-  bool known_;  // identity_ is that of the file underneath
+  bool known_;  // identity_ identifies the file underneath
   std::optional<qz::PagedFile> file_;
-  qz::Io io_ = qz::Io::buffered;  // as the module was asked to open the file
+  qz::Io io_ = qz::Io::buffered;  // as requested of the module
   std::unique_ptr<char, Free> aligned_;
   int pageSize_ = 0;     // of the last page that was asked for
-  bool looked_ = false;  // the next field holds while no other program changes the file
+  bool looked_ = false;  // usable_ is valid until another program may change the file
   bool usable_ = false;  // pages go through the module
-  bool cached_ = false;  // blocks were read: their pages may be in memory
+  bool cached_ = false;  // blocks were read, so their pages may be in memory
   bool checkpointing_ = false;
   bool chunked_ = false;
-  std::string whyNot_;  // of pages that do not go through the module
+  std::string whyNot_;  // why pages do not go through the module
   std::string whyNotDirect_;
   std::optional<int> errno_;  // of the last failure
 };

@@ -21,14 +21,14 @@ struct Registry {
   std::mutex mutex;
   qz::FileService* service = nullptr;
   decltype(qz::FileService::fileOpen) hostOpen = nullptr;
-  qz::FileMethods* hostMethods = nullptr;  // known from the first file on
+  qz::FileMethods* hostMethods = nullptr;  // set when the first file is opened
   qz::FileMethods methods = {};
-  std::vector<Parked> open;    // handed to the module
+  std::vector<Parked> open;    // used by the module
   std::vector<Parked> parked;  // closed by the module
   std::vector<Identity> users;
 };
 
-// Never destroyed: databases may be closed while the program ends.
+// Never destroyed: databases may be closed while the program exits.
 Registry& registry() {
   static auto* const instance = new Registry;
   return *instance;
@@ -39,8 +39,8 @@ thread_local const Identity* expected = nullptr;
 Identity identityOf(const struct stat& about) { return {about.st_dev, about.st_ino}; }
 
 // Whether this process may have an fcntl lock on the file. Locks of open file descriptions exclude
-// those of processes, so asking for one finds even the process's own. One of another process may
-// hide it, so any lock counts.
+// locks of processes, so a query finds even the process's own locks. A lock of another process may
+// hide them, so any lock counts.
 bool mayBeLockedHere(int fd) {
   struct flock wanted = {};
   wanted.l_type = F_WRLCK;
@@ -53,7 +53,7 @@ void closeNow(Registry& all, qz::HostFile* file) {
   all.hostMethods->fileClose(file, &parameters, nullptr);
 }
 
-// Closes what is parked of files that no database uses and nothing locks.
+// Closes parked descriptors of files that no database uses and nobody locks.
 void sweep(Registry& all) {
   std::erase_if(all.parked, [&](const Parked& one) {
     const bool used = std::ranges::find(all.users, one.identity) != all.users.end();
@@ -69,7 +69,7 @@ qz::HostStatus park(qz::HostFile* file, qz::OpenParameters* /*parameters*/,
   const std::lock_guard lock(all.mutex);
   const auto place =
       std::ranges::find_if(all.open, [&](const Parked& one) { return one.file == file; });
-  all.parked.push_back(*place);  // there is room: see openOrTake
+  all.parked.push_back(*place);  // openOrTake reserved the room
   all.open.erase(place);
   return qz::hostOk;
 }
@@ -102,7 +102,7 @@ qz::HostFile* openOrTake(qz::FileService* service, qz::OpenParameters* parameter
   qz::HostFile* const file = all.hostOpen(service, parameters, one, accessMode, journal, status);
   if (file == nullptr) return nullptr;
   struct stat about = {};
-  fstat(file->fileInfo->fd, &about);  // the host has just done the same
+  fstat(file->fileInfo->fd, &about);  // cannot fail: the host has just done the same
   all.hostMethods = file->fileMethods;
   all.methods.fileReopen = file->fileMethods->fileReopen;
   file->fileMethods = &all.methods;

@@ -1,9 +1,9 @@
 // Keeps descriptors of databases open beyond their close.
 //
 // SQLite's own file layer locks with fcntl, and a process loses all those locks on a file when it
-// closes any descriptor of that file. So what the module closes stays open, parked, until the last
-// database of this layer on that file is closed and nothing in the process locks it. An open of the
-// same file takes a parked descriptor instead of a new one.
+// closes any descriptor of that file. So a descriptor that the module closes stays open ("parked")
+// until the last database of this layer on that file is closed and nothing in the process locks it.
+// An open of the same file takes a parked descriptor instead of a new one.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@
 
 namespace qzvfs {
 
-// A file, whatever its name.
+// Identifies a file, whatever its name.
 struct Identity {
   dev_t device = 0;
   ino_t inode = 0;
@@ -20,14 +20,15 @@ struct Identity {
   friend bool operator==(const Identity&, const Identity&) = default;
 };
 
-// The file behind a descriptor or a name; false: the system does not tell.
+// Identifies the file of a descriptor or a name. Returns false if the system does not tell.
 bool identify(int fd, Identity* identity);
 bool identify(const char* path, Identity* identity);
 
-// Makes the host's file service park what is closed. Once for a host, before the module is loaded.
+// Makes the host's file service park descriptors instead of closing them. Call it once per host,
+// before the module is loaded.
 void parkDescriptors(qz::StandInHost& host);
 
-// While it exists, opens of this thread take parked descriptors of that file.
+// While it exists, this thread's opens of that file take parked descriptors.
 class Expecting {
  public:
   explicit Expecting(const Identity& identity);
@@ -36,7 +37,8 @@ class Expecting {
   ~Expecting();
 };
 
-// Counts the databases that use a file. Leaving closes what is parked of files that none uses.
+// Counts the databases that use a file. leaveFile closes parked descriptors of files that no
+// database uses.
 void enterFile(const Identity& identity);
 void leaveFile(const Identity& identity);
 

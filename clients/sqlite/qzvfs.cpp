@@ -1,6 +1,6 @@
-// The SQLite file layer "qz", as a loadable extension: a shim over SQLite's own file layer. Main
+// The SQLite file layer "qz", a loadable extension: a shim over SQLite's own file layer. Main
 // databases get file methods that send pages through the module; every other file is opened by the
-// layer underneath and never seen here again.
+// layer underneath, which returns its own methods.
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,14 +16,14 @@ SQLITE_EXTENSION_INIT1
 namespace qzvfs {
 namespace {
 
-// What SQLite allocates for an open file: this, and the file of the layer underneath behind it.
+// What SQLite allocates for an open file: this record, then the file of the layer underneath.
 struct File {
   sqlite3_file base;
   Database* database;
 };
 static_assert(sizeof(File) % alignof(std::max_align_t) == 0);
 
-// Made by the first load and never destroyed: connections may be closed while the program ends.
+// Created by the first load and never destroyed: connections may be closed while the program exits.
 struct Layer {
   qz::StandInHost host{{.hostPageSize = {},
                         .defaultJournal = qz::JournalSink::function,
@@ -48,7 +48,7 @@ Database& databaseOf(sqlite3_file* file) { return *ours(file)->database; }
 sqlite3_file* lowerOf(sqlite3_file* file) { return lowerPart(ours(file)); }
 const sqlite3_io_methods& under(sqlite3_file* file) { return *lowerOf(file)->pMethods; }
 
-// SQLite is C: nothing may be thrown through it.
+// SQLite is C: no exception may pass through it.
 template <class Work>
 int guarded(Work work) noexcept {
   try {
@@ -86,7 +86,7 @@ int xFileSize(sqlite3_file* file, sqlite3_int64* bytes) {
   return guarded([&] { return databaseOf(file).fileSize(bytes); });
 }
 
-// The first lock ends the time in which others could change the file.
+// The first lock ends the time in which other connections could change the file.
 int xLock(sqlite3_file* file, int level) {
   const int code = under(file).xLock(lowerOf(file), level);
   if (code == SQLITE_OK && level == SQLITE_LOCK_SHARED) databaseOf(file).stale();
@@ -103,7 +103,7 @@ int xCheckReservedLock(sqlite3_file* file, int* reserved) {
   return under(file).xCheckReservedLock(lowerOf(file), reserved);
 }
 
-// PRAGMA qz_io tells the mode of I/O.
+// PRAGMA qz_io returns the I/O mode.
 int pragma(Database& database, char** arguments) {
   if (sqlite3_stricmp(arguments[1], "qz_io") != 0) return SQLITE_NOTFOUND;
   arguments[0] = sqlite3_mprintf("%s", database.describe().c_str());
@@ -124,7 +124,7 @@ int control(sqlite3_file* file, int operation, void* argument) {
       if (!database.lastErrno()) break;
       *static_cast<int*>(argument) = *database.lastErrno();
       return SQLITE_OK;
-    case SQLITE_FCNTL_SYNC:  // comes with each commit, also where synchronous is OFF
+    case SQLITE_FCNTL_SYNC:  // comes with each commit, even with synchronous=OFF
       if (const int code = database.writeBack(); code != SQLITE_OK) return code;
       break;
     case SQLITE_FCNTL_CKPT_START:
@@ -137,7 +137,7 @@ int control(sqlite3_file* file, int operation, void* argument) {
       if (const int code = database.setChunked(); code != SQLITE_OK) return code;
       break;
     case SQLITE_FCNTL_SIZE_HINT:
-      // The layer underneath makes a file longer that grows in chunks, and nothing else.
+      // The layer underneath enlarges a file only if it grows in chunks.
       if (!database.isChunked()) return SQLITE_OK;
       database.stale();
       break;
@@ -159,7 +159,7 @@ int xFileControl(sqlite3_file* file, int operation, void* argument) {
 
 int xSectorSize(sqlite3_file* file) { return under(file).xSectorSize(lowerOf(file)); }
 
-// Atomic groups of writes would be of the descriptor underneath.
+// Atomic write groups would apply to the descriptor underneath.
 int xDeviceCharacteristics(sqlite3_file* file) {
   return under(file).xDeviceCharacteristics(lowerOf(file)) & ~SQLITE_IOCAP_BATCH_ATOMIC;
 }
@@ -168,8 +168,8 @@ int xShmMap(sqlite3_file* file, int region, int bytes, int extend, void volatile
   return under(file).xShmMap(lowerOf(file), region, bytes, extend, memory);
 }
 
-// A reader of a write-ahead log keeps its lock of the file; what lets others change the file, and
-// what ends that, are the locks in shared memory.
+// A reader of a write-ahead log keeps its file lock. The locks in shared memory begin and end the
+// time in which other connections can change the file.
 int xShmLock(sqlite3_file* file, int offset, int count, int flags) {
   Database& database = databaseOf(file);
   const bool unlocks = (flags & SQLITE_SHM_UNLOCK) != 0;
@@ -227,7 +227,7 @@ bool numberParameter(const char* name, const char* key, std::int64_t least, std:
   return false;
 }
 
-// A misspelt parameter has no effect, as with SQLite's own, but is named in the log.
+// A misspelt parameter has no effect, as in SQLite, but is logged.
 void warnOfUnknown(const char* name) {
   constexpr int firstWithKeys = 3031000;
   if (sqlite3_libversion_number() < firstWithKeys) return;
@@ -241,7 +241,7 @@ void warnOfUnknown(const char* name) {
   }
 }
 
-// The system's cache is what makes repeated reads fast, as long as the database fits into it.
+// The system's cache makes repeated reads fast as long as the database fits into it.
 qz::Io automatic(sqlite3_file* lower) {
   sqlite3_int64 bytes = 0;
   if (lower->pMethods->xFileSize(lower, &bytes) != SQLITE_OK) return qz::Io::buffered;
@@ -249,7 +249,7 @@ qz::Io automatic(sqlite3_file* lower) {
   return bytes > memory ? qz::Io::direct : qz::Io::buffered;
 }
 
-// The name's parameter, else the environment's.
+// The parameter of the name, else the environment variable.
 bool readWish(const char* name, sqlite3_file* lower, Wish* wish) {
   warnOfUnknown(name);
   const char* asked = sqlite3_uri_parameter(name, "io");
@@ -301,7 +301,7 @@ int xOpen(sqlite3_vfs* /*vfs*/, const char* name, sqlite3_file* file, int flags,
   return layer->lower->xOpen(layer->lower, name, file, flags, flagsOut);
 }
 
-// All that concerns no open file is the layer's underneath, which gets its own record.
+// Calls that concern no open file go to the layer underneath, with its own record.
 template <auto Member>
 struct Forward;
 template <class Result, class... Arguments,
@@ -343,8 +343,8 @@ void fill(sqlite3_vfs* vfs) {
   }
 }
 
-// Under the lock of the library's registry of file layers, which is not held here: extensions are
-// loaded by one thread at a time in practice, and a second load finds the layer by its name.
+// SQLite's registry of file layers is not locked here: in practice one thread at a time loads
+// extensions, and a second load finds the layer by its name.
 int registerLayer(char** message) {
   if (sqlite3_vfs_find("qz") != nullptr) return SQLITE_OK;
   sqlite3_vfs* const lower = sqlite3_vfs_find(nullptr);
@@ -364,7 +364,7 @@ int registerLayer(char** message) {
 }  // namespace
 }  // namespace qzvfs
 
-// The entry that SQLite looks for in qzvfs.so. The layer stays for as long as the process.
+// The entry point that SQLite looks for in qzvfs.so. The layer stays until the process ends.
 extern "C" __attribute__((visibility("default"))) int sqlite3_qzvfs_init(
     sqlite3* /*database*/, char** message, const sqlite3_api_routines* routines) {
   SQLITE_EXTENSION_INIT2(routines)

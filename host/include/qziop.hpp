@@ -7,10 +7,10 @@
 //   if (!opened) return fail(opened.error());
 //
 // Nothing is hidden: programs can reach the extension object, the operation table and the file
-// handle, and every member calls the table's entry of its name, also one that was replaced. Nothing
-// is copied: a page that was read is used where the module keeps it.
+// handle. Every member calls the table's entry of its name, even if the entry was replaced. Nothing
+// is copied: a page that was read is used in the module's memory.
 //
-// Failures come back as values. Nothing here throws, except std::bad_alloc.
+// Failures are returned as values. Nothing here throws, except std::bad_alloc.
 #pragma once
 
 #include <cstdint>
@@ -30,18 +30,18 @@ namespace qz {
 // Why a call failed.
 struct Error {
   Status status = Status::ok;     // the module's code, never one of the host's own statuses
-  std::string text;               // of the message catalogue, or the loader's own words
-  std::int32_t errorNumber = 0;   // errno behind the failure; 0 where no system call is
-  std::uint32_t hostDetail1 = 0;  // the host's two words about a failed open
+  std::string text;               // from the message catalogue, or from the loader
+  std::int32_t errorNumber = 0;   // errno behind the failure; 0 if no system call failed
+  std::uint32_t hostDetail1 = 0;  // the host's two detail words for a failed open
   std::uint32_t hostDetail2 = 0;
   std::string fileName;     // UTF-8; empty: the handle has no name, or there is no handle
-  bool closedFile = false;  // the operation closed the file, as a read that comes back short does
+  bool closedFile = false;  // the operation closed the file, as a short read does
 
   // One line: the text, the file, the system's reason, the code, and whether the file was closed.
   std::string message() const;
 };
 
-// A value or the error that took its place. Like a pointer: test it, then use * or ->.
+// A value, or the error that took its place. Use it like a pointer: test it, then use * or ->.
 template <class T>
 class [[nodiscard]] Result {
  public:
@@ -75,14 +75,14 @@ class [[nodiscard]] Result<void> {
   std::optional<Error> error_;
 };
 
-// The error that a handle's last operation left, for a status that it returned.
+// The error of a handle's last operation, for the status that it returned.
 Error errorOf(FileHandle* handle, Status status);
 
-// A page or an empty buffer that the caller holds. The end of its scope returns it unwritten,
-// unless PagedFile::write ended the hold. It must not outlive the close of its file.
+// A page or an empty buffer that the caller holds. At the end of its scope it is returned
+// unwritten, unless PagedFile::write ended the hold. It must not outlive the close of its file.
 class PageHold {
  public:
-  // `block`: the one that a page which was read lies in; null in page mode.
+  // block: the block that contains a page that was read; null in page mode.
   PageHold(FileHandle* handle, char* data, std::int64_t page, std::int32_t bytes,
            const BlockRecord* block = nullptr) noexcept
       : handle_(handle), data_(data), page_(page), bytes_(bytes), block_(block) {}
@@ -108,12 +108,12 @@ class PageHold {
   char* data() const noexcept { return data_; }           // null after the hold has ended
   std::int64_t page() const noexcept { return page_; }    // 0: an acquired, empty buffer
   std::int32_t bytes() const noexcept { return bytes_; }  // usable at data()
-  // Bytes that may be read from data() on: the page, and where blocks are used the pages behind it
-  // that its block has in memory. They are valid as long as this hold.
+  // Bytes that can be read from data() on: the page and, in block mode, the pages after it that its
+  // block has in memory. They are valid as long as this hold.
   std::int32_t run() const noexcept;
   explicit operator bool() const noexcept { return data_ != nullptr; }
 
-  // Returns the page or buffer now, unwritten. The outcome, or ok when the hold had ended before.
+  // Returns the page or buffer now, unwritten. The outcome, or ok if the hold had already ended.
   Status giveBack(Journal* journal = nullptr) noexcept {
     if (data_ == nullptr) {
       return Status::ok;
@@ -122,7 +122,7 @@ class PageHold {
     return handle_->ops->operations.qzpbufreturn(handle_, address, journal);
   }
 
-  // Leaves the hold to the caller, who must end it with one write or return of the address.
+  // Passes the hold to the caller, who must end it with one write or return of the address.
   char* release() noexcept { return std::exchange(data_, nullptr); }
 
  private:
@@ -133,9 +133,9 @@ class PageHold {
   const BlockRecord* block_;
 };
 
-// A file handle of the module, closed and freed at the end of its scope. Each operation is the
-// table's of that name, with the journal given at creation, unless its comment says otherwise.
-// One thread at a time; different handles may be used by different threads.
+// A file handle of the module, closed and freed at the end of its scope. Each operation calls the
+// table's entry of that name with the journal given at creation, unless its comment says otherwise.
+// A handle may be used by one thread at a time; different threads may use different handles.
 class PagedFile {
  public:
   // Takes over a handle that qzpgetmemhandle returned.
@@ -149,13 +149,13 @@ class PagedFile {
   ~PagedFile() { dispose(); }
 
   FileHandle* handle() const noexcept { return handle_; }
-  // The whole handle, with the module's fields beside the caller's. open(name, settings) sets those
-  // that are the caller's; with the other open they are set here, before preopen or open.
+  // The whole handle: the caller's fields and the module's. open(name, settings) sets the caller's
+  // fields; before preopen or open without settings, set them here.
   FileHandle& settings() const noexcept { return *handle_; }
   const OperationTable& table() const noexcept { return handle_->ops->operations; }
   Journal* journal() const noexcept { return journal_; }
   bool isOpen() const noexcept { return (handle_->stateFlags & stateOpen) != 0; }
-  // Pages that can be read, those that are still collected included.
+  // Pages that can be read, including pages that are still collected.
   std::int64_t pageCount() const noexcept { return handle_->pageCount; }
   std::int32_t pageSize() const noexcept { return handle_->pageSize; }      // bytes
   std::int64_t headerSize() const noexcept { return handle_->headerSize; }  // bytes before page 1
@@ -163,31 +163,30 @@ class PagedFile {
   bool isCollecting() const noexcept {
     return handle_->writeBlock != nullptr && handle_->writeBlock->dirtyPages > 0;
   }
-  // How pages reach the open file, and why not as it was asked for.
+  // How the open file is accessed, and why not as requested.
   IoReport io() const;
 
-  // Names the file and opens it with these settings, which replace all that the handle had. A file
-  // that is empty after Opening::existingOrNew has no header yet: write it before the first page.
-  // What direct I/O cannot take is opened buffered: io() tells why. badArgument with a sentence
-  // for settings out of range, and what setName and open return.
+  // Names the file and opens it with these settings, which replace all settings of the handle. A
+  // file that is empty after Opening::existingOrNew has no header yet: write it before the first
+  // page. If direct I/O is not possible, the file is opened buffered, and io() says why. Returns
+  // badArgument with a sentence for settings out of range, else what setName and open return.
   Result<void> open(std::string_view utf8Name, const Settings& settings);
 
   Result<void> setName(std::string_view utf8Name);
 
-  // *length: header bytes wanted; after shorterThanHeader those that the file has.
+  // *length: header bytes wanted; after shorterThanHeader, the bytes that the file has.
   Result<void> preopen(void* header, std::int32_t* length);
   // createOrReplace sets headerSize to 0: set it again after the open, and write the header before
   // the first page.
   Result<void> open() { return outcome(table().qzpopen(handle_, journal_)); }
-  // A file that was written to and is empty is removed, unless others have written to it.
+  // Removes a file that was written to and is empty, unless others have written to it.
   Result<void> close(std::uint32_t flags = 0) {
     if ((flags & kRemoveFile) == 0) keepWhatOthersWrote();
     return outcome(table().qzpclose(handle_, flags, journal_));
   }
-  // For a file that others changed: writes collected pages back, closes the file and opens what its
-  // name stands for now, so that counts and pages are those of the file. Pages must not be held
-  // (badArgument). After any other failure the file is closed. The host's lock is released and
-  // taken again.
+  // For a file that others changed: writes collected pages back, closes the file and reopens its
+  // name, so that page count and pages are current. Pages must not be held (badArgument). After any
+  // other failure the file is closed. The host's lock is released and taken again.
   Result<void> refresh();
   Result<void> reopen(const AccessHints& hints) {
     return outcome(table().qzpreopen(handle_, &hints, journal_));
@@ -205,7 +204,7 @@ class PagedFile {
     return report;
   }
 
-  // A page where the module keeps it.
+  // Reads a page in place, in the module's memory.
   Result<PageHold> read(std::int64_t page) {
     PageRequest request{};
     request.pageNumber = page;
@@ -230,10 +229,10 @@ class PagedFile {
     return PageHold(handle_, static_cast<char*>(address), 0,
                     block ? handle_->blockBytes : handle_->pageSize);
   }
-  // Returns several pages or buffers, unwritten. All are tried; the error is the first failure's.
+  // Returns several pages or buffers, unwritten. Tries all of them and reports the first failure.
   Result<void> giveBack(std::span<PageHold> holds);
   // Writes a held buffer as page `page` and ends the hold. After a failure that kept the hold,
-  // `hold` still has it: write again or let it go.
+  // `hold` still has it: write again or return it.
   Result<void> write(PageHold& hold, std::int64_t page) {
     PageRequest request{};
     request.pageNumber = page;
@@ -256,9 +255,9 @@ class PagedFile {
     return outcome(table().qzpwrite(handle_, &request, journal_));
   }
   // Reads `count` pages from `firstPage` on into one area of count * pageSize bytes, aligned to
-  // 4096 bytes where direct I/O is used. *pagesRead: those that the file had, from the first on;
-  // 0 after a failure, which may leave anything in the area.
-  // Pages that are still collected are not in the file: write back first.
+  // 4096 bytes for direct I/O. *pagesRead: how many of them the file had; 0 after a failure, which
+  // may leave anything in the area. Pages that are still collected are not in the file: write them
+  // back first.
   Result<void> readMany(std::int64_t firstPage, std::int32_t count, void* area,
                         std::int32_t* pagesRead = nullptr) {
     PageRequest first{};
@@ -274,18 +273,18 @@ class PagedFile {
   Result<void> truncate(std::int64_t pages) {
     return outcome(table().qzptruncate(handle_, pages, journal_));
   }
-  // Appends zero pages until there are `pages`, in whole blocks where blocks are used; nothing when
-  // there are as many. After a failure there are pageCount().
+  // Appends zero pages, in block mode as whole blocks, until the file has `pages` pages; does
+  // nothing if it has as many. After a failure, pageCount() says how many there are.
   Result<void> extendTo(std::int64_t pages);
   Result<void> flush() { return outcome(table().qzpflush(handle_, journal_)); }
   // Writes collected pages to the file, as a flush does, but does not wait until they are durable.
-  // misfit, with nothing written: others changed the size of the file.
+  // Returns misfit and writes nothing if others changed the size of the file.
   Result<void> writeBack();
   // *length: header bytes given; then the bytes stored.
   Result<void> writeHeader(const void* header, std::int32_t* length) {
     return outcome(table().qzpwritehdr(handle_, header, length, journal_));
   }
-  // *count: buffers wanted; after buffersMissing those that were added.
+  // *count: buffers wanted; after buffersMissing, the number that was added.
   Result<void> addBuffers(std::int32_t* count) {
     return outcome(table().qzpbufadd(handle_, count, journal_));
   }
@@ -310,20 +309,20 @@ class PagedFile {
 
   FileHandle* handle_;
   Journal* journal_;
-  std::optional<Io> asked_;  // of the settings given to open
+  std::optional<Io> asked_;  // from the settings given to open
   std::string refusal_;      // why direct I/O was not tried or not used
 };
 
-// The module, loaded into this process and made known to a host. At the end of its scope the
-// extension object is destroyed and the library unloaded: every PagedFile must be gone by then,
-// and the host must still be there.
+// The module, loaded into this process and registered with a host. At the end of its scope the
+// extension object is destroyed and the library unloaded. Every PagedFile must be destroyed before
+// it, and the host after it.
 class Module {
  public:
   // Loads the library at `path`. With an empty path it searches, in this order: beside the program
-  // or plugin that this code is part of; in the folder of libraries that belongs to the folder of
-  // the running program; where the program or plugin was told to look when it was linked, as the
-  // package files do; where the system looks. Then calls qzextent and qziop. The error's text says
-  // which files were tried and what the loader said; its status is noMemory when qziop refused.
+  // or plugin that contains this code; in the library folder that belongs to the folder of the
+  // running program; on the search path that the program or plugin was linked with (the package
+  // files set it); where the system looks. Then calls qzextent and qziop. The error's text says
+  // which files were tried and what the loader said; its status is noMemory if qziop refused.
   static Result<Module> load(QZHandle* host, Journal* journal = nullptr,
                              const std::string& path = {});
 
@@ -337,10 +336,10 @@ class Module {
   // The address of an exported name, or null.
   void* symbol(const char* name) const noexcept;
 
-  // A new closed handle; `journal` gets its reports and may be null. noMemory.
+  // A new closed handle; `journal` gets its reports and may be null. Fails with noMemory.
   Result<PagedFile> newFile(Journal* journal = nullptr) const;
 
-  // Destroys the extension object and unloads the library now. Returns what qzpdestroy returned.
+  // Destroys the extension object and unloads the library now. Returns qzpdestroy's result.
   HostStatus dispose() noexcept;
 
  private:

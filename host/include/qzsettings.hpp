@@ -1,5 +1,5 @@
 // The caller's settings of a paged file, in plain names and units, for qz::PagedFile::open of
-// qziop.hpp. What the module keeps for itself is not among them.
+// qziop.hpp. The module's own fields are not among them.
 #pragma once
 
 #include <cstdint>
@@ -7,47 +7,47 @@
 
 namespace qz {
 
-// What an open does with the name.
+// What an open does with the file of that name.
 enum class Opening {
-  existing,       // opens the file that is there
-  existingOrNew,  // makes an empty file where there is none; cuts nothing
-  replace,        // makes a file, or cuts the one that is there to nothing
+  existing,       // opens an existing file
+  existingOrNew,  // creates an empty file if there is none; truncates nothing
+  replace,        // creates a file, or truncates the existing one to nothing
 };
 
-// The pages that are read, and in which order.
+// Which pages are read, and in which order.
 enum class Reading {
   none,         // with writing: opened write-only
   anyOrder,     // any page at any time
-  inOrder,      // each page after the one before it; others are refused
+  inOrder,      // each page after the one before it; other reads are refused
   manyAtATime,  // any page, mostly through readMany
 };
 
 enum class Writing {
   none,
   newPages,  // only the page after the last
-  anyPage,   // that page, and rewrites of all others
+  anyPage,   // the page after the last, and rewrites of all others
 };
 
 // How pages reach the file.
 enum class Io {
-  buffered,  // through the system's page cache, a page a call
-  direct,    // past it, a page a call; takes Reading::anyOrder or manyAtATime
-  block,     // past it, a block a call; takes any Reading but manyAtATime
+  buffered,  // through the system's page cache, one page per call
+  direct,    // past it, one page per call; takes Reading::anyOrder or manyAtATime
+  block,     // past it, one block per call; takes any Reading but manyAtATime
 };
 
 enum class Locking {
-  whileOpen,  // the host locks the file: exclusive where it is written, else shared
+  whileOpen,  // the host locks the file: exclusively if it is written, else shared
   none,
 };
 
 // "buffered", "direct" or "block".
 const char* nameOf(Io io) noexcept;
 
-// How a file is accessed, and why not as it was asked for.
+// How a file is accessed, and why not as requested.
 struct IoReport {
   Io asked = Io::buffered;
   Io obtained = Io::buffered;
-  std::string reason;  // empty when it is as asked
+  std::string reason;  // empty if it is as requested
 };
 
 struct Settings {
@@ -57,13 +57,13 @@ struct Settings {
   Reading reading = Reading::anyOrder;
   Writing writing = Writing::none;
   Io io = Io::buffered;
-  std::int64_t blockBytes = 262144;  // Io::block: of a block; whole pages, below 2 GiB
-  std::int32_t buffers = 8;          // most pages held at a time, 1 or more
+  std::int64_t blockBytes = 262144;  // Io::block: size of a block; whole pages, below 2 GiB
+  std::int32_t buffers = 8;          // most pages held at a time, at least 1
   Locking locking = Locking::whileOpen;
   bool flushAtClose = false;     // close makes the file durable first
   std::int32_t busyRetries = 0;  // further attempts on a locked file, a second apart
 
-  // Empty, or a sentence that names the setting that is out of range or contradicts another.
+  // Empty, or a sentence about a setting that is out of range or contradicts another one.
   std::string problem() const;
 };
 

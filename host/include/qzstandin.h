@@ -1,11 +1,11 @@
-// The stand-in host: a small host toolkit with all that the module asks of one.
+// The stand-in host: a small host toolkit with everything that the module needs from a host.
 //
-// A program makes a StandInHost, gives handle() to qzextent and qziop of a loaded module and one
-// of its journals to every operation. The host's records are plain data: a program may replace a
-// slot of any of them and restore it. docs/host-contract.md describes every record.
+// A program creates a StandInHost, passes handle() to qzextent and qziop of a loaded module, and
+// passes one of its journals to every operation. The host's records are plain data: a program may
+// replace a slot of any of them and restore it. docs/host-contract.md describes every record.
 //
-// Pools, journals and the services that make objects may be used from several threads at once; one
-// tree or one host file by one thread at a time.
+// Several threads may use pools, journals and the services that create objects at the same time.
+// One tree or one host file may be used by one thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -24,19 +24,19 @@ namespace qz {
 // 0x80FFE015, to its own codes.
 enum HostCode : HostStatus {
   hostOk = 0,
-  hostNoMemory = 0x80FFE001,            // ENOMEM, ENOBUFS, or the host's own memory
-  hostBadParameters = 0x80FFE002,       // EINVAL, as for O_DIRECT that is refused; EBADF
-  hostDeviceError = 0x80FFE003,         // EIO
-  hostNoDevice = 0x80FFE004,            // ENODEV
-  hostStaleFile = 0x80FFE005,           // ESTALE, ENOTCONN, ETIMEDOUT: a file server lost it
-  hostFileNotFound = 0x80FFE006,        // ENOENT, ENOTDIR: the file, or a folder on the way to it
-  hostAccessRefused = 0x80FFE007,       // EACCES, EPERM
-  hostNoSpace = 0x80FFE008,             // ENOSPC, EDQUOT: no room for a new file
-  hostIsDirectory = 0x80FFE009,         // EISDIR, also when only opened for reading
-  hostBadName = 0x80FFE00A,             // empty, ENAMETOOLONG, ELOOP, or not representable
-  hostNoDescriptor = 0x80FFE00B,        // EMFILE, ENFILE
-  hostCloseFailed = 0x80FFE00C,         // close(2) reported a failure: data may be lost
-  hostNotRemoved = 0x80FFE00D,          // the file could not be removed
+  hostNoMemory = 0x80FFE001,       // ENOMEM, ENOBUFS, or the host's own memory
+  hostBadParameters = 0x80FFE002,  // EINVAL, as for refused O_DIRECT; EBADF
+  hostDeviceError = 0x80FFE003,    // EIO
+  hostNoDevice = 0x80FFE004,       // ENODEV
+  hostStaleFile = 0x80FFE005,      // ESTALE, ENOTCONN, ETIMEDOUT: the file server lost it
+  hostFileNotFound = 0x80FFE006,   // ENOENT, ENOTDIR: no such file, or no such folder in its path
+  hostAccessRefused = 0x80FFE007,  // EACCES, EPERM
+  hostNoSpace = 0x80FFE008,        // ENOSPC, EDQUOT: no room for a new file
+  hostIsDirectory = 0x80FFE009,    // EISDIR, also if opened only for reading
+  hostBadName = 0x80FFE00A,        // empty, ENAMETOOLONG, ELOOP, or not representable
+  hostNoDescriptor = 0x80FFE00B,   // EMFILE, ENFILE
+  hostCloseFailed = 0x80FFE00C,    // close(2) reported a failure: data may be lost
+  hostNotRemoved = 0x80FFE00D,     // the file could not be removed
   hostReadOnlyFileSystem = 0x80FFE00E,  // EROFS
   hostLocked = 0x80FFE00F,              // locked by another open file; worth waiting for
   hostProgramRunning = 0x80FFE010,      // ETXTBSY: the file is a running program
@@ -44,14 +44,14 @@ enum HostCode : HostStatus {
   hostNoLocks = 0x80FFE012,             // the system could not lock, as with ENOLCK
   hostTryAgain = 0x80FFE013,            // EAGAIN of the open; worth waiting for
   hostOtherFailure = 0x80FFE014,        // any other error number
-  hostUnsupportedFile = 0x80FFE015,     // no regular file or block device; EFBIG, EOVERFLOW, ENXIO
-  // Outside the file service's range, which the module journals or ignores.
-  hostForeignBlock = 0x80FFE101,     // memFree of an address that is no block of the pool in use
-  hostBlocksLive = 0x80FFE102,       // destroy of a pool with blocks still in use
-  hostTextTooLong = 0x80FFE103,      // a text does not fit its buffer; nothing was stored
-  hostBadText = 0x80FFE104,          // null text, a length beyond reason, or no UTF-8 for it
-  hostUnknownOption = 0x80FFE105,    // no such option, or it is not set
-  hostWrongValueType = 0x80FFE106,   // the option has another type or needs more room
+  hostUnsupportedFile = 0x80FFE015,  // not a regular file or block device; EFBIG, EOVERFLOW, ENXIO
+  // Outside the file service's range; the module journals or ignores these.
+  hostForeignBlock = 0x80FFE101,    // memFree of an address that is not a block in use of the pool
+  hostBlocksLive = 0x80FFE102,      // destroy of a pool with blocks still in use
+  hostTextTooLong = 0x80FFE103,     // a text does not fit its buffer; nothing was stored
+  hostBadText = 0x80FFE104,         // null text, an impossible length, or text without a UTF-8 form
+  hostUnknownOption = 0x80FFE105,   // no such option, or it is not set
+  hostWrongValueType = 0x80FFE106,  // the option has another type or needs more room
   hostNoSuchExtension = 0x80FFE107,  // extensionLoad of a name other than "qzeavl"
   hostNoEncoding = 0x80FFE108,       // converterCreate for an encoding that the host lacks
 };
@@ -62,38 +62,38 @@ enum AccessMode : std::uint32_t {
   accessRead = 0x2,
   accessExclusive = 0x4,  // no other open file may hold a lock; needs a file opened for writing
   accessShared = 0x8,     // others may read too; needs a file opened for reading
-  accessNoLock = 0x20,    // neither, whatever the two bits before say
+  accessNoLock = 0x20,    // no lock, whatever the two bits before say
 };
 
-// UTF-8 of UTF-32 text and back. Bytes that are not UTF-8 become U+DC80 to U+DCFF, one each, and
-// turn into the same bytes again, so that every file name survives; other code points that
-// Unicode does not have become U+FFFD. May throw std::bad_alloc.
+// Converts UTF-32 text to UTF-8 and back. Bytes that are not UTF-8 become U+DC80 to U+DCFF, one
+// each, and are converted back to the same bytes, so that every file name survives. Other code
+// points that Unicode does not have become U+FFFD. May throw std::bad_alloc.
 std::string toUtf8(std::u32string_view text);
 std::u32string toUtf32(std::string_view text);
 
-// The message catalogue's text for a module code or host status, as UTF-8, with placeholders
-// ("%s") where it takes inserts; for an unknown status a text with its number. Never empty.
+// The message catalogue's text for a module code or host status, as UTF-8, with a placeholder
+// ("%s") for each insert; for an unknown status, a text with its number. Never empty.
 std::string statusText(std::uint32_t status);
 
 struct JournalEntry {
   JournalLevel level;
-  std::uint32_t status;  // 0: a message, which is what the module's reports are
-  std::string text;      // UTF-8, inserts filled in
+  std::uint32_t status;  // 0: a message, like the module's reports
+  std::string text;      // UTF-8, with inserts
 };
 
 enum class JournalSink {
-  memory,         // entries() has them
+  memory,         // kept for entries()
   standardError,  // one line each, "note: ..." or "error: ..."
-  function,       // of the program, which is called for each entry
+  function,       // passed to a function of the program
 };
 
 // A function of the program that gets each entry of a journal. `entry` is valid during the call.
-// The call comes on the thread that reports and holds no lock: when threads share a journal, calls
-// may come from several at once. The function must not use the file handle that is being reported.
+// The call comes from the thread that reports, and no lock is held: if threads share a journal,
+// calls may overlap. The function must not use the file handle that is being reported.
 using JournalFunction = void (*)(void* context, const JournalEntry& entry) noexcept;
 
 // A journal with the stand-in host's message catalogue. Safe to use from several threads. Its
-// operations never throw: an entry for which there is no memory is lost with hostNoMemory.
+// operations never throw: if memory runs out, an entry is lost with hostNoMemory.
 class StandInJournal : public Journal {
  public:
   // With JournalSink::function each entry is passed to function(context, entry). The context is
@@ -103,7 +103,7 @@ class StandInJournal : public Journal {
   StandInJournal(const StandInJournal&) = delete;
   StandInJournal& operator=(const StandInJournal&) = delete;
 
-  // Copies of the entries so far, in order; empty for other sinks than memory.
+  // Copies of the entries so far, in order; empty for sinks other than memory.
   std::vector<JournalEntry> entries() const;
   void clear();
 
@@ -130,15 +130,16 @@ struct PoolCounts {
 struct StandInOptions {
   std::optional<std::int32_t> hostPageSize;  // the option "host.pagesize", bytes; absent: not set
   JournalSink defaultJournal = JournalSink::standardError;
-  // With JournalSink::function: what the default journal calls, as StandInJournal does.
+  // With JournalSink::function: the function of the default journal, as in StandInJournal.
   JournalFunction journalFunction = nullptr;
   void* journalContext = nullptr;
 };
 
 struct HostRecords;
 
-// The toolkit. Objects made through its handle (pools, extensions, converters, trees, host files)
-// are released through their own operations; those left over go with the toolkit.
+// The toolkit. Objects created through its handle (pools, extensions, converters, trees, host
+// files) are destroyed through their own operations; those left over are destroyed with the
+// toolkit.
 class StandInHost {
  public:
   explicit StandInHost(const StandInOptions& options = {});
@@ -154,16 +155,16 @@ class StandInHost {
   // Sets or clears the option "host.pagesize".
   void setHostPageSize(std::optional<std::int32_t> bytes) noexcept;
 
-  // How many pools, extensions, converters, trees and host files have not been released.
+  // How many pools, extensions, converters, trees and host files still exist.
   std::size_t liveObjects() const noexcept;
 
-  // The newest pool of that name that still exists, or null.
+  // The newest existing pool of that name, or null.
   MemoryPool* pool(std::string_view name) noexcept;
 
   // The sum over all pools of that name, destroyed ones included.
   PoolCounts poolCounts(std::string_view name) const noexcept;
 
-  // The same over all pools that this host ever made.
+  // The sum over all pools that this host ever created.
   PoolCounts poolCounts() const noexcept;
 
  private:

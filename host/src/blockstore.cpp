@@ -19,13 +19,13 @@ constexpr std::size_t kMostSpareBytes = std::size_t{20} << 20U;  // five blocks 
 
 constexpr std::array<std::uint16_t, 11> kSlotBytes = {64,   128,  192,  256,  384, 512,
                                                       1024, 1536, 2048, 3072, 4096};
-// Slots of a slab are as aligned as their size is.
+// Slots of a slab are aligned to their size.
 static_assert(std::ranges::all_of(kSlotBytes, [](std::size_t bytes) {
   constexpr std::size_t kCacheLine = 64;
   return bytes % alignmentOf(bytes) == 0 && bytes % kCacheLine == 0;
 }));
 
-// The index of the smallest slot that has room, by the bytes asked for in units of 16.
+// The index of the smallest slot that fits, by the bytes requested in units of 16.
 constexpr std::size_t kSlotStep = 16;
 constexpr auto kSizeIndexes = [] {
   std::array<std::uint8_t, kStorePage / kSlotStep + 1> indexes = {};
@@ -51,7 +51,7 @@ bool atRegionBoundary(const char* memory) {
 }
 
 // Zeroed memory at a multiple of 2 MiB, or null. The system often aligns such mappings by itself;
-// else a larger one is cut to fit.
+// if not, a larger mapping is cut to fit.
 char* mapAligned(std::size_t bytes) {
   char* memory = mapAnonymous(bytes);
   if (memory == nullptr || atRegionBoundary(memory)) return memory;
@@ -75,7 +75,7 @@ struct RegionStore::Slab {
   std::size_t firstPage;
   std::size_t sizeIndex;
   std::vector<std::uint16_t> freeSlots;
-  std::vector<std::uint16_t> askedPlus1;  // of each slot: bytes asked for and 1; 0: free
+  std::vector<std::uint16_t> askedPlus1;  // for each slot: bytes requested plus 1; 0: free
 
   bool isEmpty() const { return freeSlots.size() == askedPlus1.size(); }
 };
@@ -93,7 +93,7 @@ struct RegionStore::Region {
 
   bool isUsed(std::size_t page) const { return ((used[page / 64] >> (page % 64)) & 1U) != 0; }
 
-  // The first page at or after `page` that is used, or free.
+  // The first page at or after `page` that is used (`wanted`) or free.
   std::size_t seek(std::size_t page, bool wanted) const {
     while (page < kRegionPages) {
       const std::uint64_t word = (wanted ? used[page / 64] : ~used[page / 64]) >> (page % 64);
@@ -182,7 +182,7 @@ RegionStore::Slab* RegionStore::addSlab(std::size_t sizeIndex) {
   slab->sizeIndex = sizeIndex;
   slab->askedPlus1.resize(slots);
   slab->freeSlots.resize(slots);
-  for (std::size_t i = 0; i < slots; ++i) {  // used from the end, so that addresses rise
+  for (std::size_t i = 0; i < slots; ++i) {  // filled from the end, so that addresses ascend
     slab->freeSlots[i] = static_cast<std::uint16_t>(slots - 1 - i);
   }
   const PageRun run = takePages(kSlabPages, false);
@@ -256,8 +256,8 @@ RegionStore::Region* RegionStore::addRegion(bool huge) {
   auto region = std::make_unique<Region>();
   region->base = mapAligned(kRegionBytes);
   if (region->base == nullptr) return nullptr;
-  // A store with a second region is large: its small blocks, used in any order, need more entries
-  // of the address translation than the processor has. If the advice is refused, only slower.
+  // A store with a second region is large: its small blocks, used in any order, need more TLB
+  // entries than the processor has. If the advice is refused, the store is only slower.
   if (huge || !regions_.empty()) madvise(region->base, kRegionBytes, MADV_HUGEPAGE);
   Region* const added = region.get();
   try {
@@ -273,7 +273,7 @@ RegionStore::Region* RegionStore::addRegion(bool huge) {
   return added;
 }
 
-// True when the mapping is kept for the next of its size.
+// Returns true if the mapping is kept for the next block of its size.
 bool RegionStore::keepSpare(char* block, std::size_t mapped) noexcept try {
   if (spareBytes_ + mapped > kMostSpareBytes) return false;
   spareMappings_.emplace_back(block, mapped);
@@ -283,7 +283,7 @@ bool RegionStore::keepSpare(char* block, std::size_t mapped) noexcept try {
   return false;
 }
 
-// A mapping of that size that was kept, or null.
+// A kept mapping of that size, or null.
 char* RegionStore::takeSpare(std::size_t mapped) noexcept {
   const auto found = std::find_if(spareMappings_.begin(), spareMappings_.end(),
                                   [&](const auto& spare) { return spare.second == mapped; });
@@ -301,7 +301,7 @@ Allocation RegionStore::allocateMapping(std::size_t bytes) {
   if (isNew) {
     block = mapAligned(mapped);
     if (block == nullptr) return {nullptr, false};
-    // The rest behind the last whole 2 MiB would take a huge page for a few bytes.
+    // The rest after the last whole 2 MiB would take a huge page for a few bytes.
     madvise(block, mapped / kRegionBytes * kRegionBytes, MADV_HUGEPAGE);
   }
   try {

@@ -1,8 +1,8 @@
 // The message catalogue: one text for every status of the module and of this host.
 //
 // Only accessNote, shortHeaderReport, fileNameLine and cannotRemoveReport have inserts; no other
-// text may contain a placeholder. The file-name line comes right behind the text of a failure, so
-// it begins with its own separator.
+// text may contain a placeholder. The file-name line directly follows the text of a failure, so it
+// begins with its own separator.
 #include <cstdio>
 
 #include "qzpos.h"
@@ -11,8 +11,8 @@
 namespace qz {
 namespace {
 
-// The text of a module code, null for any other status. A switch, so that the compiler names a code
-// without a text.
+// The text of a module code, null for any other status. A switch, so that the compiler reports a
+// code without a text.
 // NOLINTNEXTLINE(readability-function-size): one case for each code
 const char* moduleText(Status status) {
   switch (status) {

@@ -1,12 +1,13 @@
-// The file service: open(2) with a lock, a reopen that keeps the lock, a close that can remove.
+// The file service: open(2) with a lock, a reopen that keeps the lock, a close that can remove the
+// file.
 //
-// Locks are those of open file descriptions (F_OFD_SETLK): they hold between two open files of one
-// process as well as between processes, and end with the descriptor. An exclusive one needs a
-// descriptor open for writing, a shared one a descriptor open for reading.
+// Locks are locks of open file descriptions (F_OFD_SETLK): they exclude two open files of one
+// process as well as those of two processes, and end with the descriptor. An exclusive lock needs a
+// descriptor open for writing, a shared lock one open for reading.
 //
-// The whole file is locked: the last byte that an offset can have is the gate, all before it the
-// body. An open locks both in one call. A reopen has two descriptors, whose locks exclude each
-// other, so it unlocks the body on the old one and locks it on the new one. Meanwhile the gate
+// The whole file is locked in two parts: the last possible byte is the gate, all bytes before it
+// are the body. An open locks both in one call. A reopen has two descriptors, whose locks exclude
+// each other, so it unlocks the body on the old one and locks it on the new one. Meanwhile the gate
 // stays locked exclusively: no other open gets the body, and a failed reopen can lock it again.
 #include <fcntl.h>
 #include <linux/fs.h>
@@ -29,8 +30,7 @@ namespace {
 
 static_assert(sizeof(off_t) == 8, "files beyond 2 GiB need 64-bit offsets");
 
-// The first detail word: the step that failed. The second has the open flags as the system got
-// them.
+// The first detail word: the step that failed. The second has the open flags that the system got.
 enum Step : std::uint32_t { stepName = 1, stepOpen, stepInspect, stepLock };
 
 struct Failure {
@@ -86,9 +86,9 @@ HostStatus statusOf(int errorNumber) {
 
 Failure failed(Step step, int errorNumber) { return {statusOf(errorNumber), errorNumber, step}; }
 
-// The file becomes no controlling terminal and is closed in child programs. O_NONBLOCK keeps the
-// open of a pipe, which is refused afterwards, from waiting; on files and block devices it does
-// nothing.
+// The file does not become a controlling terminal and is closed in child programs. With O_NONBLOCK
+// the open of a pipe, which is refused afterwards, does not wait; on files and block devices the
+// flag has no effect.
 int systemFlags(const OpenParameters& parameters) {
   return static_cast<int>(parameters.openFlags) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 }
@@ -105,7 +105,7 @@ std::u32string_view nameOf(const OpenParameters& parameters) {
   return {parameters.fileName, parameters.fileNameLength};
 }
 
-// The file's name as the system takes it.
+// Converts the file's name for the system.
 Failure narrowName(std::u32string_view name, std::string* path) {
   if (name.empty()) return {hostBadName, ENOENT, stepName};
   if (!appendUtf8(name, path) || path->find('\0') != std::string::npos) {
@@ -114,7 +114,7 @@ Failure narrowName(std::u32string_view name, std::string* path) {
   return kNoFailure;
 }
 
-// Accepts only kinds of files in which pages can be read at any offset.
+// Accepts only files in which pages can be read at any offset.
 Failure inspect(int fd, std::int64_t* size) {
   struct stat about = {};
   if (fstat(fd, &about) != 0) return failed(stepInspect, errno);
@@ -136,7 +136,7 @@ Lock lockFor(std::uint32_t accessMode) {
 
 struct Range {
   off_t start;
-  off_t length;  // 0: to the end of all offsets
+  off_t length;  // 0: to the last possible offset
 };
 constexpr off_t kGateByte = std::numeric_limits<off_t>::max();
 constexpr Range kGate = {kGateByte, 1};
@@ -165,9 +165,9 @@ Failure takeLock(int fd, Lock lock) {
   return lockFailure(errno);
 }
 
-// Another client of a network file system may have changed the file under the lock before this one.
-// For FUSE files the kernel keeps cached pages from one open to the next and would show their old
-// contents; NFS drops cached pages itself when a lock is taken.
+// Another client of a network file system may have changed the file while it had the lock. FUSE
+// keeps cached pages from one open to the next and would show their old contents; NFS drops cached
+// pages itself when a lock is taken.
 void dropCached(int fd) {
   struct statfs system = {};
   if (fstatfs(fd, &system) == 0 && system.f_type == FUSE_SUPER_MAGIC) {
@@ -175,8 +175,8 @@ void dropCached(int fd) {
   }
 }
 
-// Moves a file's lock from `oldFd`, which has it as `held`, to `newFd`, which gets it as `wanted`.
-// After a failure `oldFd` has its lock as before, and closing `newFd` has no effect.
+// Moves a file's lock from `oldFd`, which holds it as `held`, to `newFd`, which gets it as
+// `wanted`. After a failure `oldFd` has its lock as before, and closing `newFd` has no effect.
 Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
   if (wanted == Lock::none) return kNoFailure;
   if (held == Lock::none) return takeLock(newFd, wanted);
@@ -189,7 +189,7 @@ Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
     setLock(oldFd, Lock::none, kGate);
     if (!setLock(newFd, Lock::exclusive, kGate)) {
       const Failure failure = lockFailure(errno);
-      setLock(oldFd, Lock::shared, kGate);  // if refused: the body's lock is enough
+      setLock(oldFd, Lock::shared, kGate);  // if this fails, the body's lock is enough
       return failure;
     }
   }
@@ -200,8 +200,8 @@ Failure passLock(int oldFd, Lock held, int newFd, Lock wanted) {
   return failure;
 }
 
-// Stores the outcome of an open for the module, and journals a failure, which the module does not.
-// Direct I/O that the file system refuses is not journalled: the module tries again without it.
+// Stores the outcome of an open for the module and journals a failure, which the module does not
+// do. Direct I/O that the file system refuses is not journalled: the module tries again without it.
 HostStatus report(OpenParameters* parameters, const Failure& failure, Journal* journal) noexcept {
   const bool good = failure.status == hostOk;
   const bool asksAgain = failure.errorNumber == EINVAL && (parameters->openFlags & O_DIRECT) != 0;
@@ -241,7 +241,7 @@ HostFile* fileOpen(FileService* self, OpenParameters* parameters, Word /*one*/,
   return nullptr;
 }
 
-// Opens the same file again, even if its name stands for another one now. The new descriptor gets
+// Opens the same file again, even if its name now stands for another file. The new descriptor gets
 // the number of the old one.
 Failure reopenFile(const OpenParameters& parameters, std::uint32_t accessMode, OpenFile* file) {
   const std::string self = "/proc/self/fd/" + std::to_string(file->info.fd);
@@ -269,8 +269,8 @@ HostStatus fileReopen(HostFile* self, OpenParameters* parameters, std::uint32_t 
   return report(parameters, {hostNoMemory, ENOMEM, stepOpen}, journal);
 }
 
-// Returns 0 or an error number. A file without any name left counts as removed. A name that stands
-// for another file now is left alone.
+// Returns 0 or an error number. A file that has no name left counts as removed. If the name now
+// stands for another file, nothing is removed.
 int removeName(const OpenFile& file) {
   struct stat named = {};
   struct stat opened = {};
@@ -289,8 +289,8 @@ HostStatus fileClose(HostFile* self, OpenParameters* parameters, Journal* journa
       journalFileFailure(journal, hostNotRemoved, file->name, removal);
       return hostNotRemoved;
     }
-    // FUSE ends such a lock only some time after close returns, and until then an open of the same
-    // file on a network file system would be refused. An unlock is complete when it returns.
+    // FUSE ends such a lock some time after close returns; until then an open of the same file on a
+    // network file system would be refused. An unlock is complete when it returns.
     if (file->lock != Lock::none) setLock(file->info.fd, Lock::none, kBodyAndGate);
     // The descriptor is closed even if close fails; the record stays until a close succeeds.
     if (close(std::exchange(file->info.fd, -1)) != 0 && errno != EINTR) {

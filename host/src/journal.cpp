@@ -2,7 +2,7 @@
 //
 // The two operations that fill a buffer produce text that is formatted once more: the module
 // appends the file-name line to a status text and passes both to messageToJnl. They therefore
-// double a percent sign in an insert; otherwise a file name could act as a format.
+// double each percent sign in an insert; otherwise a file name could act as a format.
 #include <algorithm>
 #include <bit>
 #include <cstdio>
@@ -47,7 +47,7 @@ void append(std::u32string* output, std::u32string_view text, Percent percent) {
   }
 }
 
-// Fills in the placeholders %s and %d; %% is a percent sign, any other stays as it is.
+// Fills in the placeholders %s and %d; %% becomes a percent sign; any other percent sign is kept.
 std::u32string format(std::u32string_view text, Inserts* inserts, Percent percent) {
   std::u32string output;
   output.reserve(text.size());

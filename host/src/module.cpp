@@ -15,9 +15,10 @@ namespace qz {
 namespace {
 
 constexpr const char* kModuleName = "libqziop.so";
-constexpr const char* kInstalledName = "libqziop.so.3";  // what the system's loader searches for
+constexpr const char* kInstalledName =
+    "libqziop.so.3";  // the name that the system's loader searches for
 
-// The folder of the running program with a slash at the end; empty when the system does not tell.
+// The folder of the running program with a slash at the end; empty if the system does not tell.
 std::string programFolder() {
   std::vector<char> path(4096);
   const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
@@ -26,8 +27,8 @@ std::string programFolder() {
   return program.substr(0, program.rfind('/') + 1);
 }
 
-// The folder of the shared library that this code is part of, with a slash at the end; empty when
-// it is part of the program itself.
+// The folder of the shared library that contains this code, with a slash at the end; empty if the
+// program itself contains it.
 std::string pluginFolder() {
   Dl_info about = {};
   link_map* library = nullptr;
@@ -42,9 +43,9 @@ std::string pluginFolder() {
 }
 
 // A plugin has the module beside it or on the search path that it was linked with; the folder of
-// the program that loaded it does not count. For a program the folder of installed modules is found
-// from the program's own folder, so that an installed tree can be moved. The plain name makes the
-// system search, first on the search path that the program or plugin was linked with.
+// the program that loaded it does not count. For a program, the folder of installed modules is
+// found from the program's own folder, so that an installed tree can be moved. With the plain name
+// the system searches, first on the search path that the program or plugin was linked with.
 std::vector<std::string> candidates(const std::string& path) {
   if (!path.empty()) return {path.find('/') == std::string::npos ? "./" + path : path};
   std::vector<std::string> result;
@@ -70,7 +71,7 @@ bool isFileAbsent(const std::string& path) {
   return path.find('/') != std::string::npos && access(path.c_str(), F_OK) != 0;
 }
 
-// The first candidate that can be loaded. One that exists but cannot be loaded ends the search.
+// The first candidate that can be loaded. A file that exists but cannot be loaded ends the search.
 Result<void*> loadFirst(const std::vector<std::string>& paths, std::string* loaded) {
   std::string tried;
   for (const std::string& path : paths) {
@@ -86,8 +87,8 @@ Result<void*> loadFirst(const std::vector<std::string>& paths, std::string* load
   return loadError(Status::fileNotFound, "The module was not found; tried " + tried);
 }
 
-// True if the status can be caused by a failed system call, and for a code that is not known here.
-// For the others lastErrno is stale, left over from an earlier failure.
+// True for statuses that a failed system call can cause, and for unknown codes. For the others
+// lastErrno is stale, left over from an earlier failure.
 bool hasSystemReason(Status status) {
   switch (status) {
     case Status::badArgument:
@@ -176,7 +177,8 @@ Result<void> PagedFile::preopen(void* header, std::int32_t* length) {
   const Status status = table().qzppreopen(handle_, header, length, journal_);
   if (status == Status::ok) return {};
   Error error = errorOf(handle_, status);
-  if (status == Status::shorterThanHeader && *length >= 0) error.errorNumber = 0;  // just short
+  if (status == Status::shorterThanHeader && *length >= 0)
+    error.errorNumber = 0;  // the file is just short
   return error;
 }
 
@@ -195,12 +197,12 @@ void PagedFile::dispose() noexcept {
   FileHandle* handle = handle_;
   if (handle == nullptr) return;
   const OperationTable& operations = handle->ops->operations;
-  // A file that was never open may have contents: its close must not take it for empty.
+  // A file that was never open may have contents: its close must not treat it as empty.
   if ((handle->stateFlags & stateOpen) == 0) handle->writeAccess = noWrite;
   keepWhatOthersWrote();
   if (handle->hostFile != nullptr) operations.qzpclose(handle, 0, journal_);
   if (handle->hostFile != nullptr) {
-    // A flush or a removal that failed would fail again: let go of the file without them.
+    // A failed flush or removal would fail again: close the file without it.
     handle->openOptions &= ~static_cast<std::uint32_t>(optionFlushAtClose);
     handle->writeAccess = noWrite;
     operations.qzpclose(handle, 0, journal_);

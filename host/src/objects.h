@@ -1,5 +1,5 @@
-// The host's objects: each is a record of the host interface, followed by this host's own data
-// about it. The slots get the record's address and find that data behind it.
+// The host's objects: each is a record of the host interface, followed by this host's own data. The
+// slots get the record's address and find that data after it.
 #pragma once
 
 #include <sys/single_threaded.h>
@@ -19,16 +19,16 @@ namespace qz {
 
 struct HostRecords;
 
-// Holds the mutex, unless the process has only ever had one thread: otherwise most of the host's
-// time for opening a file would go to uncontended locks.
+// Locks the mutex, unless the process has only ever had one thread: uncontended locks would
+// otherwise take most of the host's time to open a file.
 inline std::unique_lock<std::mutex> lockUnlessAlone(std::mutex& mutex) {
   std::unique_lock lock(mutex, std::defer_lock);
   if (__libc_single_threaded == 0) lock.lock();
   return lock;
 }
 
-// All objects of one kind that the host has made and that are not destroyed yet. The host destroys
-// those left when it is destroyed itself.
+// All objects of one kind that the host has created and not destroyed yet. Those left over are
+// destroyed with the host.
 template <class Object>
 class Registry {
  public:
@@ -38,9 +38,9 @@ class Registry {
     objects_.push_back(std::move(object));
     return objects_.back().get();
   }
-  // Ends the object's life.
+  // Destroys the object.
   void remove(const Object* object) noexcept {
-    std::unique_ptr<Object> gone;  // ends outside the lock
+    std::unique_ptr<Object> gone;  // destroyed outside the lock
     const auto lock = lockUnlessAlone(mutex_);
     const auto place = std::find_if(objects_.begin(), objects_.end(),
                                     [&](const auto& owned) { return owned.get() == object; });
@@ -52,7 +52,7 @@ class Registry {
     const auto lock = lockUnlessAlone(mutex_);
     return objects_.size();
   }
-  // Calls visit(object) for each, the newest last.
+  // Calls visit(object) for each object, the newest last.
   template <class Visit>
   void each(Visit visit) const {
     const auto lock = lockUnlessAlone(mutex_);
@@ -64,18 +64,18 @@ class Registry {
   std::vector<std::unique_ptr<Object>> objects_;
 };
 
-// A block of any size from one store, counted. Safe to use from several threads.
+// Blocks of any size from one store, counted. Safe to use from several threads.
 struct Pool : MemoryPool {
   Pool(HostRecords* host, const char* poolName);
 
   HostRecords* host;
   std::string name;
-  mutable std::mutex mutex;  // of what follows
+  mutable std::mutex mutex;  // protects the members below
   BlockStore store;
   PoolCounts counts;
 };
 
-// A link of a page tree and the keys that may lie behind it.
+// A link of a page tree and the range of keys that can be below it.
 struct FingerLevel {
   void** link;
   std::int64_t bounds[2];  // the lowest and the highest
@@ -83,9 +83,9 @@ struct FingerLevel {
   bool holds(std::int64_t key) const { return key >= bounds[0] && key <= bounds[1]; }
 };
 
-// The links from a tree's root down to the one at which a search ended, which is the last.
+// The links from a tree's root down to the one at which the last search ended.
 struct Finger {
-  // An AVL tree of this height has more nodes than an address space.
+  // An AVL tree of this height has more nodes than fit into an address space.
   static constexpr std::size_t kMostLevels = 64;
 
   explicit Finger(void** root) {
@@ -96,7 +96,7 @@ struct Finger {
   Finger& operator=(const Finger&) = delete;
 
   void enter(const FingerLevel& level) { *++last = level; }
-  // Puts a level before one of those below the root.
+  // Inserts a level before one that is below the root.
   void insert(FingerLevel* place, const FingerLevel& level) {
     std::copy_backward(place, last + 1, last + 2);
     *place = level;
@@ -111,15 +111,15 @@ struct Finger {
   FingerLevel* last = levels;
 };
 
-// A page tree and where its key lies in a node. It begins on a cache line of its own, as the trees
-// of other files are used by other threads.
+// A page tree and the offset of the key in a node. It begins on its own cache line, because other
+// threads use the trees of other files.
 struct alignas(64) Tree : PageTree {
   Tree(HostRecords* host, std::size_t keyOffset);
 
   HostRecords* host;
   std::size_t keyOffset;
-  Finger search;   // of treeFind and treeInsert
-  Finger removal;  // of treeRemove
+  Finger search;   // for treeFind and treeInsert
+  Finger removal;  // for treeRemove
 };
 
 struct AvlExtension : TreeExtension {
@@ -143,7 +143,7 @@ struct OpenFile : HostFile {
   ~OpenFile();
 
   HostRecords* host;
-  std::u32string name;  // as it was given
+  std::u32string name;  // as given
   std::string path;     // as the system takes it
   FileInfo info = {-1, 0};
   Lock lock = Lock::none;  // held by the descriptor
@@ -193,7 +193,7 @@ void journalStatus(Journal* journal, HostStatus status, ...) noexcept;
 void journalFileFailure(Journal* journal, HostStatus status, std::u32string_view fileName,
                         int errorNumber) noexcept;
 
-// The slots of the toolkit's handle that make objects.
+// The slots of the toolkit's handle that create objects.
 MemoryPool* createPool(QZHandle* host, const PoolAttributes* attributes, Journal* journal,
                        const char* name) noexcept;
 TreeExtension* loadExtension(QZHandle* host, const char32_t* name, std::uint32_t nameLength,

@@ -1,4 +1,4 @@
-// Opening a file by its settings, and the members of PagedFile that are more than one operation.
+// Opening a file by its settings, and the members of PagedFile that call more than one operation.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,7 +29,8 @@ AlignedMemory alignedMemory(std::int64_t bytes) {
       std::aligned_alloc(std::size_t{kDirectAlignment}, static_cast<std::size_t>(whole))));
 }
 
-// Size of an open regular file. Nothing for devices, whose size does not change, and on failure.
+// The size of an open regular file. Nothing for devices, whose size does not change, and on
+// failure.
 std::optional<std::int64_t> sizeOf(int fd) {
   struct stat about = {};
   if (fstat(fd, &about) != 0 || !S_ISREG(about.st_mode)) return std::nullopt;
@@ -61,7 +62,7 @@ Status statusOfCreate(int error) {
   }
 }
 
-// Makes an empty file if there is none of that name. Returns 0 or an error number. Only the
+// Creates an empty file if there is none of that name. Returns 0 or an error number. Only the
 // descriptor of a new file is closed here, so the process loses no lock on an existing one.
 int createWhereNone(const std::string& path) {
   constexpr mode_t anyone = 0666;
@@ -74,16 +75,16 @@ int createWhereNone(const std::string& path) {
   return 0;
 }
 
-// The largest power of two that pages and header are multiples of, up to the alignment that fits
-// every disk.
+// The largest power of two, up to the alignment that fits every disk, of which pages and header are
+// multiples.
 std::int64_t granuleOf(const FileHandle& handle) {
   const std::int64_t both = std::gcd(std::int64_t{handle.pageSize}, handle.headerSize);
   return std::min(kDirectAlignment, std::int64_t{1} << std::countr_zero(static_cast<std::uint64_t>(
                                         std::max<std::int64_t>(both, 1))));
 }
 
-// Whether the file takes direct I/O in units of `granule` bytes, as a read of it shows. An empty
-// file cannot show that; for it only units that every disk refuses count as refused.
+// Whether the file takes direct I/O in units of `granule` bytes, tested by a read. An empty file
+// cannot show that; for an empty file only units that every disk refuses count as refused.
 bool takesUnitsOf(int fd, std::int64_t granule) {
   constexpr std::int64_t smallest = 512;
   if (granule == kDirectAlignment) return true;
@@ -146,10 +147,10 @@ Result<void> PagedFile::openExisting() {
   }
 }
 
-// The open truncated the file to 0 bytes. ext4 then marks it as one whose contents are replaced,
-// and writes all of it to disk when it is closed. A file that was empty before has no contents to
-// replace: a reopen, which closes a descriptor of the file, removes the mark. If the reopen fails,
-// the mark stays, which costs only time.
+// The open truncated the file to 0 bytes. ext4 marks such a file as one whose contents are
+// replaced, and writes all of it to disk when it is closed. A file that was empty before has no
+// contents to replace: a reopen, which closes a descriptor of the file, removes the mark. If the
+// reopen fails, the mark stays, which only costs time.
 void PagedFile::unmarkNewFile() noexcept {
   if (handle_->hostFile->fileInfo->size != 0) return;
   const AccessHints hints = {handle_->readAccess, handle_->writeAccess, handle_->openOptions};
@@ -157,7 +158,7 @@ void PagedFile::unmarkNewFile() noexcept {
 }
 
 // If the pages do not fit the alignment of direct I/O, every read of a page would fail: the file is
-// closed and opened without direct I/O.
+// closed and opened again without direct I/O.
 Result<void> PagedFile::openAsAsked() {
   const bool replaces = handle_->openMode == createOrReplace;
   const std::int64_t headerSize = handle_->headerSize;
@@ -190,7 +191,7 @@ Result<void> PagedFile::open(std::string_view utf8Name, const Settings& settings
   apply(settings, handle_);
   asked_ = settings.io;
   if (auto named = setName(utf8Name); !named) return named;
-  // The name before may have been on another file system.
+  // The previous name may have been on another file system.
   if (auto looked = refreshInfo(); !looked) return looked;
   if (settings.opening == Opening::existingOrNew) {
     if (const int error = createWhereNone(std::string(utf8Name)); error != 0) {
@@ -225,8 +226,9 @@ Result<void> PagedFile::giveBack(std::span<PageHold> holds) {
   return first;
 }
 
-// Before a read into one area its last byte gets a value that few pages end with. If it is another
-// one afterwards, the read filled the whole area: the file need not be asked for its size.
+// Before a read into one area, the area's last byte gets a value that few pages end with. If the
+// byte has another value afterwards, the read filled the whole area and the file's size need not be
+// queried.
 Result<void> PagedFile::readRun(std::int64_t firstPage, std::int32_t count,
                                 PageRequest* const* requests, std::uint32_t options,
                                 std::int32_t* pagesRead) {
@@ -264,7 +266,7 @@ Result<void> PagedFile::extendTo(std::int64_t pages) {
 }
 
 // A truncate to the current page count writes the collected pages and waits for nothing. It would
-// also cut away what another program appended, so the file's size is compared first.
+// also cut off what another program appended, so the file's size is compared first.
 Result<void> PagedFile::writeBack() {
   if (!isOpen()) return outcome(Status::notOpen);
   if (!isCollecting()) return {};
@@ -282,7 +284,7 @@ void PagedFile::keepWhatOthersWrote() noexcept {
   handle_->fileSize = size.value_or(0);
 }
 
-// A close that only leads to another open must not remove the file.
+// A close that only prepares another open must not remove the file.
 void PagedFile::keepEmptyFile() noexcept {
   if (handle_->fileSize == 0) handle_->fileSize = 1;
 }

@@ -49,7 +49,7 @@ HostStatus memFree(MemoryPool* self, void* block) noexcept {
   return hostOk;
 }
 
-// Stores the counts of a pool that is destroyed.
+// Keeps the counts of a destroyed pool.
 void retire(const Pool& pool, PoolCounts counts) noexcept try {
   counts.leakedBlocks = std::exchange(counts.liveBlocks, 0);
   counts.liveBytes = 0;

@@ -1,5 +1,5 @@
-// The caller's settings: the fields of the handle that they become, and why an open file does not
-// have the mode of I/O that they ask for.
+// Turns the caller's settings into fields of the handle, and explains why an open file does not
+// have the I/O mode that they request.
 #include "settings.h"
 
 #include <limits>
@@ -9,7 +9,7 @@
 namespace qz {
 namespace {
 
-constexpr std::int32_t kMostBytes = 0x7FFFF000;  // one call moves no more
+constexpr std::int32_t kMostBytes = 0x7FFFF000;  // the most that one call transfers
 
 std::string outOfRange(const char* name, std::int64_t value, const char* range) {
   return std::string(name) + " is " + std::to_string(value) + "; it must be " + range;
@@ -19,7 +19,7 @@ std::uint32_t openModeOf(Opening opening) {
   return opening == Opening::replace ? createOrReplace : openOrKeep;
 }
 
-// Under direct I/O this also tells single pages from blocks.
+// With direct I/O this also chooses between page mode and block mode.
 std::uint32_t readAccessOf(Reading reading, Io io) {
   switch (reading) {
     case Reading::none:
@@ -75,14 +75,14 @@ std::string Settings::problem() const {
     return "reading and writing are both none; one of them is needed";
   }
   if (opening != Opening::existing && writing == Writing::none) {
-    return "a file that may be made must be written: writing is none";
+    return "a file that may be created must be written: writing is none";
   }
   const bool singlePages = reading == Reading::anyOrder || reading == Reading::manyAtATime;
   if (io == Io::direct && !singlePages) {
     return "Io::direct needs reading in any order or many at a time; use Io::block";
   }
   if (io == Io::block && reading == Reading::manyAtATime) {
-    return "Io::block does not go with reading many at a time; use Io::direct";
+    return "Io::block cannot be used with reading many at a time; use Io::direct";
   }
   return {};
 }
@@ -123,9 +123,9 @@ std::string whyBuffered(const FileHandle& handle) {
     case directIoTestFailed:
       return "the file system could not be examined";
     case directIoNoMemory:
-      return "there was no memory to examine the file system";
+      return "memory ran out while the file system was examined";
     default:
-      return "the file system does not take direct I/O";
+      return "the file system does not support direct I/O";
   }
 }
 

@@ -35,7 +35,8 @@ HostStatus taskWait(Task* /*task*/, Word /*a1*/, Word /*a2*/, Word /*a3*/, std::
   return hostOk;
 }
 
-// Whole characters only; hostTextTooLong when not all fit, hostBadText for one that has no UTF-8.
+// Converts whole characters only. hostTextTooLong if not all fit, hostBadText for a character that
+// has no UTF-8.
 HostStatus convert(Converter* /*converter*/, const char32_t* text, std::size_t textBytes,
                    char* output, std::size_t capacity, Word /*a6*/, Word /*a7*/) noexcept {
   const std::size_t characters = textBytes / sizeof *text;

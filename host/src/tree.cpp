@@ -1,15 +1,15 @@
-// The extension "qzeavl": AVL trees through the first two words of the caller's own records.
+// The extension "qzeavl": AVL trees linked through the first two words of the caller's own records.
 //
-// A node's words are its left and right link. Bit 0 of a link is set if that side is taller, by one
-// level; the addresses of nodes are even. In a node that is in no tree the words can have any
-// value. No operation allocates. A root set to null from outside empties the tree.
+// These words of a node are its left and right link. Bit 0 of a link is set if that side is taller,
+// by one level; the addresses of nodes are even. In a node that is in no tree the words can have
+// any value. No operation allocates. If the caller sets the root to null, the tree is empty.
 //
 // Pages are mostly used in runs, so a search begins where the last one ended if its key belongs
 // there: a finger keeps the links from the root down, each with the range of keys below it. There
 // is one finger for finding and inserting and one for removing, because a cache that needs room
 // removes its oldest page between a find and the insert that follows it. A rotation updates the
 // finger whose search led to it, so that the next key of a run is found one step further; the other
-// finger is cut short at the link where the rotation was.
+// finger is cut off at the link where the rotation was.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -20,7 +20,7 @@
 namespace qz {
 namespace {
 
-// How many levels above the end of the last search the next one tries before it begins at the root.
+// How many levels above the end of the last search the next one tries before it starts at the root.
 constexpr std::size_t kLevelsTried = 4;
 
 enum Side : std::size_t { left = 0, right = 1 };
@@ -42,7 +42,7 @@ void* linkTo(const Node* node, bool taller) {
 
 void setTaller(void** link, bool taller) { *link = linkTo(target(*link), taller); }
 
-// Makes a link lead to another node and keeps its bit for a taller side.
+// Makes a link point to another node and keeps its bit for a taller side.
 void lead(void** link, const Node* node) {
   *link = std::bit_cast<void*>(bits(node) | (bits(*link) & 1U));
 }
@@ -99,14 +99,14 @@ std::int64_t keyOf(const Node* node, std::size_t keyOffset) {
   return shortens;
 }
 
-// The part of a link's key range that lies below its node's link on `side`.
+// The part of a link's key range that is below its node's link on `side`.
 FingerLevel levelBelow(const FingerLevel& level, Node* node, std::int64_t nodeKey,
                        std::size_t side) {
   if (side == left) return {&node->links[left], {level.bounds[0], nodeKey - 1}};
   return {&node->links[right], {nodeKey + 1, level.bounds[1]}};
 }
 
-// Resets the fingers if the root was set to null from outside, which empties the tree.
+// Resets the fingers if the caller set the root to null, which empties the tree.
 void forgetIfCleared(Tree* tree) {
   if (tree->anchor.root != nullptr) return;
   tree->search.last = tree->search.levels;
@@ -114,8 +114,8 @@ void forgetIfCleared(Tree* tree) {
 }
 
 // Moves the finger from the node at its last link down to where the key is or would be. In a long
-// search the side is random, so a branch would be mispredicted at every other node; therefore there
-// is none. A cache miss costs most: both nodes that may come next are prefetched.
+// search the side is random, so a branch would be mispredicted at every other node; the loop has
+// none. A cache miss costs most: both nodes that may come next are prefetched.
 Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffset) {
   FingerLevel* at = finger->last;
   while (node != nullptr) {
@@ -126,7 +126,7 @@ Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffse
     const std::size_t side = key > nodeKey ? right : left;
     at[1] = {&node->links[side], {at->bounds[0], at->bounds[1]}};
     ++at;
-    // An index selects the bound: masks take more instructions, most of all on a 32-bit machine.
+    // An index selects the bound: masks take more instructions, especially on a 32-bit machine.
     at->bounds[other(side)] = nodeKey + (2 * static_cast<std::int64_t>(side) - 1);
     node = target(*at->link);
   }
@@ -140,7 +140,7 @@ Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffse
   for (std::size_t tried = 0; !finger->last->holds(key); ++tried) {
     finger->last = tried == kLevelsTried ? finger->levels : finger->last - 1;
   }
-  // In a run of pages the search ends here or one level on.
+  // In a run of pages the search ends here or one level further down.
   Node* node = target(*finger->last->link);
   if (node == nullptr) return nullptr;
   const std::int64_t nodeKey = keyOf(node, tree->keyOffset);
@@ -150,7 +150,7 @@ Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffse
   return node == nullptr ? nullptr : descend(finger, node, key, tree->keyOffset);
 }
 
-// The subtree at the link of `level` was rearranged: cuts the other finger short there.
+// The subtree at the link of `level` was rearranged: cuts the other finger off there.
 void cutBystander(Finger* bystander, const Finger& changed, const FingerLevel* level) {
   FingerLevel* same = bystander->levels + (level - changed.levels);
   if (same < bystander->last && same->link == level->link) bystander->last = same;
@@ -163,7 +163,8 @@ void rebalanceInserted(Tree* tree, FingerLevel* level, std::size_t side) {
   cutBystander(&tree->removal, finger, level);
   Node* top = target(*level->link);
   if (level[2].link == &top->links[side]) {
-    // A single rotation: the child went up a level, with all that the finger has below it.
+    // A single rotation: the child moved up one level, with everything that the finger has below
+    // it.
     finger.remove(level + 1);
   } else {
     finger.last = level;
@@ -178,7 +179,8 @@ void treeInsert(TreeAnchor* anchor, void* record) noexcept {
   added->links[left] = nullptr;
   added->links[right] = nullptr;
   *finger.last->link = added;  // an empty side is never the taller one
-  // Each node above grows by a level on that side, up to the first one that was not balanced.
+  // Each node above becomes one level taller on that side, up to the first one that was not
+  // balanced.
   for (FingerLevel* level = finger.last; level != finger.levels; --level) {
     Node* node = target(*level[-1].link);
     void** const across = opposite(node, level->link);
@@ -197,7 +199,7 @@ void treeInsert(TreeAnchor* anchor, void* record) noexcept {
 void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   Tree* tree = treeOf(anchor);
   const std::int64_t wanted = keyAt(key);
-  // The page of the search before, which a write or another read asks for, needs no bounds.
+  // The page of the previous search, which a write or another read asks for, needs no bounds.
   if (Node* same = tree->anchor.root == nullptr ? nullptr : target(*tree->search.last->link);
       same != nullptr && keyOf(same, tree->keyOffset) == wanted) {
     return same;
@@ -205,19 +207,19 @@ void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   return seek(tree, &tree->search, wanted);
 }
 
-// The side of a node with two children from which its neighbour replaces it when it is removed. It
-// is the side where the last search found room for a key: when a run of new pages replaces the run
-// behind it, both then change leaves only. From the other side, the next page to be removed would
-// move up here each time, and every search for its neighbours would pass the whole height below it.
+// The side of a node with two children from which its neighbour replaces it when it is removed: the
+// side where the last search found room for a key. When a run of new pages replaces the run before
+// it, both operations then change only leaves. From the other side, the next page to be removed
+// would move up here each time, and every search for its neighbours would pass the whole height
+// below it.
 std::size_t sideOfNeighbour(const Finger& search, const Finger& removal, const Node* node) {
   const FingerLevel* same = search.levels + (removal.last - removal.levels);
   const bool passes = same < search.last && same->link == removal.last->link;
   return passes && same[1].link == &node->links[left] ? left : right;
 }
 
-// Replaces a node with two children, which the finger is at, by its neighbour on that side, and
-// moves the finger to the link that becomes shorter. The levels that it enters have no range of
-// keys.
+// Replaces the node with two children at the finger's last link by its neighbour on that side, and
+// moves the finger to the link that becomes shorter. The levels that it adds have no range of keys.
 void replaceByNeighbour(Finger* finger, Node* node, std::size_t side) {
   FingerLevel* const place = finger->last;
   Node* neighbour = target(node->links[side]);
@@ -234,8 +236,8 @@ void replaceByNeighbour(Finger* finger, Node* node, std::size_t side) {
 }
 
 // Rebalances upwards after the subtree at the finger's last link has become one level shorter. The
-// finger still leads to it. Returns the uppermost level whose link leads to another node now, if it
-// is above `changed`.
+// finger still leads to it. Returns the uppermost level whose link now points to another node, if
+// it is above `changed`.
 FingerLevel* shorten(Finger* finger, std::size_t keyOffset, FingerLevel* changed) {
   for (FingerLevel* level = finger->last; level != finger->levels; --level) {
     const FingerLevel& above = level[-1];

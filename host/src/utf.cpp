@@ -17,7 +17,7 @@ bool isSurrogate(char32_t point) { return point >= 0xD800 && point <= 0xDFFF; }
 
 char byteOf(char32_t bits) { return static_cast<char>(static_cast<unsigned char>(bits)); }
 
-// The length of the sequence that a lead byte begins, and the smallest code point of that length.
+// The length of the sequence that a lead byte starts, and the smallest code point of that length.
 struct Lead {
   std::size_t length;
   char32_t bits;

@@ -1,4 +1,4 @@
-// Runs the checks, each in a child process, and collects what came of them.
+// Runs the checks, each in a child process, and collects their outcomes.
 #include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-// A folder that goes away with all that is in it.
+// A temporary folder, removed with its contents.
 class Folder {
  public:
   explicit Folder(const std::string& parent) {
@@ -42,7 +42,7 @@ class Folder {
   std::string path_;
 };
 
-// What a child says: a letter for the verdict, then the reason.
+// The child's answer: a letter for the verdict, then the reason.
 std::string tell(const Check& check, const Trial& trial) {
   try {
     check.run(trial);
@@ -58,7 +58,7 @@ std::string tell(const Check& check, const Trial& trial) {
   }
 }
 
-// Reads all that the child says, or nothing more after the time is over.
+// Reads the child's answer; gives up after `seconds`.
 std::string listen(int fd, int seconds) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   std::string said;

@@ -1,4 +1,4 @@
-// What the checks of single promises are made of.
+// What the checks of single promises share.
 #pragma once
 
 #include <cstdarg>
@@ -12,8 +12,8 @@
 
 namespace qz::hostcheck {
 
-// These end a check: the promise is broken, or cannot be tested. A check is not tested when
-// another promise that it needs is broken.
+// Exceptions that end a check: the promise is broken, or it cannot be tested. It cannot be tested
+// if another promise that it needs is broken.
 struct Broken {
   std::string found;
 };
@@ -30,15 +30,15 @@ inline void needed(bool there, const std::string& why) {
 
 std::string hex(std::uint64_t value);
 
-// The host on trial.
+// The host under test.
 struct Trial {
   QZHandle* host;
   Journal* journal;  // never null
   const HostCheckOptions& options;
-  std::string folder;  // empty, of this check alone
+  std::string folder;  // empty, for this check alone
 
   std::vector<std::string> entries() const {
-    needed(options.entries != nullptr, "it needs a function that tells the journal's entries");
+    needed(options.entries != nullptr, "it needs a function that returns the journal's entries");
     return options.entries();
   }
 };
@@ -56,7 +56,7 @@ std::span<const Check> treeChecks();
 std::span<const Check> textChecks();
 std::span<const Check> fileChecks();
 
-// --- Ways to use a host, for checks that are about something else
+// --- Ways to use a host in checks of something else
 
 inline constexpr PoolAttributes kModulePool = {{0, 0, 0}};
 inline constexpr PoolAttributes kBufferPool = {{0x100000, 0, 0}};
@@ -87,7 +87,7 @@ inline HostStatus statusToJnl(Journal* journal, std::uint32_t status, ...) {
   return result;
 }
 
-// ASCII text both ways; other characters become '?'.
+// Converts ASCII text in both directions; other characters become '?'.
 std::u32string wide(std::string_view ascii);
 std::string narrow(std::u32string_view text);
 

@@ -31,7 +31,7 @@ std::string pathOf(const Trial& trial, const char* name) {
   return path;
 }
 
-// A file of `bytes` bytes, most of them a hole, made without the host.
+// Makes a file of `bytes` bytes, mostly a hole, without the host.
 std::u32string makeFile(const Trial& trial, const char* name, std::int64_t bytes) {
   const std::string path = pathOf(trial, name);
   const int fd = open64(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0666);
@@ -181,7 +181,7 @@ void closesEndTheFile(const Trial& trial) {
   status = mustOpen(trial, name, openflag::readWrite, kExclusive).close(true, trial.journal);
   promised(status == 0 && !exists(name), "fileClose with remove at close returns " + hex(status) +
                                              (exists(name) ? " and leaves the file" : ""));
-  // A folder has taken the file's name: it cannot be removed as a file.
+  // A folder takes the file's name, so it cannot be removed as a file.
   const std::u32string other = makeFile(trial, "other", 100);
   const Opened stuck = mustOpen(trial, other, openflag::readWrite, kExclusive);
   const std::string path = narrow(other);

@@ -1,4 +1,4 @@
-// A file that the host has open.
+// A file that the host opened.
 #pragma once
 
 #include <string>
@@ -22,8 +22,8 @@ inline OpenParameters parametersFor(const std::u32string& name, std::uint32_t fl
   return parameters;
 }
 
-// An attempt to open a file, with all that the host says about it. The process that a check runs in
-// ends after it, so nothing is closed here.
+// An attempt to open a file, with everything that the host reports about it. A check's process ends
+// after the check, so nothing is closed here.
 struct Opened {
   Opened(const Trial& trial, const std::u32string& name, std::uint32_t flags,
          std::uint32_t accessMode, std::uint32_t permissions = 0666)
@@ -46,7 +46,7 @@ struct Opened {
   }
 
   OpenParameters parameters;
-  HostStatus status = 0x5A5A5A5A;  // what the host must replace
+  HostStatus status = 0x5A5A5A5A;  // a value that the host must replace
   HostFile* file = nullptr;
 };
 

@@ -12,11 +12,11 @@ constexpr auto kPageOutOfRange = static_cast<std::uint32_t>(Status::pageOutOfRan
 constexpr auto kAccessNote = static_cast<std::uint32_t>(Status::accessNote);
 constexpr auto kFileNameLine = static_cast<std::uint32_t>(Status::fileNameLine);
 
-// In the module's range, but no code of this version: it stands for one of a later module.
+// In the module's range, but not a code of this version: it stands for a code of a later module.
 constexpr std::uint32_t kLaterStatus = 0x803FCFFF;
 static_assert(std::ranges::find(kStatusCodes, Status{kLaterStatus}) == std::end(kStatusCodes));
 
-// The codes of the module and of the file service, and one that no catalogue can know.
+// The codes of the module and of the file service, and one that no catalogue knows.
 std::vector<std::uint32_t> allStatuses() {
   std::vector<std::uint32_t> all = {kLaterStatus};
   for (const Status status : kStatusCodes) all.push_back(static_cast<std::uint32_t>(status));
@@ -24,7 +24,7 @@ std::vector<std::uint32_t> allStatuses() {
   return all;
 }
 
-// The text of a status that has room enough.
+// The text of a status, with enough room.
 struct StatusText {
   HostStatus result;
   std::u32string text;
@@ -37,7 +37,7 @@ StatusText textOf(const Trial& trial, std::uint32_t status, const char32_t* firs
   const HostStatus result =
       statusToBuf(trial.journal, status, buffer.data(), static_cast<std::uint32_t>(buffer.size()),
                   &length, first, second, first, second);
-  needed(length <= buffer.size(), "statusToBuf tells a length beyond the capacity");
+  needed(length <= buffer.size(), "statusToBuf returns a length beyond the capacity");
   buffer.resize(length);
   return {result, buffer};
 }
@@ -53,7 +53,7 @@ bool contains(std::u32string_view text, std::u32string_view part) {
   return text.find(part) != std::u32string_view::npos;
 }
 
-// The entry that the journal got since there were `before` of them.
+// The one entry that the journal got after the first `before` entries.
 std::string newEntry(const Trial& trial, std::size_t before) {
   const std::vector<std::string> entries = trial.entries();
   promised(entries.size() == before + 1,
@@ -65,7 +65,7 @@ bool contains(const std::string& text, const char* part) {
   return text.find(part) != std::string::npos;
 }
 
-// What stands behind the length must not be read.
+// What comes after the length must not be read.
 void textsHaveALength(const Trial& trial) {
   constexpr std::u32string_view name = U"qzeavlXYZ";
   TreeExtension* const extension =
@@ -139,7 +139,8 @@ void buffersAreNotExceeded(const Trial& trial) {
     promised(
         std::all_of(buffer.begin() + capacity, buffer.end(), [](char32_t c) { return c == U'#'; }),
         "statusToBuf stores more characters than it may" + given);
-    promised(length <= capacity, "statusToBuf tells a length of " + std::to_string(length) + given);
+    promised(length <= capacity,
+             "statusToBuf returns a length of " + std::to_string(length) + given);
   }
 }
 

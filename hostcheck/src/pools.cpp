@@ -67,7 +67,7 @@ void zeroMeansZero(const Trial& trial) {
                  "a block of " + bytesOf(bytes) + " with the flag 0x80000000 is not zero");
         std::memset(block.data, 0xA5, bytes);
         pool->memFree(pool, block.data);
-        // The same memory again, by the way that leaves it as it is.
+        // The same memory again, without the flag that clears it.
         const Block dirty = allocate(pool, bytes, 0);
         std::memset(dirty.data, 0xA5, bytes);
         pool->memFree(pool, dirty.data);
@@ -76,7 +76,7 @@ void zeroMeansZero(const Trial& trial) {
   }
 }
 
-// Every block of at least `least` bytes of the pool must be aligned to `alignment`.
+// Checks that every block of at least `least` bytes of the pool is aligned to `alignment`.
 void requireAlignment(MemoryPool* pool, std::size_t least, std::size_t alignment) {
   for (const std::size_t bytes : kSizes) {
     if (bytes < least) continue;
@@ -111,8 +111,7 @@ void blocksAreFreed(const Trial& trial) {
     std::vector<Block> blocks;
     for (const std::size_t bytes : kSizes) blocks.push_back(allocate(pool, bytes, 0));
     const std::size_t count = blocks.size();
-    // Every third one of them, until all are free: neither in the order of their making nor
-    // against.
+    // Frees every third block in three passes: neither in the order of allocation nor in reverse.
     for (std::size_t i = 0; i < 3; ++i) {
       for (std::size_t at = i; at < count; at += 3) {
         const HostStatus status = pool->memFree(pool, blocks[at].data);

@@ -50,7 +50,7 @@ void slotsAreFilled(const Trial& trial) {
   promised(extension->treeCreate != nullptr, "treeCreate is null");
 }
 
-// Every check notices exceptions; checkHost adds them to this promise.
+// Every check catches exceptions; checkHost counts them against this promise.
 void nothingIsThrown(const Trial&) {}
 
 void makersReturnAnAddressOrNull(const Trial& trial) {
@@ -79,7 +79,7 @@ void recordsStay(const Trial& trial) {
            "a service, task or journal of the toolkit handle moves");
 }
 
-// What one of several threads does with the host. The pool is shared.
+// The work of one of several threads. They share the pool.
 bool useFromThread(const Trial& trial, MemoryPool* pool, unsigned char mark) {
   constexpr std::size_t kBytes = 600;
   bool good = true;
@@ -119,7 +119,7 @@ void aboutTheHostsCalls(const Trial&) {
 }
 
 void refusalsAreReported(const Trial& trial) {
-  load(trial, kUnknown, nullptr);  // a null journal is none
+  load(trial, kUnknown, nullptr);  // null: no journal
   const std::size_t before = trial.entries().size();
   needed(load(trial, kUnknown, trial.journal) == nullptr, "the host refused nothing");
   promised(trial.entries().size() > before,

@@ -36,7 +36,7 @@ void conversionsStayWithinTheCapacity(const Trial& trial) {
   }
 }
 
-// A file that the host makes is found under the name that the converter makes.
+// The system finds a file that the host created under the name that the converter makes.
 void conversionsAreTheNamesOfFiles(const Trial& trial) {
   Converter* const converter = makeConverter(trial);
   const std::u32string name = wide(trial.folder) + U"/" + std::u32string(kName);

@@ -10,8 +10,8 @@
 namespace qz::hostcheck {
 namespace {
 
-// Like the module's record of a page buffer: the key lies behind what belongs to the tree and some
-// words of the caller's, on i386 at a multiple of 4.
+// Like the module's record of a page buffer: the key comes after the tree's words and some words of
+// the caller, on i386 at a multiple of 4.
 struct Node {
   void* links[2];
   void* before[3];
@@ -41,7 +41,7 @@ class Tree {
   PageTree* tree_;
 };
 
-// Nodes of even keys in random order, small and large, negative ones included.
+// Nodes with even keys in random order: small, large and negative ones.
 std::vector<Node> makeNodes(std::size_t count = 500) {
   std::vector<Node> nodes(count);
   std::minstd_rand random(1);
@@ -111,7 +111,7 @@ void insertingTwiceChangesNothing(const Trial& trial) {
   }
 }
 
-// As far as it shows: in the memory that the C library gives out.
+// Tests what can be seen: the memory that the C library allocates.
 void insertsTakeNoMemory(const Trial& trial) {
   Tree tree(trial);
   std::vector<Node> nodes = makeNodes(5000);
@@ -122,7 +122,7 @@ void insertsTakeNoMemory(const Trial& trial) {
                                               " bytes of memory from the C library");
 }
 
-// Compares what does not belong to the tree.
+// Compares the bytes that do not belong to the tree.
 bool sameBehindLinks(const Node& a, const Node& b) {
   constexpr std::size_t begin = offsetof(Node, before);
   return std::memcmp(reinterpret_cast<const char*>(&a) + begin,
@@ -137,7 +137,7 @@ void onlyTheLinksAreWritten(const Trial& trial) {
   for (std::size_t i = 0; i < nodes.size(); i += 3) tree.remove(nodes[i].key);
   for (std::size_t i = 0; i < nodes.size(); ++i) {
     promised(sameBehindLinks(nodes[i], copies[i]),
-             "the tree writes behind the first two words of a node");
+             "the tree writes past the first two words of a node");
   }
 }
 

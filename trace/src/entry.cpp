@@ -1,4 +1,4 @@
-// What a host calls by name: the same functions as the module's.
+// The functions that a host calls by name: the same as the module's.
 #include <atomic>
 
 #include "module.h"

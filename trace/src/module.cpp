@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kNames[] = {"libqziop.so.3", "libqziop.so"};
 
-// The folder of this library behind all links, with a slash at its end.
+// The folder of this library, with links resolved and a slash at its end.
 bool findFolder(char (&folder)[PATH_MAX]) {
   Dl_info about{};
   if (dladdr(reinterpret_cast<void*>(&realModule), &about) == 0) return false;
@@ -27,11 +27,12 @@ bool findFolder(char (&folder)[PATH_MAX]) {
   return true;
 }
 
-// One that exists but cannot be loaded ends the search.
+// A file that exists but cannot be loaded ends the search.
 void* load(RealModule* module) {
   char folder[PATH_MAX];
   if (!findFolder(folder)) {
-    std::snprintf(module->failure, sizeof module->failure, "the folder of the trace is not known");
+    std::snprintf(module->failure, sizeof module->failure,
+                  "the folder of the trace library is unknown");
     return nullptr;
   }
   for (const char* name : kNames) {

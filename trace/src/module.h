@@ -13,12 +13,11 @@ struct RealModule {
   decltype(&::qzpgetversion) qzpgetversion;
   OperationTable operations;
   char path[4096];
-  char failure[4096];  // why there is none; empty: it is there
+  char failure[4096];  // why the module is not loaded; empty: it is
 };
 
 // Loads the module at the first call: libqziop.so.3 or libqziop.so in the folder of this library.
-// Its functions are looked up in that library alone, so a namesake elsewhere in the process is
-// never taken for one of them.
+// Looks up functions only in that library, not in other libraries that have the same names.
 const RealModule& realModule();
 
 inline bool isLoaded(const RealModule& module) { return module.failure[0] == '\0'; }

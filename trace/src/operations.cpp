@@ -1,6 +1,6 @@
-// The operations under their own names: each calls the module's and records what it was asked and
-// what came of it. The same functions stand in the operation table, so the calls that the module
-// makes through the table are recorded as well.
+// The operations under their own names: each calls the module's operation and records its arguments
+// and results. The operation table has the same functions, so the calls that the module makes
+// through the table are recorded as well.
 #include "module.h"
 #include "recorder.h"
 
@@ -18,7 +18,7 @@ const qz::OperationTable& real() { return realModule().operations; }
 
 constexpr auto kNoArguments = [](Text&) {};
 
-// The outcome of an operation on a handle that is still there.
+// The outcome of an operation on a handle that still exists.
 void addOutcome(Text* text, const FileHandle& handle, Status status) {
   addStatus(text, status);
   const bool good = status == Status::ok || status == Status::endOfFile;
@@ -35,7 +35,7 @@ void addName(Text* text, const char32_t* name, std::int64_t length) {
   text->string(name, static_cast<std::size_t>(length));
 }
 
-// What a caller sets before an open.
+// The settings that a caller makes before an open.
 void addSettings(Text* text, const FileHandle& handle) {
   addName(text, handle.fileName, handle.fileNameLength);
   text->field("open_mode", handle.openMode);
@@ -47,7 +47,7 @@ void addSettings(Text* text, const FileHandle& handle) {
   text->field("asked_buffers", handle.bufferCount);
 }
 
-// The shape that an open file has.
+// The shape of an open file.
 void addShape(Text* text, const FileHandle& handle) {
   text->field("page_size", handle.pageSize);
   text->field("header_size", handle.headerSize);

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::int64_t kWindowBytes = 0x40000;
 
-// 0 for an empty file and for one that holds a trace.
+// Returns 0 for an empty file and for a trace.
 int judgeContents(int fd) {
   char first[kFirstBytes.size()];
   const ssize_t got = pread64(fd, first, sizeof first, 0);
@@ -29,8 +29,8 @@ int judgeContents(int fd) {
 
 }  // namespace
 
-// Opens the file, and keeps other processes that record away from it. Emptying it is safe then:
-// no process has it mapped.
+// Opens the file and locks it against other recording processes. Then no process has it mapped, so
+// it can be emptied safely.
 int Output::openFor(const char* path) {
   const int fd = open64(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
   if (fd == -1) return errno;
@@ -100,11 +100,12 @@ void Output::settle() {
   const std::lock_guard lock(mutex_);
   if (fd_ == -1) return;
   unmap();
-  // Refused, the file keeps zero bytes behind its last line, which readers skip.
+  // If this fails, the file keeps zero bytes after its last line, which readers skip.
   [[maybe_unused]] const int cut = ftruncate64(fd_, position_);
 }
 
-// Another thread of the parent may have held the lock, and is not here to release it.
+// Another thread of the parent may have held the lock; it does not exist here, so the lock would
+// never be released.
 void Output::abandon() {
   new (&mutex_) std::mutex;
   close(fd_);

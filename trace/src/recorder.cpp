@@ -57,7 +57,7 @@ void writeFirstLine() {
   output.append(text.data(), text.size());
 }
 
-// The text and its length go through a journal that takes wide text with placeholders.
+// Passes the text and its length through a journal that takes wide text with placeholders.
 HostStatus journalLine(Journal* journal, const char32_t* text, std::uint32_t length, ...) {
   std::va_list none;
   va_start(none, length);
@@ -108,7 +108,7 @@ void begin(QZHandle* host, Journal* journal) {
 
 void settle() { output.settle(); }
 
-// At exit, and where the process ends by returning from main.
+// At exit, and when the process ends by returning from main.
 __attribute__((destructor)) static void settleAtExit() {
   if (recording) output.settle();
 }

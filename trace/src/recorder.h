@@ -1,8 +1,9 @@
-// What is recorded about one operation, in the order in which it happens: its arguments, the system
-// calls that it makes, its results. One line of JSON each, complete when the operation ends.
+// Records one operation in the order of events: its arguments, the system calls that it makes, its
+// results. Each operation is one line of JSON, complete when the operation ends.
 //
-// An operation that is called inside another one has a line of its own, before that of the outer
-// one, and names it in "in". Its system calls are on its own line only; its time is in both.
+// An operation that is called inside another one has its own line, before that of the outer
+// operation, and names the outer one in "in". Its system calls are only on its own line; its time
+// is in both.
 #pragma once
 
 #include <cerrno>
@@ -13,25 +14,25 @@
 
 namespace qz::trace {
 
-// Begins to record if the variable QZIOP_TRACE names a file; goes on if that has been done. A file
-// that cannot be written is journalled, and nothing is recorded.
+// Begins to record if the variable QZIOP_TRACE names a file; continues if recording has begun. If
+// the file cannot be written, that is journalled and nothing is recorded.
 void begin(QZHandle* host, Journal* journal);
 
-// After the last extension object has gone: the file ends with its last line.
+// Call this after the last extension object is destroyed: truncates the file to its last line.
 void settle();
 
-// At error level, to the host's own journal if `journal` is null.
+// Reports at error level; to the host's own journal if `journal` is null.
 void report(QZHandle* host, Journal* journal, const char* what, const char* reason);
 
 bool isRecording();
 
-// The line of the operation that this thread is in. Operations inside others stack up in one text.
+// The line of this thread's current operation. The lines of nested operations share one text.
 struct Line {
   Text text;
   std::size_t begin = 0;        // of the innermost operation's line
-  std::uint64_t operation = 0;  // its number; 0: the thread is in none
+  std::uint64_t operation = 0;  // its number; 0: no operation is running
   bool hasCalls = false;
-  int thread = 0;  // threads count from 1 in the order in which they came
+  int thread = 0;  // threads are numbered from 1 in order of appearance
 };
 Line& thisThread();
 
@@ -44,9 +45,9 @@ class Operation {
   Operation& operator=(const Operation&) = delete;
 
   Text& text() { return line_.text; }
-  // The arguments are complete and the operation starts.
+  // The arguments are complete; the operation starts.
   void start();
-  // It has ended; results follow.
+  // The operation has ended; results follow.
   void stop();
   void write(Journal* journal);
 
@@ -61,7 +62,7 @@ class Operation {
 // "ok", or the code in hexadecimal.
 void addStatus(Text* text, Status status);
 
-// Makes `call`. While this library records, the line has what `arguments` tells before it and
+// Makes `call`. While this library records, adds `arguments` to the line before the call and
 // `results` after it.
 template <class Call, class Arguments, class Results>
 auto record(const char* name, const void* handle, Journal* journal, Call call, Arguments arguments,
@@ -81,8 +82,7 @@ auto record(const char* name, const void* handle, Journal* journal, Call call, A
 void beginCall(Line* line, std::string_view name);
 void endCall(Line* line, std::int64_t result, int error, std::int64_t nanoseconds);
 
-// Makes a system call of the module's and adds it to the operation that it is made in, with what
-// `arguments` tells.
+// Makes a system call of the module and adds it, with `arguments`, to the operation that makes it.
 template <class Arguments, class Call>
 auto recordCall(std::string_view name, Arguments arguments, Call call) {
   Line& line = thisThread();

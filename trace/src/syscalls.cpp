@@ -16,7 +16,7 @@
 namespace qz::trace {
 namespace {
 
-// --- What the module calls instead
+// --- The functions that the module calls instead
 
 struct Originals {
   decltype(&::pread64) pread64;
@@ -117,7 +117,7 @@ Redirection redirection(const char* name, Function* recorded, Function** origina
   return {name, reinterpret_cast<void*>(recorded), reinterpret_cast<void**>(original)};
 }
 
-// --- Where the module calls it from
+// --- Redirecting the module's calls
 
 using Dynamic = ElfW(Dyn);
 using Symbol = ElfW(Sym);
@@ -139,7 +139,7 @@ constexpr unsigned kCallSlot = R_386_JMP_SLOT;
 constexpr unsigned kAddressSlot = R_386_GLOB_DAT;
 #endif
 
-// The loader makes the library's slots read-only once it has filled them in.
+// The loader makes the library's slots read-only after it has filled them.
 void store(void** slot, void* value) {
   const auto pageBytes = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
   char* page = reinterpret_cast<char*>(slot) - reinterpret_cast<std::uintptr_t>(slot) % pageBytes;
@@ -148,7 +148,7 @@ void store(void** slot, void* value) {
   mprotect(page, pageBytes, PROT_READ);
 }
 
-// The loader's records have addresses as numbers.
+// The loader's records store addresses as numbers.
 void* pointer(std::uintptr_t address) {
   return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
 }

@@ -7,7 +7,7 @@ constexpr char32_t kReplacement = 0xFFFD;
 
 }  // namespace
 
-// One half of a pair, or a character that is no more than that.
+// One UTF-16 code unit: half of a surrogate pair, or a whole character.
 void Text::escape(char32_t unit) {
   constexpr char digits[] = "0123456789abcdef";
   const char escaped[] = {'\\',

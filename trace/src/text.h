@@ -1,5 +1,5 @@
-// JSON text in memory of its own. Without memory the text is marked as lost, and nothing throws: a
-// trace must not end the program that it watches.
+// JSON text in its own memory. If memory runs out, the text is marked as lost and nothing throws: a
+// trace must not end the program that it observes.
 #pragma once
 
 #include <charconv>
@@ -17,7 +17,7 @@ class Text {
   Text() = default;
   Text(const Text&) = delete;
   Text& operator=(const Text&) = delete;
-  // A thread may still record while its variables end: the text is then begun anew.
+  // A thread may still record while its variables are destroyed; the text then starts again.
   ~Text() {
     std::free(data_);
     data_ = nullptr;
@@ -39,8 +39,8 @@ class Text {
     size_ += text.size();
   }
 
-  // A member's name, behind a comma where another member stands before it. The names are literals,
-  // which are copied without a loop.
+  // A member's name, after a comma if another member precedes it. Names are literals, copied
+  // without a loop.
   template <std::size_t bytes>
   void key(const char (&name)[bytes]) {
     if (!reserve(bytes + 3)) return;
@@ -81,9 +81,9 @@ class Text {
     number(reinterpret_cast<std::uintptr_t>(value), 16);
     add("\"");
   }
-  // A string in ASCII with escapes. What is no Unicode character becomes U+FFFD.
+  // A string in ASCII with escapes. Code points that Unicode does not have become U+FFFD.
   void string(const char32_t* text, std::size_t length);
-  // The same for a path of bytes, of which those beyond ASCII become U+FFFD.
+  // The same for a path in bytes; bytes outside ASCII become U+FFFD.
   void string(const char* path);
 
  private:
@@ -105,7 +105,7 @@ class Text {
   char* data_ = nullptr;
   std::size_t size_ = 0;
   std::size_t capacity_ = 0;
-  bool lost_ = false;  // something is missing
+  bool lost_ = false;  // some text is missing
 };
 
 }  // namespace qz::trace
