@@ -1,4 +1,5 @@
-// qzpbench: times the module beside the bare calls and other ways to keep pages in a file.
+// qzpbench: compares the module's times with those of the bare calls and of other ways to keep
+// pages in a file.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <filesystem>
@@ -69,14 +70,14 @@ int runCommand(int argc, char** argv) {
   CLI::App app("Times qziop beside the bare calls and other ways to keep pages in a file.");
   std::vector<std::string> names;
   for (const Work& work : kWork) names.emplace_back(work.name);
-  app.add_option("work", settings.work, "what to run; all of it unless named")
+  app.add_option("work", settings.work, "what to run (default: everything)")
       ->check(CLI::IsMember(names));
-  app.add_option("--only", settings.only, "hold only contests whose description has this text");
+  app.add_option("--only", settings.only, "run only contests whose description has this text");
   app.add_option("--dir", settings.diskFolder, "folder on the disk for the files")
       ->capture_default_str();
   app.add_option("--memory-dir", settings.memoryFolder, "folder in memory that takes O_DIRECT")
       ->capture_default_str();
-  app.add_option("--module", settings.module, "the library; the one beside this program if absent");
+  app.add_option("--module", settings.module, "the library (default: the one beside this program)");
   app.add_option("--tool", settings.tool, "qzpfile")->capture_default_str();
   app.add_option("--page-sizes", settings.pageSizes, "bytes")
       ->delimiter(',')
@@ -86,11 +87,12 @@ int runCommand(int argc, char** argv) {
       ->capture_default_str();
   double leastSeconds = settings.effort.leastNs / 1e9;
   double mostSeconds = settings.effort.mostNs / 1e9;
-  app.add_option("--least", leastSeconds, "seconds of each contestant")->capture_default_str();
-  app.add_option("--most", mostSeconds, "seconds of a contest whose goals stay open")
+  app.add_option("--least", leastSeconds, "least seconds of each contestant")
+      ->capture_default_str();
+  app.add_option("--most", mostSeconds, "most seconds of a contest whose goals stay open")
       ->capture_default_str();
   app.add_flag("--busy", settings.busy,
-               "hold each contest again beside a busy loop and compare the verdicts");
+               "repeat each contest beside a busy loop and compare the verdicts");
   app.add_option("--warm-bytes", settings.warmBytes, "size of files in the page cache")
       ->transform(CLI::AsSizeValue(false))
       ->capture_default_str();

@@ -1,5 +1,5 @@
-# The picture of a run: gnuplot -e "data='FILE'" plot.gp >PICTURE. A row for each piece of work; how
-# long each way took, as a multiple of the bare calls.
+# The picture of a run: gnuplot -e "data='FILE'" plot.gp >PICTURE. It has a row for each piece of
+# work, with the time of each contestant as a multiple of the bare calls' time.
 set terminal svg size 900,760 dynamic background rgb 'white' font 'sans-serif,13'
 set datafile separator tab
 stats data using 1 nooutput

@@ -1,5 +1,5 @@
-// What fmt's headers declare, compiled for this target: there is no package of it for the other
-// word size.
+// The functions that fmt's headers declare, compiled for this target: Debian has no package of fmt
+// for the other word size.
 #include <fmt/format-inl.h>
 
 FMT_BEGIN_NAMESPACE

@@ -1,4 +1,4 @@
-# GoogleTest from Debian's source package, so that it exists for every kind of build.
+# GoogleTest from Debian's source package, so that every kind of build can compile it.
 set(QZIOP_GOOGLETEST /usr/src/googletest CACHE PATH "GoogleTest's sources")
 if(NOT EXISTS ${QZIOP_GOOGLETEST}/CMakeLists.txt)
   message(FATAL_ERROR "no GoogleTest sources in ${QZIOP_GOOGLETEST}: run scripts/setup")

@@ -1,5 +1,5 @@
-# The flags that Debian builds its packages with, for release builds of every part. Sanitizers
-# bring checks of their own that do not go together with _FORTIFY_SOURCE.
+# The flags that Debian builds its packages with, for release builds of all targets. Sanitizers have
+# their own checks, which cannot be combined with _FORTIFY_SOURCE.
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)

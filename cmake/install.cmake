@@ -1,6 +1,6 @@
-# What `cmake --install` lays down: the module, the stand-in host, the headers, the tool and
-# the package files that let other projects find them. Everything is found relative to where it
-# lies, so an installed tree can be moved as a whole.
+# What `cmake --install` installs: the module, the stand-in host, the headers, the tool and the
+# package files with which other projects find them. All paths are relative, so an installed tree
+# can be moved.
 include(CMakePackageConfigHelpers)
 
 set(headers_dir ${CMAKE_INSTALL_INCLUDEDIR}/qziop)
@@ -20,7 +20,7 @@ foreach(part IN ITEMS QZPOS qzp host hostcheck)
 endforeach()
 
 install(TARGETS qzpfile RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-# Beside the module, which it looks for there.
+# Beside the module, where the layer looks for it.
 if(TARGET qzvfs)
   install(TARGETS qzvfs LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 endif()
@@ -33,15 +33,15 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/qziopConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/qziopConfig.cmake ${PROJECT_BINARY_DIR}/qziopConfigVersion.cmake
         DESTINATION ${config_dir})
 
-# The prefix as seen from the folder of the .pc file.
+# The path from the folder of the .pc file to the prefix.
 file(RELATIVE_PATH prefix_from_pc
      ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" prefix_from_pc ${prefix_from_pc})
 configure_file(cmake/qziop.pc.in ${PROJECT_BINARY_DIR}/qziop.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/qziop.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# gdb loads these with the module: it looks for a file with the module's name under its own folder,
-# at the path of the module. Other prefixes than gdb's need "add-auto-load-scripts-directory".
+# gdb loads this file with the module: it looks under its own folder, at the path of the module, for
+# a file with the module's name. Prefixes other than gdb's need "add-auto-load-scripts-directory".
 install(FILES cmake/libqziop-gdb.py RENAME libqziop.so.${PROJECT_VERSION}-gdb.py
         DESTINATION "${CMAKE_INSTALL_DATADIR}/gdb/auto-load\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}")
 

@@ -7,7 +7,7 @@ gdb loads this file with libqziop.so when it is installed under share/gdb/auto-l
 import gdb
 import gdb.printing
 
-MOST_RECORDS = 200  # of a list; a broken list may be a ring
+MOST_RECORDS = 200  # a broken list may be a ring
 
 
 def records(head):

@@ -1,5 +1,5 @@
-# Libraries of the tool, the tests and the benchmarks: headers that build for every target. They are
-# found by name, because package files refuse the other word size.
+# Libraries of the tool, the tests and the benchmarks: headers that compile for every target. They
+# are found by name, because package files reject the other word size.
 
 # qziop_use_headers(TARGET HEADER...)
 function(qziop_use_headers target)
@@ -14,6 +14,6 @@ function(qziop_use_headers target)
   endforeach()
 endfunction()
 
-# fmt compiled once: as headers alone it takes three quarters of the time that a file takes.
+# Compiles fmt once: with headers only, fmt takes three quarters of each file's compile time.
 add_library(qziop_fmt STATIC EXCLUDE_FROM_ALL ${CMAKE_CURRENT_LIST_DIR}/fmt.cpp)
 qziop_use_headers(qziop_fmt fmt/format.h)

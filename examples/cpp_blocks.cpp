@@ -1,5 +1,5 @@
-// Appends COUNT zero pages to FILE, made where there is none, and tells how many of its pages are
-// zero. Shows settings, the mode of I/O obtained, blocks scanned in place, and a journal of ours.
+// Appends COUNT zero pages to FILE, which is created if necessary, and prints how many of its pages
+// are zero. Shows settings, the I/O mode obtained, blocks scanned in place, and a journal function.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -10,12 +10,12 @@ static int failed(const qz::Error& error) {
   return 1;
 }
 
-// Gets each entry of the journal as it is made.
+// Gets each entry of the journal.
 static void note(void*, const qz::JournalEntry& entry) noexcept {
   std::fprintf(stderr, "journal: %s\n", entry.text.c_str());
 }
 
-// A hold of one page shows all the pages behind it in its block: one read for each block.
+// A hold of one page gives access to all the pages after it in its block: one read per block.
 static qz::Result<std::int64_t> countZeroPages(qz::PagedFile& file) {
   std::int64_t zero = 0;
   for (std::int64_t page = 1; page <= file.pageCount();) {

@@ -1,5 +1,5 @@
-// Keeps notes through the C++ header: opens FILE, or creates it, appends NOTE as its last page
-// and shows them all. The file is a header that names its kind, then one page a note.
+// Keeps notes with the C++ header: opens or creates FILE, appends NOTE as its last page and prints
+// all notes. The file has a header that names its kind, then one page for each note.
 #include <cstdio>
 #include <cstring>
 #include <qziop.hpp>
@@ -11,7 +11,7 @@ static int failed(const qz::Error& error) {
   return 1;
 }
 
-// Opens an existing file by its header, or begins a new one.
+// Opens an existing file by its header, or starts a new one.
 static qz::Result<void> open(qz::PagedFile& file) {
   char kind[sizeof kKind];
   std::int32_t length = sizeof kKind;
@@ -23,13 +23,13 @@ static qz::Result<void> open(qz::PagedFile& file) {
   auto found = file.preopen(kind, &length);
   if (found && std::memcmp(kind, kKind, sizeof kKind) == 0) return file.open();
   if (found) {
-    file.settings().writeAccess = qz::noWrite;  // else its close removes what looks empty
+    file.settings().writeAccess = qz::noWrite;  // otherwise the close would remove an empty file
     return qz::Error{qz::Status::misfit, "This is not a file of notes", 0, 0, 0, {}};
   }
   if (found.status() != qz::Status::fileNotFound) return found;
   file.settings().openMode = qz::createOrReplace;
   if (auto created = file.open(); !created) return created;
-  file.settings().headerSize = length;  // a new file begins without one
+  file.settings().headerSize = length;  // creating a file sets it to 0
   return file.writeHeader(kKind, &length);
 }
 
@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
   if (const auto named = file->setName(argv[1]); !named) return failed(named.error());
   if (const auto opened = open(*file); !opened) return failed(opened.error());
 
-  auto note = file->acquire();  // the module's own memory; the end of the scope returns it
+  auto note = file->acquire();  // the module's own memory, returned at the end of the scope
   if (!note) return failed(note.error());
   std::strncpy(note->data(), argv[2], std::size_t(note->bytes()));
   const auto written = file->write(*note, file->settings().pageCount + 1);

@@ -1,5 +1,5 @@
-// Adds up the bytes of each FILE, all files at once: one host and one module, and for each thread
-// a handle of its own.
+// Adds up the bytes of each FILE, all files at once: with one host and one module, and with one
+// handle for each thread.
 #include <cstdio>
 #include <qziop.hpp>
 #include <string>
@@ -10,7 +10,7 @@ struct Sum {
   explicit Sum(const char* file) : name(file) {}
   std::string name;
   std::uint64_t total = 0;
-  std::string problem;  // empty: the sum is right
+  std::string problem;  // empty: the sum is valid
 };
 
 static void add(const qz::Module& module, Sum* sum) {

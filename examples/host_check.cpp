@@ -1,13 +1,13 @@
-// Tries a host out: the stand-in host, and with --broken one whose pools do not fill with zeros.
-// Put the handle of your own host in its place. Prints what is broken and ends with 1 if anything
-// is; shows what could not be tested as well.
+// Checks a host: the stand-in host, and with --broken a host whose pools do not zero memory.
+// Replace it by the handle of your own host. Prints the promises that are broken or could not be
+// tested, and exits with 1 if any is broken.
 #include <qzphostcheck.h>
 #include <qzstandin.h>
 
 #include <cstdio>
 #include <cstring>
 
-// A pool that forgets about the flag for zero bytes.
+// A pool that ignores the flag for zeroed memory.
 static qz::MemoryPool* (*makePool)(qz::QZHandle*, const qz::PoolAttributes*, qz::Journal*,
                                    const char*);
 static void* (*allocate)(qz::MemoryPool*, std::size_t, std::uint32_t);

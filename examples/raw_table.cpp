@@ -1,5 +1,5 @@
-// Drives the module through its operation table, as a host does: creates FILE with a page for
-// each WORD, makes the pages durable and reads them back. The host's journal tells of failures.
+// Drives the module through its operation table, as a host does: creates FILE with a page for each
+// WORD, makes the pages durable and reads them back. The host's journal reports failures.
 #include <dlfcn.h>
 #include <qzpos.h>
 #include <qzstandin.h>
@@ -14,7 +14,7 @@ static Status run(const qz::OperationTable& table, qz::FileHandle* file, char** 
   Status status = Status::ok;
   qz::PageRequest page{};
   for (page.length = file->pageSize; status == Status::ok && *words != nullptr; ++words) {
-    void* buffer = nullptr;  // a page of the module's own memory, filled in place
+    void* buffer = nullptr;  // a page in the module's memory, filled in place
     if (status = table.qzpbufacquire(file, &buffer, log); status != Status::ok) break;
     ++page.pageNumber;
     page.buffer = std::strncpy(static_cast<char*>(buffer), *words, std::size_t(page.length));
@@ -42,7 +42,7 @@ int main(int argc, char** argv) {
   if (module == nullptr) return std::fputs("the module did not start\n", stderr), 1;
   const qz::OperationTable& table = module->operations;
   qz::FileHandle* file = table.qzpgetmemhandle(module, log);
-  if (file == nullptr) return 1;  // journalled
+  if (file == nullptr) return 1;  // the journal has the reason
   file->openMode = qz::createOrReplace;
   file->readAccess = qz::readRandom;
   file->writeAccess = qz::rewritePages;

@@ -1,5 +1,5 @@
-// Append pages that are gathered into whole blocks, past the page cache; without a flush and with
-// one at the end.
+// Appends pages that are collected into whole blocks, past the page cache; without a flush, and
+// with one at the end.
 #include <fmt/format.h>
 
 #include "../peers/bare.h"

@@ -1,4 +1,4 @@
-// Append pages to a new file, from its open to its close: fill a buffer, then write it.
+// Appends pages to a new file, from its open to its close: fills a buffer, then writes it.
 #include "../peers/bare.h"
 #include "../peers/module.h"
 #include "../peers/peers.h"
@@ -34,7 +34,7 @@ void appendPages(Runner& run) {
     });
     run.hold(contest);
   }
-  // Deleted before the system begins to write it back, so that the disk's time is left out.
+  // Deleted before the system writes the file back, so that the disk's time does not count.
   constexpr std::int64_t kDiskBytes = 8 << 20;
   Task task{Access::append,
             {kPlotPageSize, kDiskBytes / kPlotPageSize},

@@ -1,4 +1,4 @@
-// Read random pages past the page cache, a page a call.
+// Reads random pages past the page cache, one page per call.
 #include <fmt/format.h>
 
 #include "../peers/bare.h"
@@ -10,7 +10,7 @@ namespace qzbench {
 void readDirectPages(Runner& run) {
   constexpr std::int32_t kAlignment = 4096;
   for (const std::int32_t pageSize : run.settings().pageSizes) {
-    // The pool aligns smaller pages to less than a disk wants.
+    // The pool aligns smaller pages to less than a disk requires.
     if (pageSize % kAlignment != 0) continue;
     const Geometry geometry = {pageSize, run.settings().warmBytes * 4 / pageSize};
     const auto order = std::make_shared<const Order>(pageOrder(geometry.pages, false));

@@ -7,7 +7,7 @@
 namespace qzbench {
 namespace {
 
-constexpr std::int64_t kMostAppends = 8192;  // until the file is truncated
+constexpr std::int64_t kMostAppends = 8192;  // before the file is truncated
 constexpr std::int32_t kPagesPerBlock = 8;
 
 struct Shape {

@@ -1,7 +1,7 @@
-// Does the time of an operation depend on how many buffers there are? Every buffer caches a page;
-// some pages are read and held at a time and returned in several orders. Each read makes one call
-// of one page's bytes in each shape of the cache, and the bare loop shows what memory that is
-// touched less often costs by itself.
+// Does the time of an operation depend on the number of buffers? Every buffer caches a page. Some
+// pages are read and held at a time and returned in several orders. Each read makes one call for
+// one page in each shape of the cache. The bare loop shows the cost of memory that is used less
+// often.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
@@ -22,7 +22,7 @@ constexpr std::int32_t kPageSize = 4096;
 
 // Pages held at a time.
 constexpr std::size_t kEight = 8;
-constexpr std::size_t kHalf = 0;  // half as many as there are buffers
+constexpr std::size_t kHalf = 0;  // half of the buffers
 
 enum class ReturnOrder : std::uint8_t { asRead, reversed, shuffled };
 enum class Shape : std::uint8_t { page, directPage, block };
@@ -53,7 +53,7 @@ std::vector<std::size_t> returnSequence(const Holding& holding) {
   return sequence;
 }
 
-// Pages that no buffer caches beforehand, in turn.
+// Pages that no buffer caches beforehand, cyclically.
 class PageCycle {
  public:
   PageCycle(std::int64_t first, std::int64_t last) : first_(first), last_(last), next_(first) {}
@@ -103,7 +103,7 @@ class Holder {
   std::vector<char*> held_;
 };
 
-// The same file is open several times, for writing, too: without locks.
+// The same file is open several times, also for writing: so without locks.
 std::uint32_t optionsFor(Shape shape) {
   return qz::optionAccessVariant | (shape == Shape::page ? 0U : qz::optionDirectIo);
 }
@@ -132,7 +132,7 @@ class ManyBuffers {
   void returnPage(char* address) { check(table_.qzpbufreturn(handle_, address, nullptr)); }
 
  private:
-  // A page buffer keeps its page when it is written, a block when it is returned.
+  // A page buffer keeps its page after a write, a block after a return.
   void cachePage(std::int64_t page, Shape shape) {
     qz::PageRequest request{};
     request.pageNumber = page;
@@ -150,8 +150,8 @@ class ManyBuffers {
   const qz::OperationTable& table_;
 };
 
-// The calls alone, into as many buffers as are held. The buffer returned last is used next, as in
-// the module: buffers returned out of order are read into in that order again.
+// Only the calls, into as many buffers as are held. As in the module, the buffer returned last is
+// used next: buffers that are returned out of order are reused in that order.
 class BareBuffers {
  public:
   BareBuffers(const std::string& path, Shape shape, std::size_t held,
@@ -182,7 +182,7 @@ std::size_t heldOf(std::size_t wanted, std::int32_t bufferCount) {
   return wanted == kHalf ? count / 2 : std::min(wanted, count);
 }
 
-// Every participant goes through the pages in a cycle of its own.
+// Each participant has its own cycle of pages.
 template <class Pages>
 Participant holder(std::string name, std::shared_ptr<Pages> pages, const PageCycle& cycle,
                    const Holding& holding) {
@@ -212,7 +212,7 @@ void growInShape(Runner& run, Shape shape) {
                                             {heldOf(wanted, counts[i]), order}));
     }
     const std::string most = contest.participants.back().name;
-    // The stand-in host has huge pages for what many buffers take.
+    // The stand-in host uses huge pages for the memory of many buffers.
     for (const auto& [count, kind, suffix] :
          {std::tuple(counts.front(), MemoryKind::ordinary, ""),
           std::tuple(counts.back(), MemoryKind::ordinary, ""),
@@ -223,7 +223,7 @@ void growInShape(Runner& run, Shape shape) {
       auto bare = std::make_shared<BareBuffers>(path, shape, holding.pages, kind);
       contest.participants.push_back(holder(name, std::move(bare), cycle, holding));
     }
-    // Out of order, memory that is touched less often costs the bare loop as well.
+    // With scattered buffers, the bare loop also pays for memory that is used less often.
     const bool isScattered = wanted == kHalf && order == ReturnOrder::shuffled;
     contest.goals = {isScattered
                          ? Goal{Quantity::wall, most, contest.participants.back().name, 1.15}
@@ -238,8 +238,8 @@ void growInShape(Runner& run, Shape shape) {
   }
 }
 
-// All of many buffers in turn, beside a bare loop through as many: what finding a page's buffer
-// costs when pages come in order.
+// Reads into all of many buffers in turn, and a bare loop into as many: the difference is the cost
+// of finding a page's buffer when pages come in order.
 void readIntoAll(Runner& run) {
   constexpr std::int32_t kBuffers = 1024;
   const Geometry geometry = {kPageSize, 16 * std::int64_t{kBuffers}};

@@ -1,5 +1,5 @@
-// The stand-in host's tree under a cache that is full: a page is looked for in vain, the oldest
-// goes, the new one comes in.
+// The stand-in host's tree under a full cache: a page is looked up and missed, the oldest page is
+// removed, the new one is inserted.
 #include <fmt/format.h>
 
 #include <map>
@@ -14,7 +14,7 @@ namespace {
 // The module's page buffers as the tree sees them.
 using Nodes = std::vector<qz::PageBuffer>;
 
-// The standard library's tree, its nodes reused as they are there.
+// The standard library's tree, which reuses its nodes.
 class StandardTree {
  public:
   bool has(std::int64_t page) const { return tree_.count(page) != 0; }
@@ -58,7 +58,7 @@ class HostTree {
   qz::PageTree* tree_ = nullptr;
 };
 
-// A full cache whose pages are those of `order` in turn; there are twice as many of them.
+// A full cache. The pages of `order`, twice as many as fit, are used in turn.
 template <class Tree>
 class Cache {
  public:

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::int32_t kBlockBytes = 4 << 20;
 
-// Two calls of nothing through a table: what the calls of a read and a return cost alone.
+// Two empty calls through a table: the cost of the calls of a read and a return alone.
 struct EmptyTable {
   qz::Status (*read)(qz::FileHandle*, qz::PageRequest*, qz::Journal*);
   qz::Status (*returnPage)(qz::FileHandle*, void*, qz::Journal*);
@@ -45,8 +45,8 @@ class EmptyCalls {
   qz::PageRequest request_{};
 };
 
-// Reads and returns each page of a block but the first, which brings the block into memory outside
-// the clock.
+// Reads and returns each page of a block except the first, which brings the block into memory
+// outside the clock.
 class BlockHits {
  public:
   BlockHits(std::string path, const Geometry& geometry)
@@ -110,11 +110,12 @@ class BlockHits {
   std::int64_t first_ = geometry_.pages + 1;  // of the next block
 };
 
-// Reads pages that the store has in memory, in an order, over and over, without looking into them.
+// Reads pages that the store has in memory, in an order, repeatedly, without looking at their
+// bytes.
 template <class Store>
 class PageHits {
  public:
-  // `held`: they are in memory because somebody holds them, not because the store caches them.
+  // held: the pages are in memory because they are held, not because the store caches them.
   PageHits(const Task& task, std::shared_ptr<const Order> order, bool held)
       : store_(task), order_(std::move(order)) {
     std::int64_t wrong = 0;
@@ -150,7 +151,7 @@ Participant hitter(std::string name, const Task& task, const std::shared_ptr<con
                      order->size());
 }
 
-// The peers that find a page in memory and give its place, as the module does.
+// The peers that find a page in memory and return its address, as the module does.
 void addPeers(Contest& contest, Runner& run, const Task& task,
               const std::shared_ptr<const Order>& order, bool held) {
 #ifdef QZPBENCH_HAS_BDB
@@ -165,7 +166,7 @@ void addPeers(Contest& contest, Runner& run, const Task& task,
 #endif
 }
 
-// Pages 1 to `count` and then again: what pages in memory are read in.
+// The order of reads in memory: pages 1 to `count`, repeatedly.
 std::shared_ptr<const Order> repeated(std::int64_t count, bool sequential) {
   return std::make_shared<const Order>(pageOrder(count, sequential));
 }

@@ -1,4 +1,4 @@
-// Open a file for reading and close it again.
+// Opens a file for reading and closes it.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -11,7 +11,7 @@
 namespace qzbench {
 namespace {
 
-// The system calls that an open cannot do without.
+// The system calls that every open needs.
 Sample bareOpens(const std::string& path, const std::string& folder, int flags, std::size_t opens) {
   return timed(opens, [&] {
     for (std::size_t i = 0; i < opens; ++i) {

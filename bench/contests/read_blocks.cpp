@@ -1,4 +1,4 @@
-// Read a file that is not in the page cache in order, page by page, through whole blocks.
+// Reads a file that is not in the page cache in order, page by page, through whole blocks.
 #include <fmt/format.h>
 
 #include "../peers/bare.h"
@@ -15,7 +15,7 @@ constexpr std::int32_t kLargeBlock = 4 << 20;
 
 void readBlocks(Runner& run) {
   for (const std::int32_t pageSize : run.settings().pageSizes) {
-    // The goals are for pages of 4 KiB; other sizes show the same on a smaller file.
+    // The goals are for pages of 4 KiB; the other sizes are measured with a smaller file.
     const std::int64_t bytes = run.settings().directBytes / (pageSize == 4096 ? 1 : 4);
     const Geometry geometry = {pageSize, bytes / pageSize};
     const auto order = std::make_shared<const Order>(pageOrder(geometry.pages, true));

@@ -1,5 +1,5 @@
-// Read long runs of pages straight into the caller's memory: into one area, or each page into a
-// place of its own.
+// Reads long runs of pages into the caller's memory: into one area, or each page to its own
+// address.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/uio.h>
@@ -16,10 +16,10 @@
 namespace qzbench {
 namespace {
 
-constexpr std::size_t kRun = 2500;          // pages a request
+constexpr std::size_t kRun = 2500;          // pages per request
 constexpr std::size_t kMostVectors = 1024;  // of one readv
 
-// The places of the pages: each its own, in no order of addresses.
+// The addresses of the pages, in random order.
 class Destinations {
  public:
   explicit Destinations(std::int32_t pageSize)
@@ -47,7 +47,7 @@ class Destinations {
   std::vector<std::size_t> shuffled_;
 };
 
-// The runs of a file in turn, over and over, through `reader.read(to, firstPage, contiguous)`.
+// Reads the runs of a file repeatedly through `reader.read(to, firstPage, contiguous)`.
 template <class Reader>
 class Runs {
  public:

@@ -1,4 +1,4 @@
-// Read every page of a warm file and give it back.
+// Reads every page of a warm file and returns it.
 #include "../peers/bare.h"
 #include "../peers/module.h"
 #include "../peers/peers.h"

@@ -1,5 +1,5 @@
-// Many handles, each with a thread of its own, read random pages past the page cache; beside them
-// bare reads on as many threads, and io_uring with as many reads in flight.
+// Many handles, each with its own thread, read random pages past the page cache, compared with bare
+// reads on as many threads and with io_uring with as many reads in flight.
 #include <fmt/format.h>
 #ifdef QZPBENCH_HAS_URING
 #include <liburing.h>
@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::int32_t kPageSize = 4096;
 
-// Threads with a store each, which wait between runs and share the pages of one.
+// Threads with a store each. They wait between runs and share the pages of one run.
 template <class Store>
 class Crew {
  public:
@@ -45,7 +45,7 @@ class Crew {
       gate_.arrive_and_wait();
       elapsedNs = nowNs(CLOCK_MONOTONIC) - before;
     });
-    // The processors that the main thread waits for are used by the crew.
+    // The main thread waits for processors that its own threads use, so the wait counts.
     sample.wallNs = elapsedNs;
     next_ = end_;
     if (failure_) std::rethrow_exception(failure_);
@@ -136,11 +136,11 @@ class Flight {
   std::shared_ptr<const Order> order_;
   Ring buffers_;
   io_uring ring_{};
-  std::vector<std::int64_t> pages_;  // that each buffer is read for
+  std::vector<std::int64_t> pages_;  // the page that each buffer is read for
   std::size_t next_ = 0;
 };
 
-// Why the kernel refuses io_uring; empty: it does not.
+// Why the kernel refuses io_uring; empty if it does not.
 std::string uringRefusal() {
   io_uring ring{};
   const int error = io_uring_queue_init(1, &ring, 0);
@@ -163,8 +163,7 @@ void readOnThreads(Runner& run) {
     contest.work = "direct page mode on threads, read + return";
     contest.variant = fmt::format("{} B pages, random from the disk, {} handle{}", kPageSize,
                                   threads, threads == 1 ? "" : "s");
-    // Threads are woken, and the last reads of a slice have nobody beside them: longer slices have
-    // less of that.
+    // Threads are woken, and the last reads of a slice run alone: in longer slices both weigh less.
     contest.sliceNs = 50e6;
     contest.alike = true;
     contest.participants = {
@@ -181,7 +180,7 @@ void readOnThreads(Runner& run) {
 #else
     contest.variant += "; io_uring left out: no liburing";
 #endif
-    // At least 0.95 of the reads in the same time.
+    // At least 0.95 times as many reads in the same time.
     contest.goals = {{Quantity::wall, "qziop", "O_DIRECT pread", 1 / 0.95}};
     run.hold(contest);
   }

@@ -1,4 +1,4 @@
-// Read random pages of a file in memory, change them and write them back. No disk takes part: the
+// Reads random pages of a file in memory, changes them and writes them back. No disk is used: the
 // system would write pages back while others are being changed.
 #include "../peers/bare.h"
 #include "../peers/module.h"
@@ -12,7 +12,7 @@ void rewritePages(Runner& run) {
     const Geometry geometry = {pageSize, run.settings().warmBytes / pageSize};
     const auto order = std::make_shared<const Order>(pageOrder(geometry.pages, false));
     Task task{Access::rewrite, geometry, "", false};
-    // Where a file lies in memory makes a difference: those who can share one file.
+    // The place of a file in memory affects the times, so participants that can share a file do.
     const std::string shared = run.memory().stampedCopy(geometry, "rewritten");
     task.path = shared;
     task.ring = buffersInTurn(task);

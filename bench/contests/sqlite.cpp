@@ -1,4 +1,5 @@
-// SQLite on the module beside SQLite on its own file layer: the same blobs in the same database.
+// SQLite on the module compared with SQLite on its own file layer: the same blobs in the same
+// database.
 #ifdef QZPBENCH_HAS_QZVFS
 #include "../peers/peers.h"
 #include "work.h"

@@ -1,7 +1,7 @@
-// qzpfile beside programs that do not know of pages: pack and unpack beside dd with the same size
-// of transfers and the same flags, copy beside cp, verify beside xxhsum. All that write end with
-// the file on disk; qzpfile also makes or checks checksums. Files of version 1 have one checksum
-// of all pages, files of version 2 one for each page, too.
+// qzpfile compared with programs that do not know of pages: pack and unpack with dd (same transfer
+// size and flags), copy with cp, verify with xxhsum. All programs that write end with the file on
+// disk; qzpfile also makes or checks checksums. Files of version 1 have one checksum of all pages,
+// files of version 2 also one for each page.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -21,33 +21,33 @@ namespace {
 constexpr std::int32_t kPageSize = 64 << 10;
 constexpr std::int64_t kMostPages = kPageSize / 8 - 1;  // of one group: one checksum page is enough
 constexpr int kVersions[] = {1, 2};
-// Work that waits for no disk is quick: larger files keep the start of the programs out of the
-// result.
+// Work without disk I/O is quick: larger files keep the start of the programs out of the result.
 constexpr std::int64_t kVerifyTimes = 4;
 constexpr std::int64_t kMemoryTimes = 2;
 
-// Bytes before the pages: the header, in version 2 the checksum page of the only group, too.
+// Bytes before the pages: the header and, in version 2, the checksum page of the only group.
 std::int64_t beforePages(int version) { return version * std::int64_t{kPageSize}; }
 
 struct Mode {
   const char* name;
-  const char* transfers;  // bytes of one
+  const char* transfers;  // bytes per transfer
   bool direct;
   bool inMemory;  // where the files lie
 };
-// In memory no disk hides what the programs themselves take.
+// In memory, no disk hides the time of the programs themselves.
 constexpr Mode kModes[] = {{"buffered", "64K", false, true},
                            {"buffered", "64K", false, false},
                            {"direct", "64K", true, false},
                            {"block", "4M", true, false}};
 
-// What leftovers of earlier runs there are to write is not written during the next one.
+// Writes leftovers of earlier runs now, so that the system does not write them during the next run.
 void settle(const std::string& path) {
   const Descriptor folder(path.substr(0, path.rfind('/')), O_RDONLY | O_DIRECTORY);
   if (syncfs(folder.get()) != 0) failWithErrno(path);
 }
 
-// Whole pages begin at `before`; some of them, from the first to the last, are the input's.
+// Whole pages begin at `before`; checks some of them, including the first and the last, against the
+// input.
 void checkOutput(const std::string& path, const Geometry& geometry, std::int64_t before) {
   constexpr std::int64_t kLookedAt = 16;
   const Descriptor file(path, O_RDONLY);
@@ -69,7 +69,7 @@ void checkOutput(const std::string& path, const Geometry& geometry, std::int64_t
 
 using Command = std::vector<std::string>;
 
-// The files of the contests in one place, and the commands that work on them.
+// The files of the contests in one folder, and the commands that work on them.
 class Files {
  public:
   Files(Folder& folder, std::string tool, const Geometry& geometry)
@@ -111,7 +111,7 @@ class Files {
   Participant ddIn(const Mode& mode) const { return dd(plain_, 0, mode, false); }
   Participant ddOut(const Mode& mode) const { return dd(packed(2), beforePages(2), mode, false); }
   Participant ddCopy(const Mode& mode) const { return dd(packed(2), beforePages(2), mode, true); }
-  // Copies, and then writes to the disk as the others do.
+  // Copies, and then flushes to disk as the others do.
   Participant cp(const std::string& input, std::int64_t before) const {
     return maker("cp, then sync", {"sh", "-c", R"(cp "$0" "$1" && sync "$1")", input, output_},
                  before);
@@ -129,7 +129,7 @@ class Files {
     return maker(nameOf(version), {tool_, "unpack", "--io", mode.name, packed(version), output_},
                  0);
   }
-  // What is made has version 2.
+  // The new file has version 2.
   Participant copy(int version, const Mode& mode) const {
     return maker(nameOf(version), {tool_, "copy", "--io", mode.name, packed(version), output_},
                  beforePages(2));

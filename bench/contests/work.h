@@ -1,4 +1,4 @@
-// What qzpbench can run, one piece of work a file.
+// The work that qzpbench can run, one file for each piece.
 #pragma once
 
 #include "../core/runner.h"
@@ -7,9 +7,9 @@ namespace qzbench {
 
 void readPages(Runner& run);        // page mode, warm: in order and random
 void readBlocks(Runner& run);       // block mode from the disk, in order
-void hitPages(Runner& run);         // pages in memory: of a cached block, and held
+void hitPages(Runner& run);         // pages in memory: in a cached block, and held
 void readDirectPages(Runner& run);  // page mode past the page cache, random
-void readOnThreads(Runner& run);    // the same by many handles, each with a thread of its own
+void readOnThreads(Runner& run);    // the same with many handles, each with its own thread
 void appendPages(Runner& run);      // page mode
 void appendBlocks(Runner& run);     // block mode, past the page cache
 void rewritePages(Runner& run);     // page mode, random
@@ -19,6 +19,6 @@ void growReads(Runner& run);        // many buffers: reads and returns
 void growAppends(Runner& run);      // many buffers: appends
 void growTree(Runner& run);         // many buffers: the host's tree
 void sqliteLayers(Runner& run);     // SQLite on the module and on its own file layer
-void wholeFiles(Runner& run);       // by the tool: pack, unpack, verify
+void wholeFiles(Runner& run);       // with the tool: pack, unpack, verify
 
 }  // namespace qzbench

@@ -6,17 +6,18 @@
 namespace qzbench {
 namespace {
 
-constexpr std::size_t kLeastRounds = 12;    // before the first look at goals
-constexpr std::size_t kDecisiveRounds = 6;  // fewer decide nothing
-constexpr std::size_t kPeerRounds = 2;      // at least, of contestants without a goal
+constexpr std::size_t kLeastRounds = 12;    // before goals are judged for the first time
+constexpr std::size_t kDecisiveRounds = 6;  // fewer rounds decide no goal
+constexpr std::size_t kPeerRounds = 2;      // least rounds of contestants without a goal
 constexpr int kSizingRuns = 3;
-constexpr std::size_t kWarmingPart = 10;  // of a slice, uncounted: what other contestants evicted
+constexpr std::size_t kWarmingPart =
+    10;  // of a slice, not counted: refills the caches that other contestants used
 
-// A participant's place in a contest.
+// A participant in a contest, and its results so far.
 struct Seat {
   const Participant* participant;
   std::string name;
-  std::size_t operations = 0;  // of a slice
+  std::size_t operations = 0;  // in a slice
   double elapsedNs = 0;
   bool left = false;                // no open goal needs it
   std::vector<Sample> rounds = {};  // both slices of a round together
@@ -50,12 +51,12 @@ double elapsed(const Seat& seat, std::size_t operations) {
   return nowNs(CLOCK_MONOTONIC) - before;
 }
 
-// Finds how many operations a slice has; what a participant sets up is part of its slice.
+// Finds how many operations fit into a slice; what a participant sets up counts as part of it.
 void sizeSlice(Seat& seat, const Contest& contest) {
   const std::size_t grain = seat.participant->grain;
   seat.operations = grain;
   for (;;) {
-    // The shortest of some: a run may open a file, or wait for a processor.
+    // The shortest of several runs: a run may open a file, or wait for a processor.
     double took = elapsed(seat, seat.operations);
     for (int i = 1; i < kSizingRuns && !contest.whole; ++i) {
       took = std::min(took, elapsed(seat, seat.operations));
@@ -78,8 +79,8 @@ Sample slice(Seat& seat, bool whole) {
   return sample;
 }
 
-// There and back. The control, which sits last, has its turn after the second contestant: what is
-// compared most should lie close together.
+// Runs all participants in order and in reverse. The control is last in the list but runs after the
+// second contestant: participants that are compared most should run close together.
 void holdRound(Seats& seats, bool whole) {
   std::vector<Seat*> turns;
   for (Seat& seat : seats) {
@@ -118,8 +119,8 @@ Interval valueOf(const Goal& goal, Seats& seats) {
                  goal.quantity == Quantity::cpu ? &Sample::cpuNs : &Sample::wallNs);
 }
 
-// True when all is decided. Contestants that no open goal needs leave for good: what is known of
-// them stays as it is, over the rounds that they had. Floor and control stay.
+// True when all goals are decided. Contestants that no open goal needs leave for good; their
+// results stay as they are. Floor and control stay.
 bool isDecided(const Contest& contest, Seats& seats) {
   const Interval control = ratioOf(seats.back(), seats.front(), &Sample::wallNs);
   bool decided = verdictOf(control, kLeastControl) == Verdict::missed &&
@@ -134,7 +135,7 @@ bool isDecided(const Contest& contest, Seats& seats) {
   return decided;
 }
 
-// Contestants that no goal names leave when they had their time.
+// Contestants that no goal names leave after their least time.
 void sendPeersAway(const Contest& contest, double leastNs, Seats& seats) {
   for (std::size_t i = 1; i + 1 < seats.size(); ++i) {
     Seat& seat = seats[i];

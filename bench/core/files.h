@@ -1,4 +1,4 @@
-// The files that contests work on, in folders that go away at the end of the run.
+// The files that contests work on, in folders that are removed at the end of the run.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ struct Geometry {
   std::int64_t bytes() const { return pageSize * pages; }
 };
 
-// A new folder below `parent`, removed with all that is in it at the end of its scope.
+// A new folder below `parent`, removed with its contents at the end of its scope.
 class Folder {
  public:
   explicit Folder(const std::string& parent);
@@ -44,8 +44,8 @@ class Folder {
   const std::string& path() const { return path_; }
   std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-  // The path of a file of stamped pages, made at the first request and shared by those who only
-  // read it. What is made is on disk and, unless `direct`, in the page cache.
+  // The path of a file of stamped pages, created at the first request and shared by participants
+  // that only read it. The file is on disk and, unless `direct`, in the page cache.
   const std::string& stamped(const Geometry& geometry, bool direct = false);
   // A separate copy for a participant that writes to it.
   std::string stampedCopy(const Geometry& geometry, const std::string& name);

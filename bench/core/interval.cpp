@@ -8,7 +8,7 @@ namespace qzbench {
 namespace {
 
 constexpr std::size_t kResamples = 1000;
-constexpr std::size_t kBeyond = kResamples / 200;  // resamples below the interval, and above it
+constexpr std::size_t kBeyond = kResamples / 200;  // resamples outside the interval, on each side
 
 // Sums of pairs.
 struct Sums {

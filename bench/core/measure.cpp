@@ -53,10 +53,10 @@ double instructionsSoFar() {
   return static_cast<double>(count);
 }
 
-std::int64_t ownReads = 0;  // of measuring itself
+std::int64_t ownReads = 0;  // made by the measurement itself
 
-// The second number of schedstat: nanoseconds spent ready to run, but waiting. A kernel without it:
-// none.
+// The second number of schedstat: nanoseconds spent ready to run but waiting. 0 if the kernel does
+// not have it.
 double waitedIn(int fd) {
   if (fd == -1) return 0;
   ++ownReads;
@@ -92,7 +92,7 @@ Counts countsSoFar() {
   const double instructions = instructionsSoFar();
   ownReads += countsInstructions() ? 1 : 0;
   const Text text = textOf(fd, "/proc/self/io");
-  // A call is counted as it returns: the text has those before this one.
+  // A call is counted when it returns, so the text does not count the call that reads it.
   const Counts counts = {.reads = valueAfter(text.data(), "syscr:") - ownReads,
                          .writes = valueAfter(text.data(), "syscw:"),
                          .instructions = instructions};
@@ -101,7 +101,7 @@ Counts countsSoFar() {
 }
 
 Moment momentNow() {
-  // Longer than the question takes: another program ran in between, before it or after it.
+  // More than the query takes: another program ran in between.
   constexpr double kInterrupted = 50e3;
   constexpr int kAttempts = 10;
   Moment moment;

@@ -10,7 +10,7 @@
 
 namespace qzbench {
 
-// A contest that cannot be held: the text says why.
+// A contest that cannot run; the text says why.
 struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
@@ -18,16 +18,16 @@ struct Failure : std::runtime_error {
 // Throws Failure with `what` and the system's reason.
 [[noreturn]] void failWithErrno(const std::string& what);
 
-// What some operations took. NaN: not counted.
+// The cost of some operations. NaN: not counted.
 struct Sample {
-  // Elapsed time, less what the main thread waited for a processor that other programs used. Time
-  // in which it slept, for a disk or for threads of its own, counts.
+  // Elapsed time, minus the time in which the main thread waited for a processor that other
+  // programs used. Time in which it slept, for a disk or for its own threads, counts.
   double wallNs = 0;
   double cpuNs = 0;  // user and system time of the process
   double operations = 0;
-  double readCalls = 0;  // read, pread, readv as the kernel counted them
+  double readCalls = 0;  // read, pread, readv, as the kernel counted them
   double writeCalls = 0;
-  double instructions = 0;  // of all threads, outside the kernel
+  double instructions = 0;  // of all threads, in user mode
 
   Sample& operator+=(const Sample& other);
 };
@@ -38,7 +38,8 @@ inline double nowNs(clockid_t clock) {
   return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
-// What the kernel and the processor counted of this process so far, reading this left out.
+// What the kernel and the processor counted for this process so far, without the calls of the
+// measurement.
 struct Counts {
   std::int64_t reads = 0;
   std::int64_t writes = 0;
@@ -46,17 +47,17 @@ struct Counts {
 };
 Counts countsSoFar();
 
-// The clock, and how long the main thread was ready to run so far while others had the processors.
+// The clock, and how long the main thread has waited for a processor that other programs used.
 struct Moment {
-  double beforeNs = 0;  // the clock before the question for the wait, and after it
+  double beforeNs = 0;  // the clock before and after the query for the wait
   double afterNs = 0;
   double waitedNs = 0;
 };
 Moment momentNow();
-// How long the main thread of another process waited for a processor; it may have ended.
+// How long the main thread of another process waited for a processor; the process may have ended.
 double waitedOf(pid_t process);
 
-// True if the processor counts instructions for us. Asked before any thread starts.
+// True if the processor counts instructions for this process. Call it before any thread starts.
 bool countsInstructions();
 
 // Runs `body`, which does `operations` operations.

@@ -20,7 +20,7 @@ std::size_t roundedUp(std::size_t bytes, std::size_t unit) {
   return (bytes + unit - 1) / unit * unit;
 }
 
-// A mapping that begins at a multiple of `alignment`; what lies before it is unmapped.
+// A mapping that begins at a multiple of `alignment`; the excess before it is unmapped.
 char* mapAligned(std::size_t bytes, std::size_t alignment) {
   void* area =
       mmap(nullptr, bytes + alignment, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -33,7 +33,7 @@ char* mapAligned(std::size_t bytes, std::size_t alignment) {
   return aligned;
 }
 
-// Areas of rings that are gone, by size and alignment.
+// Areas of destroyed rings, by size and alignment.
 std::map<std::pair<std::size_t, std::size_t>, std::vector<char*>>& keptAreas() {
   static std::map<std::pair<std::size_t, std::size_t>, std::vector<char*>> kept;
   return kept;

@@ -16,8 +16,8 @@ struct Unmap {
   void operator()(char* area) const noexcept;
 };
 
-// `count` buffers of `bytes` in turn, page-aligned. All of it is in memory from the start. The
-// memory is kept for the next ring of that size, as the stand-in host's pools keep theirs.
+// `count` buffers of `bytes`, used in turn, page-aligned and in memory from the start. The memory
+// is kept for the next ring of that size, as the stand-in host's pools keep theirs.
 class Ring {
  public:
   Ring(std::size_t count, std::size_t bytes, MemoryKind kind = MemoryKind::ordinary);
@@ -25,7 +25,7 @@ class Ring {
   char* at(std::size_t index) const { return area_.get() + index * step_; }
   std::size_t count() const { return count_; }
 
-  // The buffer after the one that was given last.
+  // The buffer after the last one returned.
   char* next() {
     next_ = next_ + 1 == count_ ? 0 : next_ + 1;
     return at(next_);

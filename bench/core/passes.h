@@ -1,12 +1,12 @@
-// The loops of the page contests. Every participant runs the same code over its own store:
+// The loops of the page contests. Every participant runs the same code with its own store:
 //
-//   Store(const Task&)             opens what it works on; its destructor closes it
-//   const char* read(page)         the page, until returnPage, change or the next read
-//   void returnPage()                ends the use of a page that was read
-//   char* readToChange(page)       the page, to be changed and then written
-//   char* fresh(page)              room for a new page, to be filled and then written
-//   void write(page)               stores the page that the last two gave
-//   void finish()                  all is written as far as this store writes; inside the clock
+//   Store(const Task&)             opens the file; the destructor closes it
+//   const char* read(page)         the page, valid until returnPage or the next call
+//   void returnPage()              ends the use of a page that was read
+//   char* readToChange(page)       the page, to be changed and written
+//   char* fresh(page)              memory for a new page, to be filled and written
+//   void write(page)               writes the page that one of these two returned
+//   void finish()                  completes all writes; inside the clock
 #pragma once
 
 #include <unistd.h>
@@ -27,31 +27,31 @@ namespace qzbench {
 
 enum class Access { read, append, rewrite };
 
-// What a store is opened for.
+// The work that a store is opened for.
 struct Task {
   Access access;
   Geometry geometry;
   std::string path;  // raw pages, or the store's own format
   bool sequential;
   bool direct = false;          // O_DIRECT
-  bool flush = false;           // to the disk at the end
+  bool flush = false;           // flush to disk at the end
   std::int32_t blockBytes = 0;  // transfers of whole blocks of this size; 0: of pages
-  std::int32_t buffers = 4;     // that may be held at a time
+  std::int32_t buffers = 4;     // most buffers held at a time
   std::size_t ring = 1;         // buffers that a bare loop cycles through
-  bool hugeBlocks = true;       // of a bare loop
+  bool hugeBlocks = true;       // for a bare loop
   bool bySettings = false;      // the module's new file is opened through PagedFile::open
 };
 
 using Order = std::vector<std::int64_t>;  // page numbers
 
-// 1 to `pages`, as they lie or shuffled; the same shuffle every time.
+// 1 to `pages`, in order or shuffled; the shuffle is the same every time.
 Order pageOrder(std::int64_t pages, bool sequential);
 
 inline void requireStamps(std::int64_t wrongPages, const std::string& path) {
   if (wrongPages != 0) throw Failure(path + ": " + std::to_string(wrongPages) + " wrong pages");
 }
 
-// Takes `operations` steps through `count` things in turn: calls step(first, some) for each
+// Goes through `count` items cyclically for `operations` steps: calls step(first, some) for each
 // stretch.
 template <class Step>
 Sample takeSteps(std::size_t& next, std::size_t count, std::size_t operations, Step step) {
@@ -65,7 +65,8 @@ Sample takeSteps(std::size_t& next, std::size_t count, std::size_t operations, S
   return sum;
 }
 
-// Reads the pages of an order. Each time through it the store is opened anew, outside the clock.
+// Reads the pages of an order. For each pass through it the store is opened again, outside the
+// clock.
 template <class Store>
 class Reading {
  public:
@@ -99,7 +100,8 @@ class Reading {
   std::size_t next_ = 0;
 };
 
-// Writes all pages of a new file; what a file of that name had goes beforehand, outside the clock.
+// Writes all pages of a new file. An existing file of that name is removed first, outside the
+// clock.
 template <class Store>
 Sample appendAll(const Task& task) {
   const Geometry& geometry = task.geometry;
@@ -114,7 +116,7 @@ Sample appendAll(const Task& task) {
   });
 }
 
-// Writes whole files, from open to close. The first one is read back.
+// Writes whole files, from open to close, and reads the first one back.
 template <class Store>
 class Appending {
  public:
@@ -138,15 +140,15 @@ class Appending {
   bool isChecked_ = false;
 };
 
-// How far the pages of an order have become the next version.
+// How many pages of an order have the next version already.
 struct Progress {
   std::size_t next = 0;
   std::int64_t version = 0;
 };
 
-// Finds every page of an order as one version and makes it the next. Stores that share a file share
-// its progress: each run opens the file again, because no side may have cached what another one
-// changed.
+// Checks that every page of an order has the current version and writes the next one. Stores that
+// share a file share its progress: each run opens the file again, because no side may use pages
+// that it cached before another side changed them.
 template <class Store>
 class Rewriting {
  public:

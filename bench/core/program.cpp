@@ -51,7 +51,7 @@ Sample timedProgram(std::size_t operations, const std::vector<std::string>& comm
   const bool ended =
       error == 0 && waitid(P_PID, static_cast<id_t>(child), &ending, WEXITED | WNOWAIT) == 0;
   const Moment end = momentNow();
-  // What has ended and is not yet waited for still tells.
+  // A process that has ended and was not waited for still has its figures.
   const double childWaited = ended ? waitedOf(child) : 0;
   const bool collected = ended && wait4(child, &outcome, 0, &used) == child;
 

@@ -8,9 +8,9 @@
 
 namespace qzbench {
 
-// Runs a program, found as a shell finds it, to its end. Throws Failure with what it said on
-// standard error unless it ends well. What its main thread waited for a processor is not in the
-// time; a program that it starts itself does wait in it. Nobody counts its calls.
+// Runs a program to its end; finds it as a shell does. Throws Failure with its standard error if it
+// fails. The time excludes waits of the program's main thread for a processor, but includes those
+// of programs that it starts. Its calls are not counted.
 Sample timedProgram(std::size_t operations, const std::vector<std::string>& command);
 
 }  // namespace qzbench

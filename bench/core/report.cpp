@@ -61,7 +61,7 @@ nlohmann::json jsonOf(const Interval& interval) {
   return {{"value", interval.value}, {"low", interval.low}, {"high", interval.high}};
 }
 
-// Every goal of the contests, in order.
+// All goals of the contests, in order.
 std::vector<std::pair<const Outcome*, const GoalOutcome*>> goalsOf(
     const std::vector<Outcome>& outcomes) {
   std::vector<std::pair<const Outcome*, const GoalOutcome*>> goals;

@@ -16,18 +16,18 @@ struct Settings {
   std::string memoryFolder = "/dev/shm";
   std::string module;             // path of the library; empty: beside the program
   std::string tool;               // path of qzpfile
-  std::vector<std::string> work;  // names of what is run; empty: everything
-  std::string only;               // in the description of the contests that are held
+  std::vector<std::string> work;  // names of the work to run; empty: everything
+  std::string only;               // only contests with this text in their description
   std::vector<std::int32_t> pageSizes = {4096, 512, 65536};
   std::vector<std::int32_t> bufferCounts = {4, 64, 1024, 65536};
   Effort effort;
-  bool busy = false;  // hold each contest again beside a busy loop
+  bool busy = false;  // repeat each contest beside a busy loop
   std::int64_t warmBytes = std::int64_t{64} << 20U;
   std::int64_t directBytes = std::int64_t{512} << 20U;
   std::int64_t wholeBytes = std::int64_t{128} << 20U;
 };
 
-// A new file handle with its caller settings, named and open.
+// A new file handle with caller settings, named and opened.
 struct OpenSettings {
   std::string path;
   std::int32_t pageSize;
@@ -40,7 +40,7 @@ struct OpenSettings {
 };
 qz::PagedFile openFile(const OpenSettings& settings);
 
-// The loaded module; Failure before Runner has loaded it.
+// The loaded module. Throws Failure before Runner has loaded it.
 const qz::Module& module();
 
 class Runner {
@@ -56,11 +56,11 @@ class Runner {
   Folder& disk() { return disk_; }
   Folder& memory() { return memory_; }
 
-  // Holds a contest, keeps its outcome and reports it; unless others alone are wanted.
+  // Runs a contest, keeps its outcome and reports it, unless the settings exclude it.
   void hold(const Contest& contest);
 
   const std::vector<Outcome>& outcomes() const { return outcomes_; }
-  // Of the same contests beside a busy loop, if they were to be held again.
+  // The outcomes beside a busy loop, if contests are repeated there.
   const std::vector<Outcome>& busyOutcomes() const { return busyOutcomes_; }
 
  private:
@@ -72,7 +72,7 @@ class Runner {
   std::vector<Outcome> busyOutcomes_;
 };
 
-// Turns an outcome of the module that is not a success into Failure.
+// Throws Failure if an outcome of the module is not a success.
 template <class T>
 T&& value(qz::Result<T>&& result) {
   if (!result) throw Failure(result.error().message());

@@ -1,4 +1,4 @@
-// Pages that tell which page they are, in every cache line.
+// Pages that identify themselves in every cache line.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@ namespace qzbench {
 
 inline constexpr std::int32_t kCacheLine = 64;
 
-// Tells page and version apart in every bit.
+// Page and version change every bit.
 constexpr std::uint64_t stampSeed(std::int64_t page, std::int64_t version) {
   return static_cast<std::uint64_t>(page) * 0x9E3779B97F4A7C15U +
          static_cast<std::uint64_t>(version) * 0xC2B2AE3D27D4EB4FU;

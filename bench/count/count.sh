@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Counts the instructions of the module's inner paths, the kernel's left out. Prints lines of a
-# path's name and its instructions, the mean over its runs.
-#   count.sh callgrind BUILD    by valgrind's callgrind
-#   count.sh time BUILD         nanoseconds instead, as far as the kernel runs the program
-#   count.sh QEMU BUILD         by having qemu (qemu-i386, qemu-x86_64) tell every instruction
+# Counts the instructions of the module's inner paths, without the kernel's. Prints one line for
+# each path: its name and the mean number of instructions per run.
+#   count.sh callgrind BUILD    with valgrind's callgrind
+#   count.sh time BUILD         nanoseconds instead, if the kernel runs the program
+#   count.sh QEMU BUILD         with qemu (qemu-i386, qemu-x86_64), which logs every instruction
 set -euo pipefail
 
 way=$1
@@ -29,8 +29,8 @@ fi
 mkfifo "$folder/trace"
 "$way" -singlestep -d exec,nochain -D "$folder/trace" "$program" "$folder" >"$folder/said" &
 traced=$!
-# One line an instruction, "Trace 0: HOST [FLAGS/PLACE/...". A path's are those from its first to
-# the next mark; what lies between the two beside the path itself, the empty path tells.
+# One line per instruction, "Trace 0: HOST [FLAGS/PLACE/...". A path's instructions are those from
+# its first one to the next mark. The empty path shows what lies between the two besides the path.
 awk -F '[][/ ]+' -v said="$folder/said" '
   function learn(  line, word) {
     while ((getline line < said) > 0) {

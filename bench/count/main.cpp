@@ -1,7 +1,6 @@
 // qzpcount: runs the module's inner paths a known number of times, for a tool that counts
-// instructions, or times them. Every path lies in a function of its own, `count_...`, whose
-// inclusive count over its calls is the path's; a count on another machine starts and stops at
-// mark().
+// instructions, or times them. Each path has its own function `count_...`, whose inclusive count
+// divided by its calls is the path's; a count with an emulator starts and stops at mark().
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,7 +26,7 @@ void require(qz::Status status) {
   std::exit(1);
 }
 
-// What the paths work on.
+// The handles and memory that the paths use.
 struct Work {
   qz::FileHandle* handle;
   const qz::OperationTable* table;
@@ -38,9 +37,9 @@ struct Work {
 
 extern "C" {
 
-// The remarks in the assembler text keep the compiler from making one function of several.
+// The comments in the assembler text keep the compiler from merging the functions.
 
-// Where a path begins and where it ends.
+// Marks the begin and the end of a path.
 [[gnu::noinline]] void mark() { asm volatile("" ::: "memory"); }
 
 [[gnu::noinline]] void count_nothing(Work*) { asm volatile("" ::: "memory"); }
@@ -131,7 +130,7 @@ void countPageMode(const qz::Module& module, const std::string& path) {
     work.request.pageNumber = i % kPages + 1;
     measure(pageReadMiss, &work);
     measure(pageReturn, &work);
-    // A page stays cached once it was written.
+    // A page stays cached after it was written.
     measure(pageReadMiss, &work);
     measure(pageWrite, &work);
     measure(pageReadHit, &work);
@@ -155,7 +154,7 @@ void countBlockMode(const qz::Module& module, const std::string& path) {
   }
 }
 
-// The median of each path's runs, less what a run of nothing takes.
+// The median of each path's runs, minus that of an empty run.
 void printTimes() {
   const auto medianNs = [](const Path& path) {
     std::vector<std::int64_t> times = path.tookNs;

@@ -12,7 +12,7 @@ namespace qzbench {
 
 int openFlags(const Task& task);
 
-// One pread or pwrite a page.
+// One pread or pwrite per page.
 class BarePages {
  public:
   static constexpr bool kRawPages = true;
@@ -51,8 +51,8 @@ class BarePages {
   bool flush_;
 };
 
-// One pread or pwrite a block; pages are used in the block they were read in, and new ones are
-// gathered from where the caller filled them. Only for work in page order.
+// One pread or pwrite per block. Pages are used in the block that they were read into, and new ones
+// are collected from the caller's buffers. Only for work in page order.
 class BareBlocks {
  public:
   explicit BareBlocks(const Task& task)

@@ -1,6 +1,5 @@
-// Berkeley DB's memory pool over a plain file of pages, with a cache of as many pages as the
-// module has buffers, at least 16.
-// It takes part in reading only.
+// Berkeley DB's memory pool over a plain file of pages. Its cache has as many pages as the module
+// has buffers, at least 16. It takes part only in reads.
 #pragma once
 
 #include <db.h>
@@ -36,7 +35,7 @@ class PoolPages {
   void* at_ = nullptr;
 };
 
-// With the locks that let several threads share the pool.
+// With locks, so that several threads can share the pool.
 class SharedPoolPages : public PoolPages {
  public:
   explicit SharedPoolPages(const Task& task) : PoolPages(task, DB_THREAD) {}

@@ -1,5 +1,5 @@
-// LMDB: one record a page under its number, without flushes to the disk and without locks. Reads
-// see pages in the map; writes go through one transaction for every few thousand pages.
+// LMDB: one record per page with the page number as key, without flushes and without locks. Reads
+// use pages in the map; one transaction writes a few thousand pages.
 #pragma once
 
 #include <lmdb.h>

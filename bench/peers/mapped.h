@@ -1,4 +1,4 @@
-// The file mapped into memory, freshly for every pass: the page faults are inside the clock.
+// The file mapped into memory, again for every pass: the page faults count.
 #pragma once
 
 #include <fcntl.h>
@@ -20,7 +20,7 @@ class MappedPages {
               task.access == Access::append ? O_RDWR | O_CREAT | O_TRUNC : openFlags(task)),
         pageSize_(task.geometry.pageSize) {
     const auto bytes = static_cast<std::size_t>(task.geometry.bytes());
-    // A mapping cannot grow a file page by page: it gets its length beforehand.
+    // A mapping cannot grow a file page by page: the file gets its length first.
     if (task.access == Access::append && ftruncate(file_.get(), task.geometry.bytes()) != 0) {
       failWithErrno(task.path);
     }

@@ -25,7 +25,7 @@ OpenSettings settingsFor(const Task& task) {
   return settings;
 }
 
-// As a program in C++ makes a file.
+// As a C++ program opens a file.
 qz::PagedFile newFileBySettings(const Task& task) {
   qz::PagedFile file = value(module().newFile());
   require(file.open(task.path, {.pageSize = task.geometry.pageSize,

@@ -47,8 +47,8 @@ class ModulePages {
   qz::PageRequest request_{};
 };
 
-// How many buffers, or blocks, the module cycles through at such a task: the bare loop beside it
-// gets as many. Found by trying; pages that are rewritten stay as they are.
+// How many buffers, or blocks, the module cycles through in such a task; the bare loop gets as
+// many. Found by a test run; pages that are rewritten keep their contents.
 std::size_t buffersInTurn(const Task& task);
 
 }  // namespace qzbench

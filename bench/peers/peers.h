@@ -1,4 +1,4 @@
-// The other ways to keep pages in a file, as far as their libraries were found.
+// The other ways to keep pages in a file, if their libraries were found.
 #pragma once
 
 #include <fmt/format.h>
@@ -45,7 +45,7 @@ void eachPeer(Visit visit) {
   eachWriter(visit);
 }
 
-// A file of a store's own with all pages in version 0, in the store's format.
+// A store's own file with all pages in version 0, in the store's format.
 template <class Store>
 std::string ownCopy(Folder& folder, const Geometry& geometry, const std::string& name) {
   if constexpr (Store::kRawPages) {

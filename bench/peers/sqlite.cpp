@@ -40,7 +40,7 @@ SqlitePages::~SqlitePages() {
 #ifdef QZPBENCH_HAS_QZVFS
 namespace {
 
-// Loads the layer once; it stays for every later connection.
+// Loads the layer once; all later connections use it.
 const char* moduleLayer() {
   static const bool isLoaded = [] {
     sqlite3* database = nullptr;

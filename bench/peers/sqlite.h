@@ -1,5 +1,5 @@
-// SQLite: one blob a page in a table, its row number the page's, without a journal and without
-// flushes to the disk. Blobs are copied out of the database's cache and into it.
+// SQLite: one blob per page in a table, with the page number as row number, without a journal and
+// without flushes. Blobs are copied from and to the database's cache.
 #pragma once
 
 #include <sqlite3.h>
@@ -13,7 +13,7 @@ class SqlitePages {
  public:
   static constexpr bool kRawPages = false;
 
-  // `layer`: the name of SQLite's file layer; null: its default.
+  // layer: the name of SQLite's file layer; null: its default.
   explicit SqlitePages(const Task& task, const char* layer = nullptr);
   SqlitePages(const SqlitePages&) = delete;
   SqlitePages& operator=(const SqlitePages&) = delete;

@@ -1,4 +1,4 @@
-// C streams with their usual buffer. They copy each page once more.
+// C streams with their usual buffer. They copy each page once more than the others.
 #pragma once
 
 #include <cstdio>

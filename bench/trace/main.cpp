@@ -1,6 +1,6 @@
 // qzptracecost FOLDER: what the trace adds to an operation. Reads and returns pages of a file in
-// FOLDER through the module, through the trace library that does not record, and through the one
-// that records, in turns; shows the best round of each.
+// FOLDER through the module, through the trace library while it does not record, and while it
+// records, in alternation; shows the best round of each.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -20,8 +20,8 @@ constexpr int kPairs = 500;
   std::exit(1);
 }
 
-// A file of two pages, of which the first is held: a read of it makes no system call, a read of
-// the second makes one.
+// A file of two pages, the first of which is held: a read of it makes no system call, a read of the
+// second makes one.
 class Reader {
  public:
   Reader(qz::StandInHost& host, const char* library, const std::string& name)
@@ -41,7 +41,7 @@ class Reader {
     held->release();  // the close ends the hold
   }
 
-  // Keeps the time of an operation, in nanoseconds.
+  // Keeps the shortest time of an operation, in nanoseconds.
   void round(std::int64_t page, double* best) {
     const qz::OperationTable& table = file_->table();
     qz::PageRequest request{};

@@ -1,6 +1,6 @@
-# Run by cpack over the tree that becomes the Debian package: adds what Debian asks of a package, and
-# compresses what it wants compressed. The time in compressed files is left out, so that a package
-# made twice is the same.
+# cpack runs this in the tree of the Debian package: adds the files that Debian requires and
+# compresses those that it wants compressed. Compressed files contain no time, so that building the
+# package twice gives the same file.
 set(share ${CPACK_TEMPORARY_DIRECTORY}/usr/share)
 set(doc ${share}/doc/qziop)
 file(COPY ${CPACK_QZIOP_DEBIAN_FILES}/copyright ${CPACK_QZIOP_DEBIAN_FILES}/changelog
