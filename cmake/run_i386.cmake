@@ -1,5 +1,5 @@
 # If the kernel cannot run 32-bit programs, a 32-bit build runs them with qemu-i386. This is tested
-# by running one: kernel configurations do not tell.
+# by running one: kernel configurations do not show it.
 if(CMAKE_SIZEOF_VOID_P EQUAL 4 AND NOT DEFINED QZIOP_RUNS_I386)
   file(WRITE ${CMAKE_BINARY_DIR}/probe/probe.c "int main(void) { return 0; }\n")
   try_compile(probe_builds ${CMAKE_BINARY_DIR}/probe SOURCES ${CMAKE_BINARY_DIR}/probe/probe.c

@@ -130,12 +130,13 @@ void addOtherOptions(CLI::App& app, const Command& command, Invocation& call) {
   if (has(optionForce)) app.add_flag("-f,--force", call.force, "replace an existing file");
   if (has(optionKeepGoing)) {
     const std::string partial =
-        "if the file has the wrong length, use its whole pages. The exit status is then 65";
+        "if the file has the wrong length, use its whole pages (exit status 65";
     const bool judges = command.run == runVerify || command.run == runCompare;
     app.add_flag("-k,--keep-going", call.keepGoing,
-                 judges                   ? "list all findings, not only the first"
-                 : command.run == runDump ? partial
-                                          : "report damaged pages and continue; " + partial);
+                 judges ? "list all findings, not only the first"
+                 : command.run == runDump
+                     ? partial + ")"
+                     : "report damaged pages and continue; " + partial + " in both cases)");
   }
   if (has(optionMap)) {
     app.add_flag("--map", call.map, "draw the whole file, one character for each run of pages");
@@ -294,7 +295,7 @@ std::variant<ParsedCommand, std::string> parseCommandLine(const std::vector<std:
     words.erase(words.begin());
     words.emplace_back("--help");
   }
-  CLI::App app("Packs files into pages, reads, changes, checks and measures paged files.");
+  CLI::App app("Packs files into pages; reads, changes, checks and measures paged files.");
   requireCommand(words);
   app.set_help_flag("-h,--help", "show this help");
   app.set_version_flag("-V,--version", "qzpfile " QZPFILE_VERSION, "show the version");

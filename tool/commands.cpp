@@ -29,7 +29,7 @@ constexpr std::array kCommands = {
             runPack},
     Command{
         "unpack",
-        "get back what was packed",
+        "restore what was packed",
         "Writes the bytes that were packed into INPUT to OUTPUT and checks them against the "
         "checksum in the header. OUTPUT gets its name when it is complete. Standard output may "
         "already have received bytes when damage is found: check the exit status.",
@@ -61,19 +61,20 @@ constexpr std::array kCommands = {
             "qzpfile dump --pages 1 places.db\tthe first page\n"
             "qzpfile dump --raw --page-size 4K --pages 7- data.bin\tfrom page 7 on",
             kFile, kNone, optionRaw | kIoOptions | optionPages | optionKeepGoing, runDump},
-    Command{"put",
-            "write pages from standard input",
-            "Writes whole pages from standard input into FILE, starting at PAGE or after the last "
-            "page. In a file made by pack the header is kept up to date. There, input that ends "
-            "inside the last page of the file ends the payload; and when pages are appended, the "
-            "zeros that padded the old last page become payload.",
-            "qzpfile put backup.qzp 3 < page.bin\treplace page 3, and more pages if there is more "
-            "input\n"
-            "qzpfile put --append --raw --page-size 4K data.bin < pages.bin\tadd pages",
-            kFile,
-            {"[PAGE]", "the first page to write, counted from 1"},
-            optionRaw | kIoOptions | optionAppend | optionProgress | kResultOptions,
-            runPut},
+    Command{
+        "put",
+        "write pages from standard input",
+        "Writes whole pages from standard input into FILE, starting at PAGE or after the last "
+        "page. In a file made by pack, the header is kept up to date, input that ends inside the "
+        "last page of the file ends the payload, and appended pages turn the zeros that padded "
+        "the old last page into payload.",
+        "qzpfile put backup.qzp 3 < page.bin\treplace page 3, and more pages if there is more "
+        "input\n"
+        "qzpfile put --append --raw --page-size 4K data.bin < pages.bin\tadd pages",
+        kFile,
+        {"[PAGE]", "the first page to write, counted from 1"},
+        optionRaw | kIoOptions | optionAppend | optionProgress | kResultOptions,
+        runPut},
     Command{"truncate",
             "truncate a paged file",
             "Truncates FILE to its first PAGES pages. In a file made by pack the header is kept up "

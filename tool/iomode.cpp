@@ -43,7 +43,7 @@ void refuseUnaligned(const IoRequest& request, const Geometry& geometry, std::in
 const char* whyRefused(const qz::FileHandle& handle) {
   switch (handle.directIoSupport) {
     case qz::directIoNfs:
-      return "the file lies on NFS";
+      return "the file is on NFS";
     case qz::directIoTestFailed:
       return "the file system could not be examined";
     case qz::directIoNoMemory:

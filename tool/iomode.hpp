@@ -34,8 +34,8 @@ struct IoOutcome {
 
 // The alignment that direct I/O on a file needs: page size, header size and memory addresses must
 // be multiples of this many bytes. 0: the system moves the file through its cache even with
-// O_DIRECT. kDirectAlignment if the system does not tell (Linux before 6.1, most file systems other
-// than ext4 and xfs).
+// O_DIRECT. kDirectAlignment if the system does not report it (Linux before 6.1, most file systems
+// other than ext4 and xfs).
 std::int64_t directAlignmentOf(const std::string& path);
 
 // Chooses the mode to open a file with. alignment: directAlignmentOf the file. fileBytes: nothing

@@ -153,7 +153,7 @@ void NewFile::commit() {
 void NewFile::settlePermissions() const {
   struct stat info = {};
   if (fstat(fd_, &info) != 0) {
-    throw systemFailure(Purpose::output, "cannot read the permissions of", shown_, errno);
+    throw systemFailure(Purpose::output, "cannot read the permissions", shown_, errno);
   }
   mode_t mode = mode_;
   gid_t group = info.st_gid;

@@ -28,7 +28,7 @@ std::int64_t defaultPageSize(Session& session, const std::string& name) {
   qz::PageSizeRequest request{};
   request.minimumSize = kDirectAlignment;
   if (const auto chosen = file.choosePageSize(request); !chosen) {
-    throw moduleFailure(Purpose::output, "cannot choose a page size for", name, chosen.error());
+    throw moduleFailure(Purpose::output, "cannot choose a page size", name, chosen.error());
   }
   return file.settings().pageSize;
 }

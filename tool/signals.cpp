@@ -11,7 +11,7 @@
 namespace qzpfile {
 namespace {
 
-// Signals that end a program by default and do not report a fault of its own.
+// Signals that end a program by default and are not the program's own fault.
 constexpr int kEndSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGPIPE,   SIGALRM,
                                SIGTERM, SIGUSR2, SIGXCPU, SIGVTALRM, SIGPROF};
 

@@ -109,7 +109,7 @@ std::optional<std::int64_t> Input::size() const {
   struct stat info = {};
   if (!isRegular_) return std::nullopt;
   if (fstat(fd_, &info) != 0) {
-    throw systemFailure(Purpose::input, "cannot tell the size of", name_, errno);
+    throw systemFailure(Purpose::input, "cannot find the size", name_, errno);
   }
   const off_t position = std::max<off_t>(lseek(fd_, 0, SEEK_CUR), 0);
   return std::max<off_t>(info.st_size - position, 0);
@@ -119,7 +119,8 @@ void Input::makeSizeKnown(const std::string& folder, Progress& progress) {
   if (isRegular_) return;
   int spool = open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (spool < 0) spool = open("/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-  if (spool < 0) throw systemFailure(Purpose::output, "cannot make a file for", name_, errno);
+  if (spool < 0)
+    throw systemFailure(Purpose::output, "cannot create a temporary file", name_, errno);
   const AlignedBuffer batch(kPendingBytes);
   try {
     Output output(spool, "a temporary file");

@@ -80,7 +80,7 @@ class Cache {
         oldest_ = oldest_ + 1 == buffers_.size() ? 0 : oldest_ + 1;
       }
     });
-    if (hits != 0) throw Failure("a page was found that had gone");
+    if (hits != 0) throw Failure("a removed page was found");
     return sample;
   }
 

@@ -32,7 +32,7 @@ class Destinations {
   char* place(std::size_t i, bool contiguous) const {
     return area() + (contiguous ? i : shuffled_[i]) * static_cast<std::size_t>(pageSize_);
   }
-  // Pages from `first` on lie where they belong.
+  // True if all pages from `first` on are at their addresses.
   bool arePages(std::int64_t first, bool contiguous) const {
     bool right = true;
     for (std::size_t i = 0; i < kRun; ++i) {

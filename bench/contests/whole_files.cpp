@@ -32,7 +32,7 @@ struct Mode {
   const char* name;
   const char* transfers;  // bytes per transfer
   bool direct;
-  bool inMemory;  // where the files lie
+  bool inMemory;  // place of the files
 };
 // In memory, no disk hides the time of the programs themselves.
 constexpr Mode kModes[] = {{"buffered", "64K", false, true},

@@ -1,5 +1,5 @@
-// Where the memory of a pool comes from. A store records every block in use, so it refuses a
-// foreign or freed address without reading from it.
+// The memory of a pool. A store records every block in use, so it refuses a foreign or freed
+// address without reading from it.
 #pragma once
 
 #include <array>
@@ -16,8 +16,8 @@ namespace qz {
 inline constexpr std::size_t kStorePage = 4096;
 inline constexpr std::size_t kRegionBytes = std::size_t{2} << 20U;  // also a huge page
 
-// The alignment that direct I/O needs for a block: pages below 4096 bytes go to disks with sectors
-// of 512 bytes.
+// The alignment that direct I/O needs for a block: pages below 4096 bytes are used on disks with
+// sectors of 512 bytes.
 constexpr std::size_t alignmentOf(std::size_t blockBytes) {
   constexpr std::size_t kSector = 512;
   if (blockBytes >= kStorePage) return kStorePage;
@@ -26,15 +26,16 @@ constexpr std::size_t alignmentOf(std::size_t blockBytes) {
 
 // A block that a store has allocated.
 struct Allocation {
-  void* address;  // null: there is no memory
-  bool isZero;    // all of it: the system has just mapped it
+  void* address;  // null: memory ran out
+  bool isZero;    // all bytes of it, because the system has just mapped it
 };
 
 // The largest block: 4 GiB, or 2 GiB where an address has 32 bits. A larger request is refused.
 inline constexpr std::size_t kLargestBlock =
     sizeof(void*) == 8 ? std::size_t{1} << (sizeof(void*) * 4) : std::size_t{1} << 31U;
 
-// A list through the `next` and `prev` of its items: joining and leaving take no memory.
+// A list that links its items through their `next` and `prev`: adding and removing items takes no
+// memory.
 template <class Item>
 struct RoomyList {
   Item* head = nullptr;
@@ -51,15 +52,15 @@ struct RoomyList {
   }
 };
 
-// Memory in regions of 2 MiB that lie at multiples of 2 MiB.
+// Memory in regions of 2 MiB, aligned to 2 MiB.
 //
-// Blocks below a page come from slabs: 64 KiB cut into slots of one size, which are whole cache
-// lines, so that threads that use different blocks do not wait for each other's stores. Larger ones
-// take whole pages of a region. Blocks of 64 KiB and more use regions advised for huge pages,
-// because in ordinary memory a disk transfer needs one segment per page. Blocks larger than a
-// region are mapped on their own. Bookkeeping lies apart from the blocks. Free memory goes back
-// to the system, but for one empty region and slab of each kind and a few mappings: a file
-// that is closed and opened again uses them without having them mapped and cleared once more.
+// Blocks smaller than a page come from slabs: 64 KiB divided into slots of one size, which are
+// whole cache lines, so that threads that use different blocks do not wait for each other's stores.
+// Larger blocks take whole pages of a region. Blocks of 64 KiB and more use regions advised for
+// huge pages, because in ordinary memory a disk transfer needs one segment per page. Blocks larger
+// than a region have their own mappings. Bookkeeping is kept apart from the blocks. Free memory
+// goes back to the system, except one empty region and slab of each kind and a few mappings: a file
+// that is closed and opened again uses them without mapping and clearing them again.
 class RegionStore {
  public:
   RegionStore();
@@ -70,8 +71,8 @@ class RegionStore {
   // A block aligned as alignmentOf says.
   Allocation allocate(std::size_t bytes) noexcept;
 
-  // Frees a block. Returns the bytes that were asked for; no value for an address that is no block
-  // of this store.
+  // Frees a block. Returns its requested size; no value if the address is not a block of this
+  // store.
   std::optional<std::size_t> release(void* block) noexcept;
 
  private:
@@ -83,7 +84,7 @@ class RegionStore {
   };
   static constexpr std::size_t kSlotSizes = 11;
 
-  // Free pages in a row. A null region: there is no memory.
+  // Consecutive free pages. A null region: memory ran out.
   struct PageRun {
     Region* region;
     std::size_t first;
@@ -107,11 +108,11 @@ class RegionStore {
   std::array<RoomyList<Slab>, kSlotSizes> roomySlabs_;  // with a free slot
   std::array<std::size_t, kSlotSizes> emptySlabs_ = {};
   std::unordered_map<void*, Mapping> mappings_;
-  std::vector<std::pair<char*, std::size_t>> spareMappings_;  // with their bytes
+  std::vector<std::pair<char*, std::size_t>> spareMappings_;  // with their sizes
   std::size_t spareBytes_ = 0;
 };
 
-// One heap block for each, so that a sanitizer sees accesses beyond its ends and after it was
+// One heap block for each block, so that a sanitizer sees accesses outside it and after it was
 // freed.
 class HeapStore {
  public:
@@ -125,7 +126,7 @@ class HeapStore {
   std::optional<std::size_t> release(void* block) noexcept;
 
  private:
-  std::unordered_map<void*, std::size_t> blocks_;  // bytes asked for
+  std::unordered_map<void*, std::size_t> blocks_;  // requested bytes
 };
 
 #ifdef __SANITIZE_ADDRESS__

@@ -123,7 +123,7 @@ constexpr HostText kHostTexts[] = {
     {hostUnsupportedFile,
      "The host opens only regular files and block devices of a size that it "
      "can address"},
-    {hostForeignBlock, "The memory to be freed is no block in use of this pool"},
+    {hostForeignBlock, "The memory to be freed is not a block in use of this pool"},
     {hostBlocksLive, "A memory pool was destroyed while blocks of it were in use"},
     {hostTextTooLong, "A text does not fit its buffer"},
     {hostBadText, "A text is missing or its length is beyond reason"},

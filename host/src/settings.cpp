@@ -119,7 +119,7 @@ Io obtainedOf(const FileHandle& handle) {
 std::string whyBuffered(const FileHandle& handle) {
   switch (handle.directIoSupport) {
     case directIoNfs:
-      return "the file lies on NFS";
+      return "the file is on NFS";
     case directIoTestFailed:
       return "the file system could not be examined";
     case directIoNoMemory:

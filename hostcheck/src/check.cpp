@@ -52,7 +52,7 @@ std::string tell(const Check& check, const Trial& trial) {
   } catch (const Untested& untested) {
     return "n" + untested.why;
   } catch (const std::bad_alloc&) {
-    return "nthere is no memory left for the check";
+    return "nmemory ran out in the check";
   } catch (...) {
     return "xan operation of the host threw an exception";
   }

@@ -61,7 +61,7 @@ void statusAndFileAgree(const Trial& trial) {
   promised(good && good.status == 0, "fileOpen of a file gives " + descriptionOf(good));
   const Opened absent(trial, wide(pathOf(trial, "absent")), openflag::readOnly, kShared);
   promised(!absent && absent.status != 0 && absent.status != 0x5A5A5A5A,
-           "fileOpen of a file that is not there gives " + descriptionOf(absent));
+           "fileOpen of a missing file gives " + descriptionOf(absent));
 }
 
 void filesAreOpenedAsAsked(const Trial& trial) {
@@ -82,7 +82,7 @@ void filesAreOpenedAsAsked(const Trial& trial) {
     const std::string path = pathOf(trial, permissions == 0666 ? "all" : "some");
     mustOpen(trial, wide(path), openflag::readWrite | openflag::create, kExclusive, permissions);
     struct stat64 about {};
-    needed(stat64(path.c_str(), &about) == 0, "a new file is not there");
+    needed(stat64(path.c_str(), &about) == 0, "a new file does not exist");
     promised((about.st_mode & 07777) == permissions, "a new file has permissions " +
                                                          hex(about.st_mode & 07777) +
                                                          " instead of " + hex(permissions));
@@ -119,17 +119,17 @@ void sizesAreToldWhole(const Trial& trial) {
 
 void failuresHaveTheirErrorNumber(const Trial& trial) {
   const Opened absent(trial, wide(pathOf(trial, "absent")), openflag::readOnly, kShared);
-  needed(!absent, "a file that is not there was opened");
+  needed(!absent, "a missing file was opened");
   promised(absent.parameters.systemErrno == ENOENT,
-           "a file that is not there gives error number " +
-               std::to_string(absent.parameters.systemErrno) + " instead of 2");
+           "a missing file gives error number " + std::to_string(absent.parameters.systemErrno) +
+               " instead of 2");
   const Opened good =
       mustOpen(trial, makeFile(trial, "file", 100), openflag::readWrite, kExclusive);
   promised(good.parameters.systemErrno == 0,
            "a success leaves error number " + std::to_string(good.parameters.systemErrno));
 }
 
-// False where the system takes direct I/O for that file all the same.
+// False if the system accepts direct I/O for that file.
 bool isDirectIoRefused() {
   const int fd = open64(kRefusesDirectIo, O_RDONLY | O_DIRECT);
   const int error = errno;
@@ -164,10 +164,10 @@ void reopensKeepTheFile(const Trial& trial) {
   const FileInfo before = *stays.file->fileInfo;
   OpenParameters direct = parametersFor(refusing, openflag::readOnly | openflag::direct);
   needed(stays.file->fileMethods->fileReopen(stays.file, &direct, kReadUnlocked, nullptr) != 0,
-         "fileReopen took direct I/O where the system refuses it");
+         "fileReopen accepted direct I/O that the system refuses");
   promised(stays.fd() == before.fd && stays.size() == before.size &&
                pread64(stays.fd(), data, 5, 0) == 5,
-           "after a fileReopen that failed the host file is not as it was");
+           "a failed fileReopen changed the host file");
 }
 
 void closesEndTheFile(const Trial& trial) {
@@ -177,7 +177,7 @@ void closesEndTheFile(const Trial& trial) {
   HostStatus status = kept.close(false, trial.journal);
   promised(status == 0, "fileClose returns " + hex(status));
   promised(fcntl(fd, F_GETFD) == -1, "the descriptor is open after fileClose");
-  promised(exists(name), "fileClose removes a file unasked");
+  promised(exists(name), "fileClose removes a file that was to stay");
   status = mustOpen(trial, name, openflag::readWrite, kExclusive).close(true, trial.journal);
   promised(status == 0 && !exists(name), "fileClose with remove at close returns " + hex(status) +
                                              (exists(name) ? " and leaves the file" : ""));
@@ -199,7 +199,7 @@ void failuresAreReported(const Trial& trial) {
   const Opened unheard(trial, name, openflag::readOnly, kShared, 0666, nullptr);
   const std::size_t before = trial.entries().size();
   const Opened absent(trial, name, openflag::readOnly, kShared);
-  needed(!unheard && !absent, "a file that is not there was opened");
+  needed(!unheard && !absent, "a missing file was opened");
   const std::vector<std::string> entries = trial.entries();
   promised(entries.size() > before && entries.back().find(narrow(name)) != std::string::npos,
            "a failed open has no entry with the file's name");
@@ -224,7 +224,7 @@ void statusesHaveTheirMeaning(const Trial& trial) {
   needed(symlink(loop.c_str(), loop.c_str()) == 0 && mkfifo(pipe.c_str(), 0666) == 0,
          "no link or pipe can be made");
   const Cause causes[] = {
-      {"a file that is not there", pathOf(trial, "absent"), openflag::readOnly, kFileNotFound},
+      {"a missing file", pathOf(trial, "absent"), openflag::readOnly, kFileNotFound},
       {"a folder on the way that is a file", pathOf(trial, "file/x"), 0, kFileNotFound},
       {"a folder", trial.folder, openflag::readWrite, kIsDirectory},
       {"no name", "", openflag::readOnly, kBadName},
@@ -274,12 +274,12 @@ constexpr Check kChecks[] = {
     {39, "descriptors begin at 0 and reach beyond 4 GiB", descriptorsReachEverywhere},
     {40, "fileInfo has the descriptor and the size", sizesAreToldWhole},
     {41, "a failure has its error number, a success has 0", failuresHaveTheirErrorNumber},
-    {42, "error number 22 tells that direct I/O is refused", refusedDirectIoIsTold},
+    {42, "error number 22 means that direct I/O is refused", refusedDirectIoIsTold},
     {43, "fileReopen keeps the host file", reopensKeepTheFile},
     {44, "fileClose ends the host file, and removes when asked", closesEndTheFile},
     {45, "the host reports failed opens, with the file's name", failuresAreReported},
     {46, "statuses of the file service have their meanings", statusesHaveTheirMeaning},
-    {48, "locks keep others out", locksKeepOthersOut},
+    {48, "locks exclude other opens", locksKeepOthersOut},
 };
 
 }  // namespace

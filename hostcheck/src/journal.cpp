@@ -87,7 +87,7 @@ void insertsAreTakenInOrder(const Trial& trial) {
       first != std::u32string::npos && both.find(U"second insert", first) != std::u32string::npos,
       "the text of " + hex(kAccessNote) +
           " does not have its two inserts in their order: " + narrow(both));
-  textOf(trial, kFileNameLine, nullptr, nullptr);  // null is a name that is not there
+  textOf(trial, kFileNameLine, nullptr, nullptr);  // null: there is no name
   if (trial.options.entries == nullptr) return;
   const std::size_t before = trial.entries().size();
   constexpr std::u32string_view text = U"%s has %d pages, %s";
@@ -190,11 +190,11 @@ constexpr Check kChecks[] = {
     {17, "texts have the length that is given", textsHaveALength},
     {18, "inserts are taken in their order", insertsAreTakenInOrder},
     {19, "every status has a text, also one of a later module", everyStatusHasAText},
-    {20, "texts of statuses take the inserts that they get", textsTakeTheInsertsTheyGet},
+    {20, "texts of statuses use the inserts that they get", textsTakeTheInsertsTheyGet},
     {21, "statusToBuf stays within the capacity", buffersAreNotExceeded},
     {22, "statusToBuf refuses a text that does not fit", textsThatDoNotFitAreRefused},
     {23, "percent signs of inserts are doubled", percentSignsAreDoubled},
-    {24, "the line with the file's name separates itself", theNameLineSeparatesItself},
+    {24, "the file-name line begins with a separator", theNameLineSeparatesItself},
     {25, "messages and statuses make one entry each", entriesAreMade},
 };
 

@@ -159,7 +159,7 @@ void tasksReturn(const Trial& trial) {
 constexpr Check kChecks[] = {
     {1, "slots are filled", slotsAreFilled},
     {2, "nothing is thrown through the module", nothingIsThrown},
-    {3, "what makes something returns its address, or null", makersReturnAnAddressOrNull},
+    {3, "operations that create objects return an address, or null", makersReturnAnAddressOrNull},
     {4, "records stay where they are", recordsStay},
     {5, "several threads may use the host", threadsMayUseIt},
     {6, "the order of calls", aboutTheHostsCalls},

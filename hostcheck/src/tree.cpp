@@ -95,7 +95,7 @@ void missingKeysChangeNothing(const Trial& trial) {
     tree.find(node.key + 1);
     tree.remove(node.key + 1);
   }
-  promised(findsAll(tree, nodes), "a node is gone after keys were removed that were not there");
+  promised(findsAll(tree, nodes), "a node is lost after missing keys were removed");
 }
 
 void insertingTwiceChangesNothing(const Trial& trial) {
@@ -104,7 +104,7 @@ void insertingTwiceChangesNothing(const Trial& trial) {
   insertAll(tree, nodes);
   needed(findsAll(tree, nodes), "the tree does not find what was inserted");
   insertAll(tree, nodes);
-  promised(findsAll(tree, nodes), "a node is gone after it was inserted again");
+  promised(findsAll(tree, nodes), "a node is lost after it was inserted again");
   for (const Node& node : nodes) tree.remove(node.key);
   for (const Node& node : nodes) {
     promised(tree.find(node.key) == nullptr, "a node that was inserted twice was removed once");
@@ -208,7 +208,7 @@ void guardsPair(const Trial& trial) {
 }
 
 constexpr Check kChecks[] = {
-    {26, "a key leads to its one node", keysLeadToNodes},
+    {26, "each key finds its one node", keysLeadToNodes},
     {27, "finding or removing a missing key changes nothing", missingKeysChangeNothing},
     {28, "inserting a node that is there changes nothing", insertingTwiceChangesNothing},
     {29, "an insert takes no memory", insertsTakeNoMemory},

@@ -1,4 +1,4 @@
-// The module behind the trace.
+// The module that the trace loads.
 #pragma once
 
 #include "qzpos.h"
