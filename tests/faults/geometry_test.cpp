@@ -99,10 +99,10 @@ TEST_F(GeometryTest, PagesOfOneGiB) {
       GTEST_SKIP() << "this machine has no memory for pages of 1 GiB: " << nameOf(shape);
     }
     calls().plan({{Call::pread, 1, 1, kGiB}, {Call::pwrite, 1, 1, kGiB}});
-    EXPECT_EQ(did(read(4)), fmt::format("ok pread {}@{}", kGiB, 511 + 3 * std::int64_t{kGiB}));
+    EXPECT_EQ(did(read(4)), fmt::format("ok: pread {} at {}", kGiB, 511 + 3 * std::int64_t{kGiB}));
     EXPECT_EQ(did(write(4, at)),
-              fmt::format("ok pwrite {}@{}", kGiB, 511 + 3 * std::int64_t{kGiB}));
-    EXPECT_EQ(did(truncate(2)), fmt::format("ok lseek {0} ftruncate {0}", bytesFor(2)));
+              fmt::format("ok: pwrite {} at {}", kGiB, 511 + 3 * std::int64_t{kGiB}));
+    EXPECT_EQ(did(truncate(2)), fmt::format("ok: lseek {0}, ftruncate {0}", bytesFor(2)));
     EXPECT_EQ(close(), Status::ok);
   }
 }

@@ -27,9 +27,9 @@ std::string outputOf(const std::string& command) {
   return output;
 }
 
-// The module may take over no name of its host, and no call of the C library behind the host's
-// back.
-TEST(Library, ExportsItsNamesAndImportsNoFormatter) {
+// An export beyond these could replace a function of the host. An import of an allocator, of file
+// or formatting functions would act without the host.
+TEST(Library, ExportsAndImportsNothingBeyondItsContract) {
   const std::string names = " " QZIOP_MODULE " | sed 's/[@ ].*//' | LC_ALL=C sort | xargs echo";
   std::set<std::string> expected(kOperations.begin(), kOperations.end());
   expected.insert({"Exported_QZHandle", "qziop", "qzextent", "qzWait", "qzlMessageToBuf",
@@ -39,7 +39,7 @@ TEST(Library, ExportsItsNamesAndImportsNoFormatter) {
             fmt::format("{}\n", fmt::join(expected, " ")));
   const std::string imported = " " + outputOf("nm -DP --undefined-only" + names);
   EXPECT_NE(imported.find(" fsync "), std::string::npos) << "imports were not understood";
-  // Of allocators only the one that the tests watch.
+  // calloc is allowed: the module's index of records uses it.
   for (const char* name :
        {"malloc", "realloc", "_Znwm", "_Znwj", "_ZdlPv", "aligned_alloc", "snprintf", "vsnprintf",
         "printf", "open", "open64", "close", "unlink", "pthread_create", "pthread_mutex_lock"}) {
@@ -47,7 +47,7 @@ TEST(Library, ExportsItsNamesAndImportsNoFormatter) {
   }
 }
 
-// Programs are linked to the name with the first number only; the file has the whole version.
+// Programs link to the name with the major version only; the file's name has the whole version.
 TEST(Library, IsHardenedAndVersioned) {
   const std::string text = outputOf("readelf -W -d -l " QZIOP_MODULE "; readlink -f " QZIOP_MODULE);
   for (const char* wanted :
@@ -58,6 +58,7 @@ TEST(Library, IsHardenedAndVersioned) {
 
 class EntryTest : public ScriptTest {
  protected:
+  // Calls the entry function with these faults.
   qz::ExtensionObject* enter(const std::string& faults) {
     play("fail " + faults);
     calls().clear();
@@ -66,8 +67,8 @@ class EntryTest : public ScriptTest {
   }
 };
 
-// Hosts read these fields at fixed offsets.
-TEST_F(EntryTest, ExtensionObject) {
+// Hosts find the module's names, pools, operations and versions in this object.
+TEST_F(EntryTest, TheExtensionObjectIsFilledIn) {
   EXPECT_EQ(std::string(module->eyecatcher, 4), "nevo");
   EXPECT_EQ(std::string(module->nameText, 12), "QZ Paged I/O");
   EXPECT_TRUE(module->objectName == module->nameText && module->host == host.handle());
@@ -78,33 +79,43 @@ TEST_F(EntryTest, ExtensionObject) {
   for (std::size_t i = 0; i < kOperations.size(); ++i)
     EXPECT_EQ(slots[i], Library::get().symbol(kOperations.at(i))) << kOperations.at(i);
   EXPECT_EQ(reinterpret_cast<void*>(module->qzpdestroy), Library::get().symbol("qzpdestroy"));
-  std::uint32_t v[3];
+  using Version = std::array<std::uint32_t, 3>;
+  Version v;
   EXPECT_EQ(module->qzpgetreqversion(nullptr, &v[0], &v[1], &v[2]), Status::ok);
-  EXPECT_TRUE(v[0] == 3 && v[1] == 2 && v[2] == 1);
+  EXPECT_EQ(v, (Version{3, 2, 1})) << "the version of the host that the module requires";
   EXPECT_EQ(module->qzpgetversion(nullptr, &v[0], &v[1], &v[2]), Status::ok);
-  EXPECT_TRUE(v[0] == 3 && v[1] == 3 && v[2] == 1);
+  EXPECT_EQ(v, (Version{3, 3, 1})) << "the module's own version";
 }
 
-// A host that refuses one step must get back everything made before it.
-TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
+// If one step of the start fails, everything made before it must be freed, last first, and each
+// refusal to free be journalled.
+TEST_F(EntryTest, AFailedStartFreesWhatItMade) {
   const std::string made =
-      fmt::format("poolCreate:m poolCreate:b memAlloc:m{}", sizeof(qz::ExtensionObject));
-  const std::string services = made + " extensionLoad:e converterCreate:c!";
-  const std::string undone = " memFree:m destroy:b destroy:m";
-  // The calls; the journal's entries; those where releases are refused.
+      fmt::format("poolCreate modulePool, poolCreate bufferPool, memAlloc modulePool {}",
+                  sizeof(qz::ExtensionObject));
+  const std::string services = made + ", extensionLoad, converterCreate fails";
+  const std::string undone = ", memFree modulePool, destroy bufferPool, destroy modulePool";
+  const std::string noFree = "error hostForeignBlock";
+  const std::string noDestroy = "error hostBlocksLive";
+  // The fault; the host calls; the journal's entries; the entries where memFree and destroy fail,
+  // too.
   const std::array<std::string, 4> rows[] = {
-      {"poolCreate", "poolCreate:m!", "", ""},
-      {"poolCreate number 2", "poolCreate:m poolCreate:b! destroy:m", "", "error 0x2"},
-      {"memAlloc", made + "! destroy:b destroy:m", "error noMemory",
-       "error noMemory, error 0x2, error 0x2"},
-      {"extensionLoad", made + " extensionLoad:e!" + undone, "", "error 0x1, error 0x2, error 0x2"},
-      {"converterCreate", services + " destroy:e" + undone, "",
-       "error 0x2, error 0x1, error 0x2, error 0x2"}};
+      {"poolCreate", "poolCreate modulePool fails", "", ""},
+      {"poolCreate number 2",
+       "poolCreate modulePool, poolCreate bufferPool fails, destroy modulePool", "", noDestroy},
+      {"memAlloc", made + " fails, destroy bufferPool, destroy modulePool", "error noMemory",
+       fmt::format("error noMemory, {0}, {0}", noDestroy)},
+      {"extensionLoad", made + ", extensionLoad fails" + undone, "",
+       fmt::format("{0}, {1}, {1}", noFree, noDestroy)},
+      {"converterCreate", services + ", destroy extension" + undone, "",
+       fmt::format("{1}, {0}, {1}, {1}", noFree, noDestroy)}};
   for (const auto& [fault, hostCalls, journalled, refused] : rows) {
     EXPECT_EQ(enter(fault), nullptr);
     EXPECT_EQ(calls().hostCalls(), hostCalls);
     EXPECT_EQ(recorder.entries, journalled);
-    EXPECT_EQ(enter(fault + " and destroy always with 2 and memFree always with 1"), nullptr);
+    EXPECT_EQ(enter(fault + " and destroy always with hostBlocksLive"
+                            " and memFree always with hostForeignBlock"),
+              nullptr);
     EXPECT_EQ(recorder.entries, refused);
     journal = nullptr;
     EXPECT_EQ(enter(fault), nullptr);
@@ -113,23 +124,33 @@ TEST_F(EntryTest, UnwindsInOrderFromEveryFailure) {
   }
 }
 
-// A pool with blocks left is a leak that only this status shows.
-TEST_F(EntryTest, DestroyReleasesAllAndReturnsTheModulePoolsStatus) {
-  const std::pair<std::string, std::string> rows[] = {
-      {"nothing", "destroy:c destroy:e destroy:b memFree:m destroy:m"},
-      {"destroy times 3 with hostBlocksLive",
-       "destroy:c! destroy:e! destroy:b! memFree:m destroy:m"},
-      {"destroy number 4 with hostBlocksLive",
-       "destroy:c destroy:e destroy:b memFree:m destroy:m!"}};
-  for (const auto& [faults, hostCalls] : rows) {
+// Only the status of the module pool tells the host that blocks leaked: qzpdestroy must return it,
+// and destroy everything else whatever that returns.
+TEST_F(EntryTest, DestroyEndsAllAndReturnsTheModulePoolsStatus) {
+  const struct {
+    const char* faults;
+    const char* hostCalls;
+    qz::HostStatus status;
+  } rows[] = {{"nothing",
+               "destroy converter, destroy extension, destroy bufferPool, memFree modulePool, "
+               "destroy modulePool",
+               qz::hostOk},
+              {"destroy times 3 with hostBlocksLive",
+               "destroy converter fails, destroy extension fails, destroy bufferPool fails, "
+               "memFree modulePool, destroy modulePool",
+               qz::hostOk},
+              {"destroy number 4 with hostBlocksLive",
+               "destroy converter, destroy extension, destroy bufferPool, memFree modulePool, "
+               "destroy modulePool fails",
+               qz::hostBlocksLive}};
+  for (const auto& [faults, hostCalls, status] : rows) {
     qz::ExtensionObject* second = enter("nothing");
     ASSERT_NE(second, nullptr);
-    EXPECT_EQ(calls().at(Call::poolCreate, 0).offset, 0);
-    EXPECT_EQ(calls().at(Call::poolCreate, 1).offset, 0x100000);
+    EXPECT_EQ(calls().at(Call::poolCreate, 0).offset, 0) << "a pool of records";
+    EXPECT_EQ(calls().at(Call::poolCreate, 1).offset, 0x100000) << "a pool of data areas";
     calls().clear();
-    play("fail " + faults);
-    EXPECT_EQ(second->qzpdestroy(second),
-              hostCalls.back() == '!' ? qz::hostBlocksLive : qz::hostOk);
+    play(std::string("fail ") + faults);
+    EXPECT_EQ(second->qzpdestroy(second), status);
     EXPECT_EQ(calls().hostCalls(), hostCalls);
     EXPECT_EQ(recorder.entries, "");
   }
@@ -137,18 +158,19 @@ TEST_F(EntryTest, DestroyReleasesAllAndReturnsTheModulePoolsStatus) {
 
 qz::Task tasks[3];
 qz::Task* currentTask = nullptr;
-std::string waited;  // which task, and how
+std::string waited;  // the tasks that waited, with their arguments
 
-// The other services are seen with the host's own journal.
-TEST(Wait, ResolvesItsTask) {
-  // The flag as a full word: only its low byte may arrive.
+// qzWait must reach the task that it was given, else the host's current task, else its main task.
+// Without a host or a task it must fail, not crash.
+TEST(Wait, FindsItsTask) {
+  // Called with a whole word as the flag: only its low byte may arrive.
   using Wait = qz::HostStatus(void*, qz::Word, qz::Word, qz::Word, unsigned, unsigned);
   auto* const wait = reinterpret_cast<Wait*>(Library::get().symbol("qzWait"));
   for (qz::Task& task : tasks) {
     task.taskWait = [](qz::Task* self, qz::Word a1, qz::Word a2, qz::Word a3, std::uint8_t flag,
                        std::uint32_t time) -> qz::HostStatus {
       waited += fmt::format("{}: {} {} {} {} {};", self - tasks, a1, a2, a3, flag, time);
-      return 77;
+      return qz::hostTryAgain;
     };
   }
   qz::QZHandle host{};
@@ -156,38 +178,37 @@ TEST(Wait, ResolvesItsTask) {
   for (qz::QZHandle* const known : {static_cast<qz::QZHandle*>(nullptr), &host}) {
     EXPECT_EQ(Library::get().qzextent(known), 0U);
     EXPECT_EQ(*static_cast<qz::QZHandle**>(Library::get().symbol("Exported_QZHandle")), known);
-    EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), 0x803FC009);
+    EXPECT_EQ(wait(nullptr, 0, 0, 0, 0, 0), qz::kNoTask);
   }
   host.mainTask = &tasks[1];
-  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), 77);
+  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), qz::hostTryAgain);
   currentTask = tasks;
-  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), 77);
-  EXPECT_EQ(wait(&tasks[2], 1, 2, 3, 0x1FE, 4), 77);
+  EXPECT_EQ(wait(&host, 1, 2, 3, 0x1FE, 4), qz::hostTryAgain);
+  EXPECT_EQ(wait(&tasks[2], 1, 2, 3, 0x1FE, 4), qz::hostTryAgain);
   EXPECT_EQ(waited, "1: 1 2 3 254 4;0: 1 2 3 254 4;2: 1 2 3 254 4;");
 }
 
-// A report is the status's text and the line with the file's name in one message, in a buffer
-// that grows by 4096 bytes as long as the text does not fit.
+// A report is one message of the status's text and the line with the file's name. Its buffer of
+// 4096 bytes, 1024 characters, must grow by 4096 bytes until both fit, and be freed on every way
+// out.
 TEST_F(EntryTest, ReportsGrowTheirBuffer) {
-  // "texts": characters of the message, then the room in the buffer that each text was given.
   playRows(
       R"(
     set textLength <text> nameLineLength <line>; fail <fault>; flush -> <outcome>
-    host -> <calls>; texts -> <length and room>)",
+    hostCalls -> memAlloc modulePool 4096<then>; textCapacities -> <room>; is messageLength <length>)",
       R"(
-text | line | fault | outcome | calls | length and room
-0 | 0 | nothing | notOpen | memAlloc:m4096 memFree:m | 4 [1024 1020]
-1500 | 0 | nothing | notOpen | memAlloc:m4096 memFree:m memAlloc:m8192 memFree:m | 1500 [1024 2048 548]
-4 | 1500 | nothing | notOpen | memAlloc:m4096 memAlloc:m8192 memFree:m memFree:m | 1504 [1024 1020 2044]
-1500 | 0 | memAlloc number 2 | notOpen unreported | memAlloc:m4096 memFree:m memAlloc:m8192! | 0 [1024]
-4 | 1500 | memAlloc number 2 | notOpen unreported | memAlloc:m4096 memAlloc:m8192! memFree:m | 0 [1024 1020]
-0 | 0 | memAlloc | notOpen unreported | memAlloc:m4096! | 0 []
-)"
-      "0 | 0 | memFree with hostForeignBlock | notOpen {report notOpen, error hostForeignBlock} | "
-      "memAlloc:m4096 memFree:m! | 4 [1024 1020]");
+text | line | fault | outcome | then | room | length
+0 | 0 | nothing | notOpen | , memFree modulePool | 1024 1020 | 4
+1500 | 0 | nothing | notOpen | , memFree modulePool, memAlloc modulePool 8192, memFree modulePool | 1024 2048 548 | 1500
+4 | 1500 | nothing | notOpen | , memAlloc modulePool 8192, memFree modulePool, memFree modulePool | 1024 1020 2044 | 1504
+1500 | 0 | memAlloc number 2 | notOpen unreported | , memFree modulePool, memAlloc modulePool 8192 fails | 1024 | 0
+4 | 1500 | memAlloc number 2 | notOpen unreported | , memAlloc modulePool 8192 fails, memFree modulePool | 1024 1020 | 0
+0 | 0 | memAlloc | notOpen unreported |  fails |  | 0
+0 | 0 | memFree with hostForeignBlock | notOpen {report notOpen, error hostForeignBlock} | , memFree modulePool fails | 1024 1020 | 4)");
 }
 
-// A journal whose texts never fit must not make the module ask for more memory for ever.
+// A journal whose texts never fit must not make the module ask for more memory for ever: it gives
+// up after 11 buffers, the last with room for 11264 characters.
 TEST_F(EntryTest, ReportsThatNeverFitAreGivenUp) {
   playRows("set textLength <text> nameLineLength <line>; flush -> <outcome>; count memAlloc 11", R"(
 text | line | outcome
@@ -196,7 +217,7 @@ text | line | outcome
 4 | 11260 | notOpen
 4 | 11261 | notOpen unreported)");
   journal = nullptr;
-  play("flush -> notOpen unreported; host ->");
+  play("flush -> notOpen unreported; hostCalls ->");
 }
 
 }  // namespace

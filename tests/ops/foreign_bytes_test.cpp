@@ -1,5 +1,5 @@
-// Cases in which a read could give bytes that are not the page's, or a file's pages could be
-// lost although the caller asked for neither.
+// Cases in which a read could give a caller the bytes of another page, or a file could lose pages
+// that its caller wanted to keep.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -15,13 +15,13 @@ using qz::Status;
 
 class ForeignBytesTest : public FileTest {
  protected:
-  // Reads a page, which must succeed, and says where it lies.
+  // Reads a page, which must succeed; its address.
   char* reading(std::int64_t page) {
     EXPECT_EQ(read(page), Status::ok) << "page " << page;
     return at;
   }
 
-  // The page as the file has it, by plain calls.
+  // The page in the file, read without the module.
   std::string pageInFile(std::int64_t page) const {
     std::ifstream file(path, std::ios::binary);
     file.seekg(kHeader + (page - 1) * kPage);
@@ -35,9 +35,10 @@ class ForeignBytesTest : public FileTest {
 };
 
 // A replaced close that leaves the file open.
-Status putOff(qz::FileHandle*, std::uint32_t, qz::Journal*) { return Status::ok; }
+Status leaveOpen(qz::FileHandle*, std::uint32_t, qz::Journal*) { return Status::ok; }
 
-// --- A file that was only pre-opened: its size is not known, so it is not taken for empty.
+// --- A close removes a file that is empty. The size of a file that was only pre-opened is not
+// known: it must not count as empty.
 
 TEST_F(ForeignBytesTest, ClosingAPreopenedFileKeepsItsPages) {
   for (const Shape shape : kShapes) {
@@ -82,7 +83,7 @@ TEST_F(ForeignBytesTest, AnOpenThatFailsAfterAPreopenKeepsAnEmptyFile) {
   EXPECT_EQ(bytesOnDisk(), 0);
 }
 
-// Once the file was open its size is known, and an empty one is not kept.
+// Once the file was open its size is known: an empty file is removed, as without a pre-open.
 TEST_F(ForeignBytesTest, AnEmptyFileThatWasOpenIsRemovedAlsoAfterAPreopen) {
   settle(Shape::buffered);
   makeFile(0, 0);
@@ -93,8 +94,8 @@ TEST_F(ForeignBytesTest, AnEmptyFileThatWasOpenIsRemovedAlsoAfterAPreopen) {
   EXPECT_EQ(bytesOnDisk(), -1);
 }
 
-// A file that could not be cut to nothing still has its pages, and so has one whose deletion
-// failed: the close that detaches it does not take it for empty.
+// A file whose truncate to 0 bytes failed still has its pages, and so has one whose delete failed.
+// Both stay attached; the close that detaches them must not remove them.
 TEST_F(ForeignBytesTest, AFileThatAFailureLeftAttachedIsKept) {
   settle(Shape::buffered);
   makeFile(2);
@@ -107,7 +108,7 @@ TEST_F(ForeignBytesTest, AFileThatAFailureLeftAttachedIsKept) {
   EXPECT_EQ(close(), Status::ok);
   EXPECT_EQ(bytesOnDisk(), kHeader + 2LL * kPage);
 
-  calls().plan({{Call::fileClose, 1, 1, kNotDone, 0x80FFE00C}});
+  calls().plan({{Call::fileClose, 1, 1, kNotDone, qz::hostCloseFailed}});
   EXPECT_EQ(call(&qz::OperationTable::qzpdelete), Status::notRemoved);
   calls().plan({});
   EXPECT_EQ(close(), Status::ok);
@@ -129,9 +130,9 @@ TEST_F(ForeignBytesTest, ReplacingAPreopenedFileLeavesItWithoutPages) {
   }
 }
 
-// --- Runs of pages that one call cannot move: 0x7FFFF000 bytes are the most.
+// --- Runs of more pages than one system call can move.
 
-constexpr std::int64_t kMostBytes = 0x7FFFF000;
+constexpr std::int64_t kMostBytes = 0x7FFFF000;  // of one call, as Linux limits it
 
 TEST_F(ForeignBytesTest, AContiguousRunThatOneCallCannotMoveIsRefused) {
   settle(Shape::buffered);
@@ -140,8 +141,7 @@ TEST_F(ForeignBytesTest, AContiguousRunThatOneCallCannotMoveIsRefused) {
   h->headerSize = 0;
   ASSERT_EQ(open(), Status::ok);
   constexpr auto most = static_cast<std::int32_t>(kMostBytes / 512);
-  // Nothing is moved, so any place will do.
-  qz::PageRequest destination{};
+  qz::PageRequest destination{};  // without memory: the planned pread moves nothing
   const qz::PageRequest* const run[] = {&destination};
   const auto readRun = [&](std::int32_t pages) {
     return call(&qz::OperationTable::qzpreadmany, const_cast<qz::PageRequest* const*>(run),
@@ -168,10 +168,10 @@ TEST_F(ForeignBytesTest, AScatteredRunTakesNoMorePagesIntoACallThanItCanMove) {
   calls().plan({{Call::readv, 1, kEveryLater, kMostBytes}});
   EXPECT_EQ(call(&qz::OperationTable::qzpreadmany, run.data(), std::int64_t{1}, kPages, 0U),
             Status::ok);
-  EXPECT_EQ(did(Status::ok), "ok lseek 0 readv 1023 readv 7");
+  EXPECT_EQ(did(Status::ok), "ok: lseek 0, readv 1023, readv 7");
 }
 
-// --- Cached copies whose page has changed behind them.
+// --- Cached copies that are no longer what the file has.
 
 TEST_F(ForeignBytesTest, ATwiceHeldBufferWrittenAsAnotherPageLosesItsPage) {
   openWith(Shape::direct, 8);
@@ -193,12 +193,12 @@ TEST_F(ForeignBytesTest, AHeldBufferOfATruncatedPageIsNoCopyOfTheNextPageEight) 
   ASSERT_EQ(truncate(7), Status::ok);
   ASSERT_EQ(writeOwn(8, 1), Status::ok);
   reading(8);
-  EXPECT_TRUE(holdsPage(8, 1)) << "the page that was appended, not the one that was cut off";
+  EXPECT_TRUE(holdsPage(8, 1)) << "the page that was appended, not the one before the truncate";
   EXPECT_TRUE(isStamped(old, kPage, 8, 0)) << "the holder of the old page keeps it";
 }
 
-// A page that was returned unwritten is read again before a caller gets it: also after that read
-// came short, where a replaced close left the file open.
+// A page that was returned unwritten must be read again before a caller gets it, even if the first
+// such read comes short. A replaced close leaves the file open after that.
 TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
   const auto original = module->operations.qzpclose;
   const Fault failures[] = {{Call::pread, 1, 1, 100}, {Call::pread, 1, 1, 0}, {Call::pread}};
@@ -209,7 +209,7 @@ TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
     stamp(two, kPage, 2, 9);
     ASSERT_EQ(returnBuffer(two), Status::ok);
 
-    module->operations.qzpclose = putOff;
+    module->operations.qzpclose = leaveOpen;
     calls().plan({failure});
     EXPECT_EQ(read(2), Status::misfit);
     calls().plan({});
@@ -220,9 +220,9 @@ TEST_F(ForeignBytesTest, AStalePageStaysStaleWhenItsRefreshFails) {
   }
 }
 
-// A block that was held before a reopen to single pages is no caller's memory: what is written from
-// it replaces a held copy as well.
-TEST_F(ForeignBytesTest, AWriteFromABlockOfBeforeAReopenReplacesAHeldCopy) {
+// A block that was held when the file was reopened with page buffers is still the module's memory.
+// As with every write from there, a held copy of the page must get the bytes, too.
+TEST_F(ForeignBytesTest, AWriteFromABlockHeldSinceBeforeAReopenUpdatesAHeldCopy) {
   openWith(Shape::block, 8);
   char* const inBlock = reading(5);
   ASSERT_EQ(reopen(Shape::direct), Status::ok);
@@ -233,22 +233,22 @@ TEST_F(ForeignBytesTest, AWriteFromABlockOfBeforeAReopenReplacesAHeldCopy) {
   EXPECT_TRUE(holdsPage(5, 1));
 }
 
-// --- A write whose source overlaps the place where a copy keeps the page: every copy gets the
-// bytes that the file gets.
+// --- A write from memory that overlaps a cached copy of the page: every copy must get the bytes
+// that the file gets.
 
 TEST_F(ForeignBytesTest, CopiesInTwoHeldBlocksTakeAnOverlappingSource) {
-  for (const std::int32_t buffers : {4, 40}) {  // few are walked, many are looked up
+  for (const std::int32_t buffers : {4, 40}) {  // 4 are found by walking lists, 40 by the index
     SCOPED_TRACE(buffers);
     openWith(Shape::block, 8, buffers);
     char* const first = reading(5);
-    // Page 5 comes into a second block: it was collected, and is read back from the file.
+    // Page 5 gets into a second block: it is collected, written back and read again.
     ASSERT_EQ(truncate(4), Status::ok);
     ASSERT_EQ(writeOwn(5, 1), Status::ok);
     char* const second = reading(5);
     ASSERT_NE(first, second);
 
     const std::string written = pageAt(first + 100);
-    calls().plan({{Call::pwrite, 1, 1, kPage}});  // a disk may refuse memory that is not aligned
+    calls().plan({{Call::pwrite, 1, 1, kPage}});  // succeeds on every disk, also unaligned
     ASSERT_EQ(write(5, first + 100), Status::ok);
     calls().plan({});
     EXPECT_TRUE(pageAt(first) == written);
@@ -257,7 +257,7 @@ TEST_F(ForeignBytesTest, CopiesInTwoHeldBlocksTakeAnOverlappingSource) {
   }
 }
 
-TEST_F(ForeignBytesTest, AHeldCopyTakesWhatTheWriteBlockTookFromItself) {
+TEST_F(ForeignBytesTest, AHeldCopyAndTheWriteBlockTakeTheSameBytesFromWithinTheWriteBlock) {
   openWith(Shape::block, 8);
   char* const held = reading(5);
   ASSERT_EQ(truncate(4), Status::ok);
@@ -273,7 +273,7 @@ TEST_F(ForeignBytesTest, AHeldCopyTakesWhatTheWriteBlockTookFromItself) {
   EXPECT_TRUE(pageInFile(5) == written);
 }
 
-// --- Hosts that replace an entry of the table which the module calls itself.
+// --- Hosts that replace entries of the operation table through which the module calls itself.
 
 // Restores the table.
 class ReplacedEntriesTest : public ForeignBytesTest {
@@ -287,7 +287,8 @@ class ReplacedEntriesTest : public ForeignBytesTest {
 };
 qz::OperationTable ReplacedEntriesTest::originals;
 
-// While a short block is judged the replaced close may go on working with the file.
+// The module closes a file whose block came short. A replaced close may read and write other pages
+// of it instead: these must not come from the short block.
 TEST_F(ReplacedEntriesTest, ACloseThatReadsAndWritesOtherPagesOfTheShortFile) {
   for (const std::int32_t buffers : {3, 40}) {
     openWith(Shape::block, 8, buffers);
@@ -315,19 +316,20 @@ TEST_F(ReplacedEntriesTest, ACloseThatReadsAndWritesOtherPagesOfTheShortFile) {
   }
 }
 
-// A host's qzptruncate that closes the file, as a host should that cannot cut it back. The records
-// of the handle are freed while a write uses them.
-Status truncateOrClose(qz::FileHandle* file, std::int64_t, qz::Journal* log) {
+// A replaced truncate that fails and closes the file.
+Status closeInstead(qz::FileHandle* file, std::int64_t, qz::Journal* log) {
   file->ops->operations.qzpclose(file, 0, log);
   return Status::notTruncated;
 }
 
+// After a failed write-back the module truncates. A replaced truncate that closes the file frees
+// the records that the write is using: the write must not touch them again.
 TEST_F(ReplacedEntriesTest, ATruncateThatClosesTheFileAfterAFailedWriteBack) {
   openWith(Shape::block, 4);
   for (const std::int64_t page : {5, 6, 7}) ASSERT_EQ(writeOwn(page), Status::ok);
   ASSERT_EQ(acquire(), Status::ok);
   stamp(at, kPage, 8, 0);
-  module->operations.qzptruncate = truncateOrClose;
+  module->operations.qzptruncate = closeInstead;
   calls().plan({{Call::pwrite}});
   EXPECT_EQ(write(8, at), Status::ioFailed);
   EXPECT_EQ(h->hostFile, nullptr);
@@ -335,15 +337,15 @@ TEST_F(ReplacedEntriesTest, ATruncateThatClosesTheFileAfterAFailedWriteBack) {
   module->operations = originals;
   openWith(Shape::block, 4);
   ASSERT_EQ(writeOwn(5), Status::ok);
-  module->operations.qzptruncate = truncateOrClose;
+  module->operations.qzptruncate = closeInstead;
   calls().plan({{Call::pwrite}});
   EXPECT_EQ(close(), Status::ioFailed);
   EXPECT_EQ(h->hostFile, nullptr);
 }
 
-// A host's qzptruncate may do nothing. After a failed write-back the write block then still has
+// A replaced truncate may do nothing. After a failed write-back the write block then still has
 // pages 5 and 6 of 7, and the next append must go straight to the file. The calls bypass the
-// script's checks because the write block's invariant does not hold here.
+// fixture's checks because the write block's invariant does not hold here.
 TEST_F(ReplacedEntriesTest, AnAppendAfterACutBackThatWasLeftUndone) {
   openWith(Shape::block, 4);
   for (const std::int64_t page : {5, 6, 7}) ASSERT_EQ(writeOwn(page), Status::ok);
@@ -362,7 +364,7 @@ TEST_F(ReplacedEntriesTest, AnAppendAfterACutBackThatWasLeftUndone) {
   ASSERT_EQ(originals.qzpwrite(h, &append, journal), Status::ok);
   EXPECT_TRUE(onDisk(8, 1));
   module->operations = originals;
-  EXPECT_EQ(truncate(5), Status::ok) << "brings pages and write block together again";
+  EXPECT_EQ(truncate(5), Status::ok) << "page count and write block agree again";
 }
 
 }  // namespace

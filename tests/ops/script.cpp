@@ -51,12 +51,13 @@ Call callOf(const std::string& name) {
   throw std::invalid_argument("no call: " + name);
 }
 
+// "text" or "text(detail, detail)".
 std::string withDetails(const std::string& text, const std::vector<std::string>& details) {
   return details.empty() ? text : fmt::format("{}({})", text, fmt::join(details, ", "));
 }
 
-// Its page, with its holds where there are several and its valid bytes where they are not a page:
-// "5(2 holds, 100 bytes)".
+// A page buffer: its page; its holds if there are several; its valid bytes unless they are one
+// page: "5(2 holds, 100 bytes)".
 std::string shown(const qz::PageBuffer& buffer) {
   if (buffer.pageNumber == 0) return "empty";
   std::vector<std::string> details;
@@ -65,9 +66,9 @@ std::string shown(const qz::PageBuffer& buffer) {
   return withDetails(std::to_string(buffer.pageNumber), details);
 }
 
-// Its pages, with its holds where there are several, its stale pages among the first eight, and its
-// valid bytes where they are not those of its pages: "5-8(2 holds, stale 5 6, 100 bytes)". An empty
-// block has the places of its stale bits, from 1: "empty(stale slot 1)".
+// A block: its pages; its holds if there are several; its stale pages among the first eight; its
+// valid bytes unless they are those of its pages: "5-8(2 holds, stale 5 6, 100 bytes)". An empty
+// block has no page numbers, so its stale pages are counted from 1: "empty(stale slot 1)".
 std::string shown(const qz::BlockRecord& block) {
   const bool empty = block.firstPage == 0;
   const std::int64_t pages = empty ? 0 : block.lastPage - block.firstPage + 1;
@@ -120,13 +121,13 @@ std::map<std::string, Field> fieldsOf(qz::FileHandle& h) {
 }
 
 std::string listsOf(const qz::FileHandle& h) {
-  std::string text = shown("free", h.pageFreeList) + shown("held", h.pageHeldList) +
-                     shown("blocks", h.blockFreeList) + shown("heldBlocks", h.blockHeldList) +
-                     shown("acquired", h.blockAcquiredList);
+  std::string text = shown("freePages", h.pageFreeList) + shown("heldPages", h.pageHeldList) +
+                     shown("freeBlocks", h.blockFreeList) + shown("heldBlocks", h.blockHeldList) +
+                     shown("acquiredBlocks", h.blockAcquiredList);
   if (const qz::BlockRecord* block = h.writeBlock; block != nullptr) {
     text += block->firstPage == 0 && block->lastPage == 0
-                ? " write empty"
-                : fmt::format(" write {}-{}", block->firstPage, block->lastPage);
+                ? " writeBlock empty"
+                : fmt::format(" writeBlock {}-{}", block->firstPage, block->lastPage);
   }
   return text.empty() ? "none" : text.substr(1);
 }
@@ -141,12 +142,14 @@ std::vector<std::string> columnsOf(const std::string& row) {
   return columns;
 }
 
-// A field's value, after it has been given `value`, if any.
+// Stores `value` in a field of the handle or of the test's journal, if any is given; the field's
+// value.
 std::int64_t fieldOf(World& world, const std::string& name, const std::int64_t* value) {
   std::map<std::string, Field> fields = fieldsOf(*world.h);
   fields["length"] = &world.length;
   fields["readLength"] = &world.request.length;
   fields["textLength"] = &world.recorder.textLength;
+  fields["messageLength"] = &world.recorder.lastLength;
   fields["ownAllocations"] = &calls().ownAllocations;
   fields["nameLineLength"] = &world.recorder.nameLineLength;
   const auto access = [&](auto* place) {
@@ -172,8 +175,8 @@ void ScriptTest::play(const std::string& script) {
     std::string wanted = arrow == std::string::npos ? "ok" : step.substr(arrow + 3);
     wanted.erase(0, wanted.find_first_not_of(' '));
     wanted.erase(wanted.find_last_not_of(' ') + 1);
-    EXPECT_EQ(arrow == std::string::npos ? outcome.substr(0, outcome.find(' ')) : outcome, wanted)
-        << outcome;
+    const std::string status = outcome.substr(0, outcome.find_first_of(": "));
+    EXPECT_EQ(arrow == std::string::npos ? status : outcome, wanted) << outcome;
   }
 }
 
@@ -247,7 +250,8 @@ Status ScriptTest::preopenAs(Words& words) {
   return status;
 }
 
-Status ScriptTest::handOut(Status status, Words& words) {
+// Gives the address of a read or acquired page the name that the step has for it.
+Status ScriptTest::nameAddress(Status status, Words& words) {
   EXPECT_EQ(at == nullptr, status != Status::ok);
   named_[words.word("it")] = at;
   named_["it"] = at;
@@ -256,7 +260,7 @@ Status ScriptTest::handOut(Status status, Words& words) {
 
 Status ScriptTest::readAs(Words& words) {
   const auto [page, version] = words.page();
-  const Status status = handOut(read(page), words);
+  const Status status = nameAddress(read(page), words);
   EXPECT_TRUE(!version || holdsPage(page, *version));
   return status;
 }
@@ -268,7 +272,7 @@ Status ScriptTest::writeFrom(Words& words) {
   return write(page, from);
 }
 
-// The first two pages of a run that was read must have arrived, where the file has them.
+// Of a run that was read the first two pages must have arrived, if the file has them.
 Status ScriptTest::readRun(Words& words) {
   const auto page = words.number<std::int64_t>();
   const std::int32_t pages = words.number();
@@ -301,7 +305,7 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
   const std::map<std::string, std::function<Status()>> operations = {
       {"open", [&] { return openAs(words); }},
       {"close", [&] { return close(bits()); }},
-      {"acquire", [&] { return handOut(acquire(), words); }},
+      {"acquire", [&] { return nameAddress(acquire(), words); }},
       {"return", [&] { return returnBuffer(address(words.word("it"))); }},
       {"add", [&] { return add(number()); }},
       {"remove", [&] { return remove(number()); }},
@@ -314,7 +318,7 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
       {"flush", [&] { return flush(); }},
       {"delete", [&] { return call(&Table::qzpdelete); }},
       {"info", [&] { return call(&Table::qzpinfo); }},
-      {"name",
+      {"setName",
        [&] {
          const std::u32string name = qz::toUtf32(words.word());
          return call(&Table::qzpsetfilename, name.data(), static_cast<std::int32_t>(name.size()));
@@ -326,9 +330,9 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
        }},
       {"preopen", [&] { return preopenAs(words); }},
       {"readMany", [&] { return readRun(words); }},
-      {"header", [&] { return writeHeader(memory_.get(), number()); }},
+      {"writeHeader", [&] { return writeHeader(memory_.get(), number()); }},
       {"reopen", [&] { return reopen(shapeOf(words.word())); }},
-      {"hint", [&] {
+      {"reopenWith", [&] {
          const qz::AccessHints hints{bits(), bits(), bits()};
          return call(&Table::qzpreopen, &hints);
        }}};
@@ -340,19 +344,18 @@ std::string ScriptTest::carryOut(const std::string& verb, Words& words) {
 }
 
 std::string ScriptTest::check(const std::string& verb, Words& words) {
-  if (verb == "host") return calls().hostCalls();
+  if (verb == "hostCalls") return calls().hostCalls();
   if (verb == "lists") return listsOf(*h);
-  if (verb == "bytes") return std::to_string(bytesOnDisk());
-  if (verb == "texts")
-    return fmt::format("{} [{}]", recorder.lastLength, fmt::join(recorder.capacities, " "));
+  if (verb == "fileBytes") return std::to_string(bytesOnDisk());
+  if (verb == "textCapacities") return fmt::format("{}", fmt::join(recorder.capacities, " "));
   if (verb == "shrink") {
     std::filesystem::resize_file(path, words.number<std::uint64_t>());
     return "ok";
   }
-  if (verb == "end") return h->hostFile == nullptr ? "ok" : did(close());
+  if (verb == "closeIfAttached") return h->hostFile == nullptr ? "ok" : did(close());
   if (verb == "settle") return settle(shapeOf(words.word())), "ok";
-  if (verb == "hostOption") return host.setHostPageSize(words.number()), "ok";
-  if (verb == "file") {
+  if (verb == "setHostPageSize") return host.setHostPageSize(words.number()), "ok";
+  if (verb == "makeFile") {
     const auto pages = words.number();
     return makeFile(pages, words.number("4096")), "ok";
   }
@@ -362,18 +365,18 @@ std::string ScriptTest::check(const std::string& verb, Words& words) {
   const char* from = verb == "has" ? address(words.word()) : nullptr;
   std::string wrong = words.ended() ? "no such step" : "";
   while (!words.ended()) {
-    if (verb == "has" || verb == "disk") {
+    if (verb == "has" || verb == "onDisk") {
       const auto [page, version] = words.page();
       const bool same = from != nullptr ? isStamped(from, h->pageSize, page, version.value_or(0))
                                         : onDisk(page, version.value_or(0));
-      if (!same) wrong += fmt::format("page {} is another ", page);
+      if (!same) wrong += fmt::format("page {} has other bytes ", page);
     } else {
       const std::string name = words.word();
       const auto value = words.number<std::int64_t>();
       const std::int64_t now = verb == "count"
                                    ? calls().count(callOf(name))
                                    : fieldOf(*this, name, verb == "set" ? &value : nullptr);
-      if (now != value) wrong += fmt::format("{} {} ", name, now);
+      if (now != value) wrong += fmt::format("{} is {} ", name, now);
     }
   }
   return wrong.empty() ? "ok" : wrong;

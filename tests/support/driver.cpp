@@ -60,7 +60,7 @@ std::string readWhole(const std::string& path) {
 }
 
 bool isLargeModuleBlock(const CallRecord& record) {
-  return record.call == Call::memAlloc && record.target == 'm' && record.length >= 4096;
+  return record.call == Call::memAlloc && record.target == modulePool && record.length >= 4096;
 }
 
 bool lackedMemory() {
@@ -127,8 +127,9 @@ const Fault* Driver::refusal(Call call) {
   for (; fault != nullptr && isWaitedFor(fault->error) && waits < h.openRetryCount; ++waits)
     fault = expected_.next(call);
   EXPECT_EQ(calls().count(Call::taskWait), waits);
-  EXPECT_TRUE(fault == nullptr || (h.lastErrno == fault->result && h.hostErrorDetail1 == 11 &&
-                                   h.hostErrorDetail2 == 22));
+  EXPECT_TRUE(fault == nullptr ||
+              (h.lastErrno == fault->result && h.hostErrorDetail1 == kRefusedDetail1 &&
+               h.hostErrorDetail2 == kRefusedDetail2));
   return fault;
 }
 

@@ -39,15 +39,15 @@ void* Library::symbol(const char* name) const { return dlsym(handle, name); }
 
 namespace {
 
-// How a report shows a status: `!` and its hexadecimal digits; module codes (0x803FCxxx) are
-// shortened to the last three. A message that begins with `!` is a report of the module.
+// The text that statusToBuf gives a status, as the module's reports contain it: "!" and hexadecimal
+// digits, of module codes (0x803FCxxx) only the last three. Only reports begin with "!".
 constexpr std::uint32_t kModuleCodes = 0x803FC000;
 
 std::string reportText(std::uint32_t status) {
   return fmt::format("!{:X}", (status & ~0xFFFU) == kModuleCodes ? status & 0xFFF : status);
 }
 
-// The entry of a report: the status behind its text, and a name line that was not the file's.
+// The entry of a report: the name of its status, and the name line unless that names the file.
 std::string reportEntry(const std::string& text) {
   std::size_t digits = 0;
   const auto code = static_cast<std::uint32_t>(std::stoul(text.substr(1), &digits, 16));
@@ -73,7 +73,7 @@ std::string withInserts(std::u32string_view text, const std::u32string& name,
   return filled;
 }
 
-// Placeholders for the inserts that a status takes.
+// Placeholders for the inserts of a status.
 std::u32string_view placeholders(std::uint32_t status) {
   const int inserts = qz::insertsOf(Status{status});
   return inserts == 2 ? U"(%s|%s)" : inserts == 1 ? U"(%s)" : U"";
@@ -81,8 +81,8 @@ std::u32string_view placeholders(std::uint32_t status) {
 
 NamingJournal& self(qz::Journal* journal) { return *static_cast<NamingJournal*>(journal); }
 
-// Writes the text of a status, or a name line that is empty when it names the right file, padded to
-// the length asked for.
+// Stores the text of a status, or the name line, which is empty if it names the right file. Blanks
+// fill both up to the length that the test asked for.
 qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t* buffer,
                            std::uint32_t capacity, std::uint32_t* lengthOut,
                            std::va_list arguments) {
@@ -98,8 +98,8 @@ qz::HostStatus statusToBuf(qz::Journal* journal, std::uint32_t status, char32_t*
   return 0;
 }
 
-// Errors are reports or, without their mark, the host's own words about a file that it could not
-// open.
+// An error with the mark is a report of the module. One without it is the host's own message about
+// a file that it could not open, which is not written down.
 qz::HostStatus messageToJnl(qz::Journal* journal, qz::JournalLevel level, const char32_t* text,
                             std::uint32_t textLength, std::va_list arguments) {
   NamingJournal& me = self(journal);
@@ -305,7 +305,7 @@ void World::end() {
 std::string World::did(Status status) const {
   const std::string io = calls().io();
   const std::string name = nameOfStatus(static_cast<std::uint32_t>(status));
-  std::string outcome = name + (io.empty() ? "" : " " + io);
+  std::string outcome = name + (io.empty() ? "" : ": " + io);
   if (recorder.entries.empty()) return outcome + (status == Status::ok ? "" : " unreported");
   if (recorder.entries == "report " + name) return outcome;
   return outcome + " {" + recorder.entries + "}";

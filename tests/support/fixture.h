@@ -30,9 +30,9 @@ struct Library {
 };
 
 // A journal that writes its entries down by name, separated by ", ":
-//   report pageOutOfRange            a failure together with the line that names the file
-//   error hostForeignBlock           a status of the module or host by itself
-//   error shortHeaderReport(file)    with its inserts; "file" stands for the file's name
+//   report pageOutOfRange            a failure, with the line that names the file
+//   error hostForeignBlock           a status of the module or host, without that line
+//   error shortHeaderReport(file)    the same with inserts; "file" stands for the file's name
 //   note text: file                  a note
 class NamingJournal : public qz::Journal {
  public:
@@ -40,10 +40,10 @@ class NamingJournal : public qz::Journal {
 
   std::string entries;
   std::u32string fileName;                // what "file" stands for
-  std::uint32_t textLength = 0;           // characters that the text of a status needs; 0: as it is
-  std::uint32_t nameLineLength = 0;       // the same for the line that names the file
+  std::uint32_t textLength = 0;           // least characters of the text of a status
+  std::uint32_t nameLineLength = 0;       // least characters of the line that names the file
   std::vector<std::uint32_t> capacities;  // of the buffers that statusToBuf was given
-  std::uint32_t lastLength = 0;           // of the last message
+  std::uint32_t lastLength = 0;           // characters of the last message
 
   void add(const std::string& entry) { entries += (entries.empty() ? "" : ", ") + entry; }
 };
@@ -58,7 +58,7 @@ inline constexpr std::int32_t kPagesPerBlock = 4;
 inline constexpr std::int64_t kHeader = 4096;
 inline constexpr std::uint32_t kOwn = qz::kCallersMemory;
 
-// Fills a page so that every 8 bytes tell its number and version, and tests that.
+// Fills a page so that every 8 bytes tell its number and version; tests whether it is so filled.
 void stamp(char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version);
 bool isStamped(const char* data, std::int64_t bytes, std::int64_t page, std::uint32_t version);
 
@@ -66,23 +66,23 @@ bool isStamped(const char* data, std::int64_t bytes, std::int64_t page, std::uin
 using CallerMemory = std::shared_ptr<char>;
 CallerMemory callerMemory(std::int64_t bytes);
 
-// A file system of memory, for World; empty where there is none.
+// A folder on a file system in memory, for World; empty where there is none.
 std::string memoryFolder();
 
-// Every operation goes through the table, with the record of calls and the journal begun anew,
-// and with the invariants checked afterwards.
+// A module with one file handle. Every operation goes through the table; it begins with an empty
+// record of calls and an empty journal, and ends with a check of the invariants.
 class World {
  public:
-  // `folder`: where the file is to lie; empty: a temporary folder.
+  // `folder`: where the file lies; empty: the folder of temporary files.
   explicit World(const std::string& folder = {});
   ~World();
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  // Caller settings for a shape: existing file, pages may be read and rewritten, kPage bytes,
-  // header of kHeader bytes, blocks of kPagesPerBlock pages, `buffers` buffers.
+  // Sets the handle for a shape: an existing file whose pages may be read and rewritten, pages of
+  // kPage bytes, a header of kHeader bytes, blocks of kPagesPerBlock pages, `buffers` buffers.
   void settle(Shape shape, std::int32_t buffers = 3);
-  // Makes the file by plain calls: a header and pages of version 0.
+  // Makes the file without the module: a header and pages of version 0.
   void makeFile(std::int64_t pages, std::int64_t headerBytes = kHeader);
   // makeFile, settle and open.
   void openWith(Shape shape, std::int64_t pages, std::int32_t buffers = 3);
@@ -116,22 +116,22 @@ class World {
     return status;
   }
 
-  // What an operation came to, for comparison in one line: its status, its system calls, its
-  // journal entries. "ioFailed pread 4096@0!EIO": a failure that is reported once and has no other
-  // entry. "endOfFile unreported": one without an entry. "ok {error alreadyOpen}": all other
-  // entries.
+  // The outcome of an operation in one line: status, system calls, journal entries.
+  // "ioFailed: pread 4096 at 0 fails with EIO": a failure that the journal reports once, with no
+  // other entry. "endOfFile unreported": a failure without an entry. "ok {error alreadyOpen}": all
+  // other entries are listed.
   std::string did(Status status) const;
 
-  // The file's bytes by plain calls; -1 when there is no file.
+  // The size of the file; -1 if there is none.
   std::int64_t bytesOnDisk() const;
-  // True when the page of the file has that version.
+  // True if the page in the file has that version; reads without the module.
   bool onDisk(std::int64_t page, std::uint32_t version) const;
-  // True when the memory at `at` has it.
+  // True if the memory at `at` holds the page in that version.
   bool holdsPage(std::int64_t page, std::uint32_t version) const {
     return isStamped(at, h->pageSize, page, version);
   }
 
-  // Closes what is open, frees the handle and destroys the module; everything must balance.
+  // Closes the file, frees the handle and destroys the module; all memory must have been freed.
   void finish();
 
   qz::StandInHost host;

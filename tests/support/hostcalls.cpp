@@ -8,14 +8,13 @@ namespace qztest {
 
 namespace {
 
-// The stand-in host's own operations, by their slots. It has one function for each slot, whatever
-// the object.
+// The stand-in host's own operations, by their slots. All objects of a kind share them.
 template <class Object, class Function>
 Function* functionOf(Function* Object::*slot);
 template <auto slot>
 decltype(functionOf(slot)) original;
 
-const qz::MemoryPool* bufferPool = nullptr;
+const qz::MemoryPool* poolOfBuffers = nullptr;
 DirectIo directIo = DirectIo::simulated;
 
 template <auto slot, class Object>
@@ -34,7 +33,8 @@ auto created(CallRecord record, Create create) -> decltype(create()) {
   return object;
 }
 
-// Releases an object; a planned fault only takes the place of the result. A file stays open.
+// Frees memory, destroys an object or closes a file, and returns the planned fault, if any, in
+// place of the result. A faulted close leaves the file open.
 template <class Release>
 qz::HostStatus released(CallRecord record, Release release) {
   const Fault* fault = calls().next(record.call);
@@ -47,25 +47,27 @@ qz::HostStatus released(CallRecord record, Release release) {
   return status;
 }
 
-int idOf(const qz::MemoryPool* pool) { return pool == bufferPool ? 'b' : 'm'; }
-int idOf(const qz::TreeExtension* /*extension*/) { return 'e'; }
-int idOf(const qz::Converter* /*converter*/) { return 'c'; }
-int idOf(const qz::PageTree* /*tree*/) { return 't'; }
+HostObject kindOf(const qz::MemoryPool* pool) {
+  return pool == poolOfBuffers ? bufferPool : modulePool;
+}
+HostObject kindOf(const qz::TreeExtension* /*extension*/) { return treeExtension; }
+HostObject kindOf(const qz::Converter* /*converter*/) { return converter; }
+HostObject kindOf(const qz::PageTree* /*tree*/) { return pageTree; }
 
 template <class Object>
 qz::HostStatus destroy(Object* object) {
-  return released({Call::destroy, idOf(object)},
+  return released({Call::destroy, kindOf(object)},
                   [&] { return original<&Object::destroy>(object); });
 }
 
 void* memAlloc(qz::MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {
-  return created({Call::memAlloc, idOf(pool), static_cast<std::int64_t>(bytes), flags}, [&] {
+  return created({Call::memAlloc, kindOf(pool), static_cast<std::int64_t>(bytes), flags}, [&] {
     return static_cast<char*>(original<&qz::MemoryPool::memAlloc>(pool, bytes, flags));
   });
 }
 
 qz::HostStatus memFree(qz::MemoryPool* pool, void* block) {
-  return released({Call::memFree, idOf(pool)},
+  return released({Call::memFree, kindOf(pool)},
                   [&] { return original<&qz::MemoryPool::memFree>(pool, block); });
 }
 
@@ -73,11 +75,11 @@ qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attribu
                            qz::Journal* journal, const char* name) {
   const bool forBuffers = std::string_view(name) == "qziop buffer pool";
   qz::MemoryPool* pool =
-      created({Call::poolCreate, forBuffers ? 'b' : 'm', 0, attributes->words[0]},
+      created({Call::poolCreate, forBuffers ? bufferPool : modulePool, 0, attributes->words[0]},
               [&] { return original<&qz::QZHandle::poolCreate>(host, attributes, journal, name); });
   if (pool == nullptr) return nullptr;
-  // The other pool may have the address of an earlier one, used again.
-  if (forBuffers || bufferPool == pool) bufferPool = forBuffers ? pool : nullptr;
+  // A pool of records may get the address that a pool of buffers had before.
+  if (forBuffers || poolOfBuffers == pool) poolOfBuffers = forBuffers ? pool : nullptr;
   replace<&qz::MemoryPool::memAlloc>(pool, memAlloc);
   replace<&qz::MemoryPool::memFree>(pool, memFree);
   replace<&qz::MemoryPool::destroy>(pool, destroy<qz::MemoryPool>);
@@ -86,7 +88,7 @@ qz::MemoryPool* poolCreate(qz::QZHandle* host, const qz::PoolAttributes* attribu
 
 qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes* attributes,
                          qz::Journal* journal, const char* name) {
-  qz::PageTree* tree = created({Call::treeCreate, 't', attributes->keyOffset}, [&] {
+  qz::PageTree* tree = created({Call::treeCreate, pageTree, attributes->keyOffset}, [&] {
     return original<&qz::TreeExtension::treeCreate>(extension, attributes, journal, name);
   });
   if (tree != nullptr) replace<&qz::PageTree::destroy>(tree, destroy<qz::PageTree>);
@@ -95,7 +97,7 @@ qz::PageTree* treeCreate(qz::TreeExtension* extension, const qz::TreeAttributes*
 
 qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::uint32_t length,
                                  qz::Journal* journal) {
-  qz::TreeExtension* extension = created({Call::extensionLoad, 'e'}, [&] {
+  qz::TreeExtension* extension = created({Call::extensionLoad, treeExtension}, [&] {
     return original<&qz::QZHandle::extensionLoad>(host, name, length, journal);
   });
   if (extension != nullptr) {
@@ -107,23 +109,22 @@ qz::TreeExtension* extensionLoad(qz::QZHandle* host, const char32_t* name, std::
 
 qz::Converter* converterCreate(qz::EncodingServices* services, qz::Word encoding, qz::Word word,
                                qz::Journal* journal) {
-  qz::Converter* converter = created({Call::converterCreate, 'c'}, [&] {
+  qz::Converter* made = created({Call::converterCreate, converter}, [&] {
     return original<&qz::EncodingServices::converterCreate>(services, encoding, word, journal);
   });
-  if (converter != nullptr) replace<&qz::Converter::destroy>(converter, destroy<qz::Converter>);
-  return converter;
+  if (made != nullptr) replace<&qz::Converter::destroy>(made, destroy<qz::Converter>);
+  return made;
 }
 
-// An open or reopen: fails as planned, or goes through `open`, which is not to see O_DIRECT when
-// that is simulated. Pages that the buffer pool aligns can be held to an alignment; smaller ones
-// cannot.
+// An open or reopen: fails as planned, or is made by `open`, without O_DIRECT where direct I/O is
+// simulated. There, transfers must be aligned to the smallest sector from now on.
 template <class Open>
 void opened(CallRecord record, qz::OpenParameters* parameters, qz::HostStatus* status, Open open) {
   record.flags = parameters->openFlags;
   if (const Fault* fault = calls().next(record.call)) {
     parameters->systemErrno = static_cast<std::int32_t>(fault->result);
-    parameters->errorDetail1 = 11;
-    parameters->errorDetail2 = 22;
+    parameters->errorDetail1 = kRefusedDetail1;
+    parameters->errorDetail2 = kRefusedDetail2;
     *status = fault->error;
   } else {
     if (directIo != DirectIo::real) parameters->openFlags &= ~qz::openflag::direct;
@@ -167,7 +168,7 @@ qz::HostFile* fileOpen(qz::FileService* service, qz::OpenParameters* parameters,
   return file;
 }
 
-// Waits for nothing.
+// Records the wait and returns at once.
 qz::HostStatus taskWait(qz::Task* /*task*/, qz::Word /*a1*/, qz::Word /*a2*/, qz::Word /*a3*/,
                         std::uint8_t /*flag*/, std::uint32_t waitTime) {
   calls().record({Call::taskWait, 0, waitTime});

@@ -5,14 +5,18 @@
 
 namespace qztest {
 
-// Replaces the slots of a host's records; those of objects made later follow as they are made.
+// What an open or reopen that fails as planned leaves in the two detail words.
+inline constexpr std::uint32_t kRefusedDetail1 = 11;
+inline constexpr std::uint32_t kRefusedDetail2 = 22;
+
+// Replaces the slots of a host's records, and those of each object that the host makes later.
 void recordHostCalls(qz::StandInHost& host);
 
-// How files are opened that are to be open with O_DIRECT.
+// How files are opened for which the module asks for O_DIRECT.
 enum class DirectIo : std::uint8_t {
-  simulated,  // without it; the module's transfers are held to the alignment that it asks for
-  unaligned,  // without it and without that
-  real
+  simulated,  // without it; transfers that it would refuse are refused
+  unaligned,  // without it; all transfers are taken
+  real        // with it
 };
 void setDirectIo(DirectIo way);
 

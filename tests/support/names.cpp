@@ -23,8 +23,8 @@ using Names = std::map<std::string, std::int64_t>;
   case Status::name: \
     return #name
 
-// The name of a module code, null for any other status. A switch, so that the compiler names a code
-// without a name.
+// The name of a module code, null for any other status. With a switch the compiler reports a code
+// that has no name here.
 const char* nameOfCode(Status status) {
   switch (status) {
     NAME(ok);
@@ -143,7 +143,11 @@ const Names& settings() {
                               VALUE(accessRead),
                               VALUE(accessExclusive),
                               VALUE(accessShared),
-                              VALUE(accessNoLock)};
+                              VALUE(accessNoLock),
+                              {"scattered", 0},  // of readMany: without kContiguous
+                              {"ownWrite", qz::accessWrite << 16},  // see optionOwnAccessMode
+                              {"ownExclusive", qz::accessExclusive << 16},
+                              {"ownNoLock", qz::accessNoLock << 16}};
   return names;
 }
 
@@ -183,10 +187,12 @@ std::string nameOfError(int error) {
 }
 
 std::int64_t valueOf(const std::string& text) {
-  if (text.find_first_of("0123456789-") == 0) return std::stoll(text, nullptr, 0);
   std::int64_t value = 0;
-  std::istringstream names(text);
-  for (std::string name; std::getline(names, name, '+');) value |= valueOfName(name);
+  std::istringstream words(text);
+  for (std::string word; std::getline(words, word, '+');) {
+    const bool number = word.find_first_of("0123456789-") == 0;
+    value |= number ? std::stoll(word, nullptr, 0) : valueOfName(word);
+  }
   return value;
 }
 

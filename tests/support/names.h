@@ -12,8 +12,8 @@ std::string nameOfStatus(std::uint32_t status);
 // "ENOSPC".
 std::string nameOfError(int error);
 
-// The number behind a text: a number, or names of settings, statuses and error numbers joined by
-// "+": "optionDirectIo+optionFlushAtClose". Throws std::invalid_argument for another text.
+// The value of a text: numbers and names of settings, statuses and error numbers, joined by "+":
+// "optionDirectIo+optionFlushAtClose". Throws std::invalid_argument for another text.
 std::int64_t valueOf(const std::string& text);
 
 }  // namespace qztest

@@ -24,8 +24,8 @@ Function* real(const char* name) {
   return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// One system call, which `make(length)` makes. One of the module, by its return address, fails as
-// planned and is recorded.
+// Makes a system call with `make(length)`. A call by the module, which its return address shows, is
+// recorded, and fails where a fault is planned for it.
 template <class Make>
 auto systemCall(const void* caller, CallRecord record, bool misaligned, Make make) {
   const auto length = static_cast<std::size_t>(record.length);
@@ -109,13 +109,13 @@ std::string Calls::io() const {
     if (record.call > Call::lastSystemCall) continue;
     const bool transfers = record.call <= Call::pwrite;
     const bool positioned = record.call >= Call::pread && record.call <= Call::ftruncate;
-    text += (text.empty() ? "" : " ") + std::string(nameOf(record.call));
+    text += (text.empty() ? "" : ", ") + std::string(nameOf(record.call));
     if (transfers) text += " " + std::to_string(record.length);
-    if (positioned) text += (transfers ? "@" : " ") + std::to_string(record.offset);
+    if (positioned) text += (transfers ? " at " : " ") + std::to_string(record.offset);
     if (record.result == -1) {
-      text += "!" + nameOfError(record.error);
+      text += " fails with " + nameOfError(record.error);
     } else if (transfers && record.call != Call::readv && record.result != record.length) {
-      text += "=" + std::to_string(record.result);
+      text += " moves " + std::to_string(record.result);
     }
   }
   return text;
@@ -125,7 +125,7 @@ namespace {
 
 using Bits = std::vector<std::pair<std::int64_t, const char*>>;
 
-// The names of the bits that are set, joined by "+"; what has no name as a number.
+// The names of the bits that are set, joined by "+"; bits without a name as one number.
 std::string namesOfBits(std::int64_t value, const Bits& bits) {
   std::vector<std::string> names;
   for (const auto& [bit, name] : bits) {
@@ -155,23 +155,27 @@ std::string accessMode(std::int64_t mode) {
 }  // namespace
 
 std::string Calls::hostCalls() const {
+  static const char* const objects[] = {"modulePool", "bufferPool", "extension", "converter",
+                                        "tree"};
   std::string text;
   for (const CallRecord& record : trace_) {
-    if (record.call <= Call::environment) continue;
-    const bool creates = record.call >= Call::poolCreate && record.call <= Call::memAlloc;
-    text += (text.empty() ? "" : " ") + std::string(nameOf(record.call));
-    if (creates || record.call == Call::memFree || record.call == Call::destroy)
-      text += std::string(":") + static_cast<char>(record.target);
-    if (record.call == Call::memAlloc) {
-      text += std::to_string(record.length) + (record.offset != 0 ? "z" : "");
-    } else if (record.call == Call::taskWait) {
-      text += ":" + std::to_string(record.length);
-    } else if (record.call == Call::fileClose && record.flags != 0) {
-      text += ":remove";
-    } else if (record.call == Call::fileOpen || record.call == Call::fileReopen) {
-      text += ":" + openFlags(record.flags) + "@" + accessMode(record.offset);
+    const Call call = record.call;
+    if (call <= Call::environment) continue;
+    text += (text.empty() ? "" : ", ") + std::string(nameOf(call));
+    if (call == Call::memAlloc) {
+      text += fmt::format(" {} {}{}", objects[record.target], record.length,
+                          record.offset != 0 ? " zeroed" : "");
+    } else if (call == Call::poolCreate || call == Call::memFree || call == Call::destroy) {
+      text += fmt::format(" {}", objects[record.target]);
+    } else if (call == Call::taskWait) {
+      text += fmt::format(" {}", record.length);
+    } else if (call == Call::fileClose && record.flags != 0) {
+      text += " remove";
+    } else if (call == Call::fileOpen || call == Call::fileReopen) {
+      text += fmt::format(" {} for {}", openFlags(record.flags), accessMode(record.offset));
     }
-    text += (record.result == 0) == creates ? "!" : "";
+    const bool creates = call >= Call::poolCreate && call <= Call::memAlloc;
+    text += (record.result == 0) == creates ? " fails" : "";
   }
   return text;
 }

@@ -2,7 +2,7 @@
 //
 // The test program itself defines the file system calls and exports them, so that the real
 // libqziop.so finds these first. Only calls from the module's own code count; all others pass
-// through. Host operations are recorded by tests/support/fixture, which replaces their slots.
+// through. Host operations are recorded by support/hostcalls, which replaces their slots.
 #pragma once
 
 #include <cstdint>
@@ -37,10 +37,13 @@ enum class Call : std::uint8_t {
   count
 };
 
+// The objects of the host that the module allocates from, frees to or destroys.
+enum HostObject : int { modulePool, bufferPool, treeExtension, converter, pageTree };
+
 struct CallRecord {
   Call call;
-  // System calls: the descriptor. memAlloc, memFree, destroy: 'm' module pool, 'b' buffer pool,
-  // 'e' tree extension, 'c' converter, 't' tree. fileOpen: permissions.
+  // System calls: the descriptor. poolCreate, memAlloc, memFree, destroy: the HostObject. fileOpen:
+  // permissions.
   int target = 0;
   std::int64_t length = 0;  // bytes; readv: entries of the vector; taskWait: time
   std::int64_t offset = 0;  // file offset; memAlloc: flags; fileOpen, fileReopen: access mode
@@ -54,10 +57,11 @@ inline constexpr int kEveryLater = std::numeric_limits<int>::max();
 inline constexpr std::int64_t kShort = std::numeric_limits<std::int64_t>::min();
 inline constexpr std::int64_t kNotDone = kShort + 1;
 
-// Calls number `nth` to `nth` + `count` - 1 of a kind do not do their work. A system call returns
-// `result` with errno `error`, or moves half of its bytes (kShort); a host operation that creates
-// something returns null, fileOpen and fileReopen with system error `result` and status `error`;
-// a release returns `error`, having done its work unless `result` is kNotDone.
+// Calls number `nth` to `nth` + `count` - 1 of a kind fail. A system call returns `result` with
+// errno `error`, or moves half of its bytes (kShort). A host operation that creates an object
+// returns null; fileOpen and fileReopen do so with system error `result` and status `error`.
+// memFree and destroy do their work, unless `result` is kNotDone, and return `error`. fileClose
+// returns `error` and leaves the file open.
 struct Fault {
   Call call;
   int nth = 1;
@@ -71,8 +75,8 @@ class Calls {
   // The library whose calls count: the one that has this address. Null: none.
   void watch(void* address);
 
-  // Under O_DIRECT a real device refuses transfers that are not aligned. While set, transfers of
-  // the module are held to this alignment of memory, offset and length; 0: not at all.
+  // Under O_DIRECT a real device refuses transfers that are not aligned. So do the module's calls
+  // while this is set, unless memory, offset and length are multiples of it; 0: none is refused.
   void requireAlignment(std::uint64_t bytes) { alignment_ = bytes; }
 
   // Replaces the planned faults; counting starts again.
@@ -85,21 +89,20 @@ class Calls {
   }
   const std::vector<CallRecord>& trace() const { return trace_; }
   int count(Call call) const;
-  // The call of that kind with that place in the trace, from 0; a record of zeros: there is none.
+  // Call number `place` of its kind, from 0; a record of zeros where there were fewer.
   const CallRecord& at(Call call, int place = 0) const;
 
-  // The system calls since clear(), one word each: "pwrite 4096@512", "=100" for a result other
-  // than the one asked for, "!ENOSPC" for an
-  // error: "pread 512@0=0 fsync!EIO".
+  // The system calls since clear(), with bytes and offsets:
+  // "pwrite 4096 at 512 moves 100, lseek 512, fsync fails with EIO". readv has its count of pages.
   std::string io() const;
-  // The host's operations since clear(), one word each with what they were about: "memAlloc:m40"
-  // (40 bytes of the module pool; 40z: zero-filled), "memFree:b" (of the buffer pool), "destroy:t"
-  // (the tree), "fileOpen:O_RDWR+O_CREAT@write+exclusive" (flags and access mode),
-  // "fileClose:remove", "taskWait:1000"; "!" after one that failed.
+  // The host's operations since clear(): "memAlloc modulePool 40 zeroed, memFree bufferPool,
+  // destroy tree, fileOpen O_RDWR+O_CREAT for write+exclusive fails, fileClose remove,
+  // taskWait 1000".
   std::string hostCalls() const;
 
-  // The module's own memory, for its index of records: how often it asked since clear(), and how
-  // often it is given any. Not seen under the address sanitizer, which has an allocator of its own.
+  // The module takes memory from the C library only for its index of records: how often it asked
+  // since clear(), and how many of its requests are granted. Not seen under the address sanitizer,
+  // which replaces the allocator.
   int ownAllocations = 0;
   int ownAllocationsGiven = kEveryLater;
 
@@ -107,7 +110,7 @@ class Calls {
   std::uint32_t fileSystemType = 0;
   std::string statfsPath;  // of the last call
 
-  // For those who carry calls out. The fault planned for this call, or null; counts it.
+  // For the functions that replace calls: counts a call; the fault planned for it, or null.
   const Fault* next(Call call);
   void record(const CallRecord& record) { trace_.push_back(record); }
   bool isWatched(const void* returnAddress) const {
