@@ -1,4 +1,5 @@
-// The verdicts of benchmarks: what the ratios of paired costs, and their intervals, say of a goal.
+// The statistics of benchmarks: the ratio of two contestants' costs, its confidence interval, and
+// whether a goal is met.
 #include "interval.h"
 
 #include <gtest/gtest.h>
@@ -12,7 +13,7 @@ using qzbench::Cost;
 using qzbench::Interval;
 using qzbench::Verdict;
 
-// Costs of a machine whose speed changes from pair to pair, the same for both sides of a pair.
+// Costs of two contestants, measured in pairs, on a machine whose speed changes from pair to pair.
 struct Pairs {
   std::vector<Cost> over;
   std::vector<Cost> under;
@@ -24,14 +25,14 @@ Pairs pairsOf(double ratio, std::size_t count, double noise) {
   std::normal_distribution<double> error(1, noise);
   for (std::size_t i = 0; i < count; ++i) {
     const double cost = speed(random);
-    // Slices of the two sides differ in length.
+    // The two make different numbers of operations in a round.
     pairs.over.push_back({cost * ratio * error(random) * 70, 70});
     pairs.under.push_back({cost * error(random) * 100, 100});
   }
   return pairs;
 }
 
-// Rounds of different length must count by their work, not one each.
+// Rounds must count by their number of operations, not one each.
 TEST(Intervals, ARatioIsThatOfTheSumsPerOperation) {
   const std::vector<Cost> over = {{30, 10}, {10, 10}};
   const std::vector<Cost> under = {{10, 20}, {10, 20}};
@@ -39,7 +40,7 @@ TEST(Intervals, ARatioIsThatOfTheSumsPerOperation) {
   EXPECT_DOUBLE_EQ(qzbench::meanOf(over).value, 2);
 }
 
-// A machine that slows down slows both sides: their ratio stays known.
+// A machine that slows down slows both contestants, which must not make their ratio less certain.
 TEST(Intervals, AChangeOfSpeedThatBothSidesFeelDoesNotWidenThem) {
   const Pairs pairs = pairsOf(1.04, 60, 0);
   const Interval ratio = qzbench::ratioOf(pairs.over, pairs.under);
@@ -47,7 +48,7 @@ TEST(Intervals, AChangeOfSpeedThatBothSidesFeelDoesNotWidenThem) {
   EXPECT_NEAR(ratio.high, 1.04, 1e-9);
 }
 
-// Noise must show as a wider interval, or a chance difference would pass as a result.
+// Noise must widen the interval, or a chance difference would pass as a result.
 TEST(Intervals, NoiseOfOneSideWidensThemAndMorePairsNarrowThem) {
   const Pairs few = pairsOf(1.04, 20, 0.1);
   const Pairs many = pairsOf(1.04, 500, 0.1);
@@ -60,7 +61,7 @@ TEST(Intervals, NoiseOfOneSideWidensThemAndMorePairsNarrowThem) {
   EXPECT_LT(2 * (narrow.high - narrow.low), wide.high - wide.low);
 }
 
-// The true ratio may lie outside one interval in a hundred.
+// The intervals are of 99 %: the true ratio may lie outside a few only, here at most 10 of 200.
 TEST(Intervals, TheyHoldTheTrueRatio) {
   int outside = 0;
   std::mt19937_64 random(2);
@@ -78,11 +79,11 @@ TEST(Intervals, TheyHoldTheTrueRatio) {
   EXPECT_LE(outside, 10);
 }
 
-// A slow last round of one side must not count against a side that was no longer there.
-TEST(Intervals, ContestantsThatLeftEarlyAreComparedOverTheRoundsTheyHad) {
-  const std::vector<Cost> left = {{20, 10}};
-  const std::vector<Cost> stayed = {{10, 10}, {1000, 10}};
-  EXPECT_DOUBLE_EQ(qzbench::ratioOf(left, stayed).value, 2);
+// A contestant that stopped early must be compared over the rounds that both took part in.
+TEST(Intervals, ContestantsAreComparedOverTheRoundsTheyShare) {
+  const std::vector<Cost> stopped = {{20, 10}};
+  const std::vector<Cost> longer = {{10, 10}, {1000, 10}};
+  EXPECT_DOUBLE_EQ(qzbench::ratioOf(stopped, longer).value, 2);
 }
 
 // A goal counts as met or missed only if the whole interval lies on one side of it.

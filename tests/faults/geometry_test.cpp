@@ -1,5 +1,5 @@
 // Geometry at its edges, on sparse files: offsets around 2^31 and 2^32 bytes, page numbers beyond
-// 2^32, the smallest and the largest page, headers that nothing divides.
+// 2^32, the smallest and the largest page, headers of odd sizes.
 #include <fmt/format.h>
 #include <unistd.h>
 
@@ -22,7 +22,7 @@ class GeometryTest : public ::testing::Test, public World {
   GeometryTest() : World(memoryFolder()) { setDirectIo(DirectIo::unaligned); }
   void TearDown() override { finish(); }
 
-  // True unless the file system takes no file as long as that.
+  // Makes a file of holes. False if the file system takes none as large.
   bool makeSparse(Shape shape, std::int32_t pageSize, std::int64_t header, std::int64_t pages) {
     settle(shape, 1);
     h->pageSize = pageSize;
@@ -33,7 +33,7 @@ class GeometryTest : public ::testing::Test, public World {
   }
   std::int64_t bytesFor(std::int64_t pages) const { return h->headerSize + pages * h->pageSize; }
 
-  // Reads and rewrites the last page, appends another, reads both at once, cuts one off.
+  // Reads and rewrites the last page, appends another, reads both at once, truncates.
   void useEnd(std::int64_t last) {
     ASSERT_EQ(open(), Status::ok);
     ASSERT_EQ(h->pageCount, last);
@@ -62,8 +62,8 @@ class GeometryTest : public ::testing::Test, public World {
 };
 
 // An offset that is computed with 32 bits would reach another page near 2 GiB and 4 GiB.
-TEST_F(GeometryTest, PagesAtTheEdges) {
-  std::int64_t missing = 0;  // bytes of a file that this file system cannot have
+TEST_F(GeometryTest, PagesAtTheEdgesOf32BitOffsets) {
+  std::int64_t refused = 0;  // size of a file that this file system does not take
   const auto useAround = [&, this](Shape shape, std::int32_t pageSize, std::int64_t header,
                                    std::int64_t edge) {
     // The page with the byte before the edge, the one with the edge, and the next.
@@ -74,7 +74,7 @@ TEST_F(GeometryTest, PagesAtTheEdges) {
       if (makeSparse(shape, pageSize, header, last)) {
         useEnd(last);
       } else {
-        missing = bytesFor(last);
+        refused = bytesFor(last);
       }
     }
   };
@@ -86,10 +86,10 @@ TEST_F(GeometryTest, PagesAtTheEdges) {
       }
     }
   }
-  if (missing != 0) GTEST_SKIP() << "no file of " << missing << " bytes on this file system";
+  if (refused != 0) GTEST_SKIP() << "no file of " << refused << " bytes on this file system";
 }
 
-// Transfers of a GiB are only looked at, not made.
+// The offsets of the largest pages must not overflow. Their transfers are simulated.
 TEST_F(GeometryTest, PagesOfOneGiB) {
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
@@ -107,7 +107,8 @@ TEST_F(GeometryTest, PagesOfOneGiB) {
   }
 }
 
-// A header beyond 31 bits cannot be written in one piece: nothing is touched.
+// A header of more than 31 bits cannot be written with one call. It must be refused, with no byte
+// of the file changed.
 TEST_F(GeometryTest, AHeaderBeyond31BitsIsNotWritten) {
   ASSERT_TRUE(makeSparse(Shape::buffered, kPage, k2to32 + 1, 2));
   ASSERT_EQ(open(), Status::ok);

@@ -18,7 +18,7 @@ using qz::Status;
 
 constexpr std::int64_t bytesFor(std::int64_t pages) { return kHeader + pages * kPage; }
 
-// A limit of this process, for as long as it lives.
+// A resource limit of this process, which ends with the object.
 class Limit {
  public:
   Limit(int resource, std::int64_t value) : resource_(resource) {
@@ -38,8 +38,9 @@ class Limit {
 
 using RealFaults = FileTest;
 
-// No page of the append stays, whether the limit lets a part of it through or nothing.
-TEST_F(RealFaults, FileSizeLimit) {
+// An append that meets the file size limit must leave no part of the page in the file, and the file
+// usable.
+TEST_F(RealFaults, AnAppendBeyondTheFileSizeLimitLeavesNoPart) {
   auto* const before = std::signal(SIGXFSZ, SIG_IGN);
   for (const Shape shape : kShapes) {
     for (const std::int64_t part : {0, 512}) {
@@ -64,8 +65,8 @@ TEST_F(RealFaults, FileSizeLimit) {
   std::signal(SIGXFSZ, before);
 }
 
-// A folder in which a shell line has mounted file systems, at $F and perhaps at $F/fs. Both go with
-// the object.
+// A folder in which a shell line has mounted file systems, at $F and perhaps at $F/fs. The
+// destructor unmounts both.
 class Mounted {
  public:
   explicit Mounted(const std::string& line)
@@ -76,7 +77,7 @@ class Mounted {
   Mounted(const Mounted&) = delete;
   Mounted& operator=(const Mounted&) = delete;
 
-  // Runs the line; returns all that it said.
+  // Runs the line; all that it printed.
   std::string run(const std::string& line) const {
     std::string said;
     FILE* const shell = popen(("F=" + folder + "; exec 2>&1; " + line).c_str(), "r");
@@ -87,10 +88,10 @@ class Mounted {
   bool works() const { return told == "mounted\n"; }
 
   std::string folder;
-  std::string told;  // by the line that mounts
+  std::string told;  // what the line printed that mounts
 };
 
-// A line that makes an ext4 of 32 MiB on a loop device over a tmpfs.
+// A line that mounts an ext4 of 32 MiB, on a loop device over a file in a tmpfs of the given size.
 std::string ext4(int tmpfsMiB, int sectorBytes) {
   return fmt::format(
       "mount -t tmpfs -o size={}m none $F; mkdir $F/fs; truncate -s 32m $F/image; "
@@ -99,9 +100,9 @@ std::string ext4(int tmpfsMiB, int sectorBytes) {
       tmpfsMiB, sectorBytes);
 }
 
-// A file system that fills up refuses an append; every page stored before stays, and the file goes
-// on when there is room again.
-TEST(RealFaultsMounted, FullFileSystem) {
+// An append to a full file system must fail; every page stored before must stay, and appends
+// succeed once there is room again.
+TEST(RealFaultsMounted, AFullFileSystemLosesNoStoredPage) {
   const Mounted mounted("mount -t tmpfs -o size=64k none $F");
   if (!mounted.works()) GTEST_SKIP() << "no small file system: " << mounted.told;
   for (const Shape shape : kShapes) {
@@ -126,9 +127,10 @@ TEST(RealFaultsMounted, FullFileSystem) {
   }
 }
 
-// The system takes the pages and cannot store them: the flush tells. What was written since the
-// flush before is cut off and written again: ext4 loses pages that are only written again.
-TEST(RealFaultsMounted, FullDevice) {
+// Where the system takes pages and then cannot store them, the flush must fail. After a truncate to
+// the last flushed page and new appends the pages must be on disk; without the truncate ext4 would
+// lose them.
+TEST(RealFaultsMounted, AFullDeviceFailsTheFlush) {
   for (const Shape shape : kShapes) {
     SCOPED_TRACE(nameOf(shape));
     const Mounted mounted(ext4(4, 512));
@@ -153,9 +155,10 @@ TEST(RealFaultsMounted, FullDevice) {
   }
 }
 
-// The open succeeds, pages smaller than a sector cannot be moved. Whole blocks can, and so can
-// everything once the file is reopened without O_DIRECT.
-TEST(RealFaultsMounted, SectorsLargerThanPages) {
+// On a device with sectors larger than a page the open succeeds, but direct transfers of single
+// pages must fail and leave the file as it is. Whole blocks are read, and after a reopen without
+// O_DIRECT everything works.
+TEST(RealFaultsMounted, PagesSmallerThanASectorFailCleanly) {
   const Mounted mounted(ext4(16, 4096));
   if (!mounted.works()) GTEST_SKIP() << "no large sectors: " << mounted.told;
   for (const Shape shape : {Shape::direct, Shape::block}) {
@@ -183,8 +186,8 @@ TEST(RealFaultsMounted, SectorsLargerThanPages) {
   }
 }
 
-// There is room for one buffer and not for two. A failed open leaves the file as it was.
-TEST_F(RealFaults, NoMemory) {
+// An open that lacks memory for one of its two buffers must fail and leave the file as it was.
+TEST_F(RealFaults, AnOpenWithoutMemoryLeavesTheFileAsItWas) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer ends programs that run out of memory";
 #endif
@@ -210,7 +213,7 @@ TEST_F(RealFaults, NoMemory) {
       void* const probe = mmap(nullptr, kProbe, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
       if (probe != MAP_FAILED) {
         munmap(probe, kProbe);
-        GTEST_SKIP() << "no limit of memory holds here";
+        GTEST_SKIP() << "this machine does not enforce limits of memory (RLIMIT_AS)";
       }
       EXPECT_EQ(did(open()), "noMemory {error noMemory}");
     }

@@ -1,4 +1,4 @@
-// The stand-in host's file service: causes, locks, reopen, removal.
+// The stand-in host's file service: reasons of failures, locks, reopen, removal.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -64,7 +64,7 @@ class FilesTest : public testing::Test {
     parameters.removeAtClose = remove ? 1 : 0;
     return file->fileMethods->fileClose(file, &parameters, &journal);
   }
-  // What another open of "data" meets.
+  // The status of another open of "data", which is closed again.
   HostStatus otherOpen(std::uint32_t flags, std::uint32_t mode) {
     if (HostFile* file = open("data", flags, mode)) close_(file);
     return status;
@@ -77,8 +77,9 @@ class FilesTest : public testing::Test {
   HostStatus status = 0;
 };
 
-// The module maps the host's statuses to its own: each cause must have the right one.
-TEST_F(FilesTest, StatusesByCause) {
+// The module translates the host's statuses, so each cause of a failed open must have the right
+// one, with its error number and the step that failed.
+TEST_F(FilesTest, EveryFailedOpenHasTheStatusOfItsCause) {
   fs::create_directory(folder / "dir");
   fs::create_symlink("loop", folder / "loop");
   ASSERT_EQ(mkfifo(path("pipe").c_str(), 0666), 0);
@@ -125,8 +126,9 @@ TEST_F(FilesTest, StatusesByCause) {
                                  "]: No such file or directory");
 }
 
-// Locks hold between open files. A reopen passes the lock on or changes nothing.
-TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
+// Locks must keep out other open files. A reopen must change the lock to the one wanted or, if it
+// fails, leave file and lock as they were.
+TEST_F(FilesTest, LocksHoldAndChangeWithAReopen) {
   struct Case {
     std::uint32_t flags, held, newFlags, wanted;
     HostStatus status;
@@ -164,7 +166,7 @@ TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     make("data", 6);
     const bool good = c.status == 0;
-    for (int attempt = 0; attempt < 2; ++attempt) {  // locks do not wear out
+    for (int attempt = 0; attempt < 2; ++attempt) {  // the second reopen must find the same state
       ASSERT_EQ(reopen(file, c.newFlags, c.wanted), c.status);
       EXPECT_EQ(parameters.systemErrno == 0, good);
       EXPECT_EQ(file->fileInfo, info);
@@ -181,7 +183,7 @@ TEST_F(FilesTest, LocksHoldAndArePassedOnAtAReopen) {
   }
 }
 
-// A reopen that fails must leave the file open as it was.
+// A reopen that gets no descriptor must leave the file open as it was.
 TEST_F(FilesTest, WithoutDescriptorsAReopenKeepsTheOldOne) {
   HostFile* file = open("data", read, kShared);
   ASSERT_NE(file, nullptr);
@@ -197,8 +199,9 @@ TEST_F(FilesTest, WithoutDescriptorsAReopenKeepsTheOldOne) {
   EXPECT_EQ(close_(file), qz::hostOk);
 }
 
-// Reopens and removes the file that is open, whatever its name stands for by now.
-TEST_F(FilesTest, NamesAreOnlyWaysToTheFile) {
+// A reopen must reach, and a close remove, the open file itself, never another one that has its
+// name by now.
+TEST_F(FilesTest, AnotherFileUnderTheNameIsNeitherReopenedNorRemoved) {
   fs::remove(path("data"));
   HostFile* file = open("data", both | O_CREAT, kExclusive);
   ASSERT_NE(file, nullptr);

@@ -1,5 +1,6 @@
-// The C++ way into the module.
+// The C++ header: modules, files, holds, errors.
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,7 +18,7 @@ namespace {
 
 using qz::Status;
 
-struct WayInTest : testing::Test {
+struct CppHeaderTest : testing::Test {
   void SetUp() override { ASSERT_TRUE(module) << module.error().message(); }
   void TearDown() override {
     std::filesystem::remove(name);
@@ -47,8 +48,8 @@ struct WayInTest : testing::Test {
       std::filesystem::temp_directory_path() / ("qzway\u00EF%s%d%n%%" + std::to_string(getpid()));
 };
 
-// A hold that is forgotten would take a buffer out of use for good.
-TEST_F(WayInTest, HoldsAreReturnedAtTheEndOfTheirScope) {
+// A hold that is never ended would take a buffer out of use for good.
+TEST_F(CppHeaderTest, HoldsAreReturnedAtTheEndOfTheirScope) {
   qz::PagedFile file = newFile(qz::createOrReplace);
   ASSERT_TRUE(file.open());
   for (int page = 1; page <= 4; ++page) {
@@ -82,17 +83,17 @@ TEST_F(WayInTest, HoldsAreReturnedAtTheEndOfTheirScope) {
   qz::PageRequest* const requests[] = {&request};
   ASSERT_TRUE(file.readMany(3, 1, requests));
   EXPECT_EQ(data[511], 3);
-  file = newFile(qz::createOrReplace);  // lets go of what it was
+  file = newFile(qz::createOrReplace);  // closes the file that it was
   ASSERT_TRUE(file.open());
 }
 
-// It was never read, but is not empty for that.
-TEST_F(WayInTest, AFileThatWasOnlyPreOpenedStays) {
+// The size of a file that was only pre-opened is not known. Its close must not remove it as empty.
+TEST_F(CppHeaderTest, AFileThatWasOnlyPreOpenedStays) {
   std::ofstream(name) << "0123456789";
   char header[11];
   std::int32_t length = 11;
   qz::PagedFile file = newFile(qz::openOrKeep);
-  file.settings().lastErrno = 5;  // of long ago
+  file.settings().lastErrno = EIO;  // of an earlier failure
   EXPECT_EQ(file.preopen(header, &length).error().errorNumber, 0);
   EXPECT_EQ(length, 10);
   EXPECT_TRUE(newFile(qz::openOrKeep).preopen(header, &length));
@@ -100,26 +101,27 @@ TEST_F(WayInTest, AFileThatWasOnlyPreOpenedStays) {
 }
 
 // A stale errno in a message would send its reader to the wrong cause.
-TEST_F(WayInTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
+TEST_F(CppHeaderTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
+  const auto number = [](Status status) { return fmt::format("0x{:08X}", std::uint32_t(status)); };
   qz::PagedFile file = newFile(qz::openOrKeep);
   const auto absent = file.open();
-  EXPECT_EQ(absent.error().hostDetail1, 2U);
+  EXPECT_EQ(absent.error().hostDetail1, 2U) << "the host's second step, the open itself, failed";
   EXPECT_EQ(absent.error().message(),
             "The file or a folder on the way to it does not exist [file " + name.string() +
-                "]: No such file or directory (errno 2), status 0x803FC801");
+                "]: No such file or directory (errno 2), status " + number(Status::fileNotFound));
   const qz::Error unopened = file.read(1).error();
   EXPECT_EQ(unopened.errorNumber, 0);
   const auto entries = journal.entries();
   ASSERT_EQ(entries.size(), 2U);
   EXPECT_EQ(entries[1].text, unopened.text + " [file " + name.string() + "]")
-      << "a name is never a format";
+      << "the name has placeholders, which are text here";
   const qz::Error nameless{Status::notOpen, "No", 0, 0, 0, {}};
-  EXPECT_EQ(nameless.message(), "No, status 0x803FC81E");
+  EXPECT_EQ(nameless.message(), "No, status " + number(Status::notOpen));
 }
 
-// A flush that is refused leaves the file attached; the end of the scope lets go of it all the
-// same, which the tear-down sees.
-TEST_F(WayInTest, AFileThatDoesNotFlushIsLetGo) {
+// A close whose flush fails leaves the file attached. The end of the object's scope must close it
+// all the same, or the host could not end.
+TEST_F(CppHeaderTest, AFileThatDoesNotFlushIsClosedWithItsScope) {
   qz::PagedFile file = newFile(qz::createOrReplace, qz::optionFlushAtClose);
   ASSERT_TRUE(file.open());
   const auto flush = module->table().qzpflush;
@@ -130,7 +132,7 @@ TEST_F(WayInTest, AFileThatDoesNotFlushIsLetGo) {
   EXPECT_EQ(host.liveObjects(), 4U) << "two pools, the extension, the converter";
 }
 
-// Why direct I/O in the folder says nothing about the alignment of memory; empty when it does.
+// Why direct I/O in the folder cannot show wrong alignment; empty if it can.
 std::string whyAlignmentDoesNotShow(const std::string& folder) {
   const int fd = open(folder.c_str(), O_TMPFILE | O_RDWR | O_DIRECT, 0600);
   if (fd == -1) return std::string("no direct I/O: ") + std::strerror(errno);
@@ -143,8 +145,8 @@ std::string whyAlignmentDoesNotShow(const std::string& folder) {
   return takesAnyAddress ? "transfers from any address are taken" : "";
 }
 
-// Buffers of small pages must be as aligned as the disk's sectors: it refuses transfers to others.
-TEST_F(WayInTest, SmallPagesAreReadAndWrittenDirectly) {
+// Buffers of small pages must be aligned to the disk's sectors, or direct I/O is refused.
+TEST_F(CppHeaderTest, SmallPagesAreReadAndWrittenDirectly) {
   const std::string folder = QZIOP_PROGRAMS;
   const std::string reason = whyAlignmentDoesNotShow(folder);
   if (!reason.empty()) GTEST_SKIP() << folder << ": " << reason;
@@ -183,8 +185,9 @@ TEST_F(WayInTest, SmallPagesAreReadAndWrittenDirectly) {
   std::filesystem::remove(path);
 }
 
-// The message must say which files were tried for the module, and why each was not loaded.
-TEST(ModuleTest, SaysWhatWasTriedAndWhy) {
+// A module that is not loaded must be reported with its path and the reason, and leave nothing
+// behind.
+TEST(ModuleTest, AFailedLoadNamesItsFileAndReason) {
   qz::StandInHost host;
   const auto load = [&](const char* path) {
     return qz::Module::load(host.handle(), nullptr, path);

@@ -1,4 +1,4 @@
-// Files opened by the caller's settings, and what the C++ header adds to the operations.
+// Files of the C++ header, opened by settings, and what the header adds to the operations.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/fiemap.h>
@@ -40,8 +40,8 @@ struct PagedTest : testing::Test {
     return {std::istreambuf_iterator<char>(file), {}};
   }
   std::int64_t sizeOnDisk() const { return static_cast<std::int64_t>(contents().size()); }
-  // Appends as another program would.
-  void appendBehindItsBack(int pages, char byte) const {
+  // Appends as another program would, behind the module's back.
+  void appendOutside(int pages, char byte) const {
     std::ofstream(name, std::ios::binary | std::ios::app)
         << std::string(static_cast<std::size_t>(pages) * kPageBytes, byte);
   }
@@ -70,7 +70,7 @@ struct PagedTest : testing::Test {
     GTEST_SKIP() << "no direct I/O here: " << (file).io().reason; \
   }
 
-// A wrong setting must not create, truncate or open a file.
+// A wrong setting must not create, truncate or open a file, and the error must name the setting.
 TEST_F(PagedTest, WrongSettingsAreNamedBeforeAnythingIsTouched) {
   const struct {
     Settings settings;
@@ -95,7 +95,7 @@ TEST_F(PagedTest, WrongSettingsAreNamedBeforeAnythingIsTouched) {
   EXPECT_FALSE(std::filesystem::exists(name));
 }
 
-// Buffered I/O where direct I/O was asked for must not go unnoticed.
+// A program that asked for direct I/O and got buffered I/O must be able to see that, and why.
 TEST_F(PagedTest, TellsTheModeObtainedAndWhyItIsAnother) {
   fill(3);
   qz::PagedFile file = newFile();
@@ -118,8 +118,9 @@ TEST_F(PagedTest, TellsTheModeObtainedAndWhyItIsAnother) {
   }
 }
 
-// Both made the file; neither may cut what the other wrote.
-TEST_F(PagedTest, ANewFileIsMadeOnceAndNeverCut) {
+// Two programs may both open a file as "existing or new". The second must not truncate what the
+// first wrote.
+TEST_F(PagedTest, ANewFileIsMadeOnceAndNeverTruncated) {
   const Settings settings{.headerSize = 64,
                           .opening = Opening::existingOrNew,
                           .writing = Writing::anyPage,
@@ -139,7 +140,7 @@ TEST_F(PagedTest, ANewFileIsMadeOnceAndNeverCut) {
   EXPECT_EQ(newFile().open("/nowhere/file", settings).error().errorNumber, ENOENT);
 }
 
-// True when the file's last bytes wait in memory: the system has not chosen their place on disk.
+// True if the system has not yet chosen a place on disk for the file's last bytes.
 bool waitsInMemory(const std::string& name) {
   const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
   constexpr std::size_t kExtents = 8;
@@ -153,10 +154,12 @@ bool waitsInMemory(const std::string& name) {
          (map->fm_extents[map->fm_mapped_extents - 1].fe_flags & FIEMAP_EXTENT_DELALLOC) != 0;
 }
 
-// ext4 writes a file out at its close when it takes it for the new contents of an old file.
+// ext4 writes a file to disk at its close if it was truncated to 0 bytes before. A new file must
+// not be truncated, or every close of one would wait for the disk.
 TEST_F(PagedTest, ClosingANewFileDoesNotWaitForTheDisk) {
   std::ofstream(name) << std::string(kPage, 'p');
-  if (!waitsInMemory(name)) GTEST_SKIP() << "no delayed allocation to be seen in " << name;
+  if (!waitsInMemory(name))
+    GTEST_SKIP() << "the file system of " << name << " does not delay writes";
   const Settings settings{
       .pageSize = kPage, .opening = Opening::replace, .writing = Writing::anyPage};
   const std::string page(kPage, 'p');
@@ -167,17 +170,18 @@ TEST_F(PagedTest, ClosingANewFileDoesNotWaitForTheDisk) {
     EXPECT_TRUE(file.close());
     return !waitsInMemory(name);
   };
-  EXPECT_TRUE(rewritten()) << "it had old contents, which the system replaces safely";
+  EXPECT_TRUE(rewritten()) << "a file with old contents must be on disk after its close";
   std::filesystem::remove(name);
-  EXPECT_FALSE(rewritten()) << "it was new";
+  EXPECT_FALSE(rewritten()) << "a new file need not";
 }
 
-// The module removes an empty file at close; another program may have written to it since.
+// The module removes a file at its close if it is empty. It must not if another program has written
+// to it since the open.
 TEST_F(PagedTest, ClosingAnEmptyFileKeepsWhatOthersWrote) {
   for (const bool byScope : {false, true}) {
     qz::PagedFile file = newFile();
     ASSERT_TRUE(file.open(name, blocks()));
-    appendBehindItsBack(1, 'x');
+    appendOutside(1, 'x');
     if (!byScope) {
       ASSERT_TRUE(file.close());
     }
@@ -189,10 +193,10 @@ TEST_F(PagedTest, ClosingAnEmptyFileKeepsWhatOthersWrote) {
     qz::PagedFile file = newFile();
     ASSERT_TRUE(file.open(name, blocks()));
   }
-  EXPECT_FALSE(std::filesystem::exists(name)) << "still empty: removed, as ever";
+  EXPECT_FALSE(std::filesystem::exists(name)) << "nobody wrote to it: removed";
 }
 
-// After a refresh no cached page of the file as it was before may be served.
+// After a refresh no page may be served that was cached before it.
 TEST_F(PagedTest, RefreshSeesWhatOthersChanged) {
   for (const Io io : {Io::buffered, Io::block}) {
     fill(2);
@@ -206,7 +210,7 @@ TEST_F(PagedTest, RefreshSeesWhatOthersChanged) {
       EXPECT_EQ(file.refresh().status(), Status::badArgument) << "a page is held";
     }
     fill(0);
-    appendBehindItsBack(3, 'x');
+    appendOutside(3, 'x');
     ASSERT_TRUE(file.refresh());
     EXPECT_EQ(file.pageCount(), 3);
     for (int page = 1; page <= 3; ++page) EXPECT_EQ(*file.read(page)->data(), 'x');
@@ -231,7 +235,7 @@ TEST_F(PagedTest, CollectedPagesAreWrittenBackUnlessOthersAppended) {
   EXPECT_EQ(contents(), std::string(6 * kPageBytes, '\0'));
   ASSERT_TRUE(file.extendTo(8));
   ASSERT_TRUE(file.extendTo(9));
-  appendBehindItsBack(2, 'x');
+  appendOutside(2, 'x');
   const auto refused = file.writeBack();
   EXPECT_EQ(refused.status(), Status::misfit);
   EXPECT_FALSE(refused.error().closedFile);
@@ -239,8 +243,9 @@ TEST_F(PagedTest, CollectedPagesAreWrittenBackUnlessOthersAppended) {
   EXPECT_TRUE(file.isCollecting());
 }
 
-// run() may only count pages that the block holds and that are not stale.
-TEST_F(PagedTest, APageOfABlockHasThePagesBehindIt) {
+// run() tells how many bytes are valid from a held page on. It may count only pages that lie in the
+// same block and are not stale.
+TEST_F(PagedTest, ARunEndsWithItsBlockOrAtAStalePage) {
   fill(7);
   qz::PagedFile file = newFile();
   ASSERT_TRUE(file.open(name, blocks()));
@@ -251,8 +256,8 @@ TEST_F(PagedTest, APageOfABlockHasThePagesBehindIt) {
   EXPECT_EQ(holds[0].data()[2 * kPageBytes], 'd') << "page 4, read by the block's one read";
   EXPECT_EQ(holds[1].run(), kPage);
   EXPECT_EQ(holds[2].run(), 2 * kPage) << "the block ends with the file";
-  { const auto third = file.read(3); }  // returned: the file is asked for it again
-  EXPECT_EQ(holds[0].run(), kPage) << "pages that may be out of date end the run";
+  { const auto third = file.read(3); }  // its return makes page 3 stale
+  EXPECT_EQ(holds[0].run(), kPage) << "page 3 is stale";
   ASSERT_TRUE(file.giveBack(holds));
   EXPECT_EQ(file.settings().heldCount, 0);
   EXPECT_EQ(holds[0].run(), 0);
@@ -260,7 +265,7 @@ TEST_F(PagedTest, APageOfABlockHasThePagesBehindIt) {
   EXPECT_EQ(holds[1].run(), 4 * kPage);
 }
 
-// A caller must learn how many pages arrived, and that a short page closed the file.
+// A caller must learn how many pages a readMany brought, and that a short read closed the file.
 TEST_F(PagedTest, ReadManyCountsAndAShortReadSaysThatItClosed) {
   fill(5);
   qz::PagedFile file = newFile();
@@ -278,7 +283,7 @@ TEST_F(PagedTest, ReadManyCountsAndAShortReadSaysThatItClosed) {
   EXPECT_EQ(shortRead.status(), Status::misfit);
   EXPECT_TRUE(shortRead.error().closedFile);
   EXPECT_NE(shortRead.error().message().find("; the file was closed"), std::string::npos);
-  EXPECT_FALSE(file.read(4).error().closedFile) << "it was closed before";
+  EXPECT_FALSE(file.read(4).error().closedFile) << "the read before closed it";
 }
 
 }  // namespace

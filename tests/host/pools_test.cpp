@@ -20,14 +20,14 @@ namespace {
 using qz::MemoryPool;
 using qz::PoolCounts;
 
-// Every block of a store is filled with its own byte; a neighbour's write would show.
+// Fills every block of a store with a byte of its own, so that a write beyond a neighbour shows.
 template <class Store>
 struct StoreTest : testing::Test {
-  void take(std::size_t bytes) {
+  void allocate(std::size_t bytes) {
     const qz::Allocation taken = store.allocate(bytes);
     auto* block = static_cast<char*>(taken.address);
     ASSERT_NE(block, nullptr);
-    // Direct I/O goes to blocks from 512 bytes on.
+    // Blocks of 512 bytes and more are used for direct I/O.
     const std::uintptr_t alignment = bytes < 512 ? 16 : bytes < 4096 ? 512 : 4096;
     ASSERT_EQ(reinterpret_cast<std::uintptr_t>(block) % alignment, 0U) << bytes;
     ASSERT_TRUE(!taken.isZero || std::string_view(block, bytes) == std::string(bytes, '\0'));
@@ -35,7 +35,7 @@ struct StoreTest : testing::Test {
     contents.copy(block, bytes);
     ASSERT_TRUE(blocks.emplace(block, contents).second);
   }
-  void give(typename std::map<char*, std::string>::iterator place) {
+  void free(typename std::map<char*, std::string>::iterator place) {
     const auto [block, contents] = *place;
     ASSERT_EQ(std::string_view(block, contents.size()), contents);
     blocks.erase(place);
@@ -54,22 +54,23 @@ struct StoreTest : testing::Test {
 using Stores = testing::Types<qz::RegionStore, qz::HeapStore>;
 TYPED_TEST_SUITE(StoreTest, Stores);
 
-// Around the sizes at which blocks come from elsewhere, then at random.
+// Blocks must be aligned, not overlap, and be freed once only. The sizes lie around those at which
+// the store allocates in another way; others are random.
 TYPED_TEST(StoreTest, BlocksAreAlignedApartAndKnown) {
   for (int round = 0; round < 3; ++round) {
     for (const std::size_t bytes : {0U, 1U, 40U, 76U, 511U, 512U, 600U, 1024U, 4095U, 4096U, 4097U,
                                     8192U, 65536U, 262144U, 2097152U, 2097153U}) {
-      for (int block = 0; block < 3; ++block) this->take(bytes);
+      for (int block = 0; block < 3; ++block) this->allocate(bytes);
     }
-    while (!this->blocks.empty()) this->give(this->blocks.begin());
+    while (!this->blocks.empty()) this->free(this->blocks.begin());
   }
   for (int step = 0; step < 6000 && !this->HasFailure(); ++step) {
     const bool grows = step / 1000 % 2 == 0;
     if (this->blocks.empty() || this->random() % 8 < (grows ? 6U : 2U)) {
       const std::size_t most = std::size_t{16} << this->random() % 14;
-      this->take(this->random() % most);
+      this->allocate(this->random() % most);
     } else {
-      this->give(std::next(this->blocks.begin(),
+      this->free(std::next(this->blocks.begin(),
                            static_cast<std::ptrdiff_t>(this->random() % this->blocks.size())));
     }
   }
@@ -81,7 +82,7 @@ std::size_t mappedPages() {
   return pages;
 }
 
-// A pool must not keep the memory of its largest use.
+// A pool must not keep the memory of its largest use for ever.
 TEST(RegionStoreTest, MemoryGoesBackToTheSystem) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "the sanitizer maps and unmaps memory at times of its own";
@@ -109,8 +110,8 @@ struct PoolTest : testing::Test {
   MemoryPool* pool = newPool("one");
 };
 
-// A leak or a double free of the module must show in the counts and damage nothing.
-TEST_F(PoolTest, CountsWhatIsOutAndRefusesWhatIsForeign) {
+// A leak or a double free by the module must show in the counts and damage nothing.
+TEST_F(PoolTest, CountsLiveBlocksAndRefusesForeignOnes) {
   MemoryPool* other = newPool("two");
   auto* mine = static_cast<char*>(pool->memAlloc(pool, 100, 0));
   void* others = other->memAlloc(other, 5000, qz::kZeroFill);
@@ -140,8 +141,8 @@ TEST_F(PoolTest, CountsWhatIsOutAndRefusesWhatIsForeign) {
   EXPECT_EQ(host.liveObjects(), 1U);
 }
 
-// Each size is taken once new and once where another block was.
-TEST_F(PoolTest, ClearsBlocksWhereItIsAskedTo) {
+// A block allocated with kZeroFill must be zero, also where it reuses the memory of a freed one.
+TEST_F(PoolTest, ClearsBlocksIfAskedTo) {
   for (const std::size_t bytes : {1U, 100U, 4096U, 65537U, 2097152U, 3U << 20U}) {
     for (int round = 0; round < 2; ++round) {
       auto* block = static_cast<char*>(pool->memAlloc(pool, bytes, qz::kZeroFill));
@@ -154,7 +155,8 @@ TEST_F(PoolTest, ClearsBlocksWhereItIsAskedTo) {
 }
 
 #ifdef __SANITIZE_ADDRESS__
-// With a region store such errors of the module would hit a neighbour unseen.
+// Under the address sanitizer pools must not use a region store, in which the sanitizer sees
+// neither a use after free nor an overflow of the module.
 TEST_F(PoolTest, SanitizerSeesUseAfterFreeAndOverflow) {
   const auto touch = [&](std::size_t at, bool freed) {
     auto* block = static_cast<volatile char*>(pool->memAlloc(pool, 4096, 0));

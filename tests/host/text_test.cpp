@@ -24,26 +24,32 @@ using qz::Status;
 constexpr auto kAccessNote = static_cast<std::uint32_t>(Status::accessNote);
 constexpr auto kFileNameLine = static_cast<std::uint32_t>(Status::fileNameLine);
 
+// The ranges of the module's codes and of the host's statuses.
+constexpr std::uint32_t kModuleCodes = 0x803FC000;
+constexpr std::uint32_t kHostStatuses = 0x80FFE000;
+constexpr std::uint32_t kRange = 0x1000;
+
 bool hasName(std::uint32_t status) { return !qztest::nameOfStatus(status).starts_with("0x"); }
 
-// A text that asked for an insert that the module does not give would take one that is not there.
+// A text with a placeholder for which the module passes no insert would read memory that is none.
 TEST(CatalogueTest, EveryStatusHasItsOwnTextAndOnlyItsInserts) {
-  std::set<std::string> texts = {qz::statusText(0)};
-  for (const std::uint32_t first : {0x803FC000U, 0x80FFE000U}) {
-    for (std::uint32_t status = first; status < first + 0x1000; ++status) {
+  std::set<std::string> texts = {qz::statusText(qz::hostOk)};
+  for (const std::uint32_t first : {kModuleCodes, kHostStatuses}) {
+    for (std::uint32_t status = first; status < first + kRange; ++status) {
       const std::string text = qz::statusText(status);
       EXPECT_TRUE(texts.insert(text).second) << text;
       EXPECT_EQ(text.find("has no text") == std::string::npos, hasName(status)) << text;
       EXPECT_EQ(std::count(text.begin(), text.end(), '%'), qz::insertsOf(Status{status})) << text;
     }
   }
-  EXPECT_NE(qz::statusText(0x80FFE016).find("0x80FFE016"), std::string::npos);
+  const std::uint32_t nameless = kHostStatuses;
+  EXPECT_NE(qz::statusText(nameless).find(fmt::format("0x{:08X}", nameless)), std::string::npos);
 }
 
 using Rows = std::multiset<std::string>;
 
-// What only one of the two has: the rows wanted, or a document's tables of module codes, of which
-// the first two columns count.
+// The rows that only one has: `wanted`, or the document's tables of module codes. The first two
+// columns count.
 std::vector<std::string> differences(const char* document, const Rows& wanted) {
   std::ifstream file(QZIOP_SOURCES + std::string("/docs/") + document);
   Rows rows;
@@ -55,7 +61,8 @@ std::vector<std::string> differences(const char* document, const Rows& wanted) {
   return found;
 }
 
-// A code that the array lacks is checked nowhere; one that a document lacks is explained nowhere.
+// A code that kStatusCodes lacks is not tested; one that a document lacks is not explained to
+// users.
 TEST(StatusTest, TheArrayAndTheDocumentsHaveEveryCode) {
   Rows codes;
   Rows inserts;
@@ -69,7 +76,7 @@ TEST(StatusTest, TheArrayAndTheDocumentsHaveEveryCode) {
   const std::vector<std::string> none;
   EXPECT_EQ(differences("status-codes.md", codes), none);
   EXPECT_EQ(differences("host-contract.md", inserts), none);
-  for (std::uint32_t number = 0x803FC000; number < 0x803FD000; ++number) {
+  for (std::uint32_t number = kModuleCodes; number < kModuleCodes + kRange; ++number) {
     const bool listed =
         std::ranges::find(qz::kStatusCodes, Status{number}) != std::end(qz::kStatusCodes);
     EXPECT_EQ(listed, hasName(number)) << qztest::nameOfStatus(number);
@@ -77,7 +84,7 @@ TEST(StatusTest, TheArrayAndTheDocumentsHaveEveryCode) {
 }
 
 struct JournalTest : testing::Test {
-  // The module's own ways to a journal: they make lists of the arguments behind the others.
+  // The module's functions with variable arguments, which call a journal's slots.
   template <class Function>
   Function* exported(const char* name) const {
     return reinterpret_cast<Function*>(module->symbol(name));
@@ -94,7 +101,8 @@ struct JournalTest : testing::Test {
   std::uint32_t added = 99;
 };
 
-// A wrong placeholder would read memory that is no insert.
+// Inserts must replace their placeholders and nothing else: a name with a percent sign is no
+// format, and a null name no address.
 TEST_F(JournalTest, FillsInInserts) {
   const char32_t* const none = nullptr;
   const std::u32string text = U"%s|%s|%d|%d|100%%|%x|%";
@@ -115,15 +123,15 @@ TEST_F(JournalTest, FillsInInserts) {
   EXPECT_EQ(
       messageToBuf(&journal, word(U"<%s>"), 4, word(buffer.data()), 1024, word(&added), U"100%s"),
       0U);
-  EXPECT_EQ(buffer.substr(0, added), U"<100%%s>") << "a text once more, not a format";
+  EXPECT_EQ(buffer.substr(0, added), U"<100%%s>") << "its use as a message restores the one %";
   EXPECT_EQ(messageToJnl(&journal, JournalLevel::note, nullptr, 0), 0U);
   EXPECT_EQ(messageToJnl(&journal, JournalLevel::note, nullptr, 3), qz::hostBadText);
 }
 
-// Half a text would pass as a whole message.
+// A text that is cut off would pass as a whole message.
 TEST_F(JournalTest, ATextThatDoesNotFitIsRefusedWhole) {
   const std::u32string name(3000, U'n');
-  const std::uint32_t needed = 3000 + 8;  // " [file " and "]"
+  const auto needed = static_cast<std::uint32_t>(name.size() + std::u32string(U" [file ]").size());
   for (const std::uint32_t capacity : {0U, 1U, needed - 1, needed}) {
     buffer.assign(capacity, U'#');
     const bool fits = capacity == needed;
@@ -144,7 +152,8 @@ TEST_F(JournalTest, StandardErrorGetsOneCleanLinePerEntry) {
   EXPECT_TRUE(printed.entries().empty());
 }
 
-// A program's own log gets whole entries, of its own journal and of the host's default one.
+// A program with a log of its own must get each entry whole, of its journal and of the host's
+// default journal.
 TEST(JournalFunctionTest, EachEntryReachesTheProgram) {
   using Entries = std::vector<qz::JournalEntry>;
   const qz::JournalFunction store = [](void* context, const qz::JournalEntry& entry) noexcept {
@@ -155,7 +164,7 @@ TEST(JournalFunctionTest, EachEntryReachesTheProgram) {
   qz::StandInJournal journal(qz::JournalSink::function, store, &own);
   qz::StandInHost host({{}, qz::JournalSink::function, store, &ofDefault});
   qz::QZHandle* handle = host.handle();
-  EXPECT_EQ(handle->extensionLoad(handle, U"other", 5, &journal), nullptr);
+  EXPECT_EQ(handle->extensionLoad(handle, U"qzeavlx", 7, &journal), nullptr);
   EXPECT_EQ(handle->extensionLoad(handle, U"other", 5, handle->defaultJournal), nullptr);
   EXPECT_EQ(journal.append(JournalLevel::note, 0, "a\nb"), 0U);
   ASSERT_EQ(own.size(), 2U);
@@ -177,60 +186,81 @@ TEST(TextTest, NamesSurviveWhateverTheirBytes) {
   for (int round = 0; round < 5000; ++round) {
     std::string bytes(random() % 12, '\0');
     for (char& byte : bytes) {
-      constexpr unsigned char kTelling[] = {0xC3, 0xA9, 0xED, 0xA0, 0x80, 0xF0, 0x9F, 0x92,
+      // Bytes that begin, continue and break characters of UTF-8.
+      constexpr unsigned char kSpecial[] = {0xC3, 0xA9, 0xED, 0xA0, 0x80, 0xF0, 0x9F, 0x92,
                                             0xBE, 0xC0, 0xF4, 0x90, 0x41, 0xFF, 0xE2, 0x82};
-      byte = static_cast<char>(random() % 4 == 0 ? random() % 256 : kTelling[random() % 16]);
+      byte = static_cast<char>(random() % 4 == 0 ? random() % 256 : kSpecial[random() % 16]);
     }
     ASSERT_EQ(qz::toUtf8(qz::toUtf32(bytes)), bytes);
   }
+}
+
+// Bytes that are no UTF-8 stand as the code points U+DC80 to U+DCFF; other code points that are no
+// characters become U+FFFD.
+TEST(TextTest, BytesThatAreNoCharactersHaveCodePointsOfTheirOwn) {
   const std::u32string known{0xE9, 0x20AC, 0x1F4BE, 0xDCFF, 0xDCC0, 0xDC80};
   EXPECT_EQ(qz::toUtf8(known), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x92\xBE\xFF\xC0\x80");
   EXPECT_EQ(qz::toUtf32(qz::toUtf8(known)), known);
   EXPECT_EQ(qz::toUtf8(std::u32string{0xD800, 0x110000, 0xDC41}), "\uFFFD\uFFFD\uFFFD");
 }
 
-// Half a character at the end of the buffer would be another name.
+// A name that ends inside a character would be another name. A text that does not fit, or has no
+// UTF-8, must be refused, with the whole characters before that stored.
 TEST(TextTest, ConverterStoresWholeCharactersThatFit) {
   qz::StandInHost host;
   qz::EncodingServices* services = host.handle()->encodingServices;
   qz::Converter* converter =
       services->converterCreate(services, services->systemEncoding, 0, nullptr);
+  // Characters of 1, 2, 3 and 4 bytes, and one that has no UTF-8.
   const std::u32string text{U'a', 0xE9, 0x20AC, 0x1F4BE, 0xD800};
-  constexpr std::size_t kUsed[] = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10, 10};
-  for (std::size_t capacity = 0; capacity < std::size(kUsed); ++capacity) {
+  constexpr std::size_t kStored[] = {0, 1, 1, 3, 3, 3, 6, 6, 6, 6, 10, 10};  // by capacity
+  constexpr std::size_t kAllBytes = 5 * sizeof(char32_t);
+  for (std::size_t capacity = 0; capacity < std::size(kStored); ++capacity) {
     std::string output(16, '#');
-    EXPECT_EQ(converter->convert(converter, text.data(), 20, output.data(), capacity, 0, 0),
+    EXPECT_EQ(converter->convert(converter, text.data(), kAllBytes, output.data(), capacity, 0, 0),
               capacity < 10 ? qz::hostTextTooLong : qz::hostBadText);
-    EXPECT_EQ(output,
-              qz::toUtf8(text).substr(0, kUsed[capacity]) + std::string(16 - kUsed[capacity], '#'));
+    EXPECT_EQ(output, qz::toUtf8(text).substr(0, kStored[capacity]) +
+                          std::string(16 - kStored[capacity], '#'));
   }
-  EXPECT_EQ(converter->convert(converter, text.data(), 16, std::string(10, '#').data(), 10, 0, 0),
+  EXPECT_EQ(converter->convert(converter, text.data(), kAllBytes - sizeof(char32_t),
+                               std::string(10, '#').data(), 10, 0, 0),
             qz::hostOk);
   EXPECT_EQ(converter->destroy(converter), 0U);
   EXPECT_EQ(services->converterCreate(services, services->systemEncoding + 1, 0, nullptr), nullptr);
 }
 
-// Unknown options and extensions are refused, and a wait takes the time that was asked for.
-TEST(ToolkitTest, OptionsExtensionsAndTasks) {
-  qz::StandInHost host({6144, qz::JournalSink::memory});
+// An option may be stored only under its exact name, as its type, and where there is room for it.
+TEST(ToolkitTest, OptionsAreStoredWholeOrRefused) {
+  constexpr std::int32_t kPageSize = 6144;
+  constexpr std::int32_t kUntouched = -1;
+  constexpr std::uint32_t kOtherType = qz::kOptionInt32 - 1;
+  qz::StandInHost host({kPageSize, qz::JournalSink::memory});
+  const struct {
+    std::u32string_view key;
+    std::uint32_t type, room;
+    HostStatus status;
+  } rows[] = {{U"host.pagesize", qz::kOptionInt32, 8, qz::hostOk},
+              {U"host.pagesize", kOtherType, 4, qz::hostWrongValueType},
+              {U"host.pagesize", qz::kOptionInt32, 3, qz::hostWrongValueType},
+              {U"host.pagesizes", qz::kOptionInt32, 4, qz::hostUnknownOption},
+              {U"host.page", qz::kOptionInt32, 4, qz::hostUnknownOption}};
+  for (const auto& [key, type, room, status] : rows) {
+    SCOPED_TRACE(qz::toUtf8(key) + " " + std::to_string(room));
+    std::int32_t value = kUntouched;
+    std::uint32_t bytes = room;
+    EXPECT_EQ(
+        host.handle()->optionGet(host.handle(), key.data(), static_cast<std::uint32_t>(key.size()),
+                                 type, &value, &bytes),
+        status);
+    EXPECT_EQ(value, status == qz::hostOk ? kPageSize : kUntouched);
+    EXPECT_EQ(bytes, status == qz::hostOk ? sizeof value : room);
+  }
+}
+
+// A wait that ended early would make the module's retries of a busy file useless.
+TEST(ToolkitTest, AWaitTakesTheTimeAskedFor) {
+  qz::StandInHost host;
   qz::QZHandle* handle = host.handle();
-  const auto expectOption = [&](std::u32string_view key, std::uint32_t type, std::uint32_t bytes,
-                                HostStatus status) {
-    std::int32_t value = -1;
-    const bool good = status == 0;
-    const std::uint32_t bytesAfter = good ? 4 : bytes;
-    EXPECT_EQ(handle->optionGet(handle, key.data(), static_cast<std::uint32_t>(key.size()), type,
-                                &value, &bytes),
-              status);
-    EXPECT_TRUE(value == (good ? 6144 : -1) && bytes == bytesAfter) << value << " " << bytes;
-  };
-  expectOption(U"host.pagesize", 3, 8, 0);
-  expectOption(U"host.pagesize", 2, 4, qz::hostWrongValueType);
-  expectOption(U"host.pagesize", 3, 3, qz::hostWrongValueType);
-  expectOption(U"host.pagesizes", 3, 4, qz::hostUnknownOption);
-  expectOption(U"host.page", 3, 4, qz::hostUnknownOption);
-  EXPECT_EQ(handle->extensionLoad(handle, U"qzeavlx", 7, handle->defaultJournal), nullptr);
-  EXPECT_EQ(host.defaultJournal().entries().at(0).status, qz::hostNoSuchExtension);
   const auto start = std::chrono::steady_clock::now();
   qz::Task* task = handle->currentTask(handle);
   EXPECT_EQ(task->taskWait(task, 0, 0, 0, 0, 30), 0U);

@@ -36,7 +36,8 @@ struct TreeTest : testing::Test {
   qz::PageTree* create(const qz::TreeAttributes& attributes) {
     return extension->treeCreate(extension, &attributes, &journal, "test");
   }
-  // A new node; where the key is there already, it is not entered and freed again.
+  // Inserts a new node. If the key is in the tree already, the tree does not take the node, which
+  // is freed.
   void insert(std::int64_t key) {
     auto node = std::make_unique<PageBuffer>();
     node->treeLinks[0] = node->treeLinks[1] = node.get();  // garbage
@@ -51,7 +52,7 @@ struct TreeTest : testing::Test {
     tree->treeRemove(&tree->anchor, place == model.end() ? &key : &place->second->pageNumber);
     model.erase(key);
   }
-  // Empties the tree from outside, as a close does, and frees all nodes.
+  // Empties the tree by its root, as a close of the module does, and frees all nodes.
   void clearRoot() {
     tree->anchor.root = nullptr;
     model.clear();
@@ -85,8 +86,8 @@ struct TreeTest : testing::Test {
   Model model;
 };
 
-// Runs of neighbouring keys, up and down, with jumps between them, as pages are used. At times the
-// root is cleared from outside.
+// After random inserts and removals the tree must find what a map finds, in balance: runs of
+// neighbouring keys, up and down, with jumps between them, as pages are used.
 TEST_F(TreeTest, HoldsWhatAMapHolds) {
   using Limits = std::numeric_limits<std::int64_t>;
   std::mt19937 random(1);
@@ -115,9 +116,9 @@ TEST_F(TreeTest, HoldsWhatAMapHolds) {
   }
 }
 
-// A full cache that goes through a file: a miss, the page released longest ago leaves, the new one
-// enters. Both ends of the tree move, with a search of its own at each. In a short file the run of
-// new pages pushes that of the old ones before it.
+// The same for a full cache that moves through a file: at each miss the oldest page is removed and
+// the new one inserted, and the tree searches for each with a finger of its own. In a short file,
+// from step 3000 on, the run of new pages replaces the run of old pages next to it.
 TEST_F(TreeTest, FollowsACacheThroughAFileUpAndDown) {
   std::mt19937 random(2);
   for (const std::size_t buffers : {1U, 2U, 7U, 64U, 300U}) {
@@ -150,7 +151,7 @@ TEST_F(TreeTest, FollowsACacheThroughAFileUpAndDown) {
   }
 }
 
-// A tree of other attributes would search by the wrong key.
+// A tree with other attributes than a page tree's would search by the wrong key.
 TEST_F(TreeTest, UnknownTreesAreRefused) {
   for (const qz::TreeAttributes& attributes :
        {qz::TreeAttributes{1, 20, 6, 2}, {0, 20, 6, 1}, {1, 20, 5, 1}, {1, sizeof(void*), 6, 1}}) {

@@ -1,5 +1,5 @@
-// The check of a host: the stand-in host keeps every promise, and a host that breaks one is told
-// which.
+// The check of a host: it finds every promise kept by the stand-in host, and names the promise that
+// a host breaks. Promises are numbered H1 to H48, as in docs/host-contract.md.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -28,7 +28,7 @@ using namespace qz;  // NOLINT(google-build-using-namespace): every record of th
 struct TriedHost {
   TriedHost() : host({.hostPageSize = 8192, .defaultJournal = JournalSink::memory}) {}
 
-  // A slow machine needs its time: few seconds are for a host that never returns.
+  // The limit is high for slow machines; a test of a host that never returns sets a low one.
   std::vector<PromiseReport> check(int secondsPerPromise = 60) {
     HostCheckOptions options;
     options.secondsPerPromise = secondsPerPromise;
@@ -43,7 +43,8 @@ struct TriedHost {
   StandInHost host;
 };
 
-// H6 and H7 are about what the host does with the module. A system may take direct I/O everywhere.
+// H6 and H7 are about what the host does with the module, which the check cannot see. H42 is about
+// a refusal of direct I/O, which not every system has.
 bool mayGoUntested(int promise) { return promise == 6 || promise == 7 || promise == 42; }
 
 // The check must not accuse a host that keeps its promises.
@@ -60,7 +61,8 @@ TEST(HostCheck, TheStandInHostKeepsEveryPromise) {
   EXPECT_EQ(tried.host.liveObjects(), 0U) << "the check leaves the host as it was";
 }
 
-// What cannot be tested without the journal's entries must not count as kept.
+// Promises about the entries of the journal (H8, H25, H45) must not count as kept where the check
+// cannot read the entries.
 TEST(HostCheck, SaysWhatNeedsTheEntriesOfTheJournal) {
   TriedHost tried;
   for (const PromiseReport& report : checkHost(tried.host.handle())) {
@@ -73,8 +75,8 @@ TEST(HostCheck, SaysWhatNeedsTheEntriesOfTheJournal) {
 
 // --- Hosts that break a promise
 //
-// Each replaces slots of a stand-in host. The slots that stood there before are kept in `real`; the
-// slots of objects that the host makes are replaced as they are made, by `change`.
+// Each replaces slots of a stand-in host. `real` has the slots from before. The slots of objects
+// that the host makes later are replaced by `change`, once each object is made.
 
 struct {
   QZHandle host;
@@ -131,7 +133,6 @@ void changeConverters(QZHandle* host, void (*how)(Converter*)) {
   };
 }
 
-// Changes files that were opened.
 void changeFiles(QZHandle* host, void (*how)(HostFile*)) {
   change<HostFile> = how;
   host->fileService->fileOpen = [](FileService* self, OpenParameters* parameters, Word one,
@@ -159,16 +160,16 @@ HostStatus realStatusToBuf(Journal* journal, std::uint32_t status, char32_t* buf
   return result;
 }
 
-// Of what a broken pool keeps: the check uses it from several threads.
+// For the records of broken pools, which the check uses from several threads.
 std::mutex poolMutex;
 
-// Blocks that lie elsewhere than the real pool put them, with the real address.
+// The address of each block that was moved, with the one that the real pool gave it.
 std::map<void*, void*>& moved() {
   static std::map<void*, void*> blocks;
   return blocks;
 }
 
-// Allocates `distance` bytes more and skips them.
+// Allocates `distance` bytes more and returns the address behind them.
 void* allocateBehind(MemoryPool* pool, std::size_t bytes, std::uint32_t flags,
                      std::size_t distance) {
   auto* block = static_cast<char*>(real.pool.memAlloc(pool, bytes + distance, flags));
@@ -187,7 +188,7 @@ HostStatus freeMoved(MemoryPool* pool, void* block) {
   return real.pool.memFree(pool, address);
 }
 
-// Every block lies as many bytes behind the real one as `distance` says for its size.
+// Moves every block by `distance` of its size.
 void shiftBlocks(QZHandle* host, unsigned (*distance)(std::size_t bytes)) {
   static decltype(distance) shift;
   shift = distance;
@@ -200,7 +201,7 @@ void shiftBlocks(QZHandle* host, unsigned (*distance)(std::size_t bytes)) {
 }
 
 struct BrokenHost {
-  int promise;
+  int promise;  // the number behind the H
   const char* how;
   void (*apply)(QZHandle*);
 };
@@ -252,7 +253,7 @@ const BrokenHost kBrokenHosts[] = {
          return real.host.extensionLoad(self, name, length, nullptr);
        };
      }},
-    {9, "an option is cut to the room for it",
+    {9, "an option that does not fit is left out in silence",
      [](QZHandle* host) {
        host->optionGet = [](QZHandle* self, const char32_t* key, std::uint32_t length,
                             std::uint32_t type, void* value, std::uint32_t* bytes) -> HostStatus {
@@ -260,7 +261,7 @@ const BrokenHost kBrokenHosts[] = {
          return real.host.optionGet(self, key, length, type, value, bytes);
        };
      }},
-    {10, "a block is given out twice",
+    {10, "a block is allocated twice",
      [](QZHandle* host) {
        changePools(host, [](MemoryPool* pool) {
          static void* last = nullptr;
@@ -276,7 +277,7 @@ const BrokenHost kBrokenHosts[] = {
          };
        });
      }},
-    {11, "the flag for zero bytes is not looked at",
+    {11, "the flag for zero bytes is ignored",
      [](QZHandle* host) {
        changePools(host, [](MemoryPool* pool) {
          pool->memAlloc = [](MemoryPool* self, std::size_t bytes, std::uint32_t) {
@@ -288,15 +289,15 @@ const BrokenHost kBrokenHosts[] = {
      [](QZHandle* host) {
        shiftBlocks(host, [](std::size_t bytes) { return bytes == 40 ? 1U : 0U; });
      }},
-    {13, "a page buffer lies at a sector, not at a page",
+    {13, "a page buffer is aligned to 512 bytes only",
      [](QZHandle* host) {
        shiftBlocks(host, [](std::size_t bytes) { return bytes >= 4096 ? 512U : 0U; });
      }},
-    {14, "a buffer of a sector does not lie at one",
+    {14, "a buffer of a sector is aligned to 64 bytes only",
      [](QZHandle* host) {
        shiftBlocks(host, [](std::size_t bytes) { return bytes >= 512 && bytes < 4096 ? 64U : 0U; });
      }},
-    {15, "only the last block is taken back",
+    {15, "only the last block can be freed",
      [](QZHandle* host) {
        changePools(host, [](MemoryPool* pool) {
          static std::vector<void*> blocks;
@@ -313,7 +314,7 @@ const BrokenHost kBrokenHosts[] = {
          };
        });
      }},
-    {16, "a pool does not end",
+    {16, "a pool cannot be destroyed",
      [](QZHandle* host) {
        changePools(host, [](MemoryPool* pool) {
          pool->destroy = [](MemoryPool*) -> HostStatus { return hostBlocksLive; };
@@ -564,7 +565,7 @@ const BrokenHost kBrokenHosts[] = {
          return file;
        };
      }},
-    {38, "a file that is to be created is cut",
+    {38, "an open with O_CREAT truncates the file",
      [](QZHandle* host) {
        host->fileService->fileOpen = [](FileService* self, OpenParameters* parameters, Word one,
                                         std::uint32_t mode, Journal* journal, HostStatus* status) {
@@ -625,7 +626,7 @@ const BrokenHost kBrokenHosts[] = {
          return real.files.fileOpen(self, parameters, one, mode, nullptr, status);
        };
      }},
-    {46, "a pipe is some failure",
+    {46, "a pipe is refused without the status for it",
      [](QZHandle* host) {
        host->fileService->fileOpen = [](FileService* self, OpenParameters* parameters, Word one,
                                         std::uint32_t mode, Journal* journal, HostStatus* status) {
@@ -650,14 +651,14 @@ const BrokenHost kBrokenHosts[] = {
      }},
 };
 
-// A process with the sanitizer's memory takes long to fork: a dozen hosts are tried there.
+// Under the sanitizer a fork takes long, so only every fourth host is tried.
 #ifdef __SANITIZE_ADDRESS__
 constexpr std::size_t kStep = 4;
 #else
 constexpr std::size_t kStep = 1;
 #endif
 
-// The author of a host must be sent to the promise that is broken, and to that alone.
+// The check must name the promise that a host breaks, and no other.
 TEST(HostCheck, ABrokenPromiseIsNamedAndNoOther) {
   for (std::size_t i = 0; i < std::size(kBrokenHosts); i += kStep) {
     const BrokenHost& broken = kBrokenHosts[i];

@@ -1,5 +1,6 @@
-// Random operations and faults, valid and not, on the module and the model. A seed replays to the
-// same trace. QZIOP_SEEDS and QZIOP_FIRST_SEED choose other seeds.
+// Random operations, valid and invalid, and random faults, on the module and on the model
+// (support/driver.h). A seed always gives the same operations and outcomes. QZIOP_FIRST_SEED and
+// QZIOP_SEEDS say which seed is the first and how many follow.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -19,7 +20,7 @@ using qz::Status;
 
 class Walk {
  public:
-  // Aligned pages go by direct I/O in the given way.
+  // `way`: of direct I/O, where the pages are aligned.
   Walk(std::uint64_t seed, const std::string& folder, DirectIo way)
       : random_(seed), world_(folder), way_(way), driver_(world_, prepare()) {}
 
@@ -133,7 +134,7 @@ class Walk {
     return &world_;
   }
 
-  // What a closed handle, or an open one, refuses.
+  // Calls that the handle must refuse, or that meet the end of the file.
   Status useWrongly() {
     const int choice = pick(1, 9);
     const std::int32_t size = geometry_.pageSize;
@@ -191,7 +192,7 @@ std::uint64_t walk(std::uint64_t seed) {
   return Walk(seed, memoryFolder(), DirectIo::simulated).run();
 }
 
-// Random operations on the module and on a simple model of it must come to the same.
+// After any order of operations and faults, statuses, counts and bytes must be those of the model.
 TEST(RandomModel, Seeds) {
 #ifdef __SANITIZE_ADDRESS__
   constexpr std::uint64_t kUsual = 300;
@@ -206,8 +207,8 @@ TEST(RandomModel, Seeds) {
     if (seed % 100 == 0) {
       EXPECT_EQ(walk(seed), digest) << "the seed does not replay";
     }
-    // With many buffers the module finds records through its index; without memory for all of one
-    // it walks the lists. Both must find the same.
+    // With many buffers the module finds records through its index, or walks the lists if the index
+    // gets no memory or too little. Both must find the same records.
     if (seed % 4 == 0) {
       calls().ownAllocationsGiven = static_cast<int>(seed / 4 % 4);
       EXPECT_EQ(walk(seed), digest) << "the index differs from the lists";
@@ -216,7 +217,7 @@ TEST(RandomModel, Seeds) {
   }
 }
 
-// As the file system of temporary files has it: usually a disk.
+// The same with real O_DIRECT: the alignment that the simulation demands must be the kernel's.
 TEST(RandomModel, RealDirectIo) {
   const std::string folder = std::filesystem::temp_directory_path();
   const int fd = open(folder.c_str(), O_TMPFILE | O_RDWR | O_DIRECT, 0600);

@@ -55,16 +55,16 @@ std::vector<char*> pointers(const std::vector<std::string>& words) {
   return result;
 }
 
-// The file as a put leaves it that is stopped while it carries out its committed change: the first
-// call that fails after the change was committed.
+// The file that a put leaves if a call fails just after its change was committed: with the redo
+// record of the change.
 Folder interruptedPut(const Workplace& place, const CommandCase& put) {
   const auto calls = static_cast<int>(place.record(put).trace.size());
   for (int call = 1; call <= calls; ++call) {
-    place.record(put, {"QZR_FAIL=" + std::to_string(call), "QZR_ERROR=5"});
+    place.record(put, {"QZR_FAIL=" + std::to_string(call), "QZR_ERROR=" + std::to_string(EIO)});
     const Folder left = place.contents();
     if (left.at("x").find("QZPREDO") != Bytes::npos) return {{"x", left.at("x")}};
   }
-  ADD_FAILURE() << "no call leaves a committed change behind";
+  ADD_FAILURE() << "after no failed call was there a redo record";
   return put.before;
 }
 
@@ -80,7 +80,7 @@ std::string whyNoRecorder() {
 #endif
 }
 
-// In memory where that can be: each state is written and flushed several times.
+// On a file system in memory if there is one: each state is written and flushed several times.
 Workplace::Workplace() : folder_("/dev/shm/qziop-power-XXXXXX") {
   if (mkdtemp(folder_.data()) != nullptr) return;
   folder_ = QZIOP_PROGRAMS "/power-XXXXXX";
@@ -166,7 +166,7 @@ Bytes Workplace::held(const Folder& files) const {
   if (files.at("x").rfind("QZPFILE", 0) != 0) return "plain:" + files.at("x");
   const Execution payload = run({"unpack", "x", "-"});
   if (payload.status != 0) return kDamaged;
-  // Only header --set, whose input is h, changes what is behind the header's own fields.
+  // Only header --set, whose input is h, changes the header area behind the header's own fields.
   const Bytes area = files.contains("h") ? run({"header", "x"}).out : Bytes();
   return "payload:" + payload.out + area;
 }

@@ -16,12 +16,12 @@ using Bytes = std::string;
 // Files of a folder by name.
 using Folder = std::map<std::string, Bytes>;
 
-// One note of the recorder with its data.
+// A record of the trace with its data.
 struct Event {
   TraceRecord record;
   Bytes data;
 
-  bool is(char what) const { return record.what == what; }
+  bool is(What what) const { return record.what == what; }
 };
 
 struct Execution {
@@ -38,10 +38,10 @@ struct CommandCase {
   Folder before;
 };
 
-// Whether the preloaded recorder works with this build of the program; else why not.
+// Why the recorder cannot be preloaded into this build of the program; empty if it can.
 std::string whyNoRecorder();
 
-// A folder of the test's own that goes with the object.
+// A folder of the test's own, deleted with the object.
 class Workplace {
  public:
   Workplace();
@@ -52,9 +52,9 @@ class Workplace {
   // Makes the folder's contents those of `files`.
   void fill(const Folder& files) const;
   Folder contents() const;
-  // Runs qzpfile in the folder. settings: "NAME=value" for the recorder; without any it is not
-  // preloaded.
-  // whenStopped: called when the program has stopped itself; then it goes on.
+  // Runs qzpfile in the folder. `settings`: "NAME=value" for the recorder, which is not preloaded
+  // without any. `whenStopped` is called each time that the program has stopped itself; then the
+  // program goes on.
   Execution run(const std::vector<std::string>& arguments, const std::string& input = {},
                 const std::vector<std::string>& settings = {},
                 const std::function<void()>& whenStopped = {}) const;
@@ -62,10 +62,10 @@ class Workplace {
   Execution record(const CommandCase& command, const std::vector<std::string>& settings = {},
                    const std::function<void()>& whenStopped = {}) const;
 
-  // What x holds: its payload and, where it may change, its header area, or for a plain file its
-  // bytes; "damaged" when it cannot be read.
+  // The contents of the file x: its payload, with its header area where a command changes that; the
+  // bytes of a plain file; "damaged" if it cannot be read.
   Bytes held(const Folder& files) const;
-  // The same after a repair that may give up what cannot be kept.
+  // The same after a repair that may lose pages.
   Bytes heldAfterRepair(const Folder& files) const;
 
  private:
@@ -74,11 +74,10 @@ class Workplace {
 
 inline const Bytes kDamaged = "damaged";
 
-// Every command for one version of the file format.
+// Every command that writes, on files of one version of the file format.
 std::vector<CommandCase> commandCases(const Workplace& place, int version);
 
-// Calls tryCommand(place, command, version) for every command and version of the file format.
-// Returns the sum of what it returned.
+// Calls tryCommand for every command and version of the file format; the sum of its results.
 int sumOverCommands(
     const std::function<int(const Workplace&, const CommandCase&, int version)>& tryCommand);
 

@@ -1,8 +1,8 @@
-// Every system call of every command that writes is failed once, by its number. A command that says
-// that it succeeded has; after any other the file holds what it held before or what the command
-// makes, at once or after a repair, and nothing half-made is left beside it.
+// Every system call of every command that writes is failed once, by its number. A command that
+// reports success must have made its change. After any other the file must have its old or its new
+// contents, at once or after a repair, and no unfinished file may be left beside it.
 //
-// QZIOP_POWER_FAULTS=all: each call in each of the ways; else each call in one of them in turn.
+// Calls fail in three ways. QZIOP_POWER_FAULTS=all: each call in each way; else each call in one.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,7 +28,8 @@ int tryFaults(const Workplace& place, const CommandCase& command) {
   const Bytes after = place.held(place.contents());
   Bytes before = place.held(command.before);
   if (before == kDamaged) before = place.heldAfterRepair(command.before);
-  const auto calls = std::ranges::count_if(good.trace, [](const Event& e) { return e.is('c'); });
+  const auto calls =
+      std::ranges::count_if(good.trace, [](const Event& e) { return e.is(What::call); });
   int runs = 0;
   for (int call = 1; call <= calls; ++call) {
     for (int kind = 0; kind < 3; ++kind) {
@@ -50,7 +51,7 @@ int tryFaults(const Workplace& place, const CommandCase& command) {
   return runs;
 }
 
-// A command with one system call failed leaves the file as it was, or succeeds.
+// A command with one failed system call must leave the file as it was, or make its change.
 TEST(Faults, LeaveTheOldOrTheNewFile) {
   if (const std::string why = whyNoRecorder(); !why.empty()) GTEST_SKIP() << why;
   const int total = sumOverCommands([](const Workplace& place, const CommandCase& command,

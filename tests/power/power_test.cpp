@@ -1,9 +1,8 @@
-// What a disk may hold after the power failed at any point of a command. Of the writes since the
-// last flush of their file each may be lost, on disk, or torn; names come into being in order.
-// Every such disk must hold what was there before or what the command makes, at once or after a
-// repair.
+// Power cuts at any point of a command. Each write since the last flush of its file may then be on
+// disk, lost or torn; changes of names reach the disk in their order. With every such state of the
+// disk the file must have its old or its new contents, at once or after a repair.
 //
-// QZIOP_POWER_STATES: how many disks to try for each moment between two flushes (default 24).
+// QZIOP_POWER_STATES: how many states to try for each moment between two flushes (default 24).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -22,12 +21,12 @@ int statesPerMoment() {
   return text == nullptr ? 24 : std::atoi(text);               // NOLINT(cert-err34-c)
 }
 
-// What became of one write.
-enum class Fate { lost, kept, head, tail };
+// What of a write is on disk.
+enum class Fate { lost, kept, firstHalf, secondHalf };
 
 std::string baseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
-// A disk with the names and contents that its calls made.
+// The names and contents of a disk.
 class Disk {
  public:
   Disk(const Folder& before, const std::map<std::uint64_t, std::string>& inodes) {
@@ -39,11 +38,11 @@ class Disk {
 
   void carryOut(const Event& event, Fate fate) {
     if (fate == Fate::lost) return;
-    if (event.is('n')) names_[baseName(event.data)] = event.record.inode;
-    if (event.is('u')) names_.erase(baseName(event.data));
+    if (event.is(What::nameAdded)) names_[baseName(event.data)] = event.record.inode;
+    if (event.is(What::nameRemoved)) names_.erase(baseName(event.data));
     Bytes& file = contents_[event.record.inode];
-    if (event.is('t')) file.resize(static_cast<std::size_t>(event.record.offset));
-    if (event.is('w')) write(file, event, fate);
+    if (event.is(What::resized)) file.resize(static_cast<std::size_t>(event.record.offset));
+    if (event.is(What::written)) write(file, event, fate);
   }
 
   Folder folder() const {
@@ -56,12 +55,12 @@ class Disk {
   }
 
  private:
-  // A torn write leaves its first or its last part, the other bytes as they were.
+  // A torn write changes one half of its bytes; the others stay as they were.
   static void write(Bytes& file, const Event& event, Fate fate) {
     const auto at = static_cast<std::size_t>(event.record.offset);
     const std::size_t half = event.data.size() / 2;
-    const std::size_t from = fate == Fate::tail ? half : 0;
-    const std::size_t to = fate == Fate::head ? half : event.data.size();
+    const std::size_t from = fate == Fate::secondHalf ? half : 0;
+    const std::size_t to = fate == Fate::firstHalf ? half : event.data.size();
     if (file.size() < at + event.data.size()) file.resize(at + event.data.size());
     file.replace(at + from, to - from, event.data, from, to - from);
   }
@@ -70,20 +69,21 @@ class Disk {
   std::map<std::uint64_t, Bytes> contents_;
 };
 
-// The disks that a power cut just before event `end` may leave.
+// The states in which a power cut just before event `end` may leave the disk.
 class Moment {
  public:
   Moment(const CommandCase& command, const Execution& run, std::size_t end)
       : disk_(command.before, run.inodes) {
-    std::map<std::uint64_t, std::size_t> flushed;  // events of the file before this are on disk
-    std::size_t namesFlushed = 0;
+    std::map<std::uint64_t, std::size_t> flushed;  // event of the last flush, by file
+    std::size_t namesFlushed = 0;                  // the same of the folder
     std::set<std::uint64_t> files;
     for (const Event& event : run.trace) {
-      if (event.is('w') || event.is('t') || event.is('n')) files.insert(event.record.inode);
+      if (event.is(What::written) || event.is(What::resized) || event.is(What::nameAdded))
+        files.insert(event.record.inode);
     }
     for (std::size_t i = 0; i < end; ++i) {
       const Event& event = run.trace[i];
-      if (!event.is('s')) continue;
+      if (!event.is(What::flushed)) continue;
       flushed[event.record.inode] = i;
       const bool folder =
           !files.contains(event.record.inode) && !run.inodes.contains(event.record.inode);
@@ -91,8 +91,8 @@ class Moment {
     }
     for (std::size_t i = 0; i < end; ++i) {
       const Event& event = run.trace[i];
-      const bool name = event.is('n') || event.is('u');
-      if (!name && !event.is('w') && !event.is('t')) continue;
+      const bool name = event.is(What::nameAdded) || event.is(What::nameRemoved);
+      if (!name && !event.is(What::written) && !event.is(What::resized)) continue;
       if (i < (name ? namesFlushed : flushed[event.record.inode])) {
         disk_.carryOut(event, Fate::kept);
       } else {
@@ -101,7 +101,8 @@ class Moment {
     }
   }
 
-  // All of them if there are no more than `most`, else a sample.
+  // All states if there are at most `most`; else a sample: first that with nothing unflushed on
+  // disk, then that with everything.
   std::vector<Folder> disks(int most, std::mt19937& random) const {
     double all = static_cast<double>(names_.size()) + 1;
     for (std::size_t i = 0; i < writes_.size() && all <= most; ++i) all *= kFates;
@@ -121,7 +122,7 @@ class Moment {
       return choices == kFates ? static_cast<int>(Fate::kept) : static_cast<int>(names_.size());
     }));
     while (static_cast<int>(result.size()) < most) {
-      // Often all but a few of one fate, which mixtures drawn evenly hardly ever are.
+      // Two of three samples give most writes the same fate, which even draws hardly ever do.
       const auto usual = static_cast<int>(random() % kFates);
       const auto often = random() % 3;
       result.push_back(disk([&](int choices) {
@@ -135,7 +136,8 @@ class Moment {
  private:
   static constexpr int kFates = 4;
 
-  // choose(n): a number below n, first for the names, then for each write.
+  // choose(n) gives a number below n: first how many changes of names are on disk, then the fate of
+  // each write.
   template <class Choose>
   Folder disk(Choose choose) const {
     Disk result = disk_;
@@ -147,14 +149,14 @@ class Moment {
     return result.folder();
   }
 
-  Disk disk_;  // what is sure
+  Disk disk_;  // with all that was flushed
   std::vector<const Event*> names_;
   std::vector<const Event*> writes_;
 };
 
 struct Count {
   int states = 0;
-  int repaired = 0;  // of these good only after a repair
+  int repaired = 0;  // of these, those that are good only after a repair
 };
 
 void tryPowerCuts(const Workplace& place, const CommandCase& command, Count* count) {
@@ -168,7 +170,7 @@ void tryPowerCuts(const Workplace& place, const CommandCase& command, Count* cou
   std::mt19937 random(1);
   std::set<Folder> seen;
   for (std::size_t end = 0; end <= run.trace.size(); ++end) {
-    if (end < run.trace.size() && !run.trace[end].is('s')) continue;
+    if (end < run.trace.size() && !run.trace[end].is(What::flushed)) continue;
     for (const Folder& disk : Moment(command, run, end).disks(statesPerMoment(), random)) {
       if (!seen.insert(disk).second) continue;
       ++count->states;
@@ -176,14 +178,14 @@ void tryPowerCuts(const Workplace& place, const CommandCase& command, Count* cou
       const Bytes repaired = place.heldAfterRepair(disk);
       if (read == kDamaged) ++count->repaired;
       EXPECT_TRUE(read == before || read == after || read == kDamaged) << "before event " << end;
-      if (command.name == "unpack") continue;  // makes a plain file: there is nothing to repair
+      if (command.name == "unpack") continue;  // makes a plain file, which cannot be repaired
       EXPECT_TRUE(repaired == before || repaired == after) << "before event " << end;
       EXPECT_TRUE(read == kDamaged || read == repaired) << "before event " << end;
     }
   }
 }
 
-// A power cut at any moment, with any part of the unsynchronised writes on disk, leaves the old or
+// A power cut at any moment, with any part of the unflushed writes on disk, must leave the old or
 // the new file.
 TEST(Power, CutsLeaveTheOldOrTheNewFile) {
   if (const std::string why = whyNoRecorder(); !why.empty()) GTEST_SKIP() << why;
@@ -193,7 +195,7 @@ TEST(Power, CutsLeaveTheOldOrTheNewFile) {
         tryPowerCuts(place, command, &count);
         std::printf("  version %d, %-16s %4d states, %d good after a repair\n", version,
                     command.name.c_str(), count.states, count.repaired);
-        EXPECT_GT(count.states, 1);  // before and after
+        EXPECT_GT(count.states, 1) << "at least the old and the new file";
         // Only a file that was damaged before the command needs a repair after it.
         EXPECT_TRUE(count.repaired == 0 || command.name == "repair") << count.repaired;
         return count.states;

@@ -1,4 +1,4 @@
-// A connection to a database of the tests, through the layer "qz" or SQLite's own.
+// A connection to a test's database, through the layer "qz" or SQLite's own.
 #pragma once
 
 #include <sqlite3.h>
@@ -19,15 +19,15 @@ std::string bytesOf(const std::string& path);
 
 class Connection {
  public:
-  // `parameters`: of the name, such as "vfs=qz&io=direct".
+  // `parameters`: of the database's URI, such as "vfs=qz&io=direct".
   Connection(const std::string& path, const std::string& parameters);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() { close(); }
 
-  // Runs statements; the result code of the first that fails, else SQLITE_OK.
+  // Runs statements; the result code of the first that fails, or SQLITE_OK.
   int run(const std::string& sql);
-  // The first column of the first row; "error N" with the extended code when it fails.
+  // The first column of the first row; "error N" with the extended result code if that fails.
   std::string ask(const std::string& sql);
   int close();
   sqlite3* handle() const { return database_; }

@@ -1,5 +1,5 @@
-// SQLite on the module, with the real library: the same bytes as by SQLite's own file layer, and
-// nothing lost when processes die, disks fill up, reads fail or others write.
+// SQLite on the module, with the real SQLite: databases must have the bytes that SQLite's own file
+// layer gives them, and lose nothing when processes die, disks fill up, calls fail or others write.
 #include <dlfcn.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
@@ -52,7 +52,7 @@ struct SqliteTest : testing::Test {
   int files = 0;
 };
 
-// Runs statements by the sqlite3 program, a process that shares nothing with this one; 0: done.
+// Runs statements in the sqlite3 program, a process that shares nothing with this one; 0: success.
 int shell(const std::string& path, const std::string& sql) {
   return std::system(("sqlite3 '" + path + "' \"" + sql + "\" >/dev/null 2>&1").c_str());
 }
@@ -93,7 +93,8 @@ std::string insertRows(int first, int last) {
       first, last);
 }
 
-// All that moves pages: growth, indexes, rewrites, free pages, savepoints, vacuums.
+// A workload of everything that moves pages: growth, indexes, rewrites, free pages, savepoints,
+// vacuums.
 void runWorkload(Connection& database, int pageSize, const char* journal, int rows) {
   for (const std::string& sql :
        {"pragma page_size=" + std::to_string(pageSize), std::string("pragma cache_size=50"),
@@ -111,7 +112,8 @@ void runWorkload(Connection& database, int pageSize, const char* journal, int ro
   ASSERT_EQ(database.ask("pragma integrity_check"), "ok");
 }
 
-// QZIOP_ROWS makes it larger, for pages of 4096 bytes alone.
+// The same statements must make the same file through the module as through SQLite's own layer.
+// QZIOP_ROWS makes the file larger, with pages of 4096 bytes only.
 TEST_F(SqliteTest, EveryModeWritesTheBytesOfSqlitesOwnLayer) {
   const int rows = numberFromEnvironment("QZIOP_ROWS", 500);
   const bool large = std::getenv("QZIOP_ROWS") != nullptr;
@@ -138,7 +140,8 @@ TEST_F(SqliteTest, EveryModeWritesTheBytesOfSqlitesOwnLayer) {
   }
 }
 
-// Closing any descriptor of a file gives up all locks that the process has on it.
+// The system drops all locks of a process on a file when the process closes any descriptor of it. A
+// connection that closes must not take away the locks of another one.
 TEST_F(SqliteTest, AClosedConnectionLeavesTheLocksOfOthers) {
   for (const std::string& mode : kModes) {
     for (const std::string& holder : {viaModule(mode), kOwnLayer}) {
@@ -157,7 +160,7 @@ TEST_F(SqliteTest, AClosedConnectionLeavesTheLocksOfOthers) {
   }
 }
 
-// Two processes take turns: each reads what the other committed, and adds to it.
+// Two processes that take turns must each see what the other one committed.
 TEST_F(SqliteTest, ProcessesSeeWhatEachOtherCommitted) {
   constexpr int turns = 12;
   for (const std::string& mode : kModes) {
@@ -205,8 +208,9 @@ TEST_F(SqliteTest, ProcessesSeeWhatEachOtherCommitted) {
   }
 }
 
-// Pages of a block that was read for another page of it must not be served when another process has
-// changed them since. With a write-ahead log the reader keeps its lock of the file all the time.
+// A block holds pages that were read along with the one wanted. They must not be served after
+// another process has changed them. With a write-ahead log the reader keeps its lock all the time,
+// so that a new lock does not tell of the change.
 TEST_F(SqliteTest, PagesInMemoryAreReadAgainAfterOthersChangedThem) {
   for (const std::string& mode : kModes) {
     for (const char* journal : {"delete", "wal"}) {
@@ -232,7 +236,8 @@ TEST_F(SqliteTest, PagesInMemoryAreReadAgainAfterOthersChangedThem) {
   }
 }
 
-// QZIOP_KILLS makes it more, for each mode.
+// Rows that were committed must survive a kill of the process at any moment. QZIOP_KILLS: the
+// number of kills in each mode.
 TEST_F(SqliteTest, KilledProcessesLoseNoAcknowledgedRow) {
   const int kills = numberFromEnvironment("QZIOP_KILLS", 4);
   std::minstd_rand random(4711);
@@ -277,7 +282,7 @@ TEST_F(SqliteTest, KilledProcessesLoseNoAcknowledgedRow) {
   }
 }
 
-// Inserts until there is no room, then, with room, as if nothing had been.
+// Inserts rows until there is no room, makes room and goes on.
 void fillThenGoOn(const std::string& path, const std::string& parameters,
                   const std::function<void()>& makeRoom) {
   Connection database(path, parameters);
@@ -289,17 +294,18 @@ void fillThenGoOn(const std::string& path, const std::string& parameters,
   for (; code == SQLITE_OK && rows < 100000; rows += 500) {
     code = database.run(insertRows(rows + 1, rows + 500));
   }
-  rows -= 1000;  // the last went wrong
+  rows -= 500;  // without those of the insert that failed
   EXPECT_EQ(code, SQLITE_FULL);
-  EXPECT_EQ(database.ask("select count(*) from t"), std::to_string(rows + 500));
+  EXPECT_EQ(database.ask("select count(*) from t"), std::to_string(rows));
   EXPECT_EQ(database.ask("pragma integrity_check"), "ok");
   makeRoom();
-  EXPECT_EQ(database.run(insertRows(rows + 501, rows + 5000)), SQLITE_OK);
-  EXPECT_EQ(database.ask("select count(*) from t"), std::to_string(rows + 5000));
+  EXPECT_EQ(database.run(insertRows(rows + 1, rows + 4500)), SQLITE_OK);
+  EXPECT_EQ(database.ask("select count(*) from t"), std::to_string(rows + 4500));
   EXPECT_EQ(database.ask("pragma integrity_check"), "ok");
 }
 
-// SQLITE_FULL must leave a database that is sound, and a connection that works when there is room.
+// A write beyond the size limit must leave a sound database, and a connection that works once there
+// is room.
 TEST_F(SqliteTest, AFileAtItsSizeLimitIsFullAndTheConnectionGoesOn) {
   struct rlimit before = {};
   getrlimit(RLIMIT_FSIZE, &before);
@@ -314,7 +320,7 @@ TEST_F(SqliteTest, AFileAtItsSizeLimitIsFullAndTheConnectionGoesOn) {
   std::signal(SIGXFSZ, ignored);
 }
 
-// The same on a file system without room, which collected pages meet only at the write-back.
+// The same on a full file system, where collected pages fail only at their write-back.
 TEST_F(SqliteTest, AFullDiskIsFullAndTheConnectionGoesOn) {
   const std::string disk = folder + "/disk";
   std::filesystem::create_directory(disk);
@@ -332,8 +338,9 @@ TEST_F(SqliteTest, AFullDiskIsFullAndTheConnectionGoesOn) {
   EXPECT_EQ(umount(disk.c_str()), 0);
 }
 
-// What follows the last whole page is not SQLite's, or not yet.
-TEST_F(SqliteTest, ASizeThatIsNotWholePagesIsLeftAsItIs) {
+// Bytes behind the last whole page may be another program's, or a page that SQLite is about to
+// complete. They must not be truncated away.
+TEST_F(SqliteTest, BytesBehindTheLastWholePageStay) {
   for (const std::string& mode : kModes) {
     SCOPED_TRACE(mode);
     const std::string paths[] = {fresh(), fresh()};
@@ -362,9 +369,9 @@ TEST_F(SqliteTest, ASizeThatIsNotWholePagesIsLeftAsItIs) {
   }
 }
 
-// A page whose read failed is read again, and a failure to look at the file is not taken for an
+// A read or fstat that fails once must fail its query, and the next query must give the right
 // answer.
-TEST_F(SqliteTest, ErrorsThatPassAreReportedAndPass) {
+TEST_F(SqliteTest, PassingErrorsFailOneQueryOnly) {
   sqlite3_vfs* const own = sqlite3_vfs_find("unix");
   static bool failing = false;
   static const auto lookAtFile =
@@ -398,13 +405,13 @@ TEST_F(SqliteTest, ErrorsThatPassAreReportedAndPass) {
   }
 }
 
-// A transaction with a write that the system refused must fail, also where the write was of pages
-// collected before, or the disk refuses direct I/O. Nothing of it may stay, and the next one works.
+// A transaction with a refused write must fail, also where the write was of pages collected before,
+// or was refused for its alignment (EINVAL). Nothing of it may stay, and the next one must succeed.
 TEST_F(SqliteTest, RefusedWritesFailTheirTransactionAndLoseNothing) {
   for (const std::string& mode : kModes) {
     for (const int error : {EINVAL, EIO, ENOSPC}) {
       for (int nth = 1; nth <= 20; ++nth) {
-        SCOPED_TRACE(fmt::format("{}, write {} fails with {}", mode, nth, error));
+        SCOPED_TRACE(fmt::format("{}, write {} fails with {}", mode, nth, strerrorname_np(error)));
         Connection database(fresh(), viaModule(mode) + "&block=32768");
         ASSERT_EQ(database.run("pragma synchronous=off; pragma cache_size=10;"
                                "create table t(a integer primary key, b text);" +
@@ -426,7 +433,7 @@ TEST_F(SqliteTest, RefusedWritesFailTheirTransactionAndLoseNothing) {
   }
 }
 
-// A misspelt parameter must not be ignored, and PRAGMA must tell the mode obtained.
+// A wrong parameter must not be ignored, and the pragma must show the mode obtained.
 TEST_F(SqliteTest, ParametersAreCheckedAndTheModeIsTold) {
   EXPECT_EQ(Connection(fresh(), "vfs=qz&io=quick").handle(), nullptr);
   EXPECT_EQ(Connection(fresh(), "vfs=qz&buffers=0").handle(), nullptr);

@@ -16,14 +16,14 @@ namespace {
 
 bool isFull(std::uint32_t error) { return error == EFBIG || error == ENOSPC || error == EDQUOT; }
 
-// What a write of so many bytes came to.
+// The status of a write of `wanted` bytes.
 Status judged(const CallOutcome& outcome, std::size_t wanted) {
   if (outcome.result < 0) return isFull(outcome.error) ? Status::noSpace : Status::ioFailed;
   if (outcome.result == 0) return Status::ioFailed;
   return static_cast<std::size_t>(outcome.result) < wanted ? Status::noSpace : Status::ok;
 }
 
-// What the host's refusals of an open are told as; all others: ioFailed.
+// The module's status for a host's refusal of an open; ioFailed for all that are not listed.
 Status mapped(std::uint32_t hostStatus) {
   static const std::map<std::uint32_t, Status> codes = {
       {qz::hostNoMemory, Status::noMemory},
@@ -70,7 +70,7 @@ bool lackedMemory() {
   });
 }
 
-// A release that failed, but for those of report texts.
+// True if a memFree failed, other than of a report's text.
 bool releaseFailed() {
   const CallRecord* before = nullptr;
   return std::ranges::any_of(calls().trace(), [&before](const CallRecord& record) {
@@ -88,7 +88,7 @@ Driver::Driver(World& world, const Geometry& geometry) : world_(world), file_(ge
   disk_ = readWhole(world_.path);
 }
 
-// --- What the model knows of a call
+// --- Calls and faults
 
 std::string_view Driver::bytesAt(std::int64_t offset, std::int64_t bytes) const {
   return std::string_view(disk_).substr(static_cast<std::size_t>(std::min(offset, size())),
@@ -116,8 +116,8 @@ CallOutcome Driver::expect(Call call, std::int64_t length) {
   return {fault != nullptr ? (length + 1) / 2 : length, 0};
 }
 
-// The fault that an open ends with, or null. Where O_DIRECT is refused it is asked for once more
-// without, and a busy file is waited for.
+// The fault with which an open fails, or null: a refused O_DIRECT is followed by an open without
+// it, a busy file is waited for and opened again.
 const Fault* Driver::refusal(Call call) {
   const qz::FileHandle& h = *world_.h;
   const Fault* fault = expected_.next(call);
@@ -210,8 +210,8 @@ void Driver::expectWritesInPlace() const {
   }
 }
 
-// What fails keeps the error number of the last call that failed; a short transfer has none. A page
-// that came short keeps that of its read over the close.
+// A failure stores the error number of the last call that failed; a short transfer has none. A page
+// that came short keeps the number of its read through the close that follows.
 void Driver::expectErrorNumber(Status status) const {
   static const std::set<Status> failures = {Status::ioFailed, Status::noSpace, Status::notTruncated,
                                             Status::misfit};
@@ -304,7 +304,7 @@ Status Driver::opening(std::uint32_t mode) {
 Status Driver::open(std::uint32_t mode, std::uint32_t options, std::uint32_t read,
                     std::uint32_t write) {
   qz::FileHandle& h = *world_.h;
-  if (!attached_) {  // a host leaves these of an attached file alone
+  if (!attached_) {  // hosts do not change these fields of an attached file
     h.openMode = mode;
     h.openOptions = options;
     readAccess_ = h.readAccess = read;
@@ -328,8 +328,8 @@ Status Driver::open(std::uint32_t mode, std::uint32_t options, std::uint32_t rea
 Status Driver::preopen(std::int32_t bytes) {
   qz::FileHandle& h = *world_.h;
   const CallerMemory memory = callerMemory(bytes + 1);
-  // A file that a pre-open could not close stays with the host, locked: an end of all further
-  // opens.
+  // No close of a pre-open fails here: its file would stay open and locked, and every later open be
+  // refused.
   std::vector<Fault> faults = calls().planned();
   std::erase_if(faults, [](const Fault& fault) { return fault.call == Call::fileClose; });
   plan(faults);
@@ -426,7 +426,7 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
       wanted = lackedMemory() ? Status::noMemory : Status::ok;
     }
     shortOfBuffers_ = wanted != Status::ok;
-    // Blocks that are held come along into the other shape and back.
+    // Held blocks stay through a change of shape, other buffers do not.
     if (wasInBlocks != inBlocks()) failedReads_.clear();
   }
   return check(fmt::format("reopen {} {} {}", direct, read, write), actual, wanted, Reports::some);
@@ -444,7 +444,7 @@ Status Driver::readChecks(std::int64_t page) const {
   return holds() >= world_.h->bufferCount ? Status::noBuffer : Status::ok;
 }
 
-// What a read that made its last transfer with `call` must come to.
+// The status of a read whose last transfer was `call`.
 Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   const std::int64_t left = size() - call.offset;
   EXPECT_TRUE(call.result < 0 || call.result <= std::max<std::int64_t>(left, 0));
@@ -459,7 +459,7 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   if (call.length > file_.pageSize || file_.pagesPerBlock == 1) {
     nextPage_ = std::min(first + file_.pagesPerBlock - 1, pageCount_) + 1;
     const std::int64_t whole = std::min(call.length, left);
-    // Not if an older copy of the block is held, from before a truncate below it.
+    // An older copy of the block, from before a truncate below it, may be held and stays short.
     const bool twice = std::ranges::any_of(holds_, [&](const Hold& hold) {
       return hold.ofBlock && hold.page >= first && hold.page < first + file_.pagesPerBlock;
     });
@@ -469,8 +469,8 @@ Status Driver::transferred(const CallRecord& call, std::int64_t page) {
   return call.result < (page - first + 1) * file_.pageSize ? Status::misfit : Status::ok;
 }
 
-// Takes the page that was read. Its bytes are the file's unless another hold has changed
-// them.
+// Records the hold of the page that was read. Its bytes must be the file's, unless another hold has
+// changed them.
 void Driver::hold(std::int64_t page) {
   const bool modified = std::ranges::any_of(
       holds_, [this](const Hold& other) { return other.at == world_.at && other.modified; });
@@ -598,7 +598,7 @@ Status Driver::write(std::int64_t page, int hold, int shift, bool asItIs) {
   if (wanted == Status::ok) {
     bool holdEnds = true;
     wanted = writing(page, data, &holdEnds);
-    for (Hold& other : holds_) {  // a copy elsewhere may stay as it was
+    for (Hold& other : holds_) {  // other held copies of the page may stay as they were
       if (wanted == Status::ok && (other.at == from || other.page == page))
         other.modified = other.page != page || other.at != from;
     }
@@ -624,7 +624,7 @@ Status Driver::flush() {
     return check("flush", actual, open_ ? Status::notWritable : Status::notOpen);
   const Status written = writeBack();
   const Status synced = sync();
-  // A flush that is made again may leave the number of the write before it.
+  // After a flush that was repeated the error number may still be that of the write before it.
   return check("flush", actual, synced != Status::ok ? synced : written,
                synced != Status::ok ? Reports::all : Reports::numberless);
 }

@@ -1,9 +1,9 @@
 // The module against a model: every call is made on both, and everything that the model knows is
 // compared: status, counts, cursors, holds, the bytes of the file.
 //
-// The model has no cache. Where a result depends on what is cached, it goes by the system calls
-// that the module was seen to make: a page that no call brought must have been there already, and
-// its bytes are compared like any other.
+// The model has no cache. Where a result depends on what is cached, the model takes it from the
+// system calls that the module made: a page for which there was no call must have been in memory,
+// and its bytes are compared like those of any other.
 #pragma once
 
 #include <map>
@@ -22,7 +22,7 @@ struct Geometry {
   std::int32_t buffers;
 };
 
-// What a system call comes to in the model.
+// The outcome of a system call in the model.
 struct CallOutcome {
   std::int64_t result;
   std::uint32_t error;
@@ -30,7 +30,7 @@ struct CallOutcome {
 
 class Driver {
  public:
-  // The file that is there already, if any, becomes the model's.
+  // A file that exists already becomes the model's.
   Driver(World& world, const Geometry& geometry);
 
   // Faults for the next operation only.
@@ -43,8 +43,8 @@ class Driver {
   Status reopen(bool direct, std::uint32_t read, std::uint32_t write);
   Status read(std::int64_t page);
   Status readMany(std::int64_t page, std::int32_t count, std::uint32_t options);
-  // From hold number `hold`, whose bytes are stamped first unless `asItIs`; -1: from the caller's
-  // own memory, `shift` bytes off its alignment.
+  // Writes from hold number `hold`, with new bytes unless `asItIs`; -1: from the caller's own
+  // memory, `shift` bytes off its alignment.
   Status write(std::int64_t page, int hold, int shift = 0, bool asItIs = false);
   Status writeSized(std::int64_t page, std::int32_t bytes);
   Status acquire();
@@ -56,15 +56,16 @@ class Driver {
   Status flush();
   Status writeHeader(std::int32_t bytes);
 
-  // The file on disk and the model's, byte for byte.
+  // Expects the file to have the model's bytes.
   void compareFile() const;
-  // What a host does about a file that a failure left with a part of a page: cuts it.
+  // Removes a part of a page that a failure left at the end of the file, as a host does.
   void repair();
 
   bool isOpen() const { return open_; }
   bool isAttached() const { return attached_; }
   bool isPreopened() const { return preopened_; }
-  // After a cut that failed the handle may count pages that the file lacks: the host should close.
+  // The handle counts pages that the file lacks, after a truncate or cut back that failed. The host
+  // should close it.
   bool isAdrift() const;
   bool exists() const { return exists_; }
   std::int64_t pages() const { return pageCount_; }
@@ -76,8 +77,8 @@ class Driver {
   struct Hold {
     char* at;
     std::int64_t page;  // 0: acquired
-    bool ofBlock;       // of a block record, whatever the shape now
-    bool modified;      // its bytes need not be the file's
+    bool ofBlock;       // part of a block, also after a reopen with page buffers
+    bool modified;      // its bytes may differ from the file's
   };
 
   bool inBlocks() const { return (world_.h->directIoMode & qz::blockMode) != 0; }
@@ -89,18 +90,22 @@ class Driver {
   bool isCollected(std::int64_t page) const {
     return page >= firstCollected_ && page < collectedEnd();
   }
-  // Of the model's file, as far as it reaches.
+  // Bytes of the model's file; fewer where it ends.
   std::string_view bytesAt(std::int64_t offset, std::int64_t bytes) const;
   std::string_view onDisk(std::int64_t page) const {
     return bytesAt(offsetOf(page), file_.pageSize);
   }
 
-  // Which operations report their failures themselves, without an error number or with one, and
-  // which keep them in the handle.
-  enum class Reports : std::uint8_t { all, numberless, some, notEvenKept };
+  // What an operation does about its failures.
+  enum class Reports : std::uint8_t {
+    all,         // reports each, and stores its error number
+    numberless,  // reports each
+    some,        // leaves some reports to the host or to another operation
+    notEvenKept  // nor stores the status in the handle
+  };
 
   const Fault* refusal(Call call);
-  // The outcome that a system call of that length must have had.
+  // The outcome that a system call of `length` bytes must have had.
   CallOutcome expect(Call call, std::int64_t length);
   CallOutcome store(std::int64_t offset, const std::string& bytes);
   Status writeBack();
@@ -123,7 +128,7 @@ class Driver {
 
   World& world_;
   const Geometry file_;
-  Calls expected_;  // which faults the model's calls meet
+  Calls expected_;  // plans the same faults for the model's calls
   std::uint32_t version_ = 0;
   std::int32_t lastErrno_ = 0;
   std::uint64_t digest_ = 14695981039346656037ULL;
@@ -135,7 +140,7 @@ class Driver {
   bool preopened_ = false;
   bool sizeUnknown_ = false;  // attached, and not open since
   bool writable_ = false;
-  bool shortOfBuffers_ = false;  // after a set-up or an add that lacked memory
+  bool shortOfBuffers_ = false;  // an open, reopen or add lacked memory
   std::int64_t header_ = 0;
   std::int64_t pageCount_ = 0;
   std::int64_t fileSize_ = 0;
@@ -146,9 +151,9 @@ class Driver {
   std::int64_t firstCollected_ = 0;
   std::vector<std::string> collected_;
   std::vector<Hold> holds_;
-  std::multimap<std::int64_t, std::string> torn_;  // what a cache may have of half written pages
-  std::map<std::int64_t, Status> failedReads_;     // page mode keeps the result of a failed read
-  std::set<std::int64_t> shortBlocks_;             // block mode keeps a block that came short
+  std::multimap<std::int64_t, std::string> torn_;  // old bytes, still cached, of half written pages
+  std::map<std::int64_t, Status> failedReads_;     // page mode repeats the status of a failed read
+  std::set<std::int64_t> shortBlocks_;             // first pages of cached blocks that came short
 };
 
 }  // namespace qztest

@@ -1,5 +1,5 @@
-// A program may have functions with the names of the module's own. The module must not take them
-// for its operations: neither in its table, nor in the calls that it makes inside.
+// A program may have functions with the names of the module's own. They must not replace these,
+// neither in the operation table nor where the module calls itself.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -44,7 +44,6 @@ qz::HostStatus qzlStatusToBuf(qz::Journal*, std::uint32_t, char32_t*, std::uint3
 
 namespace {
 
-// A program with functions of the same names must not take over the module's calls.
 TEST(NamesakesTest, TheModuleUsesItsOwnFunctions) {
   const std::string name =
       std::filesystem::temp_directory_path() / ("namesakes." + std::to_string(getpid()));
@@ -68,7 +67,7 @@ TEST(NamesakesTest, TheModuleUsesItsOwnFunctions) {
       ASSERT_TRUE(page);
       EXPECT_EQ(*page->data(), 'x');
     }
-    EXPECT_FALSE(file->read(9)) << "a failure that the module's own functions report";
+    EXPECT_FALSE(file->read(9)) << "beyond the end; its report calls functions of the module";
     EXPECT_TRUE(file->close());
   }
   EXPECT_EQ(called, "");

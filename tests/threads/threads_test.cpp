@@ -25,7 +25,7 @@ struct Use {
 };
 constexpr Use kUses[] = {{qz::Io::buffered, 512}, {qz::Io::direct, 4096}, {qz::Io::block, 4096}};
 
-// Makes, fills, reads and closes one file in turn in every mode; what went wrong, or nothing.
+// Makes, fills, reads and closes a file; the first failure, or nothing.
 std::string useFile(const qz::Module& module, qz::Journal* journal, const std::string& name,
                     const Use& use, char mark) {
   auto file = module.newFile(journal);
@@ -52,7 +52,7 @@ std::string useFile(const qz::Module& module, qz::Journal* journal, const std::s
       return "page " + std::to_string(page) + " of " + name + " has the bytes of another";
     }
   }
-  // A report for the journal that all share, and a name of many lengths.
+  // A failure that is reported, as all threads share the journal.
   if (file->read(kPages + 5).status() != qz::Status::pageOutOfRange) return "read beyond the end";
   done = file->close();
   return done ? std::string() : done.error().message();

@@ -1,9 +1,10 @@
-// The trace library: what it writes down, and that it harms neither the program nor its files.
+// The trace library: what it records, and that it harms neither the program nor its files.
 //
 // A process records into one file until it ends, so each test does its work in a child process and
 // looks at the file afterwards.
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -39,8 +40,8 @@ class TraceTest : public testing::Test {
   }
   ~TraceTest() override { fs::remove_all(folder); }
 
-  // Runs `work` in a child process that records into `trace`. Returns how it ended, as waitpid
-  // tells.
+  // Runs `work` in a child process that records into `trace`. Returns its status as waitpid gives
+  // it.
   int inChild(const std::function<void()>& work) {
     const pid_t child = fork();
     if (child == 0) {
@@ -53,7 +54,7 @@ class TraceTest : public testing::Test {
     return status;
   }
 
-  // The lines of operations; the first line is not one.
+  // All lines but the first, which tells the version: one for each operation.
   static std::vector<Json> linesOf(const fs::path& file) {
     std::vector<Json> lines;
     std::ifstream stream(file);
@@ -75,7 +76,7 @@ class TraceTest : public testing::Test {
   fs::path trace;
 };
 
-// The module behind the trace, with a host, and a file that may be read and written.
+// A host, the module behind the trace, and a file open for reading and writing.
 struct Session {
   explicit Session(const std::string& name, qz::Journal* journal = nullptr) {
     EXPECT_TRUE(module) << module.error().message();
@@ -98,7 +99,7 @@ void* symbolOf(const char* library, const char* name) {
 }
 
 // A trace that lacks an operation or its calls would mislead its reader.
-TEST_F(TraceTest, TellsEachOperationWithArgumentsResultAndCalls) {
+TEST_F(TraceTest, RecordsEachOperationWithArgumentsResultAndCalls) {
   const std::string name = makeFile(3);
   ASSERT_EQ(inChild([&] {
               Session session(name);
@@ -112,7 +113,8 @@ TEST_F(TraceTest, TellsEachOperationWithArgumentsResultAndCalls) {
   for (const Json& line : linesOf(trace)) {
     EXPECT_GE(line.at("ns"), 0);
     if (line.at("status") != "ok") {
-      EXPECT_EQ(line.at("status"), "0x803FC80C");
+      EXPECT_EQ(line.at("status"),
+                fmt::format("0x{:08X}", static_cast<std::uint32_t>(qz::Status::pageOutOfRange)));
       EXPECT_EQ(line.at("page"), 5);
     } else {
       lines[line.at("op")] = line;
@@ -133,7 +135,8 @@ TEST_F(TraceTest, TellsEachOperationWithArgumentsResultAndCalls) {
   EXPECT_EQ(lines.count("qziop") + lines.count("qzpdestroy"), 2U);
 }
 
-// A file that was shrunk behind the module's back: the read closes it, through the table.
+// An operation that another operation calls must be recorded, with the caller: here the close by a
+// read of a file that was shrunk behind the module's back.
 TEST_F(TraceTest, ShowsTheOperationsThatAnOperationCalls) {
   const std::string name = makeFile(3);
   ASSERT_EQ(inChild([&] {
@@ -153,7 +156,8 @@ TEST_F(TraceTest, ShowsTheOperationsThatAnOperationCalls) {
   FAIL() << "no read";
 }
 
-// This program's own system functions stay in use behind the trace, and see the same calls.
+// The trace must show each system call that the module makes, and no other. This program's own
+// replacements of these calls record them as well.
 TEST_F(TraceTest, ShowsTheCallsThatWereMade) {
   const std::string name = makeFile(40);
   std::string made;
@@ -192,7 +196,7 @@ TEST_F(TraceTest, ShowsTheCallsThatWereMade) {
   EXPECT_FALSE(made.empty());
 }
 
-// The last lines before a crash are those that matter.
+// The last lines before a crash are those that explain it.
 TEST_F(TraceTest, HasAllLinesOfAProcessThatIsKilled) {
   const std::string name = makeFile(2);
   const int status = inChild([&] {
@@ -209,7 +213,7 @@ TEST_F(TraceTest, HasAllLinesOfAProcessThatIsKilled) {
   EXPECT_EQ(reads, 3000U);
 }
 
-// Lines of threads that were mixed could not be read.
+// Threads that wrote into each other's lines would make the trace unreadable.
 TEST_F(TraceTest, KeepsTheLinesOfThreadsApart) {
   const std::string name = makeFile(2);
   ASSERT_EQ(inChild([&] {
@@ -233,7 +237,7 @@ TEST_F(TraceTest, KeepsTheLinesOfThreadsApart) {
   EXPECT_EQ(threads.size(), 4U);
 }
 
-// Without the variable the host gets the module's own table, and no file is made.
+// Without QZIOP_TRACE the host must get the module's own table, and no file be made.
 TEST_F(TraceTest, DoesNothingUnlessAskedTo) {
   const std::string name = makeFile(1);
   ASSERT_EQ(inChild([&] {
@@ -247,8 +251,9 @@ TEST_F(TraceTest, DoesNothingUnlessAskedTo) {
   EXPECT_FALSE(fs::exists(trace));
 }
 
-// A host may make the library's names global, where the module finds them before its own.
-TEST_F(TraceTest, IsNotTakenForTheModuleByTheModule) {
+// A host may load the trace library with global names. The module must still call its own
+// functions, or each operation would be recorded twice.
+TEST_F(TraceTest, ItsGlobalNamesDoNotReplaceTheModules) {
   const std::string name = makeFile(1);
   ASSERT_EQ(inChild([&] {
               ASSERT_NE(dlopen(QZIOP_TRACE_MODULE, RTLD_NOW | RTLD_GLOBAL), nullptr);
@@ -267,7 +272,8 @@ std::string journalled(const qz::StandInJournal& journal) {
   return text;
 }
 
-// Whatever else QZIOP_TRACE names is left as it is; the program goes on without a trace.
+// A file that is no trace must stay as it is when QZIOP_TRACE names it; the program goes on without
+// a trace. An older trace is replaced.
 TEST_F(TraceTest, OverwritesNothingButATrace) {
   const std::string name = makeFile(1);
   std::ofstream(trace) << "precious";
@@ -287,7 +293,7 @@ TEST_F(TraceTest, OverwritesNothingButATrace) {
   fs::remove(trace);
   for (int round = 0; round < 2; ++round) {
     ASSERT_EQ(inChild([&] { const Session session(name); }), 0);
-    EXPECT_EQ(linesOf(trace).size(), 8U) << "a trace is begun anew";
+    EXPECT_EQ(linesOf(trace).size(), 8U) << "of this process only";
   }
 }
 
@@ -297,7 +303,7 @@ TEST_F(TraceTest, GivesEachProcessAFileOfItsOwn) {
   const std::string other = makeFile(1, "other");
   ASSERT_EQ(inChild([&] {
               Session session(name);
-              EXPECT_EQ(inChild([&] {  // a child does not write into its parent's trace
+              EXPECT_EQ(inChild([&] {
                           EXPECT_TRUE(session.file->read(1));
                           const Session own(other);
                         }),
@@ -315,8 +321,9 @@ TEST_F(TraceTest, GivesEachProcessAFileOfItsOwn) {
   EXPECT_EQ(files, 2U);
 }
 
-// No room for the trace: the program goes on, is told once, and the trace ends with a whole line.
-TEST_F(TraceTest, EndsWhereTheDiskIsFull) {
+// Where there is no room for the trace the program must go on and get one message; the trace must
+// end with a whole line.
+TEST_F(TraceTest, EndsWithAWholeLineWhereTheDiskIsFull) {
   const std::string name = makeFile(1);
   ASSERT_EQ(inChild([&] {
               signal(SIGXFSZ, SIG_IGN);
@@ -327,7 +334,7 @@ TEST_F(TraceTest, EndsWhereTheDiskIsFull) {
               for (int i = 0; i < 5000; ++i) {
                 EXPECT_TRUE(session.file->read(1));
               }
-              // An operation without a journal may be the one that meets the end.
+              // An operation without a journal may have been the first without room.
               EXPECT_EQ(journalled(journal) + journalled(session.host.defaultJournal()),
                         "qziop-trace: the trace ends here: File too large\n");
             }),

@@ -1,10 +1,10 @@
-// Preloaded into qzpfile: notes every call that changes files or folders, in order and with its
-// data, and fails one call by its number. The note is read by trace.cpp.
+// Preloaded into qzpfile: records every call that changes files or folders, in order and with its
+// data, and fails one call by its number. power/commands.cpp reads the records.
 //
-// QZR_TRACE: the file to append the notes to. QZR_FAIL: number of the call to fail, from 1.
+// QZR_TRACE: the file to append the records to. QZR_FAIL: number of the call to fail, from 1.
 // QZR_ERROR: the errno to fail it with; 0: a transfer moves half of its bytes, any other call is
-// interrupted (EINTR). QZR_STOP: number of the call before which the program stops, as SIGSTOP
-// does.
+// interrupted (EINTR). QZR_STOP: number of the call before which the program stops itself
+// (SIGSTOP).
 #undef _FORTIFY_SOURCE  // its inline wrappers stand where this file defines the calls themselves
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -25,6 +25,7 @@
 namespace {
 
 using qztest::TraceRecord;
+using qztest::What;
 
 std::int64_t numberFrom(const char* variable, std::int64_t otherwise) {
   const char* const text = std::getenv(variable);
@@ -51,18 +52,18 @@ std::uint64_t inodeOf(int folder, const char* name) {
   return syscall(SYS_newfstatat, folder, name, &info, 0) == 0 ? info.st_ino : 0;
 }
 
-void note(char what, std::uint64_t inode, std::int64_t offset, const void* data,
-          std::int64_t length) {
+void record(What what, std::uint64_t inode, std::int64_t offset, const void* data,
+            std::int64_t length) {
   const int saved = errno;
-  const TraceRecord record = {what, inode, offset, data == nullptr ? 0 : length};
-  iovec parts[] = {{const_cast<TraceRecord*>(&record), sizeof record},
-                   {const_cast<void*>(data), static_cast<std::size_t>(record.length)}};
+  const TraceRecord made = {what, inode, offset, data == nullptr ? 0 : length};
+  iovec parts[] = {{const_cast<TraceRecord*>(&made), sizeof made},
+                   {const_cast<void*>(data), static_cast<std::size_t>(made.length)}};
   if (traceFile() >= 0) syscall(SYS_writev, traceFile(), parts, 2);
   errno = saved;
 }
 
-void noteName(char what, std::uint64_t inode, const char* name) {
-  note(what, inode, 0, name, static_cast<std::int64_t>(std::strlen(name)));
+void recordName(What what, std::uint64_t inode, const char* name) {
+  record(what, inode, 0, name, static_cast<std::int64_t>(std::strlen(name)));
 }
 
 enum class Fate { goes, fails, isShort };
@@ -73,7 +74,7 @@ Fate next(bool transfers) {
   static const std::int64_t error = numberFrom("QZR_ERROR", EIO);
   static const std::int64_t toStop = numberFrom("QZR_STOP", 0);
   static std::int64_t made = 0;
-  note('c', 0, 0, nullptr, 0);
+  record(What::call, 0, 0, nullptr, 0);
   if (++made == toStop) kill(getpid(), SIGSTOP);
   if (made != toFail) return Fate::goes;
   if (error == 0 && transfers) return Fate::isShort;
@@ -94,8 +95,8 @@ std::size_t partOf(Fate fate, std::size_t bytes) {
 long openAny(int folder, const char* name, int flags, mode_t mode) {
   const long fd = plain(SYS_openat, folder, name, flags, mode);
   if (fd >= 0 && (flags & O_CREAT) != 0) {
-    noteName('n', inodeOf(static_cast<int>(fd)), name);
-    if ((flags & O_TRUNC) != 0) note('t', inodeOf(static_cast<int>(fd)), 0, nullptr, 0);
+    recordName(What::nameAdded, inodeOf(static_cast<int>(fd)), name);
+    if ((flags & O_TRUNC) != 0) record(What::resized, inodeOf(static_cast<int>(fd)), 0, nullptr, 0);
   }
   return fd;
 }
@@ -104,13 +105,13 @@ long writeAt(int fd, const void* data, std::size_t bytes, off64_t offset) {
   const Fate fate = next(true);
   if (fate == Fate::fails) return -1;
   const long done = syscall(SYS_pwrite64, fd, data, partOf(fate, bytes), offset);
-  if (done > 0) note('w', inodeOf(fd), offset, data, done);
+  if (done > 0) record(What::written, inodeOf(fd), offset, data, done);
   return done;
 }
 
 int truncateTo(int fd, off64_t bytes) {
   const long done = plain(SYS_ftruncate, fd, bytes);
-  if (done == 0) note('t', inodeOf(fd), bytes, nullptr, 0);
+  if (done == 0) record(What::resized, inodeOf(fd), bytes, nullptr, 0);
   return static_cast<int>(done);
 }
 
@@ -138,7 +139,7 @@ int open64(const char* name, int flags, ...) {
   return static_cast<int>(openAny(AT_FDCWD, name, flags, mode));
 }
 
-// What open is with hardening flags, where the compiler does not know the flags.
+// The name of open64 in hardened programs, where the compiler does not know the flags.
 int __open64_2(const char* name, int flags) {  // NOLINT(bugprone-reserved-identifier)
   return static_cast<int>(openAny(AT_FDCWD, name, flags, 0));
 }
@@ -159,7 +160,7 @@ int openat(int folder, const char* name, int flags, ...) {
   return static_cast<int>(openAny(folder, name, flags, mode));
 }
 
-// The descriptor is gone whatever the outcome, as the system does it.
+// Closes the descriptor also when the call fails, as Linux does.
 int close(int fd) {
   if (fd == traceFile()) return 0;
   const Fate fate = next(false);
@@ -190,7 +191,7 @@ ssize_t write(int fd, const void* data, std::size_t bytes) {
   if (fate == Fate::fails) return -1;
   const long offset = syscall(SYS_lseek, fd, 0, SEEK_CUR);
   const long done = syscall(SYS_write, fd, data, partOf(fate, bytes));
-  if (done > 0 && offset >= 0) note('w', inodeOf(fd), offset, data, done);
+  if (done > 0 && offset >= 0) record(What::written, inodeOf(fd), offset, data, done);
   return done;
 }
 
@@ -198,7 +199,7 @@ int ftruncate64(int fd, off64_t bytes) noexcept { return truncateTo(fd, bytes); 
 
 int fsync(int fd) {
   const long done = plain(SYS_fsync, fd);
-  if (done == 0) note('s', inodeOf(fd), 0, nullptr, 0);
+  if (done == 0) record(What::flushed, inodeOf(fd), 0, nullptr, 0);
   return static_cast<int>(done);
 }
 
@@ -232,8 +233,8 @@ int renameat2(int from, const char* oldName, int to, const char* newName, unsign
   const std::uint64_t inode = inodeOf(from, oldName);
   const long done = plain(SYS_renameat2, from, oldName, to, newName, flags);
   if (done == 0) {
-    noteName('n', inode, newName);
-    noteName('u', inode, oldName);
+    recordName(What::nameAdded, inode, newName);
+    recordName(What::nameRemoved, inode, oldName);
   }
   return static_cast<int>(done);
 }
@@ -245,7 +246,7 @@ int rename(const char* oldName, const char* newName) noexcept {
 int linkat(int from, const char* oldName, int to, const char* newName, int flags) noexcept {
   const std::uint64_t inode = (flags & AT_EMPTY_PATH) != 0 ? inodeOf(from) : inodeOf(from, oldName);
   const long done = plain(SYS_linkat, from, oldName, to, newName, flags);
-  if (done == 0) noteName('n', inode, newName);
+  if (done == 0) recordName(What::nameAdded, inode, newName);
   return static_cast<int>(done);
 }
 
@@ -255,7 +256,7 @@ int link(const char* oldName, const char* newName) noexcept {
 
 int unlink(const char* name) noexcept {
   const long done = plain(SYS_unlinkat, AT_FDCWD, name, 0);
-  if (done == 0) noteName('u', 0, name);
+  if (done == 0) recordName(What::nameRemoved, 0, name);
   return static_cast<int>(done);
 }
 
@@ -267,7 +268,7 @@ int mkostemp64(char* pattern, int flags) {
     std::fill_n(random, 6, letter);
     fd = syscall(SYS_openat, AT_FDCWD, pattern, flags | O_RDWR | O_CREAT | O_EXCL, 0600);
   }
-  if (fd >= 0) noteName('n', inodeOf(static_cast<int>(fd)), pattern);
+  if (fd >= 0) recordName(What::nameAdded, inodeOf(static_cast<int>(fd)), pattern);
   return static_cast<int>(fd);
 }
 }

@@ -1,5 +1,5 @@
-// For programs that have SQLite and this layer linked into them: makes the layer the one that files
-// are opened with. Built into SQLite's test program by scripts/sqlite-suite, not into qzvfs.so.
+// Makes the layer the default of a program that has SQLite and the layer linked into it.
+// scripts/sqlite-suite builds it into SQLite's own test program; it is no part of qzvfs.so.
 #include <sqlite3ext.h>
 
 #include <cstdio>
@@ -7,8 +7,8 @@
 
 extern "C" int sqlite3_qzvfs_init(sqlite3*, char**, const sqlite3_api_routines*);
 
-// SQLite calls this at the end of its start. Without QZVFS_IO its own layer stays the default, so
-// that one program tests both.
+// SQLite calls this at the end of its initialisation. Without QZVFS_IO its own layer stays the
+// default, so that the same program can test both.
 extern "C" int qzvfs_as_default(const char* /*unused*/) {
   if (std::getenv("QZVFS_IO") == nullptr) return SQLITE_OK;
   char* message = nullptr;
