@@ -1,13 +1,14 @@
-# What the checks of all places share. Sourced by scripts/places.
+# Functions for the checks of all places, which are file systems and devices of many kinds. Sourced by
+# scripts/places.
 #
-# $place: its name; $W: the temporary folder, a tmpfs; $Q: the tool; $S: the module's shapes.
+# $place: its name; $W: the temporary folder, a tmpfs; $Q: the tool; $S: qzpshapes.
 
 Q=$QZIOP_BUILD/qzpfile
 S=$QZIOP_BUILD/qzpshapes
 
 pass() { printf 'ok    %-20s %s\n' "$place:" "$*"; }
 fail() { printf 'FAIL  %-20s %s\n' "$place:" "$*"; }
-# Ends the place: it cannot be made here.
+# Ends the checks of a place that cannot be made on this machine.
 skip() {
   printf 'skip  %-20s %s\n' "$place:" "$*"
   exit 0
@@ -24,7 +25,7 @@ good() {
 
 # The names of exit statuses: those of sysexits.h without EX_, and FAILURE for any but 0.
 declare -A exit_statuses=([OK]=0 [USAGE]=64 [CANTCREAT]=73 [IOERR]=74)
-# ends TEXT STATUS WORDS COMMAND...: must end with the exit status of this name and say these words.
+# ends TEXT STATUS WORDS COMMAND...: must end with the exit status of this name and print these words.
 ends() {
   local text=$1 wanted=$2 words=$3 said status
   shift 3
@@ -43,8 +44,8 @@ judge() {
   fi
 }
 
-# in: the payload of most files, two blocks of 4 MiB and some pages. pages: what `put` writes, three
-# pages. put, want: what a file holds with these as its pages 3 to 5, and after `change`.
+# Makes the payloads: in, of most files, two blocks of 4 MiB and some pages; pages, three pages for
+# `put`; put, the payload in with these as its pages 3 to 5; want, the payload in after `change`.
 make_payloads() {
   seq 5000000 | head -c 9000000 >"$W/in"
   head -c 12288 /dev/urandom >"$W/pages"
@@ -54,7 +55,7 @@ make_payloads() {
   truncate -s 8192000 "$W/want" # 2000 pages
 }
 
-# change FILE MODE: three pages in the middle, three at the end, cut to 2000 pages.
+# change FILE MODE: puts three pages in the middle and three at the end, truncates to 2000 pages.
 change() {
   $Q put --io "$2" "$1" 3 <"$W/pages" && $Q put --io "$2" "$1" --append <"$W/pages" &&
     $Q truncate --io "$2" "$1" 2000
@@ -62,8 +63,8 @@ change() {
 
 holds() { $Q unpack "$1" - | cmp -s - "$W/$2"; } # holds FILE PAYLOAD
 
-# The commands that move pages, in one mode, against plain copies of the same bytes. Prints the mode
-# obtained.
+# use_tool FOLDER MODE: runs the commands that move pages and compares with plain copies of the same
+# bytes. Prints the mode obtained.
 use_tool() (
   set -e
   local folder=$1 mode=$2 file=$1/tool-$2 said
@@ -80,8 +81,8 @@ use_tool() (
   sed 's/.*I\/O //' <<<"$said"
 )
 
-# works FOLDER BUFFERED DIRECT BLOCK: the whole tool and the module in all three modes; the words are
-# the modes that must be obtained where each is asked for.
+# works FOLDER BUFFERED DIRECT BLOCK: tool and module must work in all three modes; the words are the
+# modes that must be obtained where these three are asked for.
 works() {
   local folder=$1 mode obtained wanted shape
   shift
@@ -103,8 +104,8 @@ works() {
   done
 }
 
-# honest TEXT FILE PAYLOAD...: a file that was being changed when its place failed either is not good
-# to `verify`, or holds one of these payloads.
+# honest TEXT FILE PAYLOAD...: after its place failed during a change a file must either fail `verify`
+# or hold one of these payloads.
 honest() {
   local text=$1 file=$2 said payload
   shift 2
@@ -115,23 +116,23 @@ honest() {
   for payload in "$@"; do
     if holds "$file" "$payload"; then
       case $payload in
-        in) pass "$text: good, and as before" ;;
-        *) pass "$text: good, and as it was to become" ;;
+        in) pass "$text: good, with the old contents" ;;
+        *) pass "$text: good, with the new contents" ;;
       esac
       return
     fi
   done
-  fail "$text: passes as good and is not"
+  fail "$text: verify calls it good, and it has neither the old nor the new contents"
 }
 
 # nothing_left FOLDER TARGET: no temporary file may be left in the folder, nor the file TARGET.
 nothing_left() {
   local left
   left=$(ls -A "$1" | grep -E "^\.qzpfile-|^$2\$" || true)
-  if [ -z "$left" ]; then pass "nothing half made is left"; else fail "left behind: $left"; fi
+  if [ -z "$left" ]; then pass "no unfinished file is left"; else fail "left behind: $left"; fi
 }
 
-# begin_put FILE MODE: a put that has the file open and locked and waits for the rest of its pages.
+# begin_put FILE MODE: starts a put that opens and locks the file and waits for more pages.
 begin_put() {
   mkfifo "$W/fifo"
   $Q put --io "${2:-buffered}" "$1" 3 <"$W/fifo" >"$W/put.said" 2>&1 &
@@ -141,7 +142,7 @@ begin_put() {
   head -c 4096 "$W/pages" >&7
   sleep 0.3
 }
-# end_put TEXT STATUS WORDS: feeds the rest; the put must end as `ends` says.
+# end_put TEXT STATUS WORDS: feeds the rest of the pages; the put must end as with `ends`.
 end_put() {
   local status
   tail -c +4097 "$W/pages" >&7 2>/dev/null
@@ -150,7 +151,8 @@ end_put() {
   judge "$1" "$2" "$3" $status "$(cat "$W/put.said")"
 }
 
-# make_fs TYPE SIZE "MKFS OPTIONS" "MOUNT OPTIONS" [SECTOR]: on a loop device over a file, at $W/fs.
+# make_fs TYPE SIZE "MKFS OPTIONS" "MOUNT OPTIONS" [SECTOR]: mounts a new file system at $W/fs, on a
+# loop device over a file.
 make_fs() {
   command -v "mkfs.$1" >/dev/null || skip "no mkfs.$1 here"
   grep -qw "$1" /proc/filesystems || skip "this kernel has no $1"
@@ -167,8 +169,8 @@ make_fs() {
   losetup -d "$device" # with the mount
 }
 
-# inside PLACE FOLDER: as the first process of its namespace. A loop device stays in use when its
-# file system is not unmounted before the namespace ends.
+# inside PLACE FOLDER: runs the checks of a place as the first process of a namespace. A file system
+# that is not unmounted before the namespace ends would keep its loop device in use.
 inside() {
   place=$1 W=$2
   local status

@@ -1,6 +1,6 @@
-# Places that the kernel of this machine need not have: a second Linux kernel runs as a program (user
-# mode Linux) in the place's namespace, with the build read-only and the temporary folder.
-# NFS, quotas of ext4 and devices that fail are its modules. Sourced by scripts/places.
+# Places for which the kernel of this machine may lack modules: NFS, quotas of ext4, failing devices. A
+# second Linux kernel runs as a program (user mode Linux) in the place's namespace, with the build
+# read-only and the temporary folder. Sourced by scripts/places.
 
 place_foreign_kernel() {
   command -v linux.uml >/dev/null || skip "no user mode Linux here (package user-mode-linux)"
@@ -22,7 +22,7 @@ EOF
   grep -q '^end' "$W/results" || fail "the kernel ended before its last check: $(tail -n 5 "$W/console" | in_one_line)"
 }
 
-# In that kernel, as its first process.
+# The first process of that kernel.
 run_foreign_kernel() {
   mount -t proc none /proc
   mount -t sysfs none /sys

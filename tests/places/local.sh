@@ -1,6 +1,7 @@
 # Places that the kernel of this machine makes. Sourced by scripts/places.
 
-# Sectors of 512 bytes: direct I/O also moves pages of 512 bytes, where the file system says so.
+# small_pages MODE: on sectors of 512 bytes pages of 512 bytes must work, in this mode where direct I/O
+# is asked for.
 small_pages() {
   ends "pages of 512 bytes" OK "I/O $1" $Q pack --io direct --page-size 512 "$W/in" "$W/fs/small"
   good "pages of 512 bytes, verify" $Q verify "$W/fs/small"
@@ -18,7 +19,7 @@ place_ext4_1k() {
   small_pages direct
 }
 
-# The kernel takes O_DIRECT and goes through its cache all the same.
+# The kernel takes O_DIRECT here and still uses its cache: the tool must obtain buffered I/O.
 place_ext4_journalled() {
   make_fs ext4 100m "" "data=journal"
   works "$W/fs" buffered buffered buffered
@@ -83,7 +84,8 @@ place_read_only() {
   good "the file is as before" holds "$W/fs/file" in
 }
 
-# What an error of the device does to ext4 mounted with errors=remount-ro.
+# The file system turns read-only during a put, as ext4 with errors=remount-ro does after an error of
+# its device.
 place_turned_read_only() {
   for mode in buffered direct block; do
     make_fs ext4 100m "" "errors=remount-ro"
@@ -100,7 +102,7 @@ place_turned_read_only() {
   done
 }
 
-# The file behind the loop device loses its second half. ext4 finds zeros in its place.
+# The file behind the loop device loses its second half, which ext4 then reads as zeros.
 place_device_shrunk() {
   make_fs ext4 100m "" ""
   for i in 1 2 3 4 5 6 7 8; do $Q pack --page-size 4K "$W/in" "$W/fs/$i" >/dev/null; done
@@ -129,7 +131,7 @@ place_device_shut_down() {
   done
 }
 
-# Of btrfs: ext4 has quotas only where the kernel was built with them (see foreign-kernel).
+# Quotas of btrfs. Those of ext4 are not in every kernel; foreign_kernel.sh has them.
 place_quota() {
   make_fs btrfs 300m "" ""
   $Q pack --page-size 4K "$W/in" "$W/fs/file" >/dev/null
@@ -146,7 +148,7 @@ place_quota() {
 }
 append() { $Q put --io "$2" "$1" --append <"$W/large"; }
 
-# mount_faulty FAULT: $W/fs passes on to $W/real.
+# mount_faulty FAULT: mounts qzpfaultyfs at $W/fs, which passes all calls on to the folder $W/real.
 mount_faulty() {
   [ -x "$QZIOP_BUILD/qzpfaultyfs" ] || skip "qzpfaultyfs is not built: no libfuse3-dev here"
   [ -e /dev/fuse ] || skip "no /dev/fuse here"
@@ -164,8 +166,8 @@ place_fuse_refuses_direct() {
   works "$W/fs" buffered buffered buffered
 }
 
-# faulty_reads WORDS: files are made behind the faulty file system; reading them through it either
-# fails with these words or gives the right bytes.
+# faulty_reads WORDS: files that were made in $W/real are read through the faulty file system, which
+# must either fail with these words or give the right bytes.
 faulty_reads() {
   $Q pack --page-size 4K "$W/in" "$W/real/file" >/dev/null
   for mode in buffered direct block; do
@@ -209,7 +211,7 @@ place_fuse_failing_writes() {
   done
 }
 
-# A server that goes away for good, and comes back.
+# A server that is lost during a put and comes back later.
 place_fuse_lost() {
   mount_faulty lost
   for mode in buffered direct block; do

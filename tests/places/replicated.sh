@@ -1,5 +1,5 @@
-# A replicated network file system: GlusterFS, three bricks, two clients, all on this machine in a
-# network namespace. Sourced by scripts/places.
+# A replicated network file system: GlusterFS with three bricks (the replicas) and two clients, all on
+# this machine in a network namespace. Sourced by scripts/places.
 
 server=192.0.2.1 # an address for documentation; GlusterFS takes no loopback address
 
@@ -9,13 +9,13 @@ mount_volume() {
   done
   [ -e /dev/fuse ] || skip "no /dev/fuse here: GlusterFS is mounted through it"
   ip addr add $server/32 dev lo || skip "no network in the namespace"
-  # What GlusterFS keeps outside its bricks lies in the temporary folder, too.
+  # Files that GlusterFS keeps outside its bricks must not reach this machine's own folders.
   mkdir -p /var/lib/glusterd /var/log/glusterfs "$W"/brick{1,2,3} "$W"/client{1,2}
   mount -t tmpfs none /var/lib/glusterd
   mount -t tmpfs none /var/log/glusterfs
   mount -t tmpfs none /run
   mkdir -p /run/gluster
-  # The folder itself gets an ext4: replicas need extended attributes.
+  # The bricks lie on an ext4, as replicas need extended attributes.
   make_fs ext4 1g "" ""
   glusterd --log-level ERROR || skip "glusterd does not start"
   until_true gluster pool list
@@ -48,7 +48,7 @@ all_bricks_run() { [ "$(gluster volume status pages | grep -c '^Brick.* Y ')" -e
 kill_brick() { kill -KILL "$(brick_pid "$1")"; }
 healed() { [ "$(gluster volume heal pages info | grep -c '^Number of entries: 0$')" -eq 3 ]; }
 
-# All bricks back, and both clients with all of them.
+# Restarts dead bricks and waits until their files are healed and both clients see all three.
 restore() {
   gluster --mode=script volume start pages force >/dev/null
   until_true all_bricks_run
@@ -63,6 +63,7 @@ sees_three() {
 
 sees_page() { $Q cat --io "$3" "$1" --pages "$2" | cmp -s - "$W/page"; }
 
+# in_turn MODE: both clients put to the same page, twenty times each.
 in_turn() {
   local i client
   for ((i = 0; i < 20; i++)); do
@@ -90,7 +91,7 @@ place_replicated() {
     if [ $old -eq 0 ]; then
       pass "$mode: 20 pages put on one client are read on the other at once"
     else
-      fail "$mode: $old of 20 pages put on one client were read old on the other"
+      fail "$mode: of 20 pages put on one client, $old had their old bytes on the other"
     fi
     good "$mode: both clients change the same page in turn" in_turn $mode
     # GlusterFS and the kernel each keep a file's length for up to a second.
@@ -159,9 +160,9 @@ place_replicated() {
     local left
     left=$(ls -A "$a" | grep '^\.qzpfile-')
     if [ -z "$left" ] || grep -q "unfinished file .*$left could not be removed" "$W/pack.said"; then
-      pass "what it could not remove is named: ${left:-nothing}"
+      pass "its message names each file that it could not remove: ${left:-none}"
     else
-      fail "left behind without a word: $left"
+      fail "left behind without a message: $left"
     fi
     rm -f "$a"/.qzpfile-*
     good "works again, $mode" use_tool "$a" $mode

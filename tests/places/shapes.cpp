@@ -1,11 +1,12 @@
-// qzpshapes: one file through one shape of the module (buffered, direct or block).
+// qzpshapes: works on one file in one shape of the module (buffered, direct or block).
 //
 //   qzpshapes change FILE SHAPE PAGESIZE   creates the file, reads, rewrites, appends, truncates
-//   qzpshapes read FILE SHAPE PAGESIZE     reads what "change" left
+//   qzpshapes read FILE SHAPE PAGESIZE     expects the pages that "change" leaves
 //
-// Every page tells its number and version. Prints the shape obtained; exit status 1 and the reason
-// for anything that failed or that is not as written.
+// Every page tells its number and version. Prints the shape obtained. If a call fails, or a page is
+// not as written, prints the reason and ends with exit status 1.
 #include <fmt/format.h>
+#include <sysexits.h>
 
 #include <cstring>
 #include <memory>
@@ -136,7 +137,8 @@ class File {
   Page page_;
 };
 
-// The same calls every time, so that "read" knows what "change" left.
+// Changes the file and returns the versions of its pages. The changes are the same every time:
+// without a file this only computes what "change" left, for "read".
 Versions change(File* file) {
   std::minstd_rand random(1);  // NOLINT(cert-msc51-cpp,cert-msc32-c): the same pages every time
   Versions versions(kPages, 1);
@@ -195,7 +197,7 @@ int main(int argc, char** argv) try {
   const std::vector<std::string> words(argv, argv + argc);
   if (words.size() != 5) {
     fmt::print(stderr, "usage: qzpshapes change|read FILE buffered|direct|block PAGESIZE\n");
-    return 64;
+    return EX_USAGE;
   }
   qz::StandInHost host;
   const qz::Result<qz::Module> module = qz::Module::load(host.handle());
