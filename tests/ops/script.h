@@ -13,9 +13,8 @@ namespace qztest {
 // fields have their names of qzpos.h, qzstandin.h and errno.h; "+" joins flags.
 //
 //   step                           must end with "ok", whatever system calls it makes
-//   step -> ok: pread 4096 at 512  must end with exactly this: status and system calls, here of
-//   4096
-//                                  bytes at offset 512 (see Calls::io)
+//   step -> ok: pread 4096 at 512  must end with exactly this status and these system calls, here
+//                                  of 4096 bytes at offset 512 (see Calls::io)
 //   step -> notHeld                must fail, which the journal reports once
 //   step -> busy unreported        must fail without an entry in the journal
 //   step -> ok {error noMemory}    must leave these entries in the journal (see NamingJournal)
@@ -57,8 +56,8 @@ namespace qztest {
 //   onDisk 3:1 4:0                 the file holds these pages
 //   fileBytes -> 4096              the file's size; -1: no file
 //   hostCalls -> memFree bufferPool    the host calls of the last operation (see Calls::hostCalls)
-//   textCapacities -> 1024 1020    room that the report of the last operation gave each of its
-//   texts lists -> freePages empty heldPages 3(2 holds)
+//   textCapacities -> 1024 1020    room for each text of the report of the last operation
+//   lists -> freePages empty heldPages 3(2 holds)
 //                                  the handle's lists, each from its head. A record stands as its
 //                                  pages, with its holds if there are several, its stale pages, and
 //                                  its valid bytes if they are not those of its pages

@@ -417,7 +417,7 @@ Status Driver::reopen(bool direct, std::uint32_t read, std::uint32_t write) {
     readAccess_ = read;
     writeAccess_ = write;
     writable_ = write != 0;
-    // A release that fails ends the change before anything is made.
+    // A memFree that fails ends the change before new buffers are made.
     if (wasInBlocks != inBlocks() && releaseFailed() && !lackedMemory()) {
       wanted = Status::ioFailed;
     } else {

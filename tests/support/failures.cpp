@@ -17,7 +17,7 @@ const Failures& failuresOf(Call call) {
   static const Failures denials = {{0, 0}};
   static const Failures releases = {{-1, qz::hostForeignBlock}};
   static const Failures closes = {{-1, qz::hostNotRemoved}, {-1, qz::hostCloseFailed}};
-  // Every status that hosts tell, and one beyond at either end; retries that just suffice.
+  // Every status of an open, and one beyond at either end; a busy file that the last retry opens.
   static const Failures opens = [] {
     Failures all = {{EINVAL, qz::hostBadParameters}, {EAGAIN, qz::hostLocked, kRetries}};
     for (auto status = qz::hostNoMemory - 1; status <= qz::hostUnsupportedFile + 1; ++status)

@@ -7,17 +7,17 @@
 
 namespace qztest {
 
-// What a call comes to in place of its work; see Fault.
+// How a call fails; see Fault.
 struct Failure {
   std::int64_t result;
   std::uint32_t error;
-  int count = 1;  // of calls in a row; kEveryLater: as many as come would never end
+  int count = 1;  // of calls in a row; kEveryLater: all
 };
 using Failures = std::vector<Failure>;
 
 inline constexpr int kRetries = 2;  // of opens that meet a busy file
 
-// Every way for a call; none for those that are not failed.
+// Every way in which a call is failed; none for calls that never are.
 const Failures& failuresOf(Call call);
 
 }  // namespace qztest

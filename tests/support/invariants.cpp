@@ -23,7 +23,7 @@ class Checker {
     checkTree();
     checkWriteBlock();
     checkIndex();
-    require(8, h_.heldCount == holds_, "another heldCount than holds", holds_);
+    require(8, h_.heldCount == holds_, "heldCount is not the number of holds", holds_);
     return broken_;
   }
 
@@ -32,8 +32,8 @@ class Checker {
     if (!holds && broken_.empty()) broken_ = fmt::format("{}. {} ({})", invariant, text, number);
   }
 
-  // Calls visit for each record of a list. A visit that finds a record for the second time ends the
-  // walk.
+  // Calls visit for each record of a list. The first broken invariant ends the walk, also of a list
+  // that runs in a circle.
   template <class Node, class Visit>
   void walk(const qz::List<Node>& list, Visit visit) {
     const Node* previous = nullptr;
@@ -62,7 +62,7 @@ class Checker {
         require(2, pages_.insert(&buffer).second, "page buffer listed twice", buffer.pageNumber);
         const int extra = buffer.extraHolds;
         require(2, buffer.held == held && (held == 1 ? extra >= 0 : extra == 0),
-                "page buffer held otherwise than listed", buffer.pageNumber);
+                "the holds of a page buffer do not fit its list", buffer.pageNumber);
         emptyFreePages_ += held == 0 && buffer.pageNumber == 0 ? 1 : 0;
         holds_ += held + extra;
       });
@@ -70,9 +70,8 @@ class Checker {
     check(h_.pageFreeList, 0);
     check(h_.pageHeldList, 1);
     require(2, h_.pageBuffersAllocated == static_cast<std::int64_t>(pages_.size()),
-            "other page buffers counted than listed", h_.pageBuffersAllocated);
-    require(9, h_.emptyFreePages == emptyFreePages_, "another count of empty page buffers",
-            h_.emptyFreePages);
+            "pageBuffersAllocated is not the number of page buffers", h_.pageBuffersAllocated);
+    require(9, h_.emptyFreePages == emptyFreePages_, "emptyFreePages is wrong", h_.emptyFreePages);
   }
 
   void checkBlocks() {
@@ -82,12 +81,12 @@ class Checker {
       walk(list, [&](const qz::BlockRecord& block) {
         require(3, blocks_.insert(&block).second, "block listed twice", block.blockNumber);
         require(3, held ? block.holdCount > (open ? 0 : -1) : block.holdCount == 0,
-                "block held otherwise than listed", block.blockNumber);
+                "the holds of a block do not fit its list", block.blockNumber);
         const bool empty = block.blockNumber == 0;
         require(4,
                 empty == (block.firstPage == 0) && empty == (block.lastPage == 0) &&
                     block.firstPage <= block.lastPage && (empty || &list != &h_.blockAcquiredList),
-                "block with other pages than its own", block.blockNumber);
+                "the pages of a block do not fit its number", block.blockNumber);
         require(5, block.dirtyPages == 0, "dirty pages outside the write block", block.dirtyPages);
         emptyFreeBlocks_ += !held && empty ? 1 : 0;
         holds_ += static_cast<int>(block.holdCount);
@@ -96,10 +95,11 @@ class Checker {
     check(h_.blockFreeList, false);
     check(h_.blockHeldList, true);
     check(h_.blockAcquiredList, true);
-    require(7, h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1, "lastBlock is stray");
+    require(7, h_.lastBlock == nullptr || blocks_.count(h_.lastBlock) == 1,
+            "lastBlock is on no list");
     const auto all = static_cast<std::int64_t>(blocks_.size()) + (h_.writeBlock != nullptr ? 1 : 0);
-    require(3, h_.blocksAllocated == all, "other blocks counted than there are", all);
-    require(9, h_.emptyFreeBlocks == emptyFreeBlocks_, "another count of empty blocks",
+    require(3, h_.blocksAllocated == all, "blocksAllocated is not the number of blocks", all);
+    require(9, h_.emptyFreeBlocks == emptyFreeBlocks_, "emptyFreeBlocks is wrong",
             h_.emptyFreeBlocks);
   }
 
@@ -137,7 +137,7 @@ class Checker {
                       (block.firstPage - 1) % h_.pagesPerBlock == 0 &&
                       block.lastPage == h_.pageCount;
     require(6, (empty || last) && block.dirtyPages == pages && block.holdCount == 0,
-            "write block with other pages than the file's last", block.firstPage);
+            "the write block has other pages than the file's last", block.firstPage);
   }
 
   void checkIndex() {
@@ -145,7 +145,7 @@ class Checker {
     for (const qz::PageBuffer* buffer : pages_) {
       int found = 0;
       h_.index->visitBuffersNear(buffer->data, [&](auto* one) { found += one == buffer ? 1 : 0; });
-      require(11, found == 1, "page buffer not once in the index", buffer->pageNumber);
+      require(11, found == 1, "page buffer is not exactly once in the index", buffer->pageNumber);
     }
     for (const qz::BlockRecord* block : blocks_) {
       int byAddress = 0;
@@ -154,7 +154,7 @@ class Checker {
       h_.index->visitBlocks(block->blockNumber,
                             [&](auto* one) { byNumber += one == block ? 1 : 0; });
       require(11, byAddress == 1 && byNumber == (block->blockNumber == 0 ? 0 : 1),
-              "block not once in the index", block->blockNumber);
+              "block is not exactly once in the index", block->blockNumber);
     }
   }
 
@@ -176,7 +176,8 @@ std::string brokenInvariant(const qz::FileHandle& h, std::size_t moduleBlocks,
   const auto blocks = static_cast<std::size_t>(h.blocksAllocated);
   const std::size_t own = 2 + (h.fileName != nullptr ? 1 : 0) + pages + 2 * blocks;
   const bool balanced = moduleBlocks == own && bufferBlocks == pages + blocks;
-  return broken.empty() && !balanced ? "pools have other blocks out than the handle" : broken;
+  return broken.empty() && !balanced ? "the pools have other live blocks than the handle uses"
+                                     : broken;
 }
 
 }  // namespace qztest

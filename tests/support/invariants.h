@@ -8,9 +8,9 @@
 
 namespace qztest {
 
-// Lists, tree, counters, write block and state bits of a handle, and the blocks that its pools
-// have out: exactly those that the handle accounts for, and the extension object.
-// Returns what is broken, or nothing.
+// Checks lists, tree, counters, write block and state bits of a handle, and that its pools have no
+// more live blocks than the handle and the extension object use. Returns the first invariant that
+// does not hold, or nothing.
 std::string brokenInvariant(const qz::FileHandle& h, std::size_t moduleBlocks,
                             std::size_t bufferBlocks);
 
