@@ -88,6 +88,8 @@ TEST_F(NamingTest, AHandleNeverHasAFreedName) {
   recorder.fileName = U"efgh";
   play("setName efgh");
   EXPECT_EQ(did(call(&Table::qzpsetfilename, h->fileName, 4)), "ok: statfs");
+  EXPECT_EQ(calls().hostCalls().find("memAlloc modulePool 20, memFree modulePool"), 0)
+      << "the old buffer is freed after its copy";
   EXPECT_EQ(std::u32string_view(h->fileName), U"efgh");
   EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "badArgument");
   play(R"(
