@@ -1,4 +1,4 @@
-// Changes and damage of files made by pack: what survives, what is named, what a repair does.
+// Changes, damage and repairs of files made by pack.
 #include <gtest/gtest.h>
 
 #include "tool/shell.h"
@@ -6,7 +6,8 @@
 namespace qztest {
 namespace {
 
-// The module cuts a file to no pages when its header cannot be written for lack of space.
+// The module truncates a file to 0 pages if there is no space for its header. The tool must not let
+// that happen to its user's file.
 TEST(Changes, LeaveTheFileAsItIsOnAFullDisk) {
   for (const char* file : {"good", "good1"}) {
     playLines(R"(
@@ -24,14 +25,14 @@ $Q header --raw --page-size 4K --header-size 4K f --set h -> IOERR
 }
 
 // The same for a repair, which writes to the file, too.
-TEST(Changes, ARepairIsOne) {
+TEST(Changes, ARepairLeavesTheFileAsItIsOnAFullDisk) {
   playLines(R"(
 poke Y 5000 good; cp good kept; (ulimit -f 0; $Q repair good) 2>/dev/null; s=$?; cmp good kept &&
   exit $s -> IOERR
 )");
 }
 
-// A page in the middle of a change cannot be written for lack of space: the file must be as before.
+// If there is no space in the middle of a change, the file must stay as it was.
 TEST(Changes, AreAllOrNothing) {
   playLines(R"(
 (ulimit -f 120; cat in | $Q put f 1) -> IOERR ! nothing was changed
@@ -42,8 +43,8 @@ TEST(Changes, AreAllOrNothing) {
             "cp good f; cp f kept; %1; s=$?; cmp f kept && exit $s");
 }
 
-// A put of a good copy mends a damaged page, and damage elsewhere stays visible.
-TEST(Changes, PutADamagedPageRight) {
+// A put of a good copy must mend a damaged page, and damage elsewhere must stay visible.
+TEST(Changes, APutMendsADamagedPage) {
   playLines(R"(
 poke Y 20000 f1; $Q cat good1 --pages 4 | $Q put f1 4; cmp f1 good1 -> OK 1 page written
 poke Y 9000 f1; poke Y 20000 f1; for p in 2 4; do $Q cat good1 --pages $p | $Q put f1 $p; done;
@@ -54,8 +55,8 @@ poke Y 9000 f; poke Y 20000 f; $Q cat good --pages 3 | $Q put f 3; $Q verify f -
             "cp good f; cp good1 f1; %1");
 }
 
-// The file would grow while it is read, without end.
-TEST(Changes, TakeNoPagesFromTheFileItself) {
+// A file that is its own input or output would grow without end.
+TEST(Changes, AFileIsNotItsOwnInputOrOutput) {
   playLines(R"(
 $Q put good --append <good -> USAGE ! standard input is the file itself
 $Q put good 3 <good -> USAGE ! standard input is the file itself
@@ -68,8 +69,9 @@ $Q header good >>good -> USAGE ! standard output is the file itself
             "cp good kept; %1; s=$?; cmp good kept && exit $s");
 }
 
-// While a put waits for its input, no other program may use the file.
-TEST(Changes, KeepOthersOutFromTheFirstLookOn) {
+// A change must lock the file before it first reads it: while a put waits for its input, no other
+// program may use the file.
+TEST(Changes, LockTheFileBeforeTheyReadIt) {
   playLines(
       R"(
 $Q put good 1 <page -> IOERR ! The file is in use
@@ -83,7 +85,7 @@ $Q unpack good - -> IOERR ! The file is in use
 
 // A put was killed before its change was complete. Commands that read show the file as it was
 // before and write nothing; commands that write undo the change first.
-TEST(Changes, ThatWereKilledAreReadAndUndone) {
+TEST(Changes, ThatWereKilledAreHiddenFromReadersAndUndoneByWriters) {
   playLines(R"(
 $Q unpack f - | cmp in - && cmp f kept -> OK
 $Q cat f --pages 1 | cmp -n 4096 in - && cmp f kept -> OK
@@ -115,7 +117,7 @@ repair -n good -> OK good: good, nothing to repair
             "%1");
 }
 
-// Damage is named page by page, and good pages can still be read. -k goes on behind a damaged page.
+// Each damaged page must be named, and good pages stay readable. -k goes on behind a damaged page.
 TEST(Checksums, NameEveryDamagedPage) {
   playLines(R"(
 $Q verify -k f
@@ -141,7 +143,8 @@ $Q compare -k good f | grep -c byte -> OK 2
             "poke Y 11808 spoilt; tail -c +4097 in | head -c 4096 >two; %1");
 }
 
-// A damaged frame ends the log as SQLite sees it, which frames left over from before do not.
+// In a SQLite log the checksum of each frame depends on the frames before. A damaged frame must be
+// found; frames left over from an earlier use of the log must not count as damage.
 TEST(Checksums, OfSqliteLogsAreFollowedFrameByFrame) {
   playLines(R"(
 $Q verify w -> OK of this log, followed by 0 from an earlier log
@@ -158,7 +161,9 @@ truncate -s 32 w; poke Y 17 w; $Q verify w -> DIFFERS the header does not match 
             "VALUES(hex(randomblob(6000)));' '.system cp db-wal w' >said; %1");
 }
 
-// Each row: what is done to f, what a repair says, and whether it needs --yes; then f is good.
+// A repair must say what is lost, ask for --yes if anything is, and leave a good file with the
+// rest. Each row: the damage of f, whether --yes is needed, words of the report, the payload's
+// bytes then.
 TEST(Repair, SaysWhatIsLostAndKeepsTheRest) {
   for (const char* row : {
            "poke Y 9000 f|yes|page 1 (file offset 8192) is damaged|43008",
@@ -205,8 +210,9 @@ $Q repair no -> NOINPUT ! No such file
 )");
 }
 
-// A header that was cut is made whole, with nothing of the repair's own record in it.
-TEST(Repair, LeavesNothingOfItselfBehind) {
+// A file that was cut inside its header gets a whole one, in which nothing of the repair's own redo
+// record may be left.
+TEST(Repair, LeavesNothingOfItsRecordInTheHeader) {
   playLines(R"(
 truncate -s 3000 good; $Q repair -y good >y; tail -c +65 good | tr -d '\0' | wc -c -> OK 0
 )");

@@ -1,4 +1,4 @@
-// What each command makes of files that are not what they should be.
+// Every command on damaged files.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,8 +15,8 @@ namespace {
 // How the commands end with a file of one kind.
 struct Kind {
   const char* name;
-  const char* showing;   // commands that need a sound header and all pages that it promises
-  const char* checking;  // those that hold the pages against their checksums, too
+  const char* showing;   // commands that need a sound header and all pages that it counts
+  const char* checking;  // commands that also compare the pages with their checksums
   const char* verify;
   const char* compare;
   const char* removing;
@@ -41,7 +41,7 @@ const struct {
     {"$Q truncate x 2", &Kind::showing},    {"$Q rm x", &Kind::removing},
 };
 
-// What makes x, its kind, and what verify says of it.
+// The line that makes the file x, its kind, and words that verify prints.
 const char* const kDamages = R"(
 cp good1 x -> sound x: good
 cp good1 x; truncate -s -4096 x
@@ -70,8 +70,8 @@ true -> noFile No such file
 mkfifo x -> noFile name a regular file
 )";
 
-// Scripts go by the exit status, people by what verify says. Every command is tried with every
-// damage.
+// Every command must end with the exit status for the damage, which scripts go by, and verify must
+// describe it.
 TEST(Damage, IsReportedByEveryCommand) {
   for (const std::string& row : rowsOf(kDamages)) {
     SCOPED_TRACE(row);
@@ -96,20 +96,21 @@ TEST(Damage, IsReportedByEveryCommand) {
       if (ended == &Kind::verify) {
         EXPECT_NE(outcome.said().find(row.substr(blank + 1)), std::string::npos) << outcome.said();
       }
-      // What failed leaves no file under the name that it was to make.
+      // A command that failed leaves no output file.
       EXPECT_TRUE(outcome.status == 0 || shell.run("test ! -s y").status == 0);
     }
   }
 }
 
-// A change does not make earlier damage look sound.
+// A change elsewhere in the file must not make earlier damage look sound.
 TEST(Damage, StaysVisibleAfterAChange) {
   playLines(R"(
 poke Y 20000 good1; head -c 4096 in | $Q put good1 2 && $Q truncate good1 8 && $Q verify good1
   -> DIFFERS good1: damaged)");
 }
 
-// Page, byte and file offset of a difference lead to the damage, also between pages of other sizes.
+// A comparison must give the page, byte and file offset of each difference, also between files with
+// pages of other sizes.
 TEST(Damage, ComparisonSaysWhere) {
   playLines(R"(
 cp good1 x; poke Y 20000 x; $Q compare good1 x
@@ -129,8 +130,8 @@ $Q copy --header-size 12K good1 x >y; $Q compare good1 x -> OK same, 11 pages of
 )");
 }
 
-// A pack over an older file that is killed at any moment leaves the old file or the new one, whole.
-// No temporary file that it leaves passes as good with other bytes.
+// A pack over an older file that is killed at any moment must leave the old or the new file, whole.
+// A temporary file that it leaves must not pass as good with other bytes.
 TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
 #ifdef __SANITIZE_ADDRESS__
   constexpr int kKills = 10;
@@ -140,7 +141,7 @@ TEST(Damage, KilledPacksLeaveNothingIncompleteThatPasses) {
   const std::string pack = "$Q pack --force --page-size 4K big x";
   const Shell shell;
   shell.expectGood("seq 1000000 | head -c 2M >big; cp good x; " + pack);
-  double latest = 0.2;  // so adjusted that most moments lie within a pack, however busy the machine
+  double latest = 0.2;  // seconds; adjusted so that most kills come during a pack on any machine
   std::mt19937 random(1);
   int killed = 0;
   for (int i = 0; killed < kKills && i < 10 * kKills; ++i) {

@@ -1,4 +1,5 @@
-// Headers whose checksum fits but whose contents do not, and flags that were torn by a power cut.
+// The header of the tool's files: wrong contents under a right checksum, and changes torn by a
+// power cut.
 #include "../../tool/header.hpp"
 
 #include <gtest/gtest.h>
@@ -17,9 +18,11 @@ using Bytes = std::array<std::byte, qzpfile::kHeaderBytes>;
 
 constexpr Header kSound = {.pageSize = 4096, .headerSize = 4096, .payloadBytes = 5000};
 
+// Each wrong field must be refused with its own reason: a later version needs a later tool, a
+// damaged field a repair.
 TEST(HeaderBytes, AreRefusedForTheirOwnReason) {
   const struct {
-    std::size_t at;
+    std::size_t at;  // see docs/file-format.md
     unsigned char value;
     HeaderFault fault;
   } rows[] = {
@@ -40,8 +43,9 @@ TEST(HeaderBytes, AreRefusedForTheirOwnReason) {
   }
 }
 
-// Setting the flag of a change writes 9 bytes. Each may be old or new: the header stays readable.
-TEST(HeaderBytes, CountAsMarkedWhenTheMarkIsTorn) {
+// A change sets a flag in the header and its checksum, 9 bytes, of which a power cut may leave any.
+// The header must stay readable, and count as flagged unless all bytes are old.
+TEST(HeaderBytes, CountAsFlaggedWhenTheFlagIsTorn) {
   Header marked = kSound;
   marked.preparing = true;
   const Bytes from = qzpfile::encodeHeader(kSound);

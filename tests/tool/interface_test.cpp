@@ -1,4 +1,4 @@
-// What programs and people rely on: JSON, usage errors, help, man page and completion.
+// The interface for programs and people: JSON, usage errors, help, man page and completion.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -12,9 +12,9 @@ namespace {
 
 using Json = nlohmann::json;
 
-// Programs read these documents. Each row is a command, how it ends, and members of its document,
-// which must be all of standard output, with nothing on standard error.
-TEST(Interface, SpeaksJson) {
+// Programs read these documents, which must be all of standard output, with nothing on standard
+// error. Each row is a command, its exit status, the schema, and some members of its document.
+TEST(Interface, PrintsJson) {
   const std::string rows = R"sh(
 info good
   -> OK info {"/kind": "qzpfile", "/pages": 11, "/format_version": 2, "/file_size": 53248, "/payload_size": 43008,
@@ -127,8 +127,8 @@ $Q pack --page-size 600 in x
 )");
 }
 
-// Numbers near the largest of 64 bits, and behind it: a sum or product of them must not pass for a
-// small one. What is printed is a number that was not refused.
+// Sums and products of numbers near the largest of 64 bits, and beyond, must not overflow into
+// small ones. The lines print each number that was not refused as a usage error.
 TEST(Interface, RefusesNumbersNearTheLargest) {
   playLines(R"(
 $Q pack --page-size $n in x -> OK
@@ -152,10 +152,11 @@ $Q put --raw --page-size 13K good $n -> OK
             R"(cp good kept; for n in 9223372036854775799 9223372036854775800 9223372036854775806 \
   9223372036854775807 9223372036854775808 18446744073709551615 18446744073709551616 \
   8388607T 8388608T 99999999999999999999999; do
-  { %1; } <in >y 2>z; s=$?; test $s = 64 || echo "$s $n"; done; cmp good kept; test ! -e x)");
+  { %1; } <in >y 2>z; s=$?; test $s = $USAGE || echo "$s $n"; done; cmp good kept; test ! -e x)");
 }
 
-// On a terminal, which script(1) provides, there is colour, too.
+// Progress must show only if asked for or on a terminal, and colour only on a terminal that has it
+// and without NO_COLOR. script(1) provides the terminal.
 TEST(Interface, ShowsProgressAndColourWhereTheyAreWanted) {
   playLines(R"(
 seq 3000000 >big; $Q pack big x --progress always >/dev/null -> OK ! 100%
@@ -172,8 +173,9 @@ script -qec "stty cols 30; $Q cat good --progress always >/dev/null" /dev/null |
 )");
 }
 
-// Names reach the terminal as text, whatever is in them: here a colour, a line break, a C1 control
-// character, a mark that turns the direction of writing, and a byte that is not UTF-8.
+// A file name must not control the terminal or forge a line. This one has a colour, a line break, a
+// C1 control character, a mark that reverses the direction of writing, and a byte that is not
+// UTF-8.
 TEST(Interface, ShowsNamesAsText) {
   playLines(R"(
 pack in "$n" -> OK a\x1b[31m\n\u0085\u202e\xffä: 1 page
@@ -187,7 +189,7 @@ pack -q in "$n"; QZIOP_TRACE=t $Q info "$n" --module "$M" >y; $Q trace t -> OK a
             R"(; n=$(printf 'a\033[31m\n\302\205\342\200\256\377\303\244'); $Q %1)");
 }
 
-// --quiet leaves only errors; scripts go by the exit status.
+// With --quiet there must be no output but errors.
 TEST(Interface, IsQuietWhenAsked) {
   playLines(R"(
 for c in "pack in x" "unpack good y" "copy good z" "header good --set h" "put good 2"
@@ -199,7 +201,7 @@ $Q info no -> NOINPUT ! No such file
             "head -c 64 good >h; %1");
 }
 
-// An option that is missing from the man page or from a completion is one that users do not find.
+// Users do not find a command or option that the man page or a completion lacks.
 TEST(Interface, HelpManPageAndCompletionAgree) {
   Shell().expectGood("S=" QZIOP_SOURCES R"(/tool; set -x
     zsh=$S/completion/_qzpfile

@@ -1,4 +1,4 @@
-// Packing, unpacking and copying: the bytes that come back, and the files that stay behind.
+// Packing, unpacking and copying: the bytes of the payload, and the files that are left.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -8,7 +8,8 @@
 namespace qztest {
 namespace {
 
-// Each mode packs what each other mode unpacks, for payloads around the edges of pages and blocks.
+// A payload must come back whole from each mode of packing through each mode of unpacking, also
+// with sizes around those of pages and blocks.
 TEST(Packing, RoundTripsInAllModesAndSizes) {
   Shell().expectGood(R"sh(
     for bytes in 0 1 4097 200000; do
@@ -26,7 +27,7 @@ TEST(Packing, RoundTripsInAllModesAndSizes) {
     done)sh");
 }
 
-// A copy with other sizes of pages and header keeps every byte of the payload.
+// A copy with other sizes of pages and header must keep every byte of the payload.
 TEST(Packing, CopiesIntoOtherPagesAndBack) {
   Shell().expectGood(R"sh(
     for size in 512 4K 12K 1M; do
@@ -39,7 +40,8 @@ TEST(Packing, CopiesIntoOtherPagesAndBack) {
     done)sh");
 }
 
-// The log stays beside its database while a connection is open: the copies are made from within.
+// Copies of a SQLite database and its log must be the same and be readable. They are made while a
+// connection is open, as the log is deleted with the last one.
 TEST(Packing, CopiesSqliteFiles) {
   Shell().expectGood(R"sh(
     for size in 512 1024 4096 65536; do
@@ -57,9 +59,9 @@ SQL
     done)sh");
 }
 
-// Nothing that exists is overwritten by accident, or by what is no regular file; and sizes that a
-// mode cannot take are refused before anything is written.
-TEST(Packing, TakesItsTargetsWithCare) {
+// A file that exists must not be overwritten without --force, nor ever a folder or pipe. Sizes that
+// do not fit the mode must be refused before anything is written.
+TEST(Packing, OverwritesOnlyRegularFilesAndOnlyWhenForced) {
   playLines(R"(
 $Q pack in good -> CANTCREAT ! good: already exists
 $Q unpack good in -> CANTCREAT ! in: already exists
@@ -80,7 +82,7 @@ $Q pack -f --page-size 600 in good >y; $Q info good --io auto -> OK buffered (as
 )");
 }
 
-// Half a file under the name that was asked for would pass as the whole.
+// A part of a file under the wanted name would pass as the whole.
 TEST(Packing, LeavesNothingWhenItFails) {
   playLines(R"(
 seq 200000 >big; (ulimit -f 200; $Q pack big x); s=$?; test ! -e x && exit $s -> IOERR ! ulimit -f
@@ -98,7 +100,7 @@ mkfifo f; $Q pack f x & p=$!; exec 3>f; echo bytes >&3; sleep 0.3; kill -USR1 $p
 )");
 }
 
-// The message must lead to the file system, not to the file.
+// The message must tell the user to look at the file system, not at the file.
 TEST(Packing, ReportsAFullDisk) {
   if (geteuid() != 0) GTEST_SKIP() << "mounting a small file system needs root";
   playLines(
@@ -111,7 +113,7 @@ mount -t tmpfs -o ro none d; $Q pack in d/x
       "mkdir d; seq 1000000 >big; export Q; unshare -m sh -c '%1'");
 }
 
-// A missing permission has an exit status of its own, for scripts that call sudo.
+// A missing permission must have an exit status of its own, for scripts that then call sudo.
 TEST(Packing, ReportsRefusedAccess) {
   if (geteuid() != 0) GTEST_SKIP() << "becoming another user needs root";
   playLines(R"(

@@ -1,4 +1,4 @@
-// Commands on single pages: what they show, change and refuse.
+// Commands on single pages: show, change, refuse.
 #include <gtest/gtest.h>
 
 #include "tool/shell.h"
@@ -6,7 +6,8 @@
 namespace qztest {
 namespace {
 
-// cat, dump and header show the bytes of the file, in any mode, and refuse pages that it lacks.
+// cat, dump and header must show the bytes of the file, in any mode, and refuse pages that it
+// lacks.
 TEST(Pages, AreShownAsTheyAre) {
   playLines(R"(
 $Q cat good | head -c 43008 | cmp in - -> OK
@@ -37,7 +38,8 @@ $Q cat --raw --page-size 1 --header-size 53247 good | head -c 1 | wc -c -> OK 1
 )");
 }
 
-// A file whose end is cut still has its whole pages.
+// With -k the whole pages of a file that lost its end must be readable, and what is missing be
+// named.
 TEST(Pages, AreTakenFromAFileThatIsNotWhole) {
   playLines(R"(
 $Q cat -k --raw --page-size 4K raw | cmp -n 40960 in - -> OK ! raw: has the wrong length: 100 bytes after
@@ -63,9 +65,8 @@ poke Y 9000 cut; $Q verify -k cut -> DIFFERS page 1 (file offset 8192) is damage
             "head -c 41060 in >raw; head -c 48248 good >cut; %1");
 }
 
-// What a drawing or a list of runs says of each page: data, zeros, holes, damage, and the pages
-// that are missing or cannot be read.
-TEST(Pages, AreDrawn) {
+// A map must show of each page whether it is data, zeros, a hole, damaged, missing or unreadable.
+TEST(Pages, AreShownInAMap) {
   playLines(R"(
 $Q info --map f | tail -6
   -> OK map, 1 page per character: 1 c#####..........................000##### # data: 10 pages
@@ -91,8 +92,8 @@ dd if=/dev/zero of=f bs=4096 seek=33 count=3 conv=notrunc status=none
 %1)");
 }
 
-// After each change the payload is as wanted, and header and checksums fit it.
-TEST(Pages, ArePutWithATrueHeader) {
+// After each change the payload must be as wanted, and header and checksums fit it.
+TEST(Pages, ChangesUpdateHeaderAndChecksums) {
   playLines(
       R"(
 random 4096; replace 2; $Q put good 3 <p -> OK 11
@@ -118,8 +119,8 @@ append() { (head -c 2048 /dev/zero; cat p) >>want; }
   $Q info good | grep ^pages)");
 }
 
-// A change that is refused, or whose input ends early, leaves the file as it was.
-TEST(Pages, AreNotChangedByWhatIsRefused) {
+// A change that is refused, or whose input ends early, must leave the file as it was.
+TEST(Pages, RefusedChangesChangeNothing) {
   playLines(R"(
 head -c 4096 in | $Q put good 13 -> USAGE ! page 13 would leave a gap
 $Q put good -> USAGE ! give either PAGE or --append
@@ -144,8 +145,9 @@ $Q header --raw --page-size 4K good --set h -> DATAERR ! has no header
             "cp good kept; head -c 100 in >h; %1; s=$?; cmp good kept && exit $s");
 }
 
-// Raw files cannot be changed all or not at all: the message says what was written.
-TEST(Pages, TellWhatWasDoneBeforeAFailure) {
+// A change of a raw file cannot be undone. If it fails, the message must tell which pages were
+// written.
+TEST(Pages, FailedRawChangesTellWhatWasWritten) {
   playLines(R"(
 (cat in; cat in) | head -c 1052672 >p; $Q pack -f --page-size 4K p good >/dev/null;
   (seq 1000000 | head -c 12288; echo x) | $Q put --raw --page-size 4K good 2
@@ -157,9 +159,9 @@ head -c 40960 in >raw; (head -c 4096 in; echo x) | $Q put --raw --page-size 4K r
 )");
 }
 
-// With standard error closed the paged file could get its descriptor, and messages would be written
-// into the pages.
-TEST(Pages, GetNoWordsMeantForAClosedStandardError) {
+// With standard error closed the paged file could get its descriptor, and messages would overwrite
+// the pages.
+TEST(Pages, AClosedStandardErrorDoesNotPutMessagesIntoPages) {
   playLines(R"(
 mkfifo f; cp in raw; $Q put --raw --page-size 1K raw 2 2>&- <f & p=$!; exec 3>f; sleep 0.3;
   kill -USR1 $p; sleep 0.3; head -c 2048 in | tail -c 1024 >&3; exec 3>&-; wait $p; cmp in raw
@@ -167,8 +169,8 @@ mkfifo f; cp in raw; $Q put --raw --page-size 1K raw 2 2>&- <f & p=$!; exec 3>f;
 )");
 }
 
-// rm removes paged files only, unless --raw says that any file is meant.
-TEST(Pages, FilesAreRemovedOnPurposeOnly) {
+// rm must not remove a file by mistake: without --raw it takes paged files only.
+TEST(Pages, RmTakesOtherFilesOnlyWithRaw) {
   playLines(R"(
 $Q rm good && test ! -e good -> OK good: removed
 $Q rm in -> DATAERR ! is not a paged file of a known kind

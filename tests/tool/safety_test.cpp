@@ -1,4 +1,4 @@
-// What the tool must not do to its user: lend rights, leave files behind, call a failure success.
+// The tool must not give others access, leave files behind, or report a failure as success.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -7,8 +7,8 @@
 namespace qztest {
 namespace {
 
-// Nobody may read or write a file that could not do so with the file that it was made from.
-TEST(Safety, NewFilesAreNoMoreOpenThanWhatTheyAreMadeFrom) {
+// A new file must not give anyone access who has none to the file that it was made from.
+TEST(Safety, NewFilesHaveNoMorePermissionsThanTheirSource) {
   playLines(R"(
 chmod 600 in; $Q pack in x >y; stat -c %a x -> OK 600
 chmod 600 in; $Q pack - x <in >y; stat -c %a x -> OK 600
@@ -23,7 +23,8 @@ chmod 4755 good; $Q pack -f in good >y; stat -c %a good -> OK 4755
 )");
 }
 
-// As root, and as another user who may write to the folder.
+// A replaced file must keep its owner. Where the user may not give it that owner, it must not keep
+// permissions that were meant for the owner's group, nor set-user-ID bits.
 TEST(Safety, ReplacedFilesKeepTheirOwnerOrLoseItsRights) {
   if (geteuid() != 0) GTEST_SKIP() << "files of another user need root";
   playLines(R"(
@@ -46,10 +47,11 @@ for REPLACE in "pack -f in good" "unpack -f kept good" "copy -f kept good"; do
 done | uniq -c | sed 's/^ *3 //')");
 }
 
-// A new file has no name until it is whole. Where the file system has no files without a name it
-// has a temporary one, which is removed when a signal ends the program.
-TEST(Safety, ProgramsThatAreEndedLeaveNothing) {
-  playLines(R"(
+// A new file has no name until it is whole. On file systems without nameless files it has a
+// temporary name, which must be removed when a signal ends the program.
+TEST(Safety, ASignalLeavesNoUnfinishedFile) {
+  playLines(
+      R"(
 begin $Q pack f x; kill -KILL $p; wait $p 2>/dev/null; ls -A -> OK f good good1 in
 begin $Q pack f x; kill -QUIT $p; wait $p 2>/dev/null; ls -A -> OK f good good1 in
 begin $Q pack f x; mkdir d; mv f good good1 in d; kill -ALRM $p; wait $p 2>/dev/null; ls -A -> OK d
@@ -57,13 +59,13 @@ for s in HUP INT QUIT ALRM TERM USR2; do
   QZPFILE_FAULT=nameless begin $FAULTY pack f x; ls -A | grep -c qzpfile-; kill -$s $p; wait $p 2>/dev/null;
   kill -l $?; rm f; done; ls -A -> OK 1 HUP 1 INT 1 QUIT 1 ALRM 1 TERM 1 USR2 good good1 in
 )",
-            // The shell lets programs in the background ignore INT and QUIT.
-            R"(ulimit -c 0
+      // Without --default-signal the shell starts background programs with INT and QUIT ignored.
+      R"(ulimit -c 0
 begin() { mkfifo f; env --default-signal "$@" & p=$!; exec 3>f; sleep 0.3; }
 %1)");
 }
 
-// The new file must get its name in the folder that was named, wherever that is by then.
+// A folder may be moved while a file is made in it. The file must get its name there.
 TEST(Safety, AFolderThatMovesTakesTheNewFileAlong) {
   for (const char* const program : {"$Q", "QZPFILE_FAULT=nameless $FAULTY"}) {
     SCOPED_TRACE(program);
@@ -77,20 +79,20 @@ mv d e; kill -TERM $p; wait $p 2>/dev/null; ls -A e -> OK
   }
 }
 
-// nohup(1) and shells start programs with signals ignored. With SIGPIPE ignored, a reader that has
-// gone shows as an error of the write.
+// Signals that are ignored at the start, as by nohup(1), must stay ignored. With SIGPIPE ignored, a
+// reader that has gone must show as an error of the write.
 TEST(Safety, SignalsThatWereIgnoredStayIgnored) {
   playLines(R"(
 for s in HUP INT QUIT TERM USR1; do mkfifo f; (trap '' $s; exec $Q pack f x -f) & p=$!;
   exec 3>f; sleep 0.2; kill -$s $p; cat in >&3; exec 3>&-; wait $p || echo $?; rm f; done | wc -l
   -> OK 5
-(trap '' PIPE; sleep 0.3; $Q unpack good - || echo "exit status $?" >&2) | true
-  -> OK ! Broken pipe exit status 74
+(trap '' PIPE; sleep 0.3; $Q unpack good -; test $? = $IOERR && echo "IOERR" >&2) | true
+  -> OK ! Broken pipe IOERR
 )");
 }
 
-// After a failed fsync of the folder the new name may be lost in a power cut: no success.
-TEST(Safety, AFolderThatIsNotOnDiskIsNoSuccess) {
+// If the folder cannot be flushed, a power cut may lose the new name: that must not be a success.
+TEST(Safety, AFolderThatIsNotFlushedIsNoSuccess) {
   playLines(R"(
 QZPFILE_FAULT=folder-fsync $FAULTY pack in x; s=$?; cmp x want || exit; exit $s
   -> IOERR ! x: is complete, but its name may not be on disk: Input/output error
@@ -105,7 +107,7 @@ mkdir d; chmod 333 d; chmod 755 .; setpriv --reuid=65534 --clear-groups --inh-ca
 )");
 }
 
-// A failure of the disk has an exit status of its own: it is not called bad data or a difference.
+// A failure of the disk must have an exit status of its own, not that of bad data or a difference.
 TEST(Safety, FailuresOfTheDiskAreNoVerdicts) {
   playLines(R"(
 QZPFILE_FAULT=read $FAULTY info good -> IOERR ! good: cannot read
@@ -120,9 +122,9 @@ mkdir d; cp good d; chmod 666 d/good; chmod 1777 d; chmod 755 .; setpriv --reuid
 )");
 }
 
-// Whichever command finds a page, a checksum page or a header that cannot be read. What is printed
-// is a command that said something else.
-TEST(Safety, UnreadableBytesAreToldByEveryCommand) {
+// Every command that meets a page, a checksum page or a header that it cannot read must end with
+// IOERR. The lines print the commands that do not.
+TEST(Safety, UnreadableBytesAreReportedByEveryCommand) {
   playLines(R"(
 try page "verify good" "verify -k good" "verify --map good" "verify --every-mode good"
   "info --map good" "unpack good -" "unpack -k good -" "cat good" "cat -k good" "dump good"
@@ -135,19 +137,20 @@ try header "verify good" "info good" "unpack good -" "cat good" "dump good" "cop
   --format json | grep -c '"what": "unreadable"' -> OK 1
 )",
             R"(try() { fault=$1; shift; for c in "$@"; do
-  QZPFILE_FAULT=$fault $FAULTY $c <in >y 2>z; s=$?; test $s = 74 || echo "$s $c"; done; }
+  QZPFILE_FAULT=$fault $FAULTY $c <in >y 2>z; s=$?; test $s = $IOERR || echo "$s $c"; done; }
 %1)");
 }
 
 // An input that shrinks while it is read must not be packed as a shorter one.
 TEST(Safety, InputsThatShrinkAreNoticed) {
   playLines(R"(
-QZPFILE_FAULT=cut $FAULTY pack in x -> DATAERR ! in: became shorter while it was read: it had 43008 bytes
+QZPFILE_FAULT=shrink $FAULTY pack in x -> DATAERR ! in: became shorter while it was read: it had 43008 bytes
 $Q pack /sys/kernel/mm/transparent_hugepage/enabled x -> OK 1 page
 )");
 }
 
-// Runs of zeros take no room on the disk, whatever the page size, and --sparse=never writes them.
+// Runs of zeros must take no room on the disk, whatever the page size; --sparse=never must write
+// them.
 TEST(Safety, ZerosBecomeHoles) {
   Shell().expectGood(R"sh(
     blocks() { stat -c %b "$1"; }
@@ -160,7 +163,7 @@ TEST(Safety, ZerosBecomeHoles) {
       $Q copy -q -f packed copied; cmp packed copied; test $(blocks copied) -le 8000
       $Q copy -q -f --sparse=never packed copied; cmp packed copied; test $(blocks copied) -ge 24000
       $Q cat packed >out; $Q cat packed | cmp - out; test $(blocks out) -le 6000
-      # What a file has already is overwritten, and a file that grows at its end has no positions.
+      # Old bytes are overwritten with zeros. A file opened for appending takes no holes.
       tr '\0' x <zeros >old; $Q unpack packed - 1<>old; cmp zeros old
       printf old >old; $Q unpack packed - >>old; (printf old; cat zeros) | cmp - old
     done)sh");

@@ -1,5 +1,6 @@
 #include "tool/shell.h"
 
+#include <fmt/format.h>
 #include <sys/wait.h>
 #include <sysexits.h>
 #include <unistd.h>
@@ -25,7 +26,8 @@ int system(const std::string& line) {
   return WIFEXITED(result) ? WEXITSTATUS(result) : 128 + WTERMSIG(result);
 }
 
-// Comes before each line. Where the kernel cannot run the program, the emulator does.
+// The definitions that stand before each line. If the kernel cannot run the program, the emulator
+// runs it.
 std::string preamble() {
   static const std::string path = QZIOP_PROGRAMS "/qzpfile";
   static const bool runs = system(path + " --version >/dev/null 2>&1") == 0;
@@ -34,7 +36,8 @@ std::string preamble() {
          "Q='" +
          std::string(runs ? "" : "qemu-i386 ") + path + "' FAULTY='" +
          (runs ? "env " : "qemu-i386 -E ") + preload + path + "'\n" +
-         "poke() { printf \"$1\" | dd of=$3 bs=1 seek=$2 conv=notrunc status=none; }\n";
+         "poke() { printf \"$1\" | dd of=$3 bs=1 seek=$2 conv=notrunc status=none; }\n" +
+         fmt::format("USAGE={} IOERR={}\n", EX_USAGE, EX_IOERR);
 }
 
 std::string inOneLine(const std::string& text) {
@@ -69,8 +72,8 @@ std::string Outcome::ended() const {
   }
 }
 
-// Every folder begins with `in`, 10 pages and a half of text, and `good` and `good1`, packed from
-// it in versions 2 and 1 of the file format.
+// Every folder begins with three files: `in`, text of 10 and a half pages; `good` and `good1`,
+// packed from it in versions 2 and 1 of the file format.
 Shell::Shell() : folder_(QZIOP_PROGRAMS "/shell-XXXXXX") {
   if (mkdtemp(folder_.data()) == nullptr) std::abort();
   expectGood(

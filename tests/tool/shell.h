@@ -1,5 +1,4 @@
-// Runs command lines as a person types them, with the real program behind $Q, in a folder of the
-// test's own.
+// Runs shell lines that use the real program, $Q, in a folder of the test's own.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,19 +10,19 @@
 namespace qztest {
 
 struct Outcome {
-  int status = 0;  // of the exit; 128 and the number for a signal
+  int status = 0;  // exit status; 128 and the number for a signal
   std::string out;
   std::string err;
 
-  // Both, in one line: a line break and the blanks behind it count as one blank.
+  // Both outputs in one line: each line break becomes a blank, with the blanks behind it.
   std::string said() const;
-  // The exit status by its name in sysexits.h without EX_, as DATAERR; DIFFERS for 1, with which
-  // the program says that a file is not good or not the same; SIGINT for the end by that signal.
+  // The name of the exit status: in sysexits.h without EX_, such as DATAERR; OK for 0; DIFFERS for
+  // 1, with which the program says that a file is damaged or not the same; SIGINT for that signal.
   std::string ended() const;
 };
 
-// The folder lies on the disk of the build, which takes direct I/O. It is deleted with the object;
-// a temporary file of the program that is still in it then fails the test.
+// A folder on the disk of the build, which takes direct I/O. It is deleted with the object, which
+// fails the test if a temporary file of the program is still in it.
 class Shell {
  public:
   Shell();
@@ -31,26 +30,27 @@ class Shell {
   Shell& operator=(const Shell&) = delete;
   ~Shell();
 
-  // Runs the line with /bin/sh in the folder. Standard input: nothing. "poke BYTE OFFSET FILE"
-  // overwrites a byte; "QZPFILE_FAULT=... $FAULTY" is the program with system calls that fail, see
-  // preload/faults.cpp.
+  // Runs the line with /bin/sh in the folder, with nothing on standard input. "poke BYTE OFFSET
+  // FILE" overwrites a byte; "QZPFILE_FAULT=... $FAULTY" is the program with system calls that fail
+  // (see preload/faults.cpp); $USAGE and $IOERR are these exit statuses.
   Outcome run(const std::string& line) const;
-  // The same for lines whose every command must succeed.
+  // The same; every command of the line must succeed.
   void expectGood(const std::string& line) const;
 
  private:
   std::string folder_;
 };
 
-// The rows of a text; a line that begins with blanks continues the row above.
+// The rows of a text. A line that begins with a blank continues the row above it.
 std::vector<std::string> rowsOf(const std::string& text);
 
-// Runs each row in a folder of its own:
+// Runs the LINE of each row in a folder of its own:
 //
 //   LINE -> ENDED OUT ! ERR
 //
-// ENDED is as Outcome::ended says. OUT must occur in standard output, ERR in standard error, each
-// in one line; where a row has none, there must be no output. A frame is run with LINE for its %1.
+// ENDED is the name of the exit status (Outcome::ended). OUT must occur in standard output and ERR
+// in standard error, each taken as one line. Without OUT or ERR that output must be empty. `frame`
+// is the line that is run, with LINE in place of its %1.
 void playLines(const std::string& rows, std::string_view frame = "%1");
 
 }  // namespace qztest

@@ -1,4 +1,4 @@
-// qzpfile trace: what it makes of a trace.
+// qzpfile trace: its report on a trace.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,8 +23,8 @@ namespace fs = std::filesystem;
 
 constexpr std::int32_t kPage = 4096;
 
-// Reads, rewrites, appends, truncates and flushes pages in an order that `seed` decides, with holds
-// that overlap.
+// Reads, rewrites, appends, truncates and flushes pages in an order that depends on `seed`, with
+// several holds at a time.
 void workAtRandom(qz::PagedFile& file, unsigned seed) {
   std::minstd_rand random(seed);
   std::map<std::int64_t, qz::PageHold> holds;
@@ -53,7 +53,7 @@ void workAtRandom(qz::PagedFile& file, unsigned seed) {
   }
 }
 
-// Files of all shapes, worked at in a child process that records into `trace`.
+// Works on files in all shapes and records it into `trace`. Runs in a child process.
 void recordRandomWork(const fs::path& folder, const fs::path& trace) {
   setenv("QZIOP_TRACE", trace.c_str(), 1);  // NOLINT(concurrency-mt-unsafe)
   qz::StandInHost host;
@@ -79,8 +79,8 @@ void recordRandomWork(const fs::path& folder, const fs::path& trace) {
   }
 }
 
-// The model of the cache predicts other settings. For the settings that were used, its prediction
-// must be what was recorded.
+// The tool predicts the calls under other settings with a model of the cache. For the settings of
+// the recorded run the prediction must be exact.
 TEST(Trace, ReplaysExactlyWhatWasRecorded) {
   const fs::path folder = QZIOP_PROGRAMS "/trace-work";
   fs::create_directories(folder);
@@ -106,7 +106,7 @@ TEST(Trace, ReplaysExactlyWhatWasRecorded) {
   fs::remove_all(folder);
 }
 
-// The command of each row is recorded, and its trace summed up.
+// The summary must have the counts of the recorded command: pages, hits, calls and failures.
 TEST(Trace, SumsUpWhatWasRecorded) {
   playLines(R"(
 cat good --io buffered -> OK 11 pages read many at a time
@@ -119,8 +119,8 @@ info no
             "QZIOP_TRACE=t $Q %1 --module " QZIOP_TRACE_MODULE " >/dev/null 2>&1; $Q trace t");
 }
 
-// A trace of a program that was killed may end in zero bytes or inside a line. Anything else that
-// is no trace is refused.
+// The trace of a killed program may end in zero bytes or inside a line and must still be read. Any
+// other file that is no trace must be refused.
 TEST(Trace, RefusesWhatIsNoTrace) {
   playLines(R"(
 $Q trace good -> DATAERR ! is not a trace of the module

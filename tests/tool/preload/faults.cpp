@@ -1,5 +1,5 @@
-// Loaded before the C library (LD_PRELOAD): makes system calls of a program fail that nothing else
-// makes fail on a test machine. QZPFILE_FAULT says which.
+// Loaded before the C library (LD_PRELOAD): makes system calls of the program fail in ways that a
+// test cannot bring about otherwise. QZPFILE_FAULT says which.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -32,7 +32,7 @@ int failWith(int error) {
 
 }  // namespace
 
-// "folder-fsync": a folder cannot be written to disk.
+// "folder-fsync": a folder cannot be flushed.
 extern "C" int fsync(int fd) {
   if (faultIs("folder-fsync") && kindOf(fd) == S_IFDIR) return failWith(EIO);
   return static_cast<int>(syscall(SYS_fsync, fd));
@@ -43,15 +43,15 @@ extern "C" int openat64(int folder, const char* name, int flags, ...) {
   if (faultIs("nameless") && (flags & O_TMPFILE) == O_TMPFILE) return failWith(EOPNOTSUPP);
   std::va_list arguments;
   va_start(arguments, flags);
-  const auto mode = va_arg(arguments, mode_t);  // there whenever `flags` need it
+  const auto mode = va_arg(arguments, mode_t);  // callers pass it where `flags` need it
   va_end(arguments);
   return static_cast<int>(syscall(SYS_openat, folder, name, flags | O_LARGEFILE, mode));
 }
 
-// "read": the start of a file cannot be read. "cut": a file has 8192 bytes once 4096 were read.
+// "read": no file can be read. "shrink": a file shrinks to 8192 bytes once 4096 were read.
 extern "C" ssize_t read(int fd, void* data, size_t bytes) {
   if (faultIs("read") && kindOf(fd) == S_IFREG) return failWith(EIO);
-  if (faultIs("cut") && kindOf(fd) == S_IFREG) {
+  if (faultIs("shrink") && kindOf(fd) == S_IFREG) {
     const ssize_t got = syscall(SYS_read, fd, data, bytes < 4096 ? bytes : 4096);
     if (truncate(("/proc/self/fd/" + std::to_string(fd)).c_str(), 8192) != 0) return -1;
     return got;
@@ -59,7 +59,7 @@ extern "C" ssize_t read(int fd, void* data, size_t bytes) {
   return syscall(SYS_read, fd, data, bytes);
 }
 
-// "page": whatever holds byte 20000 of a file cannot be read. "header": what begins at byte 0.
+// "page": byte 20000 of a file cannot be read. "header": nor can byte 0.
 extern "C" ssize_t pread64(int fd, void* data, size_t bytes, off64_t offset) {
   if (faultIs("page") && offset <= 20000 && offset + static_cast<off64_t>(bytes) > 20000) {
     return failWith(EIO);
