@@ -76,7 +76,8 @@ Status close(FileHandle* h, std::uint32_t flags, Journal* journal) {
   if ((h->openOptions & optionFlushAtClose) != 0) {
     const Status flushed = flushThroughTable(h, journal);
     result.note(flushed);
-    if (flushed != Status::ok) return result.status();
+    // A replaced qzpflush may have closed the file.
+    if (flushed != Status::ok || h->hostFile == nullptr) return result.status();
   }
   const Status detached = detach(h, remove, journal);
   if (detached != Status::ok) return detached;

@@ -42,6 +42,26 @@ Status newName(FileHandle* h, const char32_t* name, std::int32_t length, Journal
   return Status::ok;
 }
 
+// A piece of the old name has to be copied before its buffer is freed. If that fails the old name
+// stays, as it does where another name is given.
+Status replaceByOwnPiece(FileHandle* h, const char32_t* name, std::int32_t length,
+                         Journal* journal) {
+  MemoryPool* pool = h->module->modulePool;
+  char32_t* const old = h->fileName;
+  const std::int32_t oldCapacity = h->fileNameCapacity;
+  const std::uint32_t oldLength = h->fileNameLength;
+  const Status status = newName(h, name, length, journal);
+  if (!freeOrJournal(pool, old, journal)) {
+    if (h->fileName != nullptr) freeOrJournal(pool, h->fileName, journal);
+    h->fileName = old;
+    h->fileNameCapacity = oldCapacity;
+    h->fileNameLength = oldLength;
+    return Status::badArgument;
+  }
+  infoThroughTable(h, journal);
+  return status;
+}
+
 }  // namespace
 }  // namespace qz
 
@@ -54,14 +74,10 @@ qz::Status qzpsetfilename(qz::FileHandle* h, const char32_t* name, std::int32_t 
     storeName(h, name, length);
     return keep(h, Status::ok);
   }
-  char32_t* const old = h->fileName;
-  const bool own = isOwnName(*h, name);
-  MemoryPool* pool = h->module->modulePool;
-  if (old != nullptr && !own && !freeOrJournal(pool, old, journal))
+  if (isOwnName(*h, name)) return keep(h, replaceByOwnPiece(h, name, length, journal));
+  if (h->fileName != nullptr && !freeOrJournal(h->module->modulePool, h->fileName, journal))
     return keep(h, Status::badArgument);
-  Status status = newName(h, name, length, journal);
-  // A piece of the old name has to be copied before its buffer goes.
-  if (own && !freeOrJournal(pool, old, journal)) status = Status::badArgument;
+  const Status status = newName(h, name, length, journal);
   infoThroughTable(h, journal);
   return keep(h, status);
 }

@@ -343,6 +343,18 @@ TEST_F(ReplacedEntriesTest, ATruncateThatClosesTheFileAfterAFailedWriteBack) {
   EXPECT_EQ(h->hostFile, nullptr);
 }
 
+// A replaced flush that closes the file which qzpclose is about to detach.
+TEST_F(ReplacedEntriesTest, AFlushThatClosesTheFileDuringAClose) {
+  openWith(Shape::block, 4);
+  h->openOptions |= qz::optionFlushAtClose;
+  module->operations.qzpflush = [](qz::FileHandle* file, qz::Journal* log) {
+    file->openOptions &= ~qz::optionFlushAtClose;
+    return file->ops->operations.qzpclose(file, 0, log);
+  };
+  EXPECT_EQ(close(), Status::ok);
+  EXPECT_EQ(h->hostFile, nullptr);
+}
+
 // A replaced truncate may do nothing. After a failed write-back the write block then still has
 // pages 5 and 6 of 7, and the next append must go straight to the file. The calls bypass the
 // fixture's checks because the write block's invariant does not hold here.

@@ -94,8 +94,12 @@ TEST_F(NamingTest, AHandleNeverHasAFreedName) {
   EXPECT_EQ(did(call(&Table::qzpsetfilename, U"q", -1)), "badArgument");
   play(R"(
     fail memFree with hostForeignBlock undone
-    setName longer -> badArgument {error hostForeignBlock})");
+    setName longer -> badArgument {error hostForeignBlock}; count statfs 0)");
   EXPECT_EQ(std::u32string_view(h->fileName), U"efgh");
+  char32_t* const old = h->fileName;
+  play("fail memFree with hostForeignBlock undone");
+  EXPECT_EQ(did(call(&Table::qzpsetfilename, old, 4)), "badArgument {error hostForeignBlock}");
+  EXPECT_EQ(h->fileName, old);
   play(R"(
     fail memAlloc; setName longer -> noMemory {error noMemory}
     is fileNameCapacity 0 fileNameLength 0)");
