@@ -117,12 +117,6 @@ void RecordIndex::renumber(BlockRecord* block, std::int64_t blockNumber) {
   if (blockNumber != 0) blocksByNumber_.insert(keyOf(blockNumber), block);
 }
 
-PageBuffer* RecordIndex::bufferAt(const void* address) const {
-  return static_cast<PageBuffer*>(buffersByAddress_.find(
-      keyOf(address) >> pageShift_,
-      [&](const void* record) { return static_cast<const PageBuffer*>(record)->data == address; }));
-}
-
 BlockRecord* RecordIndex::freeBlock(std::int64_t blockNumber) const {
   BlockRecord* found = nullptr;
   visitBlocks(blockNumber, [&](BlockRecord* block) {

@@ -85,13 +85,11 @@ class __attribute__((visibility("hidden"))) RecordIndex {  // as in bkp.h
   void renumber(BlockRecord* block, std::int64_t blockNumber);
 
   // The page buffer, held or free, whose data begins at the address; or null.
-  [[nodiscard]] PageBuffer* bufferAt(const void* address) const;
-
-  // Calls visit(buffer) for every page buffer that may begin at the address.
-  template <class Visit>
-  void visitBuffersNear(const void* address, Visit visit) const {
-    buffersByAddress_.visit(keyOf(address) >> pageShift_,
-                            [&](void* record) { visit(static_cast<PageBuffer*>(record)); });
+  [[nodiscard]] PageBuffer* bufferAt(const void* address) const {
+    return static_cast<PageBuffer*>(
+        buffersByAddress_.find(keyOf(address) >> pageShift_, [&](const void* record) {
+          return static_cast<const PageBuffer*>(record)->data == address;
+        }));
   }
 
   // Calls visit(block) for every block that may have the address in its data.
