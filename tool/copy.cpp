@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "commands.hpp"
-#include "json.hpp"
 #include "newfile.hpp"
 #include "payload.hpp"
 #include "report.hpp"
@@ -118,7 +117,7 @@ Exit runCopy(const Invocation& call) {
                {{"pages", pages},
                 {"page_size", geometry.pageSize},
                 {"header_size", geometry.headerSize},
-                {"io", jsonIo(to.io())}});
+                {"io", to.io()}});
   if (!good)
     warn(call.second, "damaged pages were copied as they are, with new checksums that match them");
   if (source.geometry.kind == FileKind::sqliteDatabase) warnOfLog(call.first);

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 #include "sizes.hpp"
 #include "streams.hpp"

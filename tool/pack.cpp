@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "commands.hpp"
-#include "json.hpp"
 #include "newfile.hpp"
 #include "payload.hpp"
 #include "report.hpp"
@@ -62,7 +61,7 @@ Exit runPack(const Invocation& call) {
        {"header_size", header.headerSize},
        {"payload_size", header.payloadBytes},
        {"payload_checksum", fmt::format("{:016x}", header.payloadChecksum)},
-       {"io", jsonIo(file.io())}});
+       {"io", file.io()}});
   return Exit::good;
 }
 

@@ -8,9 +8,16 @@
 #include "text.hpp"
 
 namespace qzpfile {
+namespace {
+
+std::int64_t toJson(std::int64_t value) { return value; }
+const std::string& toJson(const std::string& value) { return value; }
+nlohmann::ordered_json toJson(const IoOutcome& outcome) { return jsonIo(outcome); }
+
+}  // namespace
 
 void reportResult(const Invocation& call, Exit exit, const char* command, const std::string& name,
-                  const std::string& text, const nlohmann::ordered_json& members) {
+                  const std::string& text, const std::vector<Member>& members) {
   if (call.quiet) return;
   if (!call.json) {
     fmt::print("{}: {}\n", printable(name), printable(text));
@@ -18,7 +25,9 @@ void reportResult(const Invocation& call, Exit exit, const char* command, const 
   }
   nlohmann::ordered_json document = jsonDocument(command, exit);
   document["file"] = name;
-  document.update(members);
+  for (const Member& member : members) {
+    std::visit([&](const auto& value) { document[member.name] = toJson(value); }, member.value);
+  }
   printJsonDocument(document);
 }
 

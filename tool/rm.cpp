@@ -40,7 +40,7 @@ Exit runRm(const Invocation& call) {
     if (error.errorNumber == 0) error.errorNumber = reasonNotRemoved(call.first);
     throw moduleFailure(Purpose::input, "cannot remove", call.first, error);
   }
-  reportResult(call, Exit::good, "rm", call.first, "removed", nlohmann::ordered_json::object());
+  reportResult(call, Exit::good, "rm", call.first, "removed", {});
   return Exit::good;
 }
 

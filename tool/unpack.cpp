@@ -6,7 +6,6 @@
 #include <optional>
 
 #include "commands.hpp"
-#include "json.hpp"
 #include "newfile.hpp"
 #include "payload.hpp"
 #include "report.hpp"
@@ -55,7 +54,7 @@ Exit runUnpack(const Invocation& call) {
       fmt::format("{}, {}, I/O {}", counted(header.payloadBytes, "byte"), state, file.describeIo()),
       {{"payload_size", header.payloadBytes},
        {"payload_checksum", fmt::format("{:016x}", header.payloadChecksum)},
-       {"io", jsonIo(file.io())}});
+       {"io", file.io()}});
   return exit;
 }
 
