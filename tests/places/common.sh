@@ -184,7 +184,7 @@ inside() {
   ) &
   wait $! # ended by a signal as well
   status=$?
-  kill -KILL -1 # all others in the namespace
+  kill -KILL -1 2>/dev/null # all others in the namespace
   for ((i = 0; i < 50; i++)); do
     umount -R "$W" 2>/dev/null && break
     sleep 0.1
