@@ -193,7 +193,7 @@ void ScriptTest::playRows(const std::string& script, const std::string& rows) {
     std::string text = script;
     for (std::size_t i = 0; i < names.size(); ++i) {
       const std::string column = "<" + names[i] + ">";
-      for (std::size_t found; (found = text.find(column)) != std::string::npos;)
+      for (std::size_t found = 0; (found = text.find(column)) != std::string::npos;)
         text.replace(found, column.size(), columns.at(i));
     }
     play(text);

@@ -87,8 +87,9 @@ TEST(Damage, IsReportedByEveryCommand) {
     shell.expectGood(row.substr(0, arrow));
     for (const auto& [line, ended] : kCommands) {
       SCOPED_TRACE(line);
-      const bool reports = std::ranges::any_of(
-          kReporting, [&](const char* word) { return std::strstr(line, word) != nullptr; });
+      const bool reports = std::ranges::any_of(kReporting, [line = line](const char* word) {
+        return std::strstr(line, word) != nullptr;
+      });
       if (reports) {
         const Outcome outcome = shell.run(line + std::string(" --format json"));
         EXPECT_EQ(outcome.ended(), kind->*ended);

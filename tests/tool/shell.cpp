@@ -42,7 +42,7 @@ std::string preamble() {
 
 // With one space for the end of a line and the spaces that begin the next.
 std::string inOneLine(std::string text) {
-  for (std::size_t at; (at = text.find('\n')) != std::string::npos;) {
+  for (std::size_t at = 0; (at = text.find('\n')) != std::string::npos;) {
     const std::size_t next = std::min(text.find_first_not_of(' ', at + 1), text.size());
     text.replace(at, next - at, " ");
   }
