@@ -42,8 +42,8 @@ Status newName(FileHandle* h, const char32_t* name, std::int32_t length, Journal
   return Status::ok;
 }
 
-// A piece of the old name has to be copied before its buffer is freed. If that fails the old name
-// stays, as it does where another name is given.
+// A piece of the old name must be copied before its buffer is freed. If the host refuses to free
+// it, the handle keeps the old name, as it does for any other new name.
 Status replaceByOwnPiece(FileHandle* h, const char32_t* name, std::int32_t length,
                          Journal* journal) {
   MemoryPool* pool = h->module->modulePool;
