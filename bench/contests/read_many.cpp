@@ -1,5 +1,6 @@
 // Reads long runs of pages into the caller's memory: into one area, or each page to its own
-// address.
+// address. All contestants read into the same memory: which physical pages it has, and what the
+// processor's caches hold of it, differs from one area to the next by more than what is compared.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/uio.h>
@@ -51,9 +52,10 @@ class Destinations {
 template <class Reader>
 class Runs {
  public:
-  Runs(const std::string& path, const Geometry& geometry, bool contiguous)
+  Runs(const std::string& path, const Geometry& geometry,
+       std::shared_ptr<const Destinations> destinations, bool contiguous)
       : reader_(path, geometry.pageSize),
-        to_(geometry.pageSize),
+        to_(std::move(destinations)),
         contiguous_(contiguous),
         count_(geometry.pages / static_cast<std::int64_t>(kRun)) {}
 
@@ -62,8 +64,8 @@ class Runs {
     const Sample sample = timed(pages, [&] {
       for (std::size_t done = 0; done < pages; done += kRun) {
         const std::int64_t first = next_ * static_cast<std::int64_t>(kRun) + 1;
-        reader_.read(to_, first, contiguous_);
-        right &= to_.arePages(first, contiguous_);
+        reader_.read(*to_, first, contiguous_);
+        right &= to_->arePages(first, contiguous_);
         next_ = (next_ + 1) % count_;
       }
     });
@@ -73,7 +75,7 @@ class Runs {
 
  private:
   Reader reader_;
-  Destinations to_;
+  std::shared_ptr<const Destinations> to_;
   bool contiguous_;
   std::int64_t count_;
   std::int64_t next_ = 0;
@@ -130,9 +132,9 @@ class ModuleReader {
 
 template <class Reader>
 Participant runsOf(std::string name, const std::string& path, const Geometry& geometry,
-                   bool contiguous) {
-  return participant(std::move(name), std::make_shared<Runs<Reader>>(path, geometry, contiguous),
-                     kRun);
+                   const std::shared_ptr<const Destinations>& to, bool contiguous) {
+  return participant(std::move(name),
+                     std::make_shared<Runs<Reader>>(path, geometry, to, contiguous), kRun);
 }
 
 }  // namespace
@@ -142,6 +144,7 @@ void readMany(Runner& run) {
     const std::int64_t bytes = run.settings().warmBytes * (pageSize > 4096 ? 4 : 1);
     const Geometry geometry = {pageSize, std::max<std::int64_t>(bytes / pageSize, kRun)};
     const std::string& path = run.disk().stamped(geometry);
+    const auto to = std::make_shared<const Destinations>(pageSize);
     for (const bool contiguous : {false, true}) {
       Contest contest;
       contest.work = fmt::format("read many, {} pages a request", kRun);
@@ -151,8 +154,8 @@ void readMany(Runner& run) {
         contest.plotLabel = contiguous ? "read many, contiguous" : "read many, scattered";
       }
       const char* floor = contiguous ? "pread" : "lseek + readv";
-      contest.participants = {runsOf<BareReader>(floor, path, geometry, contiguous),
-                              runsOf<ModuleReader>("qziop", path, geometry, contiguous)};
+      contest.participants = {runsOf<BareReader>(floor, path, geometry, to, contiguous),
+                              runsOf<ModuleReader>("qziop", path, geometry, to, contiguous)};
       contest.goals = {{Quantity::wall, "qziop", floor, 1.05}};
       run.hold(contest);
     }
