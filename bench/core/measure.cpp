@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <linux/perf_event.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -105,13 +106,23 @@ Moment momentNow() {
   constexpr double kInterrupted = 50e3;
   constexpr int kAttempts = 10;
   Moment moment;
+  moment.threadBeforeNs = nowNs(CLOCK_THREAD_CPUTIME_ID);
+  rusage used = {};
+  getrusage(RUSAGE_THREAD, &used);
+  moment.sleeps = used.ru_nvcsw;
   for (int i = 0; i < kAttempts; ++i) {
     moment.beforeNs = nowNs(CLOCK_MONOTONIC);
     moment.waitedNs = waitedSoFar();
     moment.afterNs = nowNs(CLOCK_MONOTONIC);
     if (moment.afterNs - moment.beforeNs < kInterrupted) break;
   }
+  moment.threadAfterNs = nowNs(CLOCK_THREAD_CPUTIME_ID);
   return moment;
+}
+
+double takenNs(const Moment& start, const Moment& end) {
+  if (start.sleeps == end.sleeps) return end.threadBeforeNs - start.threadAfterNs;
+  return (end.beforeNs - start.afterNs) - (end.waitedNs - start.waitedNs);
 }
 
 double waitedOf(pid_t process) {

@@ -21,7 +21,8 @@ struct Failure : std::runtime_error {
 // The cost of some operations. NaN: not counted.
 struct Sample {
   // Elapsed time, minus the time in which the main thread waited for a processor that other
-  // programs used. Time in which it slept, for a disk or for its own threads, counts.
+  // programs or other virtual machines used. Time in which it slept, for a disk or for its own
+  // threads, counts.
   double wallNs = 0;
   double cpuNs = 0;  // user and system time of the process
   double operations = 0;
@@ -47,13 +48,20 @@ struct Counts {
 };
 Counts countsSoFar();
 
-// The clock, and how long the main thread has waited for a processor that other programs used.
+// The clocks, and how long the main thread has waited for a processor that other programs used.
 struct Moment {
+  double threadBeforeNs = 0;  // its processor time, before and after all queries
+  double threadAfterNs = 0;
   double beforeNs = 0;  // the clock before and after the query for the wait
   double afterNs = 0;
   double waitedNs = 0;
+  std::int64_t sleeps = 0;  // of the main thread
 };
 Moment momentNow();
+// The time from `start` to `end` without the waits. If the main thread never slept, it is that
+// thread's processor time: the kernel leaves out of it what the hypervisor gave to other machines,
+// which it does not count as a wait.
+double takenNs(const Moment& start, const Moment& end);
 // How long the main thread of another process waited for a processor; the process may have ended.
 double waitedOf(pid_t process);
 
@@ -71,7 +79,7 @@ Sample timed(std::size_t operations, Body&& body) {
   const double cpuAfter = nowNs(CLOCK_PROCESS_CPUTIME_ID);
   const Counts after = countsSoFar();
   Sample sample;
-  sample.wallNs = (end.beforeNs - start.afterNs) - (end.waitedNs - start.waitedNs);
+  sample.wallNs = takenNs(start, end);
   sample.cpuNs = cpuAfter - cpuBefore;
   sample.operations = static_cast<double>(operations);
   sample.readCalls = static_cast<double>(after.reads - before.reads);

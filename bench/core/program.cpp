@@ -59,7 +59,7 @@ Sample timedProgram(std::size_t operations, const std::vector<std::string>& comm
   if (error != 0) throw Failure(command[0] + ": " + std::strerror(error));
   if (!collected || outcome != 0) throw Failure(command[0] + ": " + textIn(said));
   constexpr double kNobodyCounted = std::numeric_limits<double>::quiet_NaN();
-  return {.wallNs = (end.beforeNs - start.afterNs) - (end.waitedNs - start.waitedNs) - childWaited,
+  return {.wallNs = takenNs(start, end) - childWaited,
           .cpuNs = nanoseconds(used.ru_utime) + nanoseconds(used.ru_stime),
           .operations = static_cast<double>(operations),
           .readCalls = kNobodyCounted,
