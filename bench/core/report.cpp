@@ -90,7 +90,12 @@ RunFacts runFacts(int argc, const char* const* argv) {
 }
 
 std::string textOf(const RunFacts& facts) {
-  return fmt::format("{}\n{}\n{}\n{}\n", facts.date, facts.machine, facts.system, facts.command);
+  return fmt::format(
+      "{}\n{}\n{}\n{}\n"
+      "ns: the mean of all turns of a contestant. Some leave early, and the machine's speed "
+      "changes,\n"
+      "so ratios are those of paired turns, not of this column.\n",
+      facts.date, facts.machine, facts.system, facts.command);
 }
 
 std::string textOf(const Outcome& outcome) {
