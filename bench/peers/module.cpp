@@ -58,12 +58,12 @@ std::size_t buffersInTurn(const Task& task) {
   Task trial = task;
   if (task.access == Access::append) trial.path += ".trial";
   const std::int64_t pagesPerBlock = std::max(task.blockBytes / task.geometry.pageSize, 1);
-  const std::int64_t rounds = 2 * std::int64_t{task.buffers} + 2;
+  // A file's first transfers go to one empty buffer after the other.
+  const std::int64_t first = (std::int64_t{task.buffers} + 1) * pagesPerBlock;
   std::set<const char*> places;
   {
     ModulePages pages(trial);
-    for (std::int64_t page = 1; page <= std::min(task.geometry.pages, rounds * pagesPerBlock);
-         ++page) {
+    for (std::int64_t page = 1; page <= std::min(task.geometry.pages, 2 * first); ++page) {
       const char* at = nullptr;
       switch (task.access) {
         case Access::read:
@@ -79,7 +79,7 @@ std::size_t buffersInTurn(const Task& task) {
           pages.write(page);
           break;
       }
-      places.insert(at);
+      if (page > first) places.insert(at);
     }
   }
   if (task.access == Access::append) unlink(trial.path.c_str());
