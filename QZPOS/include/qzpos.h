@@ -16,7 +16,8 @@ namespace qz {
 // Outcome of an operation: always one of these codes, never a host's own status. Those appear only
 // in journals, and as the HostStatus that qzpdestroy and qzWait return.
 //
-// Numbers are in order and never reused. A new code goes behind 0x803FC826, not into a gap.
+// Numbers are in order and never reused. A new code takes the number after the last 0x803FC8xx
+// code, not one of a gap.
 enum class Status : std::uint32_t {
   ok = 0,
   noMemory = 0x803FC002,
@@ -299,7 +300,7 @@ struct FileHandle {
   std::int32_t emptyFreePages;   // records without a page on pageFreeList
   std::int32_t emptyFreeBlocks;  // records without pages on blockFreeList
   std::uint8_t sizeUnknown;      // 1: qzpopen has not succeeded yet; `fileSize` is the caller's
-  std::uint32_t closes;          // completed; the last one freed all records made before it
+  std::uint32_t closes;          // completed closes; each frees all records made before it
 };
 static_assert(std::is_standard_layout_v<FileHandle>);
 static_assert(atContractOffset(offsetof(FileHandle, eyecatcher), 0));

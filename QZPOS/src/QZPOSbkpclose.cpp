@@ -9,8 +9,8 @@ namespace {
 
 constexpr HostStatus kHostNotRemoved = 0x80FFE00D;
 
-// A file that was opened for writing and is still empty is not kept. Collected pages count. The
-// size of a file that was never open is not known: `fileSize` 0 is then the caller's value.
+// A file that was opened for writing and is still empty is not kept. Collected pages count. If
+// qzpopen never succeeded, `fileSize` is what the caller set, so 0 does not mean an empty file.
 bool isToBeRemoved(const FileHandle& h, std::uint32_t flags) {
   if ((flags & kRemoveFile) != 0) return true;
   if (h.sizeUnknown != 0) return false;

@@ -1,5 +1,5 @@
-// qzpflush: makes everything written so far durable. The collected pages are written first; the
-// file is synchronised even when that failed, for what reached it before.
+// qzpflush: makes everything written so far durable. The collected pages are written first. Even if
+// that fails, fsync is called: it makes durable what reached the file before.
 #include "io.h"
 #include "records.h"
 

@@ -1,7 +1,7 @@
 // qzptruncate: truncates the file to a page count and removes the pages beyond the new end from the
-// cache. What the caller holds stays as it is. The walks stop at the first empty record. A page
-// beyond the end may stay cached behind it, but no read asks for it, and an append of a page in its
-// range empties it.
+// cache. What the caller holds stays as it is. The walks stop at the first empty record. A record
+// behind it may keep a page beyond the new end: no read asks for that page, and an append into the
+// record's range empties the record.
 #include "io.h"
 #include "records.h"
 

@@ -23,7 +23,7 @@ Status checkWrite(const FileHandle& h, const PageRequest& r) {
   return Status::ok;
 }
 
-// A page that begins near the end of a block's data would be read beyond it.
+// True if the whole page lies inside the block's data.
 bool liesWithin(const FileHandle& h, const BlockRecord& block, const PageRequest& r) {
   return r.buffer - block.data <= std::ptrdiff_t{h.blockBytes} - r.length;
 }
@@ -35,8 +35,8 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
   if (source->block == nullptr && source->buffer == nullptr) return Status::notHeld;
   if (source->block != nullptr && !liesWithin(h, *source->block, r)) return Status::notHeld;
   if (source->foundIn == FoundIn::writeBlock) {
-    // Callers hold no address in the write block, so no hold ends. Only collected pages may be
-    // written from there.
+    // No operation returns such an address, so no hold ends. A caller that computes one may write
+    // only a collected page from it.
     if (!inBlockMode(h) || !isCollectedPage(h, r.pageNumber)) return Status::notHeld;
     source->block = nullptr;
   }
@@ -44,9 +44,9 @@ Status findSource(const FileHandle& h, const PageRequest& r, Held* source) {
 }
 
 // The write block takes rewrites of the pages that it collected, and further appended pages; its
-// first page lies at a block boundary. When a replaced qzptruncate does not cut back after a failed
-// write-back, the block keeps its pages: it may be full, or lack the file's last pages. Then the
-// page goes straight to the file.
+// first page lies at a block boundary. Normally its last page is `pageCount`. But a replaced
+// qzptruncate may skip the cut-back after a failed write-back; the block then keeps its pages, and
+// may be full or end before `pageCount`. In both cases the page goes straight to the file.
 bool goesToWriteBlock(const FileHandle& h, std::int64_t page) {
   if (!inBlockMode(h) || h.writeBlock == nullptr) return false;
   if (isCollectedPage(h, page)) return true;

@@ -8,7 +8,7 @@ namespace qz {
 // memAlloc flags for memory whose contents do not matter.
 inline constexpr std::uint32_t kAsAllocated = 0;
 
-// Of a file that an open creates.
+// Permissions of a file that an open creates.
 inline constexpr std::uint32_t kFilePermissions = 0666;
 
 inline void* allocate(MemoryPool* pool, std::size_t bytes, std::uint32_t flags) {

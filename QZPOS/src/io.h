@@ -1,5 +1,5 @@
 // System calls on the file, and what their results mean. The only place that includes the system
-// headers of file I/O; which calls are retried, and how, shows in the operations.
+// headers of file I/O. Each operation decides which calls it retries.
 #pragma once
 
 #include <sys/uio.h>

@@ -228,8 +228,7 @@ inline bool writeBlockBegun(const FileHandle& h) {
   return h.writeBlock != nullptr && h.writeBlock->firstPage != 0;
 }
 
-// True while there are pages that a write-back would write. In block mode the same as
-// writeBlockBegun; a block left over from before a reopen into page mode is not written.
+// True while there are pages that a write-back would write.
 inline bool hasCollectedPages(const FileHandle& h) {
   return inBlockMode(h) && h.writeBlock != nullptr && h.writeBlock->dirtyPages != 0;
 }
