@@ -49,7 +49,7 @@ class Workplace {
   Workplace& operator=(const Workplace&) = delete;
   ~Workplace();
 
-  // Makes the folder's contents those of `files`.
+  // Replaces the contents of the folder by `files`.
   void fill(const Folder& files) const;
   Folder contents() const;
   // Runs qzpfile in the folder. `settings`: "NAME=value" for the recorder, which is not preloaded

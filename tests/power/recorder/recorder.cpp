@@ -12,7 +12,6 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -93,11 +92,12 @@ std::size_t partOf(Fate fate, std::size_t bytes) {
 }
 
 long openAny(int folder, const char* name, int flags, mode_t mode) {
+  const bool isNew = (flags & O_CREAT) != 0 && inodeOf(folder, name) == 0;
   const long fd = plain(SYS_openat, folder, name, flags, mode);
-  if (fd >= 0 && (flags & O_CREAT) != 0) {
-    recordName(What::nameAdded, inodeOf(static_cast<int>(fd)), name);
-    if ((flags & O_TRUNC) != 0) record(What::resized, inodeOf(static_cast<int>(fd)), 0, nullptr, 0);
-  }
+  if (fd < 0) return fd;
+  const std::uint64_t inode = inodeOf(static_cast<int>(fd));
+  if (isNew) recordName(What::nameAdded, inode, name);
+  if ((flags & O_TRUNC) != 0) record(What::resized, inode, 0, nullptr, 0);
   return fd;
 }
 
@@ -239,8 +239,8 @@ int renameat2(int from, const char* oldName, int to, const char* newName, unsign
   return static_cast<int>(done);
 }
 
-int rename(const char* oldName, const char* newName) noexcept {
-  return renameat2(AT_FDCWD, oldName, AT_FDCWD, newName, 0);
+int renameat(int from, const char* oldName, int to, const char* newName) noexcept {
+  return renameat2(from, oldName, to, newName, 0);
 }
 
 int linkat(int from, const char* oldName, int to, const char* newName, int flags) noexcept {
@@ -250,25 +250,11 @@ int linkat(int from, const char* oldName, int to, const char* newName, int flags
   return static_cast<int>(done);
 }
 
-int link(const char* oldName, const char* newName) noexcept {
-  return linkat(AT_FDCWD, oldName, AT_FDCWD, newName, 0);
-}
-
-int unlink(const char* name) noexcept {
-  const long done = plain(SYS_unlinkat, AT_FDCWD, name, 0);
+int unlinkat(int folder, const char* name, int flags) noexcept {
+  const long done = plain(SYS_unlinkat, folder, name, flags);
   if (done == 0) recordName(What::nameRemoved, 0, name);
   return static_cast<int>(done);
 }
 
-int mkostemp64(char* pattern, int flags) {
-  if (next(false) == Fate::fails) return -1;
-  char* const random = pattern + std::strlen(pattern) - 6;
-  long fd = -1;
-  for (char letter = 'a'; fd < 0 && letter <= 'z'; ++letter) {
-    std::fill_n(random, 6, letter);
-    fd = syscall(SYS_openat, AT_FDCWD, pattern, flags | O_RDWR | O_CREAT | O_EXCL, 0600);
-  }
-  if (fd >= 0) recordName(What::nameAdded, inodeOf(static_cast<int>(fd)), pattern);
-  return static_cast<int>(fd);
-}
+int unlink(const char* name) noexcept { return unlinkat(AT_FDCWD, name, 0); }
 }
