@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to everything that parses bytes from outside: first bytes of files, the
-// tool's header, records of changes, sizes and page ranges. Each input goes to all of them.
+// Passes arbitrary bytes to all parsers of the tool: recognition of a file by its first bytes, the
+// file header, redo records, sizes and page ranges. Each input goes to all of them.
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -42,7 +42,7 @@ void checkRecognition(std::span<const std::byte> bytes) {
   }
 }
 
-// Gives the bytes a magic, a version and a checksum that fit, to reach what lies behind them.
+// Replaces magic, version and checksum by valid ones, so that the checks after them are reached.
 void checkSealedHeader(std::span<const std::byte> bytes) {
   std::array<std::byte, kHeaderBytes> sealed{};
   std::ranges::copy(bytes.first(std::min(bytes.size(), sealed.size())), sealed.begin());
@@ -58,7 +58,7 @@ void checkSealedHeader(std::span<const std::byte> bytes) {
   }
 }
 
-// The numbers that an input gives, and zeros behind its end.
+// Takes numbers from an input. After its end each number is 0.
 class Numbers {
  public:
   explicit Numbers(std::span<const std::byte> bytes) : bytes_(bytes) {}
@@ -76,7 +76,7 @@ class Numbers {
   std::span<const std::byte> bytes_;
 };
 
-// A record as a file at whose `end` it stands.
+// Decodes a record as readRecord does, as if its table began at offset `end` of a file.
 std::optional<ChangeRecord> decodeRecord(std::span<const std::byte> bytes, std::int64_t end) {
   const std::size_t tableBytes = bytes.size() - kFooterBytes;
   const auto footer =
@@ -84,7 +84,8 @@ std::optional<ChangeRecord> decodeRecord(std::span<const std::byte> bytes, std::
   if (!footer) return std::nullopt;
   require(footer->finalBytes >= 0 && footer->finalBytes <= footer->firstPiece);
   require(footer->firstPiece <= footer->tableAt && footer->tableBytes >= 0);
-  // A file whose footer tells of another table fails to give it, or gives one that does not fit.
+  // The footer has another table size. In a file such a table cannot be read, or its checksum does
+  // not match.
   if (footer->tableBytes != static_cast<std::int64_t>(tableBytes)) return std::nullopt;
   auto record = decodeTable(bytes.first(tableBytes), *footer);
   std::int64_t at = footer->firstPiece;
@@ -102,8 +103,8 @@ void seal(std::span<std::byte> record) {
   storeNumber(footer, 56, checksumOf(footer.first(56)));
 }
 
-// A sound record comes back as it was. With one number changed it is refused, or with fitting
-// checksums at least stays within the file.
+// A valid record must decode to itself. With one number changed it must be refused. If the
+// checksums are then recomputed, it may be accepted, but its pieces must lie within the file.
 void checkRecord(std::span<const std::byte> bytes) {
   Numbers numbers(bytes);
   const std::uint64_t where = numbers.next(2);
