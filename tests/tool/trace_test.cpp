@@ -128,8 +128,8 @@ $Q trace no -> NOINPUT ! No such file
 : >t; $Q trace t -> DATAERR ! is empty
 echo '{"qziop_trace":2}' >t; $Q trace t -> DATAERR ! version 2
 echo '{"qziop_trace":1}' >t; $Q trace t -> OK 0 operations
-printf '{"qziop_trace":1}\n{"id":1,"op":"qzpinfo","status":"ok","ns":5}\n\0\0\0' >t; $Q trace t
-  -> OK 1 operation
+printf '{"qziop_trace":1}\n{"id":1,"op":"qzpinfo","status":"ok","ns":5}\n\0\0\0' >t; $Q trace t >s;
+  ! grep incomplete s && cat s -> OK 1 operation
 printf '{"qziop_trace":1}\n{"id":1,"op":"qzpin' >t; $Q trace t -> OK the last line is incomplete
 printf '{"qziop_trace":1}\n{"id":1,"op":\n{}\n' >t; $Q trace t
   -> DATAERR ! line 2 is not a trace record

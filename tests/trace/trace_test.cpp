@@ -36,7 +36,7 @@ class TraceTest : public testing::Test {
   TraceTest() {
     std::string pattern = (fs::temp_directory_path() / "qztrace-XXXXXX").string();
     folder = mkdtemp(pattern.data());
-    trace = folder / "trace.json";
+    trace = folder / "trace%s.json";  // in a message the %s must be text
   }
   ~TraceTest() override { fs::remove_all(folder); }
 
@@ -100,7 +100,7 @@ void* symbolOf(const char* library, const char* name) {
 
 // A trace that lacks an operation or its calls would mislead its reader.
 TEST_F(TraceTest, RecordsEachOperationWithArgumentsResultAndCalls) {
-  const std::string name = makeFile(3);
+  const std::string name = makeFile(3, "\u20AC\U0001F7FF");
   ASSERT_EQ(inChild([&] {
               Session session(name);
               { const auto page = session.file->read(2); }
@@ -129,6 +129,8 @@ TEST_F(TraceTest, RecordsEachOperationWithArgumentsResultAndCalls) {
   EXPECT_EQ(call.at("bytes"), 512);
   EXPECT_EQ(call.at("offset"), 512);
   EXPECT_EQ(call.at("result"), 512);
+  EXPECT_GT(call.at("ns"), 0);
+  EXPECT_GE(lines.at("qzpread").at("ns"), call.at("ns"));
   EXPECT_EQ(lines.at("qzpbufreturn").at("buffer"), lines.at("qzpread").at("buffer"));
   EXPECT_EQ(lines.at("qzptruncate").at("calls").size(), 2U) << "lseek64 and ftruncate64";
   EXPECT_EQ(lines.at("qzpinfo").at("in"), lines.at("qzpsetfilename").at("id"));
@@ -282,7 +284,7 @@ TEST_F(TraceTest, OverwritesNothingButATrace) {
               const auto module = qz::Module::load(host.handle(), nullptr, QZIOP_TRACE_MODULE);
               EXPECT_TRUE(module);
               EXPECT_NE(journalled(host.defaultJournal())
-                            .find("trace.json cannot be the trace: it exists and is not a trace"),
+                            .find("trace%s.json cannot be the trace: it exists and is not a trace"),
                         std::string::npos)
                   << journalled(host.defaultJournal());
             }),
@@ -291,9 +293,13 @@ TEST_F(TraceTest, OverwritesNothingButATrace) {
   std::ifstream(trace) >> contents;
   EXPECT_EQ(contents, "precious");
   fs::remove(trace);
-  for (int round = 0; round < 2; ++round) {
-    ASSERT_EQ(inChild([&] { const Session session(name); }), 0);
-    EXPECT_EQ(linesOf(trace).size(), 8U) << "of this process only";
+  for (const unsigned flushes : {3U, 1U}) {
+    ASSERT_EQ(inChild([&] {
+                Session session(name);
+                for (unsigned i = 0; i < flushes; ++i) EXPECT_TRUE(session.file->flush());
+              }),
+              0);
+    EXPECT_EQ(linesOf(trace).size(), 8U + flushes) << "of this process only";
   }
 }
 
@@ -314,7 +320,7 @@ TEST_F(TraceTest, GivesEachProcessAFileOfItsOwn) {
   std::size_t files = 0;
   for (const auto& entry : fs::directory_iterator(folder)) {
     const std::string file = entry.path().filename();
-    if (!file.starts_with("trace.json")) continue;
+    if (!file.starts_with("trace%s.json")) continue;
     ++files;
     linesOf(entry.path());
   }
