@@ -110,6 +110,7 @@ $Q pack --page-size 99999999999999999999 in x -> USAGE ! is not a size
 $Q pack --page-size 9007199254740993K in x -> USAGE ! is not a size
 $Q pack --page-size=-4096 in x -> USAGE ! is not a size
 $Q pack --page-size 511 in x -> USAGE ! 512 bytes
+sqlite3 db 'CREATE TABLE t(x);'; $Q copy --page-size 8K db x -> USAGE ! sizes cannot be changed
 $Q pack --header-size 63 in x -> USAGE ! no room
 $Q pack --io fast in x -> USAGE ! auto, buffered, direct, block
 $Q cat good --pages 5-3 -> USAGE ! "5-3" is not a list of pages

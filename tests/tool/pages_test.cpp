@@ -100,6 +100,8 @@ random 4096; replace 2; $Q put good 3 <p -> OK 11
 random 8192; replace 4; cat p | $Q put --io direct good 5 -> OK 11
 random 8192; replace 4; $Q put --io block good 5 <p -> OK 11
 random 5000; append; $Q put good --append <p -> OK 13
+(cat in; cat in) | head -c 32768 >want; $Q pack -f --page-size 512 want good; random 512;
+  dd if=p of=want bs=512 seek=63 conv=notrunc status=none; $Q put good 64 <p -> OK 64
 random 50000; append; $Q put --io block good --append <p -> OK 24
 echo end >p; (head -c 40960 in; cat p) >want; $Q put good 11 <p -> OK 11
 random 20000; (head -c 36864 in; cat p) >want; cat p | $Q put good 10 -> OK 14
