@@ -26,7 +26,7 @@ const Kind kKinds[] = {
     {"badPage", "OK", "DATAERR", "DIFFERS", "DIFFERS", "OK"},
     {"badLength", "DATAERR", "DATAERR", "DIFFERS", "DATAERR", "OK"},
     {"badHeader", "DATAERR", "DATAERR", "DATAERR", "DATAERR", "DATAERR"},
-    {"noFile", "NOINPUT", "NOINPUT", "NOINPUT", "NOINPUT", "NOINPUT"},
+    {"notAFile", "NOINPUT", "NOINPUT", "NOINPUT", "NOINPUT", "NOINPUT"},
 };
 
 const struct {
@@ -68,9 +68,9 @@ cp good1 x; mkfifo f; sh -c "exec $Q put x --append" <f & p=$!; exec 3>f;
   -> sound change interrupted: the next change, or qzpfile repair, undoes it
 cp in x -> badHeader give its sizes: --raw
 : >x -> badHeader x: is empty try:    get a complete copy
-mkdir x -> noFile try:    name a file
-true -> noFile No such file
-mkfifo x -> noFile name a regular file
+mkdir x -> notAFile try:    name a file
+true -> notAFile No such file
+mkfifo x -> notAFile name a regular file
 )";
 
 // Every command must end with the exit status for the damage, which scripts go by, and verify must

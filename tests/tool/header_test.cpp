@@ -21,21 +21,34 @@ constexpr Header kSound = {.pageSize = 4096, .headerSize = 4096, .payloadBytes =
 // Each wrong field must be refused with its own reason: a later version needs a later tool, a
 // damaged field a repair.
 TEST(HeaderBytes, AreRefusedForTheirOwnReason) {
+  // Offsets of the fields, as in docs/file-format.md.
+  enum : std::size_t {
+    version = 8,
+    flags = 12,
+    pageSize = 16,
+    headerSize = 20,
+    payloadBytes = 24,
+    reserved = 40
+  };
   const struct {
-    std::size_t at;  // see docs/file-format.md
+    std::size_t at;
     unsigned char value;
     HeaderFault fault;
   } rows[] = {
-      {8, 0, HeaderFault::noVersion},  {8, 3, HeaderFault::version},
-      {12, 4, HeaderFault::flags},     {15, 0x80, HeaderFault::flags},
-      {40, 1, HeaderFault::reserved},  {55, 1, HeaderFault::reserved},
-      {16, 1, HeaderFault::values},    {31, 0x80, HeaderFault::values},
-      {23, 0xFF, HeaderFault::values},
+      {version, 0, HeaderFault::noVersion},
+      {version, 3, HeaderFault::version},
+      {flags, 4, HeaderFault::flags},
+      {flags + 3, 0x80, HeaderFault::flags},
+      {reserved, 1, HeaderFault::reserved},
+      {reserved + 15, 1, HeaderFault::reserved},
+      {pageSize, 1, HeaderFault::values},
+      {headerSize + 3, 0xFF, HeaderFault::values},
+      {payloadBytes + 7, 0x80, HeaderFault::values},
   };
   for (const auto& row : rows) {
     Bytes bytes = qzpfile::encodeHeader(kSound);
     bytes[row.at] = std::byte{row.value};
-    if (row.at == 16) bytes[17] = std::byte{0};  // a page of 1 byte
+    if (row.at == pageSize) bytes[pageSize + 1] = std::byte{0};  // a page of 1 byte
     qzpfile::storeNumber(bytes, 56, qzpfile::checksumOf(std::span(bytes).first(56)));
     const auto decoded = qzpfile::decodeHeader(bytes);
     ASSERT_TRUE(std::holds_alternative<HeaderFault>(decoded)) << row.at;

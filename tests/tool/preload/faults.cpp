@@ -59,7 +59,7 @@ extern "C" ssize_t read(int fd, void* data, size_t bytes) {
   return syscall(SYS_read, fd, data, bytes);
 }
 
-// "page": byte 20000 of a file cannot be read. "header": nor can byte 0.
+// "page": byte 20000 of a file cannot be read. "header": byte 0 cannot.
 extern "C" ssize_t pread64(int fd, void* data, size_t bytes, off64_t offset) {
   if (faultIs("page") && offset <= 20000 && offset + static_cast<off64_t>(bytes) > 20000) {
     return failWith(EIO);
