@@ -122,12 +122,20 @@ TEST_F(FilesTest, EveryFailedOpenHasTheStatusOfItsCause) {
   }
   const auto entries = journal.entries();
   ASSERT_EQ(entries.size(), cases.size() - 1);  // direct I/O that is refused is not reported
+  EXPECT_EQ(entries[0].level, qz::JournalLevel::error);
   EXPECT_EQ(entries[0].text, qz::statusText(qz::hostFileNotFound) + " [file " + path("none") +
                                  "]: No such file or directory");
 }
 
-// Locks must keep out other open files. A reopen must change the lock to the one wanted or, if it
-// fails, leave file and lock as they were.
+// The number that the next open file gets.
+int unusedDescriptor() {
+  const int fd = dup(STDIN_FILENO);
+  close(fd);
+  return fd;
+}
+
+// A lock must refuse other opens of the file. A reopen must change the lock to the one wanted or,
+// if it fails, leave file and lock as they were.
 TEST_F(FilesTest, LocksHoldAndChangeWithAReopen) {
   struct Case {
     std::uint32_t flags, held, newFlags, wanted;
@@ -166,6 +174,7 @@ TEST_F(FilesTest, LocksHoldAndChangeWithAReopen) {
     EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
     make("data", 6);
     const bool good = c.status == 0;
+    const int unused = unusedDescriptor();
     for (int attempt = 0; attempt < 2; ++attempt) {  // the second reopen must find the same state
       ASSERT_EQ(reopen(file, c.newFlags, c.wanted), c.status);
       EXPECT_EQ(parameters.systemErrno == 0, good);
@@ -175,6 +184,7 @@ TEST_F(FilesTest, LocksHoldAndChangeWithAReopen) {
       EXPECT_EQ(fcntl(fd, F_GETFL) & O_ACCMODE, static_cast<int>(good ? c.newFlags : c.flags));
       EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
       expectLock(good ? c.wanted : c.held, c.sharedElsewhere);
+      EXPECT_EQ(unusedDescriptor(), unused) << "a descriptor was left open";
     }
     EXPECT_EQ(close_(file), qz::hostOk);
     if (other != nullptr) close_(other);

@@ -122,8 +122,10 @@ TEST_F(CppHeaderTest, ErrorsCarryTheReasonOnlyWhereThereIsOne) {
 // A close whose flush fails leaves the file attached. The end of the object's scope must close it
 // all the same, or the host could not end.
 TEST_F(CppHeaderTest, AFileThatDoesNotFlushIsClosedWithItsScope) {
-  qz::PagedFile file = newFile(qz::createOrReplace, qz::optionFlushAtClose);
-  ASSERT_TRUE(file.open());
+  qz::PagedFile file = *module->newFile(&journal);
+  ASSERT_TRUE(file.open(
+      name.string(),
+      {.opening = qz::Opening::replace, .writing = qz::Writing::anyPage, .flushAtClose = true}));
   const auto flush = module->table().qzpflush;
   module->table().qzpflush = [](qz::FileHandle*, qz::Journal*) { return Status::ioFailed; };
   EXPECT_EQ(file.close().status(), Status::ioFailed);

@@ -140,6 +140,23 @@ TEST_F(PagedTest, ANewFileIsMadeOnceAndNeverTruncated) {
   EXPECT_EQ(newFile().open("/nowhere/file", settings).error().errorNumber, ENOENT);
 }
 
+// The other program may write its header after the size was looked at, but before the open.
+TEST_F(PagedTest, AHeaderThatIsWrittenDuringTheOpenCounts) {
+  static decltype(qz::OperationTable::qzpopen) realOpen = nullptr;
+  realOpen = module->table().qzpopen;
+  module->table().qzpopen = [](qz::FileHandle* handle, qz::Journal* journal) noexcept {
+    handle->ops->operations.qzpopen = realOpen;
+    std::ofstream(qz::toUtf8(handle->fileName))
+        << std::string(kPage, 'h') << std::string(kPage, 'p');
+    return realOpen(handle, journal);
+  };
+  qz::PagedFile file = newFile();
+  ASSERT_TRUE(file.open(
+      name, {.headerSize = kPage, .opening = Opening::existingOrNew, .writing = Writing::anyPage}));
+  EXPECT_EQ(file.pageCount(), 1);
+  EXPECT_EQ(*file.read(1)->data(), 'p');
+}
+
 // True if the system has not yet chosen a place on disk for the file's last bytes.
 bool waitsInMemory(const std::string& name) {
   const int fd = open(name.c_str(), O_RDONLY | O_CLOEXEC);
@@ -216,6 +233,7 @@ TEST_F(PagedTest, RefreshSeesWhatOthersChanged) {
     for (int page = 1; page <= 3; ++page) EXPECT_EQ(*file.read(page)->data(), 'x');
     fill(0);
     ASSERT_TRUE(file.refresh());
+    ASSERT_TRUE(file.refresh()) << "of a file that is empty already";
     EXPECT_EQ(file.pageCount(), 0);
     EXPECT_TRUE(std::filesystem::exists(name));
   }
@@ -263,9 +281,15 @@ TEST_F(PagedTest, ARunEndsWithItsBlockOrAtAStalePage) {
   EXPECT_EQ(holds[0].run(), 0);
   holds[1] = std::move(*file.acquire());
   EXPECT_EQ(holds[1].run(), 4 * kPage);
+  ASSERT_TRUE(file.giveBack(holds));
+  fill(8);
+  ASSERT_TRUE(file.refresh());
+  std::filesystem::resize_file(name, 7 * kPageBytes);
+  holds[2] = std::move(*file.read(6));
+  EXPECT_EQ(holds[2].run(), 2 * kPage) << "the file has lost page 8";
 }
 
-// A caller must learn how many pages a readMany brought, and that a short read closed the file.
+// A caller must learn how many pages a readMany read, and that a short read closed the file.
 TEST_F(PagedTest, ReadManyCountsAndAShortReadSaysThatItClosed) {
   fill(5);
   qz::PagedFile file = newFile();
