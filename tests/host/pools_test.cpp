@@ -20,7 +20,7 @@ namespace {
 using qz::MemoryPool;
 using qz::PoolCounts;
 
-// Fills every block of a store with a byte of its own, so that a write beyond a neighbour shows.
+// Fills every block of a store with one random byte, so that overlapping blocks show.
 template <class Store>
 struct StoreTest : testing::Test {
   void allocate(std::size_t bytes) {
@@ -136,7 +136,7 @@ TEST_F(PoolTest, CountsLiveBlocksAndRefusesForeignOnes) {
   EXPECT_EQ(other->destroy(other), qz::hostBlocksLive);
   EXPECT_EQ(host.poolCounts("two").leakedBlocks, 1U);
   EXPECT_EQ(host.poolCounts("two").liveBlocks, 0U);
-  MemoryPool* leftOver = newPool("three");  // goes with the host, and its block too
+  MemoryPool* leftOver = newPool("three");  // destroyed with the host, and its block with it
   EXPECT_NE(leftOver->memAlloc(leftOver, 5000, 0), nullptr);
   EXPECT_EQ(host.liveObjects(), 1U);
 }

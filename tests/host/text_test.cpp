@@ -31,7 +31,8 @@ constexpr std::uint32_t kRange = 0x1000;
 
 bool hasName(std::uint32_t status) { return !qztest::nameOfStatus(status).starts_with("0x"); }
 
-// A text with a placeholder for which the module passes no insert would read memory that is none.
+// If a text had more placeholders than the module passes inserts, formatting it would read
+// arbitrary memory.
 TEST(CatalogueTest, EveryStatusHasItsOwnTextAndOnlyItsInserts) {
   std::set<std::string> texts = {qz::statusText(qz::hostOk)};
   for (const std::uint32_t first : {kModuleCodes, kHostStatuses}) {
@@ -48,8 +49,8 @@ TEST(CatalogueTest, EveryStatusHasItsOwnTextAndOnlyItsInserts) {
 
 using Rows = std::multiset<std::string>;
 
-// The rows that only one has: `wanted`, or the document's tables of module codes. The first two
-// columns count.
+// The rows that are only in `wanted` or only in the document's tables of module codes, compared by
+// their first two columns.
 std::vector<std::string> differences(const char* document, const Rows& wanted) {
   std::ifstream file(QZIOP_SOURCES + std::string("/docs/") + document);
   Rows rows;
@@ -101,8 +102,8 @@ struct JournalTest : testing::Test {
   std::uint32_t added = 99;
 };
 
-// Inserts must replace their placeholders and nothing else: a name with a percent sign is no
-// format, and a null name no address.
+// Inserts must replace their placeholders and nothing else: a percent sign in a name must not act
+// as a placeholder, and a null name must not be read.
 TEST_F(JournalTest, FillsInInserts) {
   const char32_t* const none = nullptr;
   const std::u32string text = U"%s|%s|%d|%d|100%%|%x|%";
@@ -195,8 +196,8 @@ TEST(TextTest, NamesSurviveWhateverTheirBytes) {
   }
 }
 
-// Bytes that are no UTF-8 stand as the code points U+DC80 to U+DCFF; other code points that are no
-// characters become U+FFFD.
+// Bytes that are not UTF-8 become the code points U+DC80 to U+DCFF, and bytes again when converted
+// back. Other code points that are not characters become U+FFFD.
 TEST(TextTest, BytesThatAreNoCharactersHaveCodePointsOfTheirOwn) {
   const std::u32string known{0xE9, 0x20AC, 0x1F4BE, 0xDCFF, 0xDCC0, 0xDC80};
   EXPECT_EQ(qz::toUtf8(known), "\xC3\xA9\xE2\x82\xAC\xF0\x9F\x92\xBE\xFF\xC0\x80");
@@ -204,8 +205,8 @@ TEST(TextTest, BytesThatAreNoCharactersHaveCodePointsOfTheirOwn) {
   EXPECT_EQ(qz::toUtf8(std::u32string{0xD800, 0x110000, 0xDC41}), "\uFFFD\uFFFD\uFFFD");
 }
 
-// A name that ends inside a character would be another name. A text that does not fit, or has no
-// UTF-8, must be refused, with the whole characters before that stored.
+// A name that ends inside a character would be another name. If a character does not fit or has no
+// UTF-8, the text must be refused, and only the whole characters before it stored.
 TEST(TextTest, ConverterStoresWholeCharactersThatFit) {
   qz::StandInHost host;
   qz::EncodingServices* services = host.handle()->encodingServices;
@@ -229,7 +230,7 @@ TEST(TextTest, ConverterStoresWholeCharactersThatFit) {
   EXPECT_EQ(services->converterCreate(services, services->systemEncoding + 1, 0, nullptr), nullptr);
 }
 
-// An option may be stored only under its exact name, as its type, and where there is room for it.
+// An option's value may be stored only if name and type are the option's and there is room for it.
 TEST(ToolkitTest, OptionsAreStoredWholeOrRefused) {
   constexpr std::int32_t kPageSize = 6144;
   constexpr std::int32_t kUntouched = -1;

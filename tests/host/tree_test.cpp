@@ -63,7 +63,8 @@ struct TreeTest : testing::Test {
               place == model.end() ? nullptr : place->second.get());
   }
 
-  // The height of a subtree in key order, balanced everywhere, whose nodes are the model's.
+  // Checks that the subtree is balanced and has the model's nodes from *next on, in their order.
+  // Returns its height.
   int check(PageBuffer* node, Model::iterator* next) {
     if (node == nullptr) return 0;
     const int left = check(target(node->treeLinks[0]), next);
@@ -86,8 +87,8 @@ struct TreeTest : testing::Test {
   Model model;
 };
 
-// After random inserts and removals the tree must find what a map finds, in balance: runs of
-// neighbouring keys, up and down, with jumps between them, as pages are used.
+// After random inserts and removals the tree must be balanced and find what a map finds. The keys
+// are runs of neighbours, up and down, with jumps between them, as pages are used.
 TEST_F(TreeTest, HoldsWhatAMapHolds) {
   using Limits = std::numeric_limits<std::int64_t>;
   std::mt19937 random(1);
@@ -117,7 +118,8 @@ TEST_F(TreeTest, HoldsWhatAMapHolds) {
 }
 
 // The same for a full cache that moves through a file: at each miss the oldest page is removed and
-// the new one inserted, and the tree searches for each with a finger of its own. In a short file,
+// the new one inserted. The tree keeps the path of the last insert and of the last
+// removal. In a short file,
 // from step 3000 on, the run of new pages replaces the run of old pages next to it.
 TEST_F(TreeTest, FollowsACacheThroughAFileUpAndDown) {
   std::mt19937 random(2);
