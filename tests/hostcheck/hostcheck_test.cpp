@@ -619,6 +619,18 @@ const BrokenHost kBrokenHosts[] = {
          };
        });
      }},
+    {44, "a close leaves the descriptor open",
+     [](QZHandle* host) {
+       changeFiles(host, [](HostFile* file) {
+         file->fileMethods->fileClose = [](HostFile* self, OpenParameters* parameters,
+                                           Journal* journal) {
+           const int fd = self->fileInfo->fd;
+           const HostStatus status = real.methods.fileClose(self, parameters, journal);
+           if (status == hostOk) dup2(STDIN_FILENO, fd);
+           return status;
+         };
+       });
+     }},
     {45, "a failed open is not reported",
      [](QZHandle* host) {
        host->fileService->fileOpen = [](FileService* self, OpenParameters* parameters, Word one,
