@@ -50,10 +50,11 @@ TEST(Packing, CopiesSqliteFiles) {
         PRAGMA page_size=$size; PRAGMA journal_mode=wal; PRAGMA wal_autocheckpoint=0;
         CREATE TABLE t(x); INSERT INTO t VALUES(hex(randomblob(600)));
         INSERT INTO t SELECT x FROM t; INSERT INTO t SELECT x FROM t;
-        .system $Q copy -f db c && $Q copy -f db-wal c-wal && cmp db c && cmp db-wal c-wal && echo same
+        .system $Q copy -f db c 2>warned && $Q copy -f db-wal c-wal && cmp db c && cmp db-wal c-wal && echo same
 SQL
       sqlite3 db <sql >said
       tail -n 1 said | grep -q same
+      grep -q "changes in db-wal are not in the copy" warned
       test "$(sqlite3 c 'PRAGMA integrity_check; SELECT count(*) FROM t;' | tr '\n' ' ')" = 'ok 4 '
       $Q info c | grep "^page size *$size "; $Q verify c
     done)sh");

@@ -144,11 +144,13 @@ try header "verify good" "info good" "unpack good -" "cat good" "dump good" "cop
 %1)");
 }
 
-// An input that shrinks while it is read must not be packed as a shorter one.
+// A file that shrinks while it is read must be a failure: its end is missing.
 TEST(Safety, InputsThatShrinkAreNoticed) {
   playLines(R"(
 QZPFILE_FAULT=shrink $FAULTY pack in x -> DATAERR ! in: became shorter while it was read: it had 43008 bytes
 $Q pack /sys/kernel/mm/transparent_hugepage/enabled x -> OK 1 page
+seq 1000000 | head -c 1M >big; ($Q cat --raw --page-size 4K big; echo $? >s) |
+  (head -c 1 >y; truncate -s 150K big; cat >y); exit $(cat s) -> DATAERR ! big: became shorter
 )");
 }
 
