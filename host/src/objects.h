@@ -75,26 +75,37 @@ struct Pool : MemoryPool {
   PoolCounts counts;
 };
 
-// A link of a page tree and the range of keys that can be below it.
-struct FingerLevel {
-  void** link;
-  std::int64_t bounds[2];  // the lowest and the highest
-
-  bool holds(std::int64_t key) const { return key >= bounds[0] && key <= bounds[1]; }
+// The first two words of a record in a page tree, or the tree's anchor, whose left link is the
+// root.
+struct TreeNode {
+  void* links[2];
 };
 
-// The links from a tree's root down to the one at which the last search ended.
+// A link of a page tree: its node and the side of it.
+struct FingerLevel {
+  TreeNode* node;
+  std::size_t side;
+
+  void*& link() const { return node->links[side]; }
+  bool operator==(const FingerLevel& level) const = default;
+};
+
+// The links from a tree's root down to the one at which the last search ended, and the lowest and
+// the highest of a range of keys that belong below that link.
 struct Finger {
   // An AVL tree of this height has more nodes than fit into an address space.
   static constexpr std::size_t kMostLevels = 64;
+  using Key = std::numeric_limits<std::int64_t>;
 
-  explicit Finger(void** root) {
-    using Key = std::numeric_limits<std::int64_t>;
-    levels[0] = {root, {Key::min(), Key::max()}};
-  }
+  explicit Finger(TreeAnchor* anchor) { levels[0] = {reinterpret_cast<TreeNode*>(anchor), 0}; }
   Finger(const Finger&) = delete;
   Finger& operator=(const Finger&) = delete;
 
+  void reset() {
+    last = levels;
+    bounds[0] = Key::min();
+    bounds[1] = Key::max();
+  }
   void enter(const FingerLevel& level) { *++last = level; }
   // Inserts a level before one that is below the root.
   void insert(FingerLevel* place, const FingerLevel& level) {
@@ -107,8 +118,9 @@ struct Finger {
     --last;
   }
 
-  FingerLevel levels[kMostLevels];
   FingerLevel* last = levels;
+  std::int64_t bounds[2] = {Key::min(), Key::max()};
+  FingerLevel levels[kMostLevels];
 };
 
 // A page tree and the offset of the key in a node. It begins on its own cache line, because other

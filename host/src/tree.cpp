@@ -5,11 +5,11 @@
 // any value. No operation allocates. If the caller sets the root to null, the tree is empty.
 //
 // Pages are mostly used in runs, so a search begins where the last one ended if its key belongs
-// there: a finger keeps the links from the root down, each with the range of keys below it. There
-// is one finger for finding and inserting and one for removing, because a cache that needs room
-// removes its oldest page between a find and the insert that follows it. A rotation updates the
-// finger whose search led to it, so that the next key of a run is found one step further; the other
-// finger is cut off at the link where the rotation was.
+// there: a finger keeps the links from the root down and a range of keys below the last of them.
+// There is one finger for finding and inserting and one for removing, because a cache that needs
+// room removes its oldest page between a find and the insert that follows it. A rotation updates
+// the finger whose search led to it, so that the next key of a run is found one step further; the
+// other finger is cut off at the link where the rotation was.
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -21,13 +21,11 @@ namespace qz {
 namespace {
 
 // How many levels above the end of the last search the next one tries before it starts at the root.
-constexpr std::size_t kLevelsTried = 4;
+constexpr std::size_t kLevelsTried = 2;
 
 enum Side : std::size_t { left = 0, right = 1 };
 
-struct Node {
-  void* links[2];
-};
+using Node = TreeNode;
 
 std::uintptr_t bits(const void* link) { return reinterpret_cast<std::uintptr_t>(link); }
 
@@ -48,16 +46,6 @@ void lead(void** link, const Node* node) {
 }
 
 std::size_t other(std::size_t side) { return side ^ 1U; }
-
-// The side of the node on which its link `link` is.
-std::size_t sideOf(const Node* node, void* const* link) {
-  return link == &node->links[right] ? right : left;
-}
-
-// The other link of the node that `link` is part of.
-void** opposite(Node* node, void* const* link) {
-  return link == &node->links[left] ? &node->links[right] : &node->links[left];
-}
 
 Tree* treeOf(TreeAnchor* anchor) {
   auto* tree = reinterpret_cast<char*>(anchor) - offsetof(PageTree, anchor);
@@ -99,75 +87,82 @@ std::int64_t keyOf(const Node* node, std::size_t keyOffset) {
   return shortens;
 }
 
-// The part of a link's key range that is below its node's link on `side`.
-FingerLevel levelBelow(const FingerLevel& level, Node* node, std::int64_t nodeKey,
-                       std::size_t side) {
-  if (side == left) return {&node->links[left], {level.bounds[0], nodeKey - 1}};
-  return {&node->links[right], {nodeKey + 1, level.bounds[1]}};
-}
-
-// Resets the fingers if the caller set the root to null, which empties the tree.
+// Forgets what the tree remembers if the caller set the root to null, which empties the tree.
 void forgetIfCleared(Tree* tree) {
   if (tree->anchor.root != nullptr) return;
-  tree->search.last = tree->search.levels;
-  tree->removal.last = tree->removal.levels;
+  tree->search.reset();
+  tree->removal.reset();
 }
 
-// Moves the finger from the node at its last link down to where the key is or would be. In a long
-// search the side is random, so a branch would be mispredicted at every other node; the loop has
-// none. A cache miss costs most: both nodes that may come next are prefetched.
-Node* descend(Finger* finger, Node* node, std::int64_t key, std::size_t keyOffset) {
+// Moves the finger up to a link below which the key belongs. The key is beyond the bound on `side`,
+// which comes from a node whose other side the finger leads to. The levels keep no bounds of their
+// own: that would take longer at each step down than reading a few keys here does.
+[[gnu::noinline]] void climb(Finger* finger, std::int64_t key, std::size_t side,
+                             std::size_t keyOffset) {
   FingerLevel* at = finger->last;
+  for (std::size_t tried = 0; tried != kLevelsTried && at != finger->levels; ++tried, --at) {
+    if (at->side == side) continue;
+    const std::int64_t nodeKey = keyOf(at->node, keyOffset);
+    if (nodeKey == key) {
+      finger->bounds[side] = key;
+      finger->last = at - 1;
+      return;
+    }
+    if ((nodeKey < key) == (side == left)) {
+      finger->bounds[side] = side == left ? nodeKey + 1 : nodeKey - 1;
+      finger->last = at;
+      return;
+    }
+  }
+  finger->reset();
+}
+
+// Moves the finger to the link where the key is or would be, and returns the node there or null.
+// In a long search the side is random, so a branch would be mispredicted at every other node; the
+// loop has none. A cache miss costs most: both nodes that may come next are prefetched.
+[[gnu::always_inline]] inline Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
+  const std::size_t keyOffset = tree->keyOffset;
+  if (key < finger->bounds[left]) {
+    climb(finger, key, left, keyOffset);
+  } else if (key > finger->bounds[right]) {
+    climb(finger, key, right, keyOffset);
+  }
+  FingerLevel* at = finger->last;
+  Node* node = target(at->link());
   while (node != nullptr) {
     const std::int64_t nodeKey = keyOf(node, keyOffset);
     if (nodeKey == key) break;
-    __builtin_prefetch(target(node->links[left]));
-    __builtin_prefetch(target(node->links[right]));
+    __builtin_prefetch(node->links[left]);
+    __builtin_prefetch(node->links[right]);
     const std::size_t side = key > nodeKey ? right : left;
-    at[1] = {&node->links[side], {at->bounds[0], at->bounds[1]}};
-    ++at;
+    *++at = {node, side};
     // An index selects the bound: masks take more instructions, especially on a 32-bit machine.
-    at->bounds[other(side)] = nodeKey + (2 * static_cast<std::int64_t>(side) - 1);
-    node = target(*at->link);
+    finger->bounds[other(side)] = nodeKey + (2 * static_cast<std::int64_t>(side) - 1);
+    node = target(node->links[side]);
   }
   finger->last = at;
   return node;
 }
 
-// Moves the finger to the link where the key is or would be, and returns the node there or null.
-[[gnu::always_inline]] inline Node* seek(Tree* tree, Finger* finger, std::int64_t key) {
-  forgetIfCleared(tree);
-  for (std::size_t tried = 0; !finger->last->holds(key); ++tried) {
-    finger->last = tried == kLevelsTried ? finger->levels : finger->last - 1;
-  }
-  // In a run of pages the search ends here or one level further down.
-  Node* node = target(*finger->last->link);
-  if (node == nullptr) return nullptr;
-  const std::int64_t nodeKey = keyOf(node, tree->keyOffset);
-  if (nodeKey == key) return node;
-  finger->enter(levelBelow(*finger->last, node, nodeKey, key > nodeKey ? right : left));
-  node = target(*finger->last->link);
-  return node == nullptr ? nullptr : descend(finger, node, key, tree->keyOffset);
-}
-
 // The subtree at the link of `level` was rearranged: cuts the other finger off there.
 void cutBystander(Finger* bystander, const Finger& changed, const FingerLevel* level) {
   FingerLevel* same = bystander->levels + (level - changed.levels);
-  if (same < bystander->last && same->link == level->link) bystander->last = same;
+  if (same < bystander->last && *same == *level) bystander->last = same;
 }
 
-// Rotates the node at the link of `level`, which an insert made too tall on `side`.
-void rebalanceInserted(Tree* tree, FingerLevel* level, std::size_t side) {
+// Rotates the node of `level`, which an insert made too tall on that side.
+[[gnu::noinline]] void rebalanceInserted(Tree* tree, FingerLevel* level) {
   Finger& finger = tree->search;
-  rebalance(level->link, side);
-  cutBystander(&tree->removal, finger, level);
-  Node* top = target(*level->link);
-  if (level[2].link == &top->links[side]) {
+  const std::size_t side = level->side;
+  FingerLevel* const above = level - 1;
+  rebalance(&above->link(), side);
+  cutBystander(&tree->removal, finger, above);
+  if (level[1].node == target(above->link())) {
     // A single rotation: the child moved up one level, with everything that the finger has below
     // it.
-    finger.remove(level + 1);
+    finger.remove(level);
   } else {
-    finger.last = level;
+    finger.last = above;
   }
 }
 
@@ -175,36 +170,41 @@ void treeInsert(TreeAnchor* anchor, void* record) noexcept {
   Tree* tree = treeOf(anchor);
   Finger& finger = tree->search;
   auto* added = static_cast<Node*>(record);
+  forgetIfCleared(tree);
   if (seek(tree, &finger, keyOf(added, tree->keyOffset)) != nullptr) return;
   added->links[left] = nullptr;
   added->links[right] = nullptr;
-  *finger.last->link = added;  // an empty side is never the taller one
+  finger.last->link() = added;  // an empty side is never the taller one
   // Each node above becomes one level taller on that side, up to the first one that was not
   // balanced.
   for (FingerLevel* level = finger.last; level != finger.levels; --level) {
-    Node* node = target(*level[-1].link);
-    void** const across = opposite(node, level->link);
-    if (isTaller(*across)) {
-      setTaller(across, false);
+    if (isTaller(level->node->links[other(level->side)])) {
+      setTaller(&level->node->links[other(level->side)], false);
       return;
     }
-    if (isTaller(*level->link)) {
-      rebalanceInserted(tree, level - 1, sideOf(node, level->link));
+    if (isTaller(level->link())) {
+      rebalanceInserted(tree, level);
       return;
     }
-    setTaller(level->link, true);
+    setTaller(&level->link(), true);
   }
+}
+
+// Not part of treeFind, which can then answer from the last search without saving registers.
+[[gnu::noinline]] Node* findAnew(Tree* tree, std::int64_t key) {
+  return seek(tree, &tree->search, key);
 }
 
 void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   Tree* tree = treeOf(anchor);
+  if (anchor->root == nullptr) return nullptr;
   const std::int64_t wanted = keyAt(key);
   // The page of the previous search, which a write or another read asks for, needs no bounds.
-  if (Node* same = tree->anchor.root == nullptr ? nullptr : target(*tree->search.last->link);
+  if (Node* same = target(tree->search.last->link());
       same != nullptr && keyOf(same, tree->keyOffset) == wanted) {
     return same;
   }
-  return seek(tree, &tree->search, wanted);
+  return findAnew(tree, wanted);
 }
 
 // The side of a node with two children from which its neighbour replaces it when it is removed: the
@@ -213,47 +213,45 @@ void* treeFind(TreeAnchor* anchor, const std::int64_t* key) noexcept {
 // would move up here each time, and every search for its neighbours would pass the whole height
 // below it.
 std::size_t sideOfNeighbour(const Finger& search, const Finger& removal, const Node* node) {
-  const FingerLevel* same = search.levels + (removal.last - removal.levels);
-  const bool passes = same < search.last && same->link == removal.last->link;
-  return passes && same[1].link == &node->links[left] ? left : right;
+  const FingerLevel* below = search.levels + (removal.last - removal.levels) + 1;
+  return below <= search.last && below->node == node ? below->side : right;
 }
 
 // Replaces the node with two children at the finger's last link by its neighbour on that side, and
-// moves the finger to the link that becomes shorter. The levels that it adds have no range of keys.
+// moves the finger to the link that becomes shorter.
 void replaceByNeighbour(Finger* finger, Node* node, std::size_t side) {
   FingerLevel* const place = finger->last;
   Node* neighbour = target(node->links[side]);
-  finger->enter({&node->links[side], {}});
+  finger->enter({node, side});
   while (Node* nearer = target(neighbour->links[other(side)])) {
-    finger->enter({&neighbour->links[other(side)], {}});
+    finger->enter({neighbour, other(side)});
     neighbour = nearer;
   }
-  lead(finger->last->link, target(neighbour->links[side]));
-  lead(place->link, neighbour);
+  lead(&finger->last->link(), target(neighbour->links[side]));
+  lead(&place->link(), neighbour);
   neighbour->links[left] = node->links[left];
   neighbour->links[right] = node->links[right];
-  place[1].link = &neighbour->links[side];
+  place[1].node = neighbour;
 }
 
 // Rebalances upwards after the subtree at the finger's last link has become one level shorter. The
 // finger still leads to it. Returns the uppermost level whose link now points to another node, if
 // it is above `changed`.
-FingerLevel* shorten(Finger* finger, std::size_t keyOffset, FingerLevel* changed) {
+FingerLevel* shorten(Finger* finger, FingerLevel* changed) {
   for (FingerLevel* level = finger->last; level != finger->levels; --level) {
-    const FingerLevel& above = level[-1];
-    Node* node = target(*above.link);
-    void** const across = opposite(node, level->link);
-    if (isTaller(*level->link)) {
-      setTaller(level->link, false);
+    Node* node = level->node;
+    const std::size_t side = level->side;
+    void** const across = &node->links[other(side)];
+    if (isTaller(node->links[side])) {
+      setTaller(&node->links[side], false);
     } else if (!isTaller(*across)) {
       setTaller(across, true);
       break;
     } else {
-      const std::size_t side = sideOf(node, level->link);
-      changed = std::min(changed, level - 1);
-      const bool shorter = rebalance(above.link, other(side));
-      Node* top = target(*above.link);  // now between the link and the node
-      finger->insert(level, levelBelow(above, top, keyOf(top, keyOffset), side));
+      FingerLevel* const above = level - 1;
+      changed = std::min(changed, above);
+      const bool shorter = rebalance(&above->link(), other(side));
+      finger->insert(level, {target(above->link()), side});  // now between the link and the node
       if (!shorter) break;
     }
   }
@@ -263,6 +261,7 @@ FingerLevel* shorten(Finger* finger, std::size_t keyOffset, FingerLevel* changed
 void treeRemove(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   Tree* tree = treeOf(anchor);
   Finger& finger = tree->removal;
+  forgetIfCleared(tree);
   Node* node = seek(tree, &finger, keyAt(key));
   if (node == nullptr) return;
   FingerLevel* const place = finger.last;
@@ -272,9 +271,9 @@ void treeRemove(TreeAnchor* anchor, const std::int64_t* key) noexcept {
   if (hasBoth) {
     replaceByNeighbour(&finger, node, sideOfNeighbour(tree->search, finger, node));
   } else {
-    lead(place->link, below != nullptr ? below : above);
+    lead(&place->link(), below != nullptr ? below : above);
   }
-  FingerLevel* const changed = shorten(&finger, tree->keyOffset, place);
+  FingerLevel* const changed = shorten(&finger, place);
   cutBystander(&tree->search, finger, changed);
   if (hasBoth) finger.last = changed;
 }
@@ -308,7 +307,7 @@ PageTree* createTree(TreeExtension* self, const TreeAttributes* attributes, Jour
 }  // namespace
 
 Tree::Tree(HostRecords* owner, std::size_t offset)
-    : PageTree{}, host(owner), keyOffset(offset), search(&anchor.root), removal(&anchor.root) {
+    : PageTree{}, host(owner), keyOffset(offset), search(&anchor), removal(&anchor) {
   PageTree::destroy = destroyTree;
   PageTree::treeInsert = qz::treeInsert;
   PageTree::treeFind = qz::treeFind;
