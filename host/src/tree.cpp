@@ -157,7 +157,7 @@ void cutBystander(Finger* bystander, const Finger& changed, const FingerLevel* l
   FingerLevel* const above = level - 1;
   rebalance(&above->link(), side);
   cutBystander(&tree->removal, finger, above);
-  if (level[1].node == target(above->link())) {
+  if (level[1].side == side) {
     // A single rotation: the child moved up one level, with everything that the finger has below
     // it.
     finger.remove(level);

@@ -296,7 +296,9 @@ TEST_F(TraceTest, OverwritesNothingButATrace) {
   for (const unsigned flushes : {3U, 1U}) {
     ASSERT_EQ(inChild([&] {
                 Session session(name);
-                for (unsigned i = 0; i < flushes; ++i) EXPECT_TRUE(session.file->flush());
+                for (unsigned i = 0; i < flushes; ++i) {
+                  EXPECT_TRUE(session.file->flush());
+                }
               }),
               0);
     EXPECT_EQ(linesOf(trace).size(), 8U + flushes) << "of this process only";
