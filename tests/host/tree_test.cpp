@@ -118,9 +118,8 @@ TEST_F(TreeTest, HoldsWhatAMapHolds) {
 }
 
 // The same for a full cache that moves through a file: at each miss the oldest page is removed and
-// the new one inserted. The tree keeps the path of the last insert and of the last
-// removal. In a short file,
-// from step 3000 on, the run of new pages replaces the run of old pages next to it.
+// the new one inserted. The tree keeps the path of the last insert and of the last removal. In a
+// short file, from step 3000 on, the run of new pages replaces the run of old pages next to it.
 TEST_F(TreeTest, FollowsACacheThroughAFileUpAndDown) {
   std::mt19937 random(2);
   for (const std::size_t buffers : {1U, 2U, 7U, 64U, 300U}) {
