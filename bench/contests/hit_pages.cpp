@@ -12,6 +12,9 @@ namespace qzbench {
 namespace {
 
 constexpr std::int32_t kBlockBytes = 4 << 20;
+// Their pages are read in one go: those of a single block, if they are large, take less time than
+// looking at the clocks.
+constexpr std::int32_t kBlocks = 8;
 
 // Two empty calls through a table: the cost of the calls of a read and a return alone.
 struct EmptyTable {
@@ -45,59 +48,69 @@ class EmptyCalls {
   qz::PageRequest request_{};
 };
 
-// Reads and returns each page of a block except the first, which brings the block into memory
-// outside the clock.
+// Reads and returns each page of some blocks except their first, which brings the block into
+// memory outside the clock.
 class BlockHits {
  public:
   BlockHits(std::string path, const Geometry& geometry)
-      : path_(std::move(path)), geometry_(geometry), addresses_(hitsPerBlock(geometry) + 1) {}
+      : path_(std::move(path)),
+        geometry_(geometry),
+        perBlock_(kBlockBytes / geometry.pageSize),
+        addresses_(static_cast<std::size_t>(kBlocks * perBlock_)) {}
 
-  static std::size_t hitsPerBlock(const Geometry& geometry) {
-    return static_cast<std::size_t>(kBlockBytes / geometry.pageSize) - 1;
+  static std::size_t hitsAtOnce(const Geometry& geometry) {
+    return static_cast<std::size_t>(kBlocks) *
+           static_cast<std::size_t>(kBlockBytes / geometry.pageSize - 1);
   }
 
   Sample run(std::size_t operations) {
     Sample sum;
-    const std::size_t hits = hitsPerBlock(geometry_);
+    const std::size_t hits = hitsAtOnce(geometry_);
     for (std::size_t done = 0; done < operations; done += hits) {
-      if (first_ > geometry_.pages) openAgain();
-      readAndReturn(first_, 1);
-      sum += timed(hits, [&] { readAndReturn(first_ + 1, hits); });
+      openAgain();
+      eachBlock([this](std::int64_t first) { readAndReturn(first, 1); });
+      sum += timed(hits, [&] {
+        eachBlock([this](std::int64_t first) { readAndReturn(first + 1, perBlock_ - 1); });
+      });
       check();
-      first_ += static_cast<std::int64_t>(hits) + 1;
     }
     return sum;
   }
 
  private:
+  template <class Work>
+  void eachBlock(Work work) {
+    for (std::int64_t first = 1; first <= kBlocks * perBlock_; first += perBlock_) work(first);
+  }
+
   void openAgain() {
     file_.reset();
     file_.emplace(openFile({.path = path_,
                             .pageSize = geometry_.pageSize,
-                            .readAccess = qz::readSequential,
+                            .readAccess = qz::readOrdered,
                             .openOptions = qz::optionDirectIo,
+                            .bufferCount = kBlocks,
                             .blockBytes = kBlockBytes}));
-    first_ = 1;
   }
 
-  void readAndReturn(std::int64_t first, std::size_t count) {
+  void readAndReturn(std::int64_t first, std::int64_t count) {
     qz::FileHandle* handle = file_->handle();
     const qz::OperationTable& table = file_->table();
     qz::PageRequest request{};
-    for (std::int64_t page = first; page < first + static_cast<std::int64_t>(count); ++page) {
+    for (std::int64_t page = first; page < first + count; ++page) {
       request.pageNumber = page;
       qz::Status status = table.qzpread(handle, &request, nullptr);
       if (status == qz::Status::ok) status = table.qzpbufreturn(handle, request.buffer, nullptr);
       require(status, handle);
-      addresses_[static_cast<std::size_t>(page - 1) % addresses_.size()] = request.buffer;
+      addresses_[static_cast<std::size_t>(page - 1)] = request.buffer;
     }
   }
 
-  // The block's memory stays as it is until another block is read.
+  // A block's memory stays as it is until another block is read.
   void check() const {
     std::int64_t wrong = 0;
     for (std::size_t i = 0; i < addresses_.size(); ++i) {
-      const std::int64_t page = first_ + static_cast<std::int64_t>(i);
+      const std::int64_t page = 1 + static_cast<std::int64_t>(i);
       wrong += isStamped(addresses_[i], geometry_.pageSize, page) ? 0 : 1;
     }
     requireStamps(wrong, path_);
@@ -105,9 +118,9 @@ class BlockHits {
 
   std::string path_;
   Geometry geometry_;
+  std::int64_t perBlock_;  // pages
   std::vector<const char*> addresses_;
   std::optional<qz::PagedFile> file_;
-  std::int64_t first_ = geometry_.pages + 1;  // of the next block
 };
 
 // Reads pages that the store has in memory, in an order, repeatedly, without looking at their
@@ -127,15 +140,13 @@ class PageHits {
   }
 
   Sample run(std::size_t operations) {
-    return takeSteps(next_, order_->size(), operations,
-                     [this](std::size_t first, std::size_t count) {
-                       return timed(count, [&] {
-                         for (std::size_t i = first; i < first + count; ++i) {
-                           store_.read((*order_)[i]);
-                           store_.returnPage();
-                         }
-                       });
-                     });
+    return timed(operations, [&] {
+      for (std::size_t i = 0; i < operations; ++i) {
+        store_.read((*order_)[next_]);
+        store_.returnPage();
+        next_ = next_ + 1 == order_->size() ? 0 : next_ + 1;
+      }
+    });
   }
 
  private:
@@ -188,14 +199,14 @@ void hitHeldPages(Runner& run) {
 }
 
 void hitBlocksOf(Runner& run, std::int32_t pageSize) {
-  const Geometry geometry = {pageSize, run.settings().warmBytes / pageSize};
+  const Geometry geometry = {pageSize, kBlocks * (kBlockBytes / pageSize)};
   Contest contest;
   contest.work = "block mode, first read + return in a cached block";
   contest.variant = fmt::format("{} B pages, {} MiB blocks", pageSize, kBlockBytes >> 20U);
   Task task{Access::read, geometry, run.memory().stamped(geometry), true};
   contest.participants = {participant("two empty calls", std::make_shared<EmptyCalls>()),
                           participant("qziop", std::make_shared<BlockHits>(task.path, geometry),
-                                      BlockHits::hitsPerBlock(geometry))};
+                                      BlockHits::hitsAtOnce(geometry))};
   contest.goals = {{Quantity::wallNs, "qziop", "", 25}, {Quantity::readCalls, "qziop", "", 0}};
   task.geometry.pages = kBlockBytes / pageSize;
   task.path = run.memory().stamped(task.geometry);
