@@ -53,7 +53,8 @@ std::vector<std::size_t> returnSequence(const Holding& holding) {
   return sequence;
 }
 
-// Pages that no buffer caches beforehand, cyclically.
+// Pages that no buffer caches beforehand, cyclically. All contestants share a cycle: otherwise one
+// finds in the processor's caches what another has just read, and the next does not.
 class PageCycle {
  public:
   PageCycle(std::int64_t first, std::int64_t last) : first_(first), last_(last), next_(first) {}
@@ -74,9 +75,9 @@ class PageCycle {
 template <class Pages>
 class Holder {
  public:
-  Holder(std::shared_ptr<Pages> pages, const PageCycle& cycle, const Holding& holding)
+  Holder(std::shared_ptr<Pages> pages, std::shared_ptr<PageCycle> cycle, const Holding& holding)
       : pages_(std::move(pages)),
-        cycle_(cycle),
+        cycle_(std::move(cycle)),
         sequence_(returnSequence(holding)),
         held_(holding.pages) {}
 
@@ -85,7 +86,7 @@ class Holder {
     const Sample sample = timed(reads, [&] {
       for (std::size_t done = 0; done < reads; done += held_.size()) {
         for (char*& address : held_) {
-          const std::int64_t page = cycle_.next();
+          const std::int64_t page = cycle_->next();
           address = pages_->read(page);
           wrong += isStamped(address, kPageSize, page) ? 0 : 1;
         }
@@ -98,7 +99,7 @@ class Holder {
 
  private:
   std::shared_ptr<Pages> pages_;
-  PageCycle cycle_;
+  std::shared_ptr<PageCycle> cycle_;
   std::vector<std::size_t> sequence_;
   std::vector<char*> held_;
 };
@@ -182,10 +183,9 @@ std::size_t heldOf(std::size_t wanted, std::int32_t bufferCount) {
   return wanted == kHalf ? count / 2 : std::min(wanted, count);
 }
 
-// Each participant has its own cycle of pages.
 template <class Pages>
-Participant holder(std::string name, std::shared_ptr<Pages> pages, const PageCycle& cycle,
-                   const Holding& holding) {
+Participant holder(std::string name, std::shared_ptr<Pages> pages,
+                   const std::shared_ptr<PageCycle>& cycle, const Holding& holding) {
   return participant(std::move(name),
                      std::make_shared<Holder<Pages>>(std::move(pages), cycle, holding),
                      holding.pages);
@@ -195,7 +195,7 @@ void growInShape(Runner& run, Shape shape) {
   const std::vector<std::int32_t>& counts = run.settings().bufferCounts;
   const std::int64_t cached = std::int64_t{counts.back()} + 1;
   const Geometry geometry = {kPageSize, 2 * cached};
-  const PageCycle cycle(cached + 1, geometry.pages);
+  const auto cycle = std::make_shared<PageCycle>(cached + 1, geometry.pages);
   const std::string& path = run.memory().stamped(geometry);
   std::vector<std::shared_ptr<ManyBuffers>> files;
   files.reserve(counts.size());
@@ -243,7 +243,7 @@ void growInShape(Runner& run, Shape shape) {
 void readIntoAll(Runner& run) {
   constexpr std::int32_t kBuffers = 1024;
   const Geometry geometry = {kPageSize, 16 * std::int64_t{kBuffers}};
-  const PageCycle cycle(kBuffers + 2, geometry.pages);
+  const auto cycle = std::make_shared<PageCycle>(kBuffers + 2, geometry.pages);
   const Holding holding = {kBuffers, ReturnOrder::asRead};
   const std::string& path = run.memory().stamped(geometry);
   const std::string floor = fmt::format("pread into {}", kBuffers);

@@ -53,20 +53,21 @@ template <class Reader>
 class Runs {
  public:
   Runs(const std::string& path, const Geometry& geometry,
-       std::shared_ptr<const Destinations> destinations, bool contiguous)
+       std::shared_ptr<const Destinations> destinations, bool contiguous, Place place)
       : reader_(path, geometry.pageSize),
         to_(std::move(destinations)),
         contiguous_(contiguous),
-        count_(geometry.pages / static_cast<std::int64_t>(kRun)) {}
+        count_(static_cast<std::size_t>(geometry.pages) / kRun),
+        place_(std::move(place)) {}
 
   Sample run(std::size_t pages) {
     bool right = true;
     const Sample sample = timed(pages, [&] {
       for (std::size_t done = 0; done < pages; done += kRun) {
-        const std::int64_t first = next_ * static_cast<std::int64_t>(kRun) + 1;
+        const auto first = static_cast<std::int64_t>(*place_ * kRun + 1);
         reader_.read(*to_, first, contiguous_);
         right &= to_->arePages(first, contiguous_);
-        next_ = (next_ + 1) % count_;
+        *place_ = (*place_ + 1) % count_;
       }
     });
     requireStamps(right ? 0 : 1, "read many");
@@ -77,8 +78,8 @@ class Runs {
   Reader reader_;
   std::shared_ptr<const Destinations> to_;
   bool contiguous_;
-  std::int64_t count_;
-  std::int64_t next_ = 0;
+  std::size_t count_;
+  Place place_;  // in runs
 };
 
 class BareReader {
@@ -132,9 +133,10 @@ class ModuleReader {
 
 template <class Reader>
 Participant runsOf(std::string name, const std::string& path, const Geometry& geometry,
-                   const std::shared_ptr<const Destinations>& to, bool contiguous) {
+                   const std::shared_ptr<const Destinations>& to, bool contiguous,
+                   const Place& place) {
   return participant(std::move(name),
-                     std::make_shared<Runs<Reader>>(path, geometry, to, contiguous), kRun);
+                     std::make_shared<Runs<Reader>>(path, geometry, to, contiguous, place), kRun);
 }
 
 }  // namespace
@@ -153,9 +155,10 @@ void readMany(Runner& run) {
       if (pageSize == kPlotPageSize) {
         contest.plotLabel = contiguous ? "read many, contiguous" : "read many, scattered";
       }
+      const Place place = newPlace();
       const char* floor = contiguous ? "pread" : "lseek + readv";
-      contest.participants = {runsOf<BareReader>(floor, path, geometry, to, contiguous),
-                              runsOf<ModuleReader>("qziop", path, geometry, to, contiguous)};
+      contest.participants = {runsOf<BareReader>(floor, path, geometry, to, contiguous, place),
+                              runsOf<ModuleReader>("qziop", path, geometry, to, contiguous, place)};
       contest.goals = {{Quantity::wall, "qziop", floor, 1.05}};
       run.hold(contest);
     }

@@ -13,15 +13,18 @@ void sqliteLayers(Runner& run) {
   constexpr const char* kOwnLayer = "SQLite's own layer";
   for (const bool writes : {false, true}) {
     Task task{writes ? Access::rewrite : Access::read, geometry, "", false};
+    const Place place = newPlace();
     Contest contest;
     contest.work = fmt::format("SQLite blobs, {}", writes ? "read + change + write" : "read");
     contest.variant = fmt::format("{} B pages, random, in memory", kPageSize);
     contest.plotLabel = writes ? "SQLite, rewrite blobs" : "SQLite, read blobs";
     const auto add = [&]<class Store>(const char* name) {
-      task.path = ownCopy<SqlitePages>(run.memory(), geometry, name);
+      // The place of a file in memory affects the times, so readers share one.
+      task.path = writes ? ownCopy<SqlitePages>(run.memory(), geometry, name)
+                         : readable<SqlitePages>(run.memory(), geometry, kOwnLayer);
       contest.participants.push_back(
           writes ? rewriter<Store>(name, task, order, std::make_shared<Progress>())
-                 : reader<Store>(name, task, order));
+                 : reader<Store>(name, task, order, place));
     };
     add.operator()<SqlitePages>(kOwnLayer);
     add.operator()<SqliteOnModule>("on qziop");

@@ -65,21 +65,28 @@ Sample takeSteps(std::size_t& next, std::size_t count, std::size_t operations, S
   return sum;
 }
 
+// Where the next slice starts in an order. Contestants that read the same pages from memory share
+// it: otherwise one finds in the processor's caches what another has just read, and the next does
+// not.
+using Place = std::shared_ptr<std::size_t>;
+inline Place newPlace() { return std::make_shared<std::size_t>(0); }
+
 // Reads the pages of an order. For each pass through it the store is opened again, outside the
 // clock.
 template <class Store>
 class Reading {
  public:
-  Reading(Task task, std::shared_ptr<const Order> order)
-      : task_(std::move(task)), order_(std::move(order)) {}
+  Reading(Task task, std::shared_ptr<const Order> order, Place place)
+      : task_(std::move(task)), order_(std::move(order)), place_(std::move(place)) {}
 
   Sample run(std::size_t operations) {
     return takeSteps(
-        next_, order_->size(), operations, [this](std::size_t first, std::size_t count) {
-          if (first == 0) {
+        *place_, order_->size(), operations, [this](std::size_t first, std::size_t count) {
+          if (!store_ || first < reached_) {
             store_.reset();
             store_.emplace(task_);
           }
+          reached_ = first + count;
           std::int64_t wrong = 0;
           const Sample sample = timed(count, [&] {
             for (std::size_t i = first; i < first + count; ++i) {
@@ -97,7 +104,8 @@ class Reading {
   Task task_;
   std::shared_ptr<const Order> order_;
   std::optional<Store> store_;
-  std::size_t next_ = 0;
+  Place place_;
+  std::size_t reached_ = 0;  // by this contestant
 };
 
 // Writes all pages of a new file. An existing file of that name is removed first, outside the
@@ -130,7 +138,7 @@ class Appending {
       back.access = Access::read;
       back.flush = false;
       const auto order = std::make_shared<const Order>(pageOrder(task_.geometry.pages, true));
-      Reading<Store>(back, order).run(order->size());
+      Reading<Store>(back, order, newPlace()).run(order->size());
     }
     return sum;
   }
@@ -201,10 +209,12 @@ Participant participant(std::string name, std::shared_ptr<Work> work, std::size_
 }
 
 template <class Store>
-Participant reader(std::string name, Task task, const std::shared_ptr<const Order>& order) {
+Participant reader(std::string name, Task task, const std::shared_ptr<const Order>& order,
+                   const Place& place = newPlace()) {
   task.access = Access::read;
   const std::int32_t pagesPerBlock = std::max(task.blockBytes / task.geometry.pageSize, 1);
-  return participant(std::move(name), std::make_shared<Reading<Store>>(std::move(task), order),
+  return participant(std::move(name),
+                     std::make_shared<Reading<Store>>(std::move(task), order, place),
                      static_cast<std::size_t>(pagesPerBlock));
 }
 

@@ -10,7 +10,10 @@ namespace {
 
 OpenSettings settingsFor(const Task& task) {
   OpenSettings settings{.path = task.path, .pageSize = task.geometry.pageSize, .readAccess = 0};
-  settings.readAccess = task.sequential ? qz::readSequential : qz::readRandom;
+  settings.readAccess = qz::readRandom;
+  // Contestants of page mode share the pages, so that a slice may start at any of them.
+  if (task.sequential)
+    settings.readAccess = task.blockBytes == 0 ? qz::readOrdered : qz::readSequential;
   settings.bufferCount = task.buffers;
   settings.blockBytes = task.blockBytes;
   if (task.direct) settings.openOptions = qz::optionDirectIo;
