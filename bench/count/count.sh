@@ -3,6 +3,8 @@
 # each path: its name and the mean number of instructions per run.
 #   count.sh callgrind BUILD    with valgrind's callgrind
 #   count.sh time BUILD         nanoseconds instead, if the kernel runs the program
+#   count.sh own BUILD          what a read and a return take beside bare reads, with the system
+#                               call and without it
 #   count.sh QEMU BUILD         with qemu (qemu-i386, qemu-x86_64), which logs every instruction
 set -euo pipefail
 
@@ -23,6 +25,17 @@ fi
 
 if [ "$way" = time ]; then
   "$program" "$folder" time | sed -n 's/^took //p'
+  exit
+fi
+
+if [ "$way" = own ]; then
+  echo "                          pread     qziop      more   ns a page, in order"
+  for preloaded in "" "$(realpath "$2")/libqzpnoread.so"; do
+    LD_PRELOAD=$preloaded "$program" "$folder" own |
+      awk -v row="${preloaded:+without the system call}" '$1 == "own" {
+        printf "%-23s %7.1f   %7.1f   %7.1f\n", row == "" ? "with the system call" : row, $3, $5, $7
+      }'
+  done
   exit
 fi
 

@@ -1,9 +1,11 @@
 // qzpcount: runs the module's inner paths a known number of times, for a tool that counts
 // instructions, or times them. Each path has its own function `count_...`, whose inclusive count
 // divided by its calls is the path's; a count with an emulator starts and stops at mark().
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,6 +21,8 @@ constexpr std::int32_t kPageSize = 4096;
 constexpr std::int64_t kPages = 256;
 constexpr std::int64_t kRounds = 64;
 constexpr int kTimedRepeats = 200;
+constexpr std::int64_t kOwnPages = 16384;  // no cache of the processor holds them
+constexpr int kBuffers = 4;
 
 void require(qz::Status status) {
   if (status == qz::Status::ok) return;
@@ -91,19 +95,19 @@ Path* const kPaths[] = {&nothing,   &pageReadMiss,   &pageReadHit, &pageReturn,
 
 bool timing = false;
 
-std::int64_t nowNs() {
+std::int64_t nowNs(clockid_t clock) {
   timespec now = {};
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(clock, &now);
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
 void measure(Path& path, Work* work) {
   ++path.runs;
-  const std::int64_t before = timing ? nowNs() : 0;
+  const std::int64_t before = timing ? nowNs(CLOCK_MONOTONIC) : 0;
   mark();
   path.run(work);
   mark();
-  if (timing) path.tookNs.push_back(nowNs() - before);
+  if (timing) path.tookNs.push_back(nowNs(CLOCK_MONOTONIC) - before);
 }
 
 qz::PagedFile opened(const qz::Module& module, const std::string& path, std::uint32_t options) {
@@ -111,7 +115,7 @@ qz::PagedFile opened(const qz::Module& module, const std::string& path, std::uin
   if (!file) require(file.status());
   qz::FileHandle& handle = file->settings();
   handle.pageSize = kPageSize;
-  handle.bufferCount = 4;
+  handle.bufferCount = kBuffers;
   handle.openOptions = options;
   handle.readAccess = (options & qz::optionDirectIo) != 0 ? qz::readOrdered : qz::readRandom;
   handle.writeAccess = qz::rewritePages;
@@ -154,26 +158,71 @@ void countBlockMode(const qz::Module& module, const std::string& path) {
   }
 }
 
+std::int64_t medianOf(std::vector<std::int64_t> values) {
+  const auto middle = values.begin() + std::ssize(values) / 2;
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
 // The median of each path's runs, minus that of an empty run.
 void printTimes() {
-  const auto medianNs = [](const Path& path) {
-    std::vector<std::int64_t> times = path.tookNs;
-    const auto middle = times.begin() + std::ssize(times) / 2;
-    std::nth_element(times.begin(), middle, times.end());
-    return static_cast<long>(*middle);
-  };
   for (const Path* path : kPaths) {
-    std::printf("took %s %ld\n", path->name, medianNs(*path) - medianNs(nothing));
+    const std::int64_t ns = medianOf(path->tookNs) - medianOf(nothing.tookNs);
+    std::printf("took %s %ld\n", path->name, static_cast<long>(ns));
   }
+}
+
+// Prints what a read and a return of each page in order take, beside bare reads into as many
+// buffers: medians of slices taken in turn, of the thread's processor time. With `noread` loaded
+// before the C library, neither makes a system call, which leaves the module's own time.
+void printOwnTime(const qz::Module& module, const std::string& path) {
+  constexpr int kSlices = 100;
+  const qz::PagedFile file = opened(module, path, 0);
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  static std::array<std::array<char, kPageSize>, kBuffers> buffers;
+  Work work = {file.handle(), &file.table(), {}};
+  work.request.length = kPageSize;
+  const auto bare = [&](std::int64_t page) {
+    std::array<char, kPageSize>& buffer = buffers[static_cast<std::size_t>(page) % kBuffers];
+    if (pread(fd, buffer.data(), buffer.size(), page * kPageSize) != kPageSize) {
+      require(qz::Status::endOfFile);
+    }
+  };
+  const auto throughModule = [&](std::int64_t page) {
+    work.request.pageNumber = page + 1;
+    require(work.table->qzpread(work.handle, &work.request, nullptr));
+    require(work.table->qzpbufreturn(work.handle, work.request.buffer, nullptr));
+  };
+  const auto sliceNs = [&](const auto& read) {
+    const std::int64_t before = nowNs(CLOCK_THREAD_CPUTIME_ID);
+    for (std::int64_t page = 0; page < kOwnPages; ++page) read(page);
+    return nowNs(CLOCK_THREAD_CPUTIME_ID) - before;
+  };
+  std::vector<std::int64_t> bareNs;
+  std::vector<std::int64_t> moduleNs;
+  std::vector<std::int64_t> moreNs;
+  for (int i = 0; i < kSlices; ++i) {
+    bareNs.push_back(sliceNs(bare));
+    moduleNs.push_back(sliceNs(throughModule));
+    moreNs.push_back(moduleNs.back() - bareNs.back());
+  }
+  close(fd);
+  const auto perPage = [](const std::vector<std::int64_t>& ns) {
+    return static_cast<double>(medianOf(ns)) / kOwnPages;
+  };
+  std::printf("own pread %.1f qziop %.1f more %.1f\n", perPage(bareNs), perPage(moduleNs),
+              perPage(moreNs));
 }
 
 }  // namespace
 
-// Arguments: a folder for the file, in which O_DIRECT works; then "time" to time the paths.
+// Arguments: a folder for the file, in which O_DIRECT works; then "time" to time the paths, or
+// "own" for the module's own time.
 int main(int argc, char** argv) {
   timing = argc == 3 && std::strcmp(argv[2], "time") == 0;
-  if (argc != 2 && !timing) {
-    std::fprintf(stderr, "usage: qzpcount FOLDER [time]\n");
+  const bool own = argc == 3 && std::strcmp(argv[2], "own") == 0;
+  if (argc != 2 && !timing && !own) {
+    std::fprintf(stderr, "usage: qzpcount FOLDER [time|own]\n");
     return 2;
   }
   // A program that counts instructions between marks needs their addresses.
@@ -185,7 +234,7 @@ int main(int argc, char** argv) {
   const std::string path = std::string(argv[1]) + "/qzpcount." + std::to_string(getpid());
   const std::vector<char> page(kPageSize, 'q');
   std::FILE* data = std::fopen(path.c_str(), "wbe");
-  for (std::int64_t i = 0; i < kPages && data != nullptr; ++i) {
+  for (std::int64_t i = 0; i < (own ? kOwnPages : kPages) && data != nullptr; ++i) {
     std::fwrite(page.data(), page.size(), 1, data);
   }
   if (data == nullptr || std::fclose(data) != 0) {
@@ -199,7 +248,8 @@ int main(int argc, char** argv) {
       std::fprintf(stderr, "qzpcount: %s\n", module.error().message().c_str());
       return 1;
     }
-    for (int i = 0; i < (timing ? kTimedRepeats : 1); ++i) {
+    if (own) printOwnTime(*module, path);
+    for (int i = 0; i < (timing ? kTimedRepeats : own ? 0 : 1); ++i) {
       countPageMode(*module, path);
       countBlockMode(*module, path);
     }
