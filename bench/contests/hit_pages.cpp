@@ -199,7 +199,7 @@ void hitHeldPages(Runner& run) {
 }
 
 void hitBlocksOf(Runner& run, std::int32_t pageSize) {
-  const Geometry geometry = {pageSize, kBlocks * (kBlockBytes / pageSize)};
+  const Geometry geometry = {pageSize, std::int64_t{kBlocks} * (kBlockBytes / pageSize)};
   Contest contest;
   contest.work = "block mode, first read + return in a cached block";
   contest.variant = fmt::format("{} B pages, {} MiB blocks", pageSize, kBlockBytes >> 20U);
