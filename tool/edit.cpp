@@ -183,13 +183,20 @@ void PageEditor::finish() {
 }
 
 PageEditor::~PageEditor() {
-  try {
-    if (begun_ && !committed_) undo();
-  } catch (const std::exception&) {
-    // The earlier failure is the one to report. The next change finds the mark.
-    begun_ = false;
-  }
+  giveUp();
   file_.keepEmpty();
+}
+
+PageEditor::Rest PageEditor::giveUp() noexcept {
+  if (committed_) return Rest::committed;
+  try {
+    if (std::exchange(begun_, false)) undo();
+    return Rest::undone;
+  } catch (const std::exception&) {
+    // The earlier failure is the one to report. The record may be on the disk although its flush
+    // failed, so only the next change can tell whether this one was committed.
+    return Rest::unknown;
+  }
 }
 
 // In other files only appended pages can be removed; replaced pages stay.

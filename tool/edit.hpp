@@ -24,9 +24,7 @@ class PageEditor {
              const IoRequest& io);
   PageEditor(const PageEditor&) = delete;
   PageEditor& operator=(const PageEditor&) = delete;
-  // Undoes a change that was begun and not committed: a packed file is restored; in other files
-  // appended pages are removed. If that fails, the next change undoes it.
-  ~PageEditor();
+  ~PageEditor();  // gives up a change that is not finished
 
   const File& file() const { return file_; }
   // The file as it was before the change.
@@ -34,8 +32,6 @@ class PageEditor {
   std::int64_t pageCount() const { return pageCount_; }
   // False for files that are changed in place.
   bool isOwn() const { return before_.has_value(); }
-  // True once the change is certain: if this program does not finish it, the next change does.
-  bool isCommitted() const { return committed_; }
 
   // Begins a write of `count` pages from `first` on, in ascending order. `count` may be nothing
   // only if the pages are appended.
@@ -48,6 +44,16 @@ class PageEditor {
   void replaceHeader(std::vector<std::byte> area);
   // Commits the change, carries it out, flushes and closes the file.
   void finish();
+
+  // What becomes of a change that failed.
+  enum class Rest {
+    undone,     // or nothing was begun
+    committed,  // the next change finishes it
+    unknown,    // undoing it failed; the next change of a packed file finishes or undoes it
+  };
+  // After a failure: undoes a change that was begun and not committed. A packed file is restored;
+  // in other files appended pages are removed.
+  Rest giveUp() noexcept;
 
  private:
   void prepare();

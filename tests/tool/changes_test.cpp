@@ -43,6 +43,22 @@ TEST(Changes, AreAllOrNothing) {
             "cp good f; cp f kept; %1; s=$?; cmp f kept && exit $s");
 }
 
+// When files can no longer be flushed, a change can be neither finished nor undone. The record may
+// be on the disk although its flush failed, so put must not say that nothing was changed. Each row
+// begins with the number of flushes that succeed.
+TEST(Changes, ThatCannotBeUndoneAreNotCalledUndone) {
+  playLines(
+      R"(
+0 put f 1 -> IOERR ! it is not known whether the file has all new pages or none
+4 put f 1 -> IOERR ! it is not known whether the file has all new pages or none
+5 put f 1 -> IOERR ! the new pages are safe after the end of the file
+0 put --raw --page-size 4K raw --append -> IOERR ! pages may have been appended
+)",
+      "cp good f; cp good new; cat in in >raw; cat in in | $Q put new 1 >y; set -- %1; n=$1; shift;"
+      "cat in in | QZPFILE_FAULT=fsync QZPFILE_FLUSHES=$n $FAULTY $@; s=$?; $Q repair f >y;"
+      "cmp f good >y || cmp f new || exit; exit $s");
+}
+
 // A put of a good copy must mend a damaged page, and damage elsewhere must stay visible.
 TEST(Changes, APutMendsADamagedPage) {
   playLines(R"(

@@ -32,9 +32,15 @@ int failWith(int error) {
 
 }  // namespace
 
-// "folder-fsync": a folder cannot be flushed.
+// "folder-fsync": a folder cannot be flushed. "fsync": no file can, after the first ones that
+// QZPFILE_FLUSHES says.
 extern "C" int fsync(int fd) {
+  static int flushes = 0;
   if (faultIs("folder-fsync") && kindOf(fd) == S_IFDIR) return failWith(EIO);
+  if (faultIs("fsync") && kindOf(fd) == S_IFREG) {
+    const char* const most = std::getenv("QZPFILE_FLUSHES");  // NOLINT(concurrency-mt-unsafe)
+    if (++flushes > (most == nullptr ? 0 : std::atoi(most))) return failWith(EIO);
+  }
   return static_cast<int>(syscall(SYS_fsync, fd));
 }
 
