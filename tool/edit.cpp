@@ -46,9 +46,9 @@ PageEditor::PageEditor(Session& session, const std::string& name,
   PlainFile plain = PlainFile::openAgain(file_.fd(), name);
   source_ = inspect(plain, raw);
   if (source_.unfinished != Unfinished::no) {
+    settleChange(plain, source_);
     warn(name, fmt::format("an interrupted change was {}",
                            source_.unfinished == Unfinished::committed ? "finished" : "undone"));
-    settleChange(plain, source_);
     source_ = inspect(plain, raw);
   }
   requireSound(source_);
@@ -61,7 +61,7 @@ PageEditor::PageEditor(Session& session, const std::string& name,
 
 // The mark must be on disk before any byte after the end of the file.
 void PageEditor::prepare() {
-  begun_ = true;
+  stage_ = Stage::begun;
   if (!before_) return;
   writeMarked(*plain_, *before_, true);
   // Existing checksum pages wait for the record, except those of whole groups that a truncate
@@ -175,10 +175,10 @@ void PageEditor::finish() {
       record_->add(0, headerArea_);
     }
     const ChangeRecord change = record_->commit(header_->fileBytes());
-    committed_ = true;
+    stage_ = Stage::committed;
     applyRecord(*plain_, change);
   }
-  begun_ = false;
+  stage_ = Stage::made;
   file_.close();
 }
 
@@ -188,15 +188,35 @@ PageEditor::~PageEditor() {
 }
 
 PageEditor::Rest PageEditor::giveUp() noexcept {
-  if (committed_) return Rest::committed;
+  if (stage_ == Stage::made) return Rest::made;
+  if (stage_ == Stage::committed) return Rest::committed;
+  if (std::exchange(stage_, Stage::none) == Stage::none) return Rest::undone;
   try {
-    if (std::exchange(begun_, false)) undo();
-    return Rest::undone;
+    undo();
+    return before_ || appends_ ? Rest::undone : Rest::partial;
   } catch (const std::exception&) {
     // The earlier failure is the one to report. The record may be on the disk although its flush
     // failed, so only the next change can tell whether this one was committed.
-    return Rest::unknown;
+    return before_ ? Rest::unknown : Rest::partial;
   }
+}
+
+const char* describe(PageEditor::Rest rest) {
+  switch (rest) {
+    case PageEditor::Rest::undone:
+      return "nothing was changed";
+    case PageEditor::Rest::partial:
+      return "the change may have been made in part";
+    case PageEditor::Rest::unknown:
+      return "it is not known whether the file has the whole change or nothing of it: the next "
+             "change, or qzpfile repair, finishes or undoes it";
+    case PageEditor::Rest::committed:
+      return "the change is safe after the end of the file: the next change, or qzpfile repair, "
+             "finishes it";
+    case PageEditor::Rest::made:
+      return "the change was made";
+  }
+  return "";
 }
 
 // In other files only appended pages can be removed; replaced pages stay.

@@ -48,8 +48,10 @@ class PageEditor {
   // What becomes of a change that failed.
   enum class Rest {
     undone,     // or nothing was begun
-    committed,  // the next change finishes it
-    unknown,    // undoing it failed; the next change of a packed file finishes or undoes it
+    partial,    // of a file that is changed in place: what was written stays
+    unknown,    // of a packed file: undoing it failed; the next change finishes or undoes it
+    committed,  // of a packed file: the next change finishes it
+    made,       // only the close failed
   };
   // After a failure: undoes a change that was begun and not committed. A packed file is restored;
   // in other files appended pages are removed.
@@ -67,8 +69,7 @@ class PageEditor {
   std::optional<Header> header_;
   std::int64_t pageCount_ = 0;
   std::optional<std::int64_t> lastPage_;  // the last page that this change may write
-  bool begun_ = false;
-  bool committed_ = false;
+  enum class Stage { none, begun, committed, made } stage_ = Stage::none;
   bool appends_ = false;     // only after the last page
   bool soundBefore_ = true;  // version 1: the payload checksum matched
   std::optional<ChecksumWriter> checksums_;
@@ -77,6 +78,9 @@ class PageEditor {
   std::vector<std::byte> headerArea_;                                  // the new header
   std::vector<std::byte> padded_;                                      // a short page
 };
+
+// For Failure::note(): what the file has of a change that failed.
+const char* describe(PageEditor::Rest rest);
 
 // Finishes or undoes the interrupted change of a locked packed file.
 void settleChange(const PlainFile& file, const Source& source);

@@ -74,19 +74,9 @@ std::optional<std::int64_t> pagesIn(std::optional<std::int64_t> bytes, std::int6
 // What a failed put has or has not changed.
 std::string outcome(PageEditor& editor, bool appends, std::int64_t first, std::int64_t next) {
   const PageEditor::Rest rest = editor.giveUp();
-  if (rest == PageEditor::Rest::committed) {
-    return "the new pages are safe after the end of the file: the next change, or qzpfile "
-           "repair, moves them into place";
-  }
-  if (rest == PageEditor::Rest::unknown && editor.isOwn()) {
-    return "it is not known whether the file has all new pages or none of them: the next change, "
-           "or qzpfile repair, finishes or undoes this one";
-  }
-  if (appends) {
-    return rest == PageEditor::Rest::undone ? "nothing was appended"
-                                            : "pages may have been appended";
-  }
-  if (editor.isOwn()) return "nothing was changed";
+  if (appends && rest == PageEditor::Rest::undone) return "nothing was appended";
+  if (appends && rest == PageEditor::Rest::partial) return "pages may have been appended";
+  if (editor.isOwn() || appends) return describe(rest);
   if (next == first) return {};
   return fmt::format("{} {} written before that", pagesBetween(first, next - 1),
                      next - first == 1 ? "was" : "were");

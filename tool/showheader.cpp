@@ -81,8 +81,13 @@ Exit runHeader(const Invocation& call) {
   std::vector<std::byte> bytes = readNewHeader(*call.setFrom, editor.source().geometry.headerSize);
   if (editor.isOwn()) checkFits(bytes, editor.source());
   const auto length = static_cast<std::int64_t>(bytes.size());
-  editor.replaceHeader(std::move(bytes));
-  editor.finish();
+  try {
+    editor.replaceHeader(std::move(bytes));
+    editor.finish();
+  } catch (Failure& failure) {
+    failure.note(describe(editor.giveUp()));
+    throw;
+  }
   reportResult(call, Exit::good, "header", call.first,
                fmt::format("header replaced, {}", counted(length, "byte")), {{"bytes", length}});
   return Exit::good;

@@ -23,8 +23,13 @@ Exit runTruncate(const Invocation& call) {
     throw Failure(Exit::usage, "has no header, so it must keep at least one page", call.first)
         .tryThis("use rm to remove it");
   }
-  editor.truncate(pages);
-  editor.finish();
+  try {
+    editor.truncate(pages);
+    editor.finish();
+  } catch (Failure& failure) {
+    failure.note(describe(editor.giveUp()));
+    throw;
+  }
   reportResult(call, Exit::good, "truncate", call.first,
                fmt::format("{}, were {}", counted(pages, "page"), pagesBefore),
                {{"pages", pages}, {"pages_before", pagesBefore}});

@@ -24,11 +24,13 @@ $Q header --raw --page-size 4K --header-size 4K f --set h -> IOERR
   }
 }
 
-// The same for a repair, which writes to the file, too.
+// The same for a repair, which writes to the file, too. With 106 blocks its record does not fit.
 TEST(Changes, ARepairLeavesTheFileAsItIsOnAFullDisk) {
   playLines(R"(
 poke Y 5000 good; cp good kept; (ulimit -f 0; $Q repair good) 2>/dev/null; s=$?; cmp good kept &&
   exit $s -> IOERR
+poke Y 5000 good; cp good kept; (ulimit -f 106; $Q repair good) 2>/dev/null; s=$?;
+  cmp good kept && exit $s -> IOERR
 )");
 }
 
@@ -44,17 +46,23 @@ TEST(Changes, AreAllOrNothing) {
 }
 
 // When files can no longer be flushed, a change can be neither finished nor undone. The record may
-// be on the disk although its flush failed, so put must not say that nothing was changed. Each row
-// begins with the number of flushes that succeed.
+// be on the disk although its flush failed, so no command may say that nothing was changed. Each
+// row begins with the number of flushes that succeed.
 TEST(Changes, ThatCannotBeUndoneAreNotCalledUndone) {
   playLines(
       R"(
-0 put f 1 -> IOERR ! it is not known whether the file has all new pages or none
-4 put f 1 -> IOERR ! it is not known whether the file has all new pages or none
-5 put f 1 -> IOERR ! the new pages are safe after the end of the file
+0 put f 1 -> IOERR ! it is not known whether the file has the whole change or nothing of it
+4 put f 1 -> IOERR ! it is not known whether the file has the whole change or nothing of it
+5 put f 1 -> IOERR ! the change is safe after the end of the file
 0 put --raw --page-size 4K raw --append -> IOERR ! pages may have been appended
+0 truncate f 2 -> IOERR ! it is not known whether the file has the whole change or nothing of it
+5 truncate f 2 -> IOERR ! the change is safe after the end of the file
+0 truncate --raw --page-size 4K raw 2 -> IOERR ! the change may have been made in part
+5 header f --set h -> IOERR ! the change is safe after the end of the file
+0 header --raw --page-size 4K --header-size 4K raw --set h -> IOERR ! made in part
 )",
-      "cp good f; cp good new; cat in in >raw; cat in in | $Q put new 1 >y; set -- %1; n=$1; shift;"
+      "cp good f; cp good new; cat in in >raw; head -c 64 good >h; set -- %1; n=$1; shift;"
+      "case $1 in put) cat in in | $Q put new 1 >y;; truncate) $Q truncate new 2 >y;; esac;"
       "cat in in | QZPFILE_FAULT=fsync QZPFILE_FLUSHES=$n $FAULTY $@; s=$?; $Q repair f >y;"
       "cmp f good >y || cmp f new || exit; exit $s");
 }
