@@ -116,6 +116,8 @@ class Repair {
   void judgeLength();
   void judgeChecksums(const Survey& survey);
   void write(const Survey& survey);
+  ChangeRecord commit(const Survey& survey, const Header& header);
+  void removeFrom(std::int64_t end) noexcept;
 
   const PlainFile& plain_;
   File& file_;
@@ -225,21 +227,40 @@ void Repair::judgeChecksums(const Survey& survey) {
   }
 }
 
-// Makes all corrections in one change, committed like a change by put.
+// Makes all corrections in one change, committed like a change by put. The bytes of a record that
+// could not be committed are removed if possible: repair would not remove them without --yes.
 void Repair::write(const Survey& survey) {
   Header header = *source_.geometry.header;
   header.changing = false;
   header.preparing = false;
   header.payloadBytes = std::min(header.payloadBytes, survey.pages * header.pageSize);
   header.payloadChecksum = survey.sum;
-  // If the file ends inside its header, the record starts after a complete header.
-  RecordWriter record(plain_, std::max(plain_.size(), header.fileBytes()));
-  for (const auto& [group, page] : survey.corrected) {
-    record.add(source_.geometry.storedOffset(source_.geometry.storedChecksums(group)), page);
-  }
-  record.add(0, encodeHeader(header));
-  applyRecord(plain_, record.commit(header.fileBytes()));
+  applyRecord(plain_, commit(survey, header));
   changed_ = true;
+}
+
+ChangeRecord Repair::commit(const Survey& survey, const Header& header) {
+  const std::int64_t before = plain_.size();
+  // If the file ends inside its header, the record starts after a complete header.
+  RecordWriter record(plain_, std::max(before, header.fileBytes()));
+  try {
+    for (const auto& [group, page] : survey.corrected) {
+      record.add(source_.geometry.storedOffset(source_.geometry.storedChecksums(group)), page);
+    }
+    record.add(0, encodeHeader(header));
+    return record.commit(header.fileBytes());
+  } catch (const Failure&) {
+    removeFrom(before);
+    throw;
+  }
+}
+
+void Repair::removeFrom(std::int64_t end) noexcept {
+  try {
+    plain_.truncate(end);
+  } catch (const Failure&) {
+    // The earlier failure is the one to report.
+  }
 }
 
 void Repair::run() {
@@ -272,7 +293,8 @@ void printText(const Repair& repair, const std::string& name, bool good) {
   if (repair.steps().empty()) {
     fmt::print("{}: good, nothing to repair\n", printable(name));
   } else {
-    fmt::print("{}: {}\n", printable(name), good ? "repaired" : "not changed");
+    const char* const rest = repair.changed() ? "nothing else was changed" : "not changed";
+    fmt::print("{}: {}\n", printable(name), good ? "repaired" : rest);
   }
 }
 
