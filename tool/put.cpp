@@ -104,7 +104,7 @@ Exit runPut(const Invocation& call) {
     checkBefore(editor, first, input.size());
     const std::optional<std::int64_t> count =
         pagesIn(input.size(), editor.file().geometry().pageSize);
-    if (count != 0) editor.beginWrite(first, count);
+    editor.beginWrite(first, count);
     writePages(editor, input, progress, &next);
     if (next == first) {
       throw Failure(Exit::noInput, "standard input is empty: nothing was written", call.first)

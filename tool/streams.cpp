@@ -99,6 +99,8 @@ Input::Input(const std::string& name)
   }
   isRegular_ = S_ISREG(info.st_mode);
   expected_ = size().value_or(0);
+  // Files of /proc have no size, and a log may get its first bytes later: the end is not known.
+  if (expected_ == 0) isRegular_ = false;
 }
 
 Input::~Input() {

@@ -67,6 +67,17 @@ TEST(Changes, ThatCannotBeUndoneAreNotCalledUndone) {
       "cmp f good >y || cmp f new || exit; exit $s");
 }
 
+// A file that is empty when put begins may have bytes when they are read, as those of /proc have.
+// They are committed like all others.
+TEST(Changes, TakeAnInputWhoseSizeIsNotKnown) {
+  playLines(R"(
+$Q put f --append </proc/version >y; $Q cat f --pages 12 | grep -ac Linux; $Q verify f -> OK 1
+$Q put f 11 </proc/version >y; $Q cat f --pages 11 | grep -ac Linux; $Q verify f -> OK 1
+$Q put f 3 </proc/version; cmp f good -> OK ! partial page
+)",
+            "cp good f; %1");
+}
+
 // A put of a good copy must mend a damaged page, and damage elsewhere must stay visible.
 TEST(Changes, APutMendsADamagedPage) {
   playLines(R"(
